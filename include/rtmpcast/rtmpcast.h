@@ -1,0 +1,24 @@
+/*
+ * rtmpcast: live streams over RTMP from a video encoder to every player that connects.
+ *
+ * Conventions of every header:
+ *   - A status is 0 or negative (RTMP_ERR_..., RTMP_FAILED); every failure has been logged when the code
+ *     comes back, unless its comment says otherwise. Functions that make a record return its pointer, or
+ *     null and a code in `err`.
+ *   - Pointers are borrowed for the length of the call unless said otherwise.
+ *   - Times are milliseconds.
+ *   - Nothing throws. SIGPIPE is never raised by a plain connection's write.
+ *   - A host must install a SIGUSR1 handler that returns, without SA_RESTART, before it destroys a session
+ *     or a server.
+ */
+#ifndef RTMPCAST_RTMPCAST_H
+#define RTMPCAST_RTMPCAST_H
+
+#include "rtmpcast/host.h"
+#include "rtmpcast/media.h"
+#include "rtmpcast/publish.h"
+#include "rtmpcast/sender.h"
+#include "rtmpcast/server.h"
+#include "rtmpcast/types.h"
+
+#endif

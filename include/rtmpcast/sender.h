@@ -1,0 +1,122 @@
+/*
+ * Sender settings: how a session's frames leave, and what watches and steers them.
+ */
+#ifndef RTMPCAST_SENDER_H
+#define RTMPCAST_SENDER_H
+
+#include "rtmpcast/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * RtmpSenderSettings chooses the session's sender. Call it once, after RtmpSessionCreate and before the
+ * first RtmpSendData; the other settings of this header follow it.
+ *
+ * @param senderMode      RTMP_SENDER_THREADED (1): a sender thread behind two rings; any other value: the
+ *                        packet monitor, which sends on the thread that calls RtmpSendData
+ * @param senderParam     stored, not read
+ * @param senderFlag      stored, not read
+ * @param encoderHandle   the host's encoder; the packet monitor warns in the log when it is 0
+ * @param captionMode     0: captions as SEI in every video frame; 1: as a message to the first client;
+ *                        other values: none
+ * @param statsInterval   packet monitor: seconds between "rtmpBandwidth" status messages
+ * @param audioQueueSize  threaded sender: audio frames the ring holds, less one
+ * @param videoQueueSize  threaded sender: video frames the ring holds, less one
+ * @return always 0. A sender that could not be made is logged, and RtmpSendData then returns -1.
+ *
+ * Any host thread, one at a time per session.
+ */
+RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t senderParam,
+                                    uint8_t senderFlag, uint32_t encoderHandle, uint8_t captionMode,
+                                    uint32_t statsInterval, uint32_t audioQueueSize,
+                                    uint32_t videoQueueSize);
+
+/**
+ * RtmpBWMSettings switches on the bandwidth monitor of the threaded sender: the rate over the last
+ * `windowSize` video frames, reported as "rtmpBandwidth" every two seconds and "rtmpUptime" every thirty.
+ *
+ * @param enable      0: nothing is done
+ * @param windowSize  video frames, at least 1
+ * @return always 0; a monitor that could not be made is logged. In other sender modes nothing is done.
+ *
+ * After RtmpSenderSettings and before the first frame.
+ */
+RTMP_API int32_t RtmpBWMSettings(RtmpSession *session, uint32_t enable, uint32_t windowSize);
+
+/**
+ * RtmpDebugSettings switches on the CSV trace and the burn-in texts.
+ *
+ * @param enable        0: nothing is done
+ * @param burninEnable  not 0: format the two burn-in texts
+ * @param logEnable     not 0: write one CSV line every `logEvery` video frames
+ * @param directory     where "debug-<time>.csv" is made; copied, at most 1023 bytes
+ * @param logEvery      video frames between lines
+ * @return always 0; a record that could not be made is logged. The packet monitor stores the settings and
+ *         writes no trace.
+ *
+ * After RtmpSenderSettings and before the first frame.
+ */
+RTMP_API int32_t RtmpDebugSettings(RtmpSession *session, uint32_t enable, uint8_t burninEnable,
+                                   uint8_t logEnable, const char *directory, uint32_t logEvery);
+
+/**
+ * RtmpAdaptiveBitrateSettings switches on the controller that retunes the host's encoder through
+ * rtmpSendZandBitrate. 0 selects a default. Fullness is the video ring's, in percent, so that lowering
+ * needs thresholds below 100 and a bandwidth monitor: the defaults only ever raise.
+ *
+ * @param enable                0: nothing is done
+ * @param reserved1             ignored
+ * @param reserved2             ignored
+ * @param minBitrate            floor, bit/s
+ * @param startDelayMs          no decision this long after the first video frame; default 5000
+ * @param increaseFullness      raise only below this; default 200
+ * @param increasePercent       of the headroom, per raise; default 10
+ * @param increaseMinStep       smallest raise, bit/s; default 10000
+ * @param increaseIntervalSec   more than this between a change and a raise; default 10
+ * @param decreaseFullness      lower only above this; default 500
+ * @param decreasePercent       how far towards the measured rate; default 50
+ * @param decreaseFullnessHigh  above this the next gain applies; default 1000
+ * @param decreasePercentHigh   above 100 overshoots below the measured rate; default 110
+ * @param decreaseIntervalSec   more than this between two lowerings; default 1
+ * @param reserved3             stored, not read; default 10
+ * @return always 0; a controller that could not be made is logged. The packet monitor stores the settings
+ *         and never evaluates them.
+ *
+ * After RtmpSenderSettings and before the first frame.
+ */
+RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enable, uint32_t reserved1,
+                                             uint32_t reserved2, uint32_t minBitrate, uint32_t startDelayMs,
+                                             uint32_t increaseFullness, uint32_t increasePercent,
+                                             uint32_t increaseMinStep, uint32_t increaseIntervalSec,
+                                             uint32_t decreaseFullness, uint32_t decreasePercent,
+                                             uint32_t decreaseFullnessHigh, uint32_t decreasePercentHigh,
+                                             uint32_t decreaseIntervalSec, uint32_t reserved3);
+
+/**
+ * RtmpThreadedQueueReset ends the session's sender thread, empties its rings and forgets all timing,
+ * measurements and targets; the settings stay. The next frame starts a new thread, also after a failed
+ * send or RtmpThreadedQueueClose.
+ *
+ * @return always 0. Sessions without a threaded sender are left alone.
+ *
+ * The thread that calls RtmpSendData. May wait for a log or status function of the host to return.
+ */
+RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
+
+/**
+ * RtmpThreadedQueueClose does what RtmpThreadedQueueReset does and keeps the sender closed: further
+ * frames are dropped and the first client is shown the door.
+ *
+ * @return always 0. Sessions without a threaded sender are left alone.
+ *
+ * The thread that calls RtmpSendData.
+ */
+RTMP_API int32_t RtmpThreadedQueueClose(RtmpSession *session);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

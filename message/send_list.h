@@ -1,0 +1,16 @@
+// A client's send list: at most one message per chunk stream, the reference from which deltas and header
+// types are derived. The public half is in publish.h.
+#pragma once
+
+#include "rtmpcast/publish.h"
+
+extern "C" {
+
+// FreeSendPkt frees a message that is in no list, and its payload unless that is borrowed (kinds 49, 51,
+// 52). Null is fine.
+void FreeSendPkt(RtmpSendPkt *pkt);
+
+// StoredTimestamp finds the timestamp of the message stored for a chunk stream. 1 found, 0 none, -1 lock
+// failed. Unlike GetSendPktFromList it hands out no pointer that another thread may free.
+int StoredTimestamp(RtmpClient *client, uint32_t chunkStreamId, uint64_t *timestamp);
+}

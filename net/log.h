@@ -1,0 +1,18 @@
+// The one way a line leaves the library.
+#pragma once
+
+#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
+
+extern "C" {
+
+// LoggerOf returns what RtmpLogPrint is given for work on behalf of a server. It stays valid for as long as
+// the server record does, also after RtmpServerDestroy has let go of the host's logger.
+RtmpLogger *LoggerOf(RtmpServer *server);
+
+// OpenLogGate makes `server` look its Logger up at the moment a line is written.
+void OpenLogGate(RtmpServer *server);
+
+// CloseLogGate sets Logger to null and returns when no thread is inside the host's log function any more.
+void CloseLogGate(RtmpServer *server);
+}

@@ -1,0 +1,111 @@
+#include "net/platform.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <time.h>
+
+namespace {
+
+// perror and printf are cancellation points, and a thread cancelled inside them would leave the stream locked
+// for good.
+void ReportError(const char *who)
+{
+    int previous;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    perror(who);
+    pthread_setcancelstate(previous, nullptr);
+}
+
+void ReportClockError()
+{
+    int previous;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    printf("clock_gettime error %d\n", errno);
+    pthread_setcancelstate(previous, nullptr);
+}
+
+int StatusOf(int pthreadResult)
+{
+    return pthreadResult == 0 ? 0 : -1;
+}
+
+} // namespace
+
+int RtmpMutexInit(RtmpMutex *mutex)
+{
+    pthread_mutexattr_t attributes;
+    if (pthread_mutexattr_init(&attributes) != 0 ||
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP) != 0) {
+        return -1;
+    }
+    return StatusOf(pthread_mutex_init(mutex, &attributes));
+}
+
+int RtmpMutexLock(RtmpMutex *mutex)
+{
+    return StatusOf(pthread_mutex_lock(mutex));
+}
+
+int RtmpMutexUnlock(RtmpMutex *mutex)
+{
+    return StatusOf(pthread_mutex_unlock(mutex));
+}
+
+int RtmpMutexDestroy(RtmpMutex *mutex)
+{
+    return StatusOf(pthread_mutex_destroy(mutex));
+}
+
+int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument)
+{
+    return StatusOf(pthread_create(thread, nullptr, start, argument));
+}
+
+void RtmpThreadExit(RtmpThread /*thread*/)
+{
+    pthread_exit(nullptr);
+}
+
+int RtmpThreadCancel(RtmpThread thread)
+{
+    pthread_cancel(thread);
+    return 0;
+}
+
+int RtmpThreadDetach(RtmpThread thread)
+{
+    return StatusOf(pthread_detach(thread));
+}
+
+int RtmpWaitForThreadCompletion(RtmpThread thread)
+{
+    if (thread == 0) {
+        return 0;
+    }
+    const int result = pthread_join(thread, nullptr);
+    if (result != 0) {
+        errno = result; // pthread_join returns its error, perror reads errno
+        ReportError("RtmpWaitForThreadCompletion");
+        return -1;
+    }
+    return 0;
+}
+
+RtmpThread RtmpGetSelfThreadHandle(void)
+{
+    const RtmpThread self = pthread_self();
+    if (self == 0) {
+        ReportError("RtmpGetSelfThreadHandle");
+        return static_cast<RtmpThread>(-1);
+    }
+    return self;
+}
+
+uint64_t RtmpGetSystemTime(void)
+{
+    struct timespec now = {};
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
+        ReportClockError();
+    }
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}

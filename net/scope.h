@@ -1,0 +1,25 @@
+// Scope guards: what was taken or made is given back on every way out, also when the thread is cancelled.
+// They only unlock and free, which are no cancellation points.
+#pragma once
+
+#include "net/platform.h"
+
+#include <stdlib.h>
+
+inline void ReleaseScopedMutex(RtmpMutex **mutex)
+{
+    if (*mutex != nullptr) {
+        (void)RtmpMutexUnlock(*mutex); // a guard has nobody to report to
+    }
+}
+
+inline void ReleaseScopedMemory(void *pointerToPointer)
+{
+    free(*static_cast<void **>(pointerToPointer));
+}
+
+// UNLOCK_AT_EXIT RtmpMutex *held = &lock; ... `held = nullptr` hands the duty to an explicit unlock.
+#define UNLOCK_AT_EXIT __attribute__((cleanup(ReleaseScopedMutex), unused))
+
+// FREE_AT_EXIT T *p = ...; ... `p = nullptr` keeps what it pointed to.
+#define FREE_AT_EXIT __attribute__((cleanup(ReleaseScopedMemory), unused))

@@ -1,0 +1,142 @@
+#include "net/socket_io.h"
+
+#include "net/log.h"
+#include "rtmpcast/host.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <net/if.h>
+#include <openssl/err.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+struct ssl_st *TlsOf(void *tls)
+{
+    return static_cast<struct ssl_st *>(tls);
+}
+
+// One read of at most `length` bytes: what recv or SSL_read answers.
+int64_t ReadOnce(int fd, uint8_t *buf, uint32_t length, void *tls)
+{
+    if (tls == nullptr) {
+        return recv(fd, buf, length, 0);
+    }
+    ERR_clear_error();
+    return SSL_read(TlsOf(tls), buf, static_cast<int>(length > INT32_MAX ? INT32_MAX : length));
+}
+
+int64_t WriteOnce(int fd, const uint8_t *buf, uint32_t length, void *tls)
+{
+    if (tls == nullptr) {
+        return send(fd, buf, length, MSG_NOSIGNAL);
+    }
+    return SSL_write(TlsOf(tls), buf, static_cast<int>(length > INT32_MAX ? INT32_MAX : length));
+}
+
+} // namespace
+
+int RtmpCloseSocket(RtmpLogger *logger, int *fd)
+{
+    if (*fd == -1) {
+        return 0;
+    }
+    if (shutdown(*fd, SHUT_RDWR) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Shutdown of %d failed: %s\n", __func__, *fd,
+                     strerror(errno));
+    }
+    if (close(*fd) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Close of %d failed: %s\n", __func__, *fd,
+                     strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int RtmpGetIP(RtmpLogger *logger, const char *name, char *out)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Can not create socket to get IP address\n", __func__);
+        return -1;
+    }
+
+    // A name longer than the field is cut: the kernel knows no interface of that name.
+    struct ifreq request = {};
+    memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name));
+    request.ifr_addr.sa_family = AF_INET;
+    const bool found = strlen(name) <= sizeof request.ifr_name && ioctl(fd, SIOCGIFADDR, &request) == 0;
+    if (!found) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Failed in ioctl\n", __func__);
+    } else {
+        struct sockaddr_in address;
+        memcpy(&address, &request.ifr_addr, sizeof address);
+        inet_ntop(AF_INET, &address.sin_addr, out, INET_ADDRSTRLEN);
+    }
+    if (close(fd) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to close socket\n", __func__);
+        return -1;
+    }
+    return found ? 0 : -1;
+}
+
+int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, void *tls)
+{
+    uint32_t done = 0;
+    do {
+        const int64_t result = ReadOnce(fd, buf + done, length - done, tls);
+        if (result < 0) {
+            const int error = errno;
+            RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", __func__, error,
+                         strerror(error));
+            if (error == EINTR || error == ESPIPE) {
+                RtmpLogPrint(logger, RTMP_LOG_INFO,
+                             "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", __func__,
+                             error, static_cast<int>(result));
+            }
+            return -1;
+        }
+        if (result == 0) {
+            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", __func__);
+            if (tls != nullptr) {
+                TLS_print_error(logger, tls, 0);
+            }
+            return -1;
+        }
+        done += static_cast<uint32_t>(result);
+    } while (done != length);
+    return 0;
+}
+
+int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t length, void *tls)
+{
+    const int64_t result = WriteOnce(fd, buf, length, tls);
+    if (result < 0) {
+        const int error = errno;
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send buffer: %d (%s)\n", __func__, error,
+                     strerror(error));
+        return -1;
+    }
+    if (result == 0) {
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", __func__);
+        TLS_print_error(logger, tls, 0); // KEPT: on this side also without a TLS handle
+    }
+    return static_cast<int>(result);
+}
+
+int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags)
+{
+    const int64_t result = sendmsg(fd, msg, flags | MSG_NOSIGNAL);
+    if (result < 0) {
+        const int error = errno;
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send message: %d (%s)\n", __func__, error,
+                     strerror(error));
+        if (error == EPIPE) {
+            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ========= Client Disconnected ========\n", __func__);
+        }
+        return -1;
+    }
+    return static_cast<int>(result);
+}

@@ -1,0 +1,24 @@
+// Byte I/O on sockets, plain or through the host's TLS.
+#pragma once
+
+#include "rtmpcast/types.h"
+
+#include <sys/socket.h>
+
+extern "C" {
+
+// RtmpCloseSocket shuts a socket down and closes it; the variable keeps its number. -1: close failed.
+int RtmpCloseSocket(RtmpLogger *logger, int *fd);
+
+// RtmpGetIP writes the dotted IPv4 address of an interface to `out` (16 bytes at least).
+RTMP_STATUS int RtmpGetIP(RtmpLogger *logger, const char *name, char *out);
+
+// RtmpReadBytes reads exactly `length` bytes. -1: an error, an interruption, or the peer closed.
+RTMP_STATUS int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, void *tls);
+
+// RtmpSendBytes makes one write and returns the bytes written, 0 when the peer closed, -1 on an error.
+RTMP_STATUS int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t length, void *tls);
+
+// RtmpSendMsgBytes makes one sendmsg and returns the bytes sent or -1. Never TLS.
+RTMP_STATUS int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags);
+}
