@@ -1,15 +1,24 @@
 // AMF0 (Action Message Format 0) bytes to value lists; DecodeAmfBuffer is in publish.h.
+//
+// Nothing is read past the bytes given: a value that does not fit is refused. A length of 2^31 and more
+// counts as nothing to read.
 #pragma once
 
 #include "rtmpcast/publish.h"
 
+// Objects and arrays within one another; one more is refused like any corrupted value. A level costs little
+// enough stack that this many fit a thread of 256 KiB.
+constexpr int32_t kDeepestAmf = 1024;
+
 extern "C" {
 
-// ReadAmfProp reads one value, its name first when `noName` is 0. Bytes consumed, or -1.
+// ReadAmfProp reads one value, its name first when `noName` is 0. Bytes consumed, or -1; then the property
+// may hold a part of a nested list.
 int32_t ReadAmfProp(RtmpServer *server, AmfObjProperty *prop, const uint8_t *buf, uint32_t len,
                     uint8_t noName);
 
-// ReadAmfStrictArray reads a count and that many unnamed values. Bytes consumed, or -1.
+// ReadAmfStrictArray reads a count and that many unnamed values. Bytes consumed, or -1; `out` keeps what was
+// appended.
 int32_t ReadAmfStrictArray(RtmpServer *server, AmfObject *out, const uint8_t *buf, uint32_t len);
 
 // Scalars; the caller has checked that the bytes are there.
