@@ -68,13 +68,15 @@ void RtmpThreadExit(RtmpThread /*thread*/)
 
 int RtmpThreadCancel(RtmpThread thread)
 {
-    pthread_cancel(thread);
+    if (thread != 0) {
+        pthread_cancel(thread);
+    }
     return 0;
 }
 
 int RtmpThreadDetach(RtmpThread thread)
 {
-    return StatusOf(pthread_detach(thread));
+    return thread != 0 ? StatusOf(pthread_detach(thread)) : -1;
 }
 
 int RtmpWaitForThreadCompletion(RtmpThread thread)

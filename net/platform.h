@@ -16,7 +16,7 @@ RTMP_STATUS int RtmpMutexDestroy(RtmpMutex *mutex);
 RTMP_STATUS int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument);
 [[noreturn]] void RtmpThreadExit(RtmpThread thread); // ends the calling thread, whatever `thread` is
 int RtmpThreadCancel(RtmpThread thread);             // always 0
-int RtmpThreadDetach(RtmpThread thread);
+int RtmpThreadDetach(RtmpThread thread);             // -1 for no thread
 RTMP_STATUS int RtmpWaitForThreadCompletion(RtmpThread thread); // 0 at once for no thread
 RtmpThread RtmpGetSelfThreadHandle(void);
 

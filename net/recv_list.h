@@ -9,4 +9,12 @@ extern "C" {
 // MsgLength and MsgTypeId of the packet stored for a chunk stream; -1 when there is none.
 int32_t GetPayloadHdrSize(RtmpClient *client, int chunkStreamId);
 int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId);
+
+// FreeRecvPkt frees a packet that is in no list (AddRecvPkt did not store it), its decoded command included.
+// -1: the command could not be freed, and neither was the packet.
+RTMP_STATUS int FreeRecvPkt(RtmpServer *server, RtmpRecvPkt *pkt);
+
+// The receive list's lock, with the log line of a failure under the caller's name.
+RTMP_STATUS int LockRecvList(RtmpClient *client, const char *who);
+RTMP_STATUS int UnlockRecvList(RtmpClient *client, const char *who);
 }

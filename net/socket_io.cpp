@@ -18,11 +18,18 @@ struct ssl_st *TlsOf(void *tls)
     return static_cast<struct ssl_st *>(tls);
 }
 
+// A read of nothing is answered with 0 at once. Linux would wait for a byte that it then does not take.
+int64_t ReadNothing(int fd, uint8_t *buf)
+{
+    const int64_t result = recv(fd, buf, 0, MSG_DONTWAIT);
+    return result < 0 && errno == EAGAIN ? 0 : result;
+}
+
 // One read of at most `length` bytes: what recv or SSL_read answers.
 int64_t ReadOnce(int fd, uint8_t *buf, uint32_t length, void *tls)
 {
     if (tls == nullptr) {
-        return recv(fd, buf, length, 0);
+        return length > 0 ? recv(fd, buf, length, 0) : ReadNothing(fd, buf);
     }
     ERR_clear_error();
     return SSL_read(TlsOf(tls), buf, static_cast<int>(length > INT32_MAX ? INT32_MAX : length));
@@ -59,11 +66,12 @@ int RtmpGetIP(RtmpLogger *logger, const char *name, char *out)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Can not create socket to get IP address\n", __func__);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Can not create socket to get IP address\n",
+                     __func__);
         return -1;
     }
 
-    // A name longer than the field is cut: the kernel knows no interface of that name.
+    // Of a name longer than the field no more is copied than fits; no interface has such a name.
     struct ifreq request = {};
     memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name));
     request.ifr_addr.sa_family = AF_INET;
@@ -89,8 +97,8 @@ int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, voi
         const int64_t result = ReadOnce(fd, buf + done, length - done, tls);
         if (result < 0) {
             const int error = errno;
-            RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", __func__, error,
-                         strerror(error));
+            RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", __func__,
+                         error, strerror(error));
             if (error == EINTR || error == ESPIPE) {
                 RtmpLogPrint(logger, RTMP_LOG_INFO,
                              "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", __func__,
@@ -134,7 +142,8 @@ int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags)
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send message: %d (%s)\n", __func__, error,
                      strerror(error));
         if (error == EPIPE) {
-            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ========= Client Disconnected ========\n", __func__);
+            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ========= Client Disconnected ========\n",
+                         __func__);
         }
         return -1;
     }

@@ -1,0 +1,279 @@
+#include "net/handshake.h"
+
+#include "core/client_state.h"
+#include "core/record.h"
+#include "core/strictness.h"
+#include "net/byte_order.h"
+#include "net/byte_writer.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/scope.h"
+#include "net/socket_io.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+namespace {
+
+constexpr uint32_t kPacketLength = 1536;
+constexpr uint32_t kDigestLength = 32;
+constexpr uint32_t kSignedLength = kPacketLength - kDigestLength;
+constexpr uint32_t kRandomOffset = 8;
+constexpr uint32_t kRandomWords = (kPacketLength - kRandomOffset) / 4;
+
+// A key is a banner, with which C1 and S1 are signed, and 32 bytes behind it; S2 and C2 take all of it.
+#define GENUINE_KEY_TAIL                                                                                     \
+    "\xF0\xEE\xC2\x4A\x80\x68\xBE\xE8\x2E\x00\xD0\xD1\x02\x9E\x7E\x57"                                       \
+    "\x6E\xEC\x5D\x2D\x29\x80\x6F\xAB\x93\xB8\xE6\x36\xCF\xEB\x31\xAE"
+
+constexpr char GenuineFMSKey[] = "Genuine Adobe Flash Media Server 001" GENUINE_KEY_TAIL;
+constexpr char GenuineFPKey[] = "Genuine Adobe Flash Player 001" GENUINE_KEY_TAIL;
+constexpr uint32_t kServerBannerLength = 36;
+constexpr uint32_t kServerKeyLength = 68;
+constexpr uint32_t kPlayerBannerLength = 30;
+constexpr uint32_t kPlayerKeyLength = 62;
+static_assert(sizeof GenuineFMSKey == kServerKeyLength + 1, "the terminator is not part of the key");
+static_assert(sizeof GenuineFPKey == kPlayerKeyLength + 1, "the terminator is not part of the key");
+
+const uint8_t *BytesOf(const char *key)
+{
+    return reinterpret_cast<const uint8_t *>(key);
+}
+
+// Everything a handshake works on, in one heap record: a serve thread's stack stays small for the life of
+// its connection.
+struct Handshake {
+    uint8_t C0;
+    uint8_t S0;
+    uint8_t Packet[kPacketLength]; // S1; then C1, which becomes S2; then C2
+    uint8_t ServerDigest[kDigestLength];
+    uint8_t Key[kDigestLength]; // made for one signature
+    uint8_t Digest[kDigestLength];
+};
+
+int32_t DigestPosition(const uint8_t *packet, uint32_t sumAt, uint32_t base)
+{
+    const uint32_t sum = 0U + packet[sumAt] + packet[sumAt + 1] + packet[sumAt + 2] + packet[sumAt + 3];
+    const uint32_t offset = sum % 728 + base;
+    return offset < kSignedLength ? static_cast<int32_t>(offset) : -1;
+}
+
+// One write; whatever does not go out whole has failed.
+bool SendWhole(RtmpClient *client, const uint8_t *bytes, uint32_t length)
+{
+    const int sent = RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes, length, client->Tls);
+    return sent >= 0 && static_cast<uint32_t>(sent) == length;
+}
+
+int ReadC0(RtmpClient *client, Handshake *shake, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (ReadNoOfBytes(client, &shake->C0, 1) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C0 packet from client\n", who);
+        return -1;
+    }
+    if (shake->C0 != 3) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: RTMP protocol version (%x) not supported\n", who,
+                     static_cast<unsigned>(shake->C0));
+        return -1;
+    }
+    return 0;
+}
+
+// time:32  3 5 1 1  random:1528 bytes. The digest comes later, over the random bytes.
+void FillS1(Handshake *shake)
+{
+    ByteWriter out = WriterOver(shake->Packet, sizeof shake->Packet);
+    PutU32Be(&out, static_cast<uint32_t>(RtmpGetSystemTime()));
+    PutU8(&out, 3);
+    PutU8(&out, 5);
+    PutU8(&out, 1);
+    PutU8(&out, 1);
+    for (uint32_t i = 0; i < kRandomWords; i++) {
+        const uint32_t word = static_cast<uint32_t>(rand());
+        PutBytes(&out, &word, sizeof word);
+    }
+
+    // KEPT: two words more than S1 holds are drawn, and S0 is the top byte of the second, 0 to 127, instead
+    // of the version number. Players in the field are used to it: S0 is part of what this server looks like.
+    (void)rand();
+    const uint32_t last = static_cast<uint32_t>(rand());
+    shake->S0 = kS0CarriesRandomByte ? static_cast<uint8_t>(last >> 24) : shake->C0;
+}
+
+int SignS1(RtmpClient *client, Handshake *shake, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    const int32_t offset = GetDigestPosition1(shake->Packet);
+    if (offset < 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot get digest key position\n", who);
+        return -1;
+    }
+    if (CalculateDigest(static_cast<uint32_t>(offset), shake->Packet, BytesOf(GenuineFMSKey),
+                        kServerBannerLength, shake->ServerDigest) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot calculate Genuine FMS key digest\n", who);
+        return -1;
+    }
+    memcpy(shake->Packet + offset, shake->ServerDigest, kDigestLength);
+    return 0;
+}
+
+int SendS0AndS1(RtmpClient *client, const Handshake *shake, const char *who)
+{
+    if (!SendWhole(client, &shake->S0, 1)) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot send S0 packet to client\n",
+                     who);
+        return -1;
+    }
+    if (!SendWhole(client, shake->Packet, kPacketLength)) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot send S1 packet to client\n",
+                     who);
+        return -1;
+    }
+    return 0;
+}
+
+// FindPlayerDigest returns the offset at which C1 is signed, or -1.
+int32_t FindPlayerDigest(const uint8_t *c1)
+{
+    // KEPT: any non-zero answer counts as signed, also that of a digest that could not be computed. C2 has
+    // to be signed as well.
+    const int32_t first = GetDigestPosition1(c1);
+    if (CompareDigest(static_cast<uint32_t>(first), c1, BytesOf(GenuineFPKey), kPlayerBannerLength) != 0) {
+        return first;
+    }
+    const int32_t second = GetDigestPosition2(c1);
+    if (CompareDigest(static_cast<uint32_t>(second), c1, BytesOf(GenuineFPKey), kPlayerBannerLength) != 0) {
+        return second;
+    }
+    return -1;
+}
+
+// SignPacket computes into Digest what belongs into the last 32 bytes of Packet: its first 1504 bytes signed
+// with a key that is itself the signature of `seed`.
+int SignPacket(RtmpClient *client, Handshake *shake, const uint8_t *seed, const uint8_t *key,
+               uint32_t keyLength, const char *who)
+{
+    if (HMACsha256(seed, kDigestLength, key, keyLength, shake->Key) != 0 ||
+        HMACsha256(shake->Packet, kSignedLength, shake->Key, kDigestLength, shake->Digest) != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot generate digest\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+// C1 becomes S2: its first 1504 bytes as they came, and a signature.
+int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (ReadNoOfBytes(client, shake->Packet, kPacketLength) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C1 packet from client\n", who);
+        return -1;
+    }
+    static_assert(kRequireDigestHandshake, "a C1 without a digest has no answer but this refusal");
+    const int32_t offset = FindPlayerDigest(shake->Packet);
+    if (offset < 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot varify the client digest\n", who);
+        return -1;
+    }
+    if (SignPacket(client, shake, shake->Packet + offset, BytesOf(GenuineFMSKey), kServerKeyLength, who) !=
+        0) {
+        return -1;
+    }
+    memcpy(shake->Packet + kSignedLength, shake->Digest, kDigestLength);
+    if (!SendWhole(client, shake->Packet, kPacketLength)) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot send S2 packet to client\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+int VerifyC2(RtmpClient *client, Handshake *shake, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (ReadNoOfBytes(client, shake->Packet, kPacketLength) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C2 packet from client\n", who);
+        return -1;
+    }
+    if (SignPacket(client, shake, shake->ServerDigest, BytesOf(GenuineFPKey), kPlayerKeyLength, who) != 0) {
+        return -1;
+    }
+    if (memcmp(shake->Packet + kSignedLength, shake->Digest, kDigestLength) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Client is not a genuine Adobe\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t GetDigestPosition1(const uint8_t *packet)
+{
+    return DigestPosition(packet, 8, 12);
+}
+
+int32_t GetDigestPosition2(const uint8_t *packet)
+{
+    return DigestPosition(packet, 772, 776);
+}
+
+int HMACsha256(const uint8_t *data, uint32_t length, const uint8_t *key, uint32_t keyLength, uint8_t *digest)
+{
+    unsigned digestLength = 0;
+    const unsigned char *made =
+        HMAC(EVP_sha256(), key, static_cast<int>(keyLength), data, length, digest, &digestLength);
+    return made != nullptr && digestLength == kDigestLength ? 0 : -1;
+}
+
+int CalculateDigest(uint32_t offset, const uint8_t *packet, const uint8_t *key, uint32_t keyLength,
+                    uint8_t *digest)
+{
+    if (offset >= kSignedLength) {
+        return -1;
+    }
+    FREE_AT_EXIT uint8_t *joined = NewArray<uint8_t>(kSignedLength);
+    if (joined == nullptr) {
+        return -1;
+    }
+    ByteWriter out = WriterOver(joined, kSignedLength);
+    PutBytes(&out, packet, offset);
+    PutBytes(&out, packet + offset + kDigestLength, kSignedLength - offset);
+    return HMACsha256(joined, kSignedLength, key, keyLength, digest);
+}
+
+uint8_t CompareDigest(uint32_t offset, const uint8_t *packet, const uint8_t *key, uint32_t keyLength)
+{
+    uint8_t digest[kDigestLength];
+    if (CalculateDigest(offset, packet, key, keyLength, digest) != 0) {
+        return 255;
+    }
+    return memcmp(packet + offset, digest, kDigestLength) == 0 ? 1 : 0;
+}
+
+int ReadNoOfBytes(RtmpClient *client, uint8_t *buffer, uint32_t length)
+{
+    if (client->ConnType == RTMP_CONN_RTMPT) {
+        return 0;
+    }
+    return RtmpReadBytes(LoggerOf(client->Server), SocketInUse(client), buffer, length, client->Tls);
+}
+
+int PerformHandshake(RtmpClient *client)
+{
+    FREE_AT_EXIT Handshake *shake = NewRecord<Handshake>();
+    if (shake == nullptr) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to handshake packets\n", __func__);
+        return -1;
+    }
+    if (ReadC0(client, shake, __func__) != 0) {
+        return -1;
+    }
+    FillS1(shake);
+    if (SignS1(client, shake, __func__) != 0 || SendS0AndS1(client, shake, __func__) != 0 ||
+        AnswerC1(client, shake, __func__) != 0 || VerifyC2(client, shake, __func__) != 0) {
+        return -1;
+    }
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Handshake done\n", __func__);
+    return 0;
+}
