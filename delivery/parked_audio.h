@@ -7,8 +7,8 @@ extern "C" {
 
 // addRtmpPacketToBuffer parks a frame. A full ring is emptied and the frame dropped (logged). 0; -1 dropped.
 int addRtmpPacketToBuffer(RtmpMonitor *monitor, RtmpSession *session, const uint8_t *data, int32_t length,
-                          int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta,
-                          uint32_t kind, uint32_t mediaType);
+                          int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta, uint32_t kind,
+                          uint32_t mediaType);
 
 // copyRtmpPacketToBuffer fills a slot. 0; -1 no memory (logged).
 int copyRtmpPacketToBuffer(RtmpPacket *slot, RtmpSession *session, const uint8_t *data, int32_t length,

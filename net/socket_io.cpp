@@ -50,12 +50,24 @@ int RtmpCloseSocket(RtmpLogger *logger, int *fd)
     if (*fd == -1) {
         return 0;
     }
-    if (shutdown(*fd, SHUT_RDWR) != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Shutdown of %d failed: %s\n", __func__, *fd,
+    (void)ShutDownSocket(logger, *fd); // logged; the close is what counts
+    return CloseShutSocket(logger, *fd);
+}
+
+int ShutDownSocket(RtmpLogger *logger, int fd)
+{
+    if (shutdown(fd, SHUT_RDWR) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Shutdown of %d failed: %s\n", "RtmpCloseSocket", fd,
                      strerror(errno));
+        return -1;
     }
-    if (close(*fd) != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Close of %d failed: %s\n", __func__, *fd,
+    return 0;
+}
+
+int CloseShutSocket(RtmpLogger *logger, int fd)
+{
+    if (close(fd) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Close of %d failed: %s\n", "RtmpCloseSocket", fd,
                      strerror(errno));
         return -1;
     }

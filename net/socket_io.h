@@ -10,6 +10,11 @@ extern "C" {
 // RtmpCloseSocket shuts a socket down and closes it; the variable keeps its number. -1: close failed.
 int RtmpCloseSocket(RtmpLogger *logger, int *fd);
 
+// Its two halves, which log as RtmpCloseSocket. A thread that is blocked on the socket leaves after the
+// first; only once it has may the number be given back with the second.
+int ShutDownSocket(RtmpLogger *logger, int fd);
+int CloseShutSocket(RtmpLogger *logger, int fd);
+
 // RtmpGetIP writes the dotted IPv4 address of an interface to `out` (16 bytes at least).
 RTMP_STATUS int RtmpGetIP(RtmpLogger *logger, const char *name, char *out);
 

@@ -415,6 +415,8 @@ struct RtmpSession {
     pthread_cond_t MemberLeft;  /* a client left */
     RtmpClient *MemberHead;
     RtmpClient *MemberTail;
+    struct RtmpPiece *Pieces; /* of the frame being sent; kept between frames */
+    uint32_t PieceCapacity;
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */

@@ -1,0 +1,26 @@
+#include "core/server_hold.h"
+
+#include "core/atomic.h"
+#include "net/log.h"
+#include "net/platform.h"
+
+#include <stdlib.h>
+
+void HoldServer(RtmpServer *server)
+{
+    AddShared(&server->Holders, 1);
+}
+
+int ReleaseServer(RtmpServer *server)
+{
+    if (AddShared(&server->Holders, -1) > 0) {
+        return 0;
+    }
+    if (RtmpMutexDestroy(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Destroying of RTMP Session List Lock Failed\n", "RtmpServerDestroy");
+        return RTMP_ERR_LOCK_DESTROY;
+    }
+    free(server);
+    return 0;
+}

@@ -1,0 +1,276 @@
+#include "rtmpcast/server.h"
+
+#include "core/atomic.h"
+#include "core/client.h"
+#include "core/client_list.h"
+#include "core/record.h"
+#include "core/session_list.h"
+#include "delivery/monitor.h"
+#include "delivery/threaded_queue.h"
+#include "media/media_info.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "rtmpcast/host.h"
+
+#include <signal.h>
+#include <time.h>
+
+namespace {
+
+constexpr RtmpMutex kFreshLeafLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+constexpr pthread_cond_t kFreshCondition = PTHREAD_COND_INITIALIZER;
+constexpr long kSignalPeriodNanoseconds = 10 * 1000 * 1000;
+constexpr int32_t kPublishStateSessionGone = 8;
+
+RtmpSession *FailCreate(int code, int *err)
+{
+    if (err != nullptr) {
+        *err = code;
+    }
+    return nullptr;
+}
+
+// FillSession allocates what a session owns. Null, or the text of what failed; the caller frees the record.
+const char *FillSession(RtmpSession *session, RtmpServer *server, const char *name)
+{
+    session->MediaKind = RTMP_MEDIA_NONE;
+    session->Server = server;
+    session->StartTime = RtmpGetSystemTime();
+    session->MemberLock = kFreshLeafLock;
+    session->MemberLeft = kFreshCondition;
+    session->Name = CopyOfText(name, strlen(name));
+    if (session->Name == nullptr) {
+        return "ERROR: %s: Cannot allocate memory to session name\n";
+    }
+    session->CcGen = NewRecord<RtmpCaptionCtx>();
+    if (session->CcGen == nullptr) {
+        return "ERROR: %s: Cannot allocate memory for CC\n";
+    }
+    session->CcGen->Handle = cc_gen_init();
+    return nullptr;
+}
+
+void FreeSession(RtmpSession *session)
+{
+    free(session->Pieces);
+    free(session->CcGen);
+    free(session->Name);
+    free(session);
+}
+
+struct timespec NextSignalTime()
+{
+    struct timespec next = {};
+    clock_gettime(CLOCK_REALTIME, &next);
+    next.tv_nsec += kSignalPeriodNanoseconds;
+    if (next.tv_nsec >= 1000000000) {
+        next.tv_sec += 1;
+        next.tv_nsec -= 1000000000;
+    }
+    return next;
+}
+
+bool IsMember(const RtmpSession *session, const RtmpClient *client)
+{
+    for (const RtmpClient *each = session->MemberHead; each != nullptr; each = each->NextMember) {
+        if (each == client) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// WaitUntilLeft returns when `client`, which may be freed meanwhile, is no member any more. The signal is
+// repeated: one that arrives between two reads interrupts nothing. A member's thread has not ended yet, so
+// its handle is good.
+void WaitUntilLeft(RtmpSession *session, const RtmpClient *client, RtmpThread thread)
+{
+    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
+    while (IsMember(session, client)) {
+        const struct timespec next = NextSignalTime();
+        pthread_cond_timedwait(&session->MemberLeft, &session->MemberLock, &next);
+        if (thread != 0 && IsMember(session, client)) {
+            pthread_kill(thread, SIGUSR1);
+        }
+    }
+    (void)RtmpMutexUnlock(&session->MemberLock);
+}
+
+// PassThrough returns when whoever held the lock has let go of it.
+void PassThrough(RtmpMutex *lock)
+{
+    if (RtmpMutexLock(lock) == 0) {
+        (void)RtmpMutexUnlock(lock); // taken a moment ago
+    }
+}
+
+// ClaimThread decides who ends the client's thread: true when it is this session, which then joins it; false
+// when the thread is on its way out by itself.
+bool ClaimThread(RtmpSession *session, RtmpClient *client)
+{
+    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
+    const bool claimed = client->ThreadOwner != THREAD_OWNER_ITSELF;
+    if (claimed) {
+        StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_SESSION));
+    }
+    (void)RtmpMutexUnlock(&session->MemberLock);
+    return claimed;
+}
+
+// EndClient ends the serve thread of the first client. The text of what failed, with its code; or null.
+const char *EndClient(RtmpSession *session, int *code)
+{
+    constexpr const char *who = "RtmpSessionDestroy";
+    RtmpLogger *logger = LoggerOf(session->Server);
+    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+        *code = RTMP_ERR_LOCK;
+        return "ERROR: %s: Cannot lock Rtmp client list\n";
+    }
+    RtmpClient *client = FirstMember(session); // it may have left since the caller looked
+    RtmpThread thread = 0;
+    bool claimed = false;
+    if (client != nullptr) {
+        thread = LoadShared(&client->ServeThread);
+        if (client->PublishCtx != nullptr) {
+            publishChangeState(client, kPublishStateSessionGone);
+        }
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Sending SIGUSR1 to Client Thread\n", who);
+        claimed = ClaimThread(session, client);
+        if (thread != 0) {
+            pthread_kill(thread, SIGUSR1);
+        }
+    }
+    if (RtmpMutexUnlock(&session->ClientListLock) != 0) {
+        *code = RTMP_ERR_UNLOCK;
+        return "ERROR: %s: Cannot unlock Rtmp client list\n";
+    }
+    if (client == nullptr) {
+        return nullptr;
+    }
+    if (thread != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Waiting for Thread Completion\n", who);
+    }
+    WaitUntilLeft(session, client, thread);
+    if (claimed && RtmpWaitForThreadCompletion(thread) != 0) {
+        *code = RTMP_ERR_THREAD_JOIN;
+        return "ERROR: %s: Wait For serve client thread Failed\n";
+    }
+    return nullptr;
+}
+
+const char *EndClients(RtmpSession *session, int *code)
+{
+    while (FirstMember(session) != nullptr) {
+        const char *failure = EndClient(session, code);
+        if (failure != nullptr) {
+            return failure;
+        }
+    }
+    // The last to leave may not have given the locks back yet.
+    PassThrough(&session->ClientListLock);
+    PassThrough(&session->MemberLock);
+    return nullptr;
+}
+
+void EndMediaAndSender(RtmpSession *session)
+{
+    if (session->CcGen != nullptr) {
+        cc_gen_close(session->CcGen->Handle);
+        free(session->CcGen);
+        session->CcGen = nullptr;
+    }
+    FreeCodecInfo(session->CodecInfo);
+    session->CodecInfo = nullptr;
+    if (session->SenderMode == RTMP_SENDER_THREADED) {
+        (void)RtmpThreadedQueueDestroy(session); // always 0
+    } else {
+        (void)RtmpMonitorDestroy(session); // always 0
+    }
+}
+
+void LogFailure(RtmpServer *server, const char *format, const char *who)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // one of the texts above, each with one %s
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, format, who);
+#pragma GCC diagnostic pop
+}
+
+} // namespace
+
+RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err)
+{
+    RtmpLogger *logger = LoggerOf(server);
+    if (server == nullptr || name == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", __func__);
+        return FailCreate(RTMP_ERR_INVALID_ARGUMENT, err);
+    }
+    if (IsSessionNameExists(server, name) == 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", __func__);
+        return FailCreate(RTMP_ERR_SESSION_EXISTS, err);
+    }
+    RtmpSession *session = NewRecord<RtmpSession>();
+    if (session == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to rtmpSession\n", __func__);
+        return FailCreate(RTMP_ERR_MEMORY, err);
+    }
+    const char *failure = FillSession(session, server, name);
+    if (failure != nullptr) {
+        LogFailure(server, failure, __func__);
+        FreeSession(session);
+        return FailCreate(RTMP_ERR_MEMORY, err);
+    }
+    if (RtmpMutexInit(&session->ClientListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot initialize client list lock\n", __func__);
+        FreeSession(session);
+        return FailCreate(RTMP_ERR_LOCK_INIT, err);
+    }
+    if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
+        FreeSession(session);
+        return FailCreate(RTMP_ERR_LOCK, err);
+    }
+    LinkSession(server, session);
+    if (RtmpMutexUnlock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp session list\n", __func__);
+        UnlinkSession(server, session); // nobody may meet a freed session in the list
+        FreeSession(session);
+        return FailCreate(RTMP_ERR_UNLOCK, err);
+    }
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Session Created with name '%s'\n", __func__, name);
+    KelvoraSyslog("RTMP", "Session Created with name '%s'\n", name);
+    return session;
+}
+
+int RtmpSessionDestroy(RtmpSession *session)
+{
+    if (session == nullptr) {
+        RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", __func__);
+        return RTMP_ERR_INVALID_ARGUMENT;
+    }
+    RtmpServer *server = session->Server;
+    RtmpLogger *logger = LoggerOf(server);
+    if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
+        return RTMP_ERR_LOCK;
+    }
+    int code = 0;
+    const char *failure = EndClients(session, &code);
+    if (failure != nullptr) {
+        LogFailure(server, failure, __func__);
+        (void)RtmpMutexUnlock(&server->LiveSessionListLock); // the failure above is the one to report
+        return code;
+    }
+    EndMediaAndSender(session);
+    UnlinkSession(server, session);
+    if (RtmpMutexUnlock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp session list\n", __func__);
+        return RTMP_ERR_UNLOCK;
+    }
+    if (RtmpMutexDestroy(&session->ClientListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot destroy client list lock\n", __func__);
+        return RTMP_ERR_LOCK_DESTROY;
+    }
+    FreeSession(session);
+    return 0;
+}

@@ -1,0 +1,26 @@
+// One encoded frame on its way to the players: the FLV tag header in front of it, and captions in it.
+#pragma once
+
+#include "rtmpcast/types.h"
+
+extern "C" {
+
+enum { FRAME_PREFIX_SIZE = 1024 };
+
+typedef struct RtmpFrame {
+    const uint8_t *Data; // as the host gave it
+    int32_t Length;
+    int32_t Fd;
+    uint64_t MapBase;
+    uint64_t TimestampDelta; // ms since the previous frame of the same kind
+    uint32_t Kind;           // RTMP_MSG_VIDEO or RTMP_MSG_AUDIO
+
+    // What goes out: the prefix (tag header and, with captions, the frame's beginning and the SEI), then the
+    // rest of the frame.
+    uint8_t Prefix[FRAME_PREFIX_SIZE];
+    uint32_t HeaderLength;
+    uint32_t PrefixLength;
+    const uint8_t *Payload;
+    uint32_t PayloadLength;
+} RtmpFrame;
+}

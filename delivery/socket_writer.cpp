@@ -1,0 +1,174 @@
+#include "delivery/socket_writer.h"
+
+#include "core/client_state.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/socket_io.h"
+
+#include <pthread.h>
+#include <stdio.h>
+#include <sys/sendfile.h>
+#include <sys/uio.h>
+
+namespace {
+
+// Vectors per sendmsg: far below the kernel's limit of 1024, so that a serve thread's stack stays small.
+constexpr uint32_t kVectorsPerWrite = 256;
+
+// The continuation header has one byte: chunk stream ids below 64 are all that is ever assigned.
+uint8_t SeparatorOf(const RtmpSendPkt *message)
+{
+    return static_cast<uint8_t>(message->ChunkStreamId | 0xC0);
+}
+
+// FillVectors lays out pieces from `*next` on, and moves `*next` behind those that fit. Returns how many
+// vectors it filled.
+uint32_t FillVectors(struct iovec *vectors, const RtmpPiece *pieces, uint32_t count, uint32_t *next,
+                     uint8_t *separator)
+{
+    uint32_t filled = 0;
+    for (; *next < count && filled + 2 <= kVectorsPerWrite; (*next)++) {
+        const RtmpPiece *piece = &pieces[*next];
+        if (piece->StartsChunk != 0) {
+            vectors[filled++] = {separator, 1};
+        }
+        if (piece->Length > 0) {
+            vectors[filled++] = {const_cast<uint8_t *>(piece->Address), piece->Length};
+        }
+    }
+    return filled;
+}
+
+// A write may end short: go on where it ended.
+int WriteVectors(RtmpClient *client, struct iovec *vectors, uint32_t count, int flags)
+{
+    struct msghdr message = {};
+    message.msg_iov = vectors;
+    message.msg_iovlen = count;
+    while (message.msg_iovlen > 0) {
+        const int sent = RtmpSendMsgBytes(LoggerOf(client->Server), SocketInUse(client), &message, flags);
+        if (sent < 0) {
+            return -1;
+        }
+        uint64_t rest = static_cast<uint64_t>(sent);
+        while (message.msg_iovlen > 0 && rest >= message.msg_iov->iov_len) {
+            rest -= message.msg_iov->iov_len;
+            message.msg_iov++;
+            message.msg_iovlen--;
+        }
+        if (message.msg_iovlen > 0) {
+            message.msg_iov->iov_base = static_cast<uint8_t *>(message.msg_iov->iov_base) + rest;
+            message.msg_iov->iov_len -= rest;
+        }
+    }
+    return 0;
+}
+
+int WritePlain(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator,
+               bool moreFollows)
+{
+    struct iovec vectors[kVectorsPerWrite];
+    uint32_t next = 0;
+    while (next < count) {
+        const uint32_t filled = FillVectors(vectors, pieces, count, &next, &separator);
+        const int flags = moreFollows || next < count ? MSG_MORE : 0;
+        if (WriteVectors(client, vectors, filled, flags) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// WriteTlsPiece returns the bytes written, or the negative or zero result that ended the piece early.
+int64_t WriteTlsPiece(RtmpClient *client, const uint8_t *bytes, uint32_t length)
+{
+    int64_t written = 0;
+    while (written < length) {
+        const int result = RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes + written,
+                                         length - static_cast<uint32_t>(written), client->Tls);
+        if (result <= 0) {
+            return written + result;
+        }
+        written += result;
+    }
+    return written;
+}
+
+// KEPT: over TLS only a negative sum is a failure, so one failed piece hides behind the bytes of the others.
+int WriteTls(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator)
+{
+    int64_t total = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        if (pieces[i].StartsChunk != 0) {
+            total += WriteTlsPiece(client, &separator, 1);
+        }
+        total += WriteTlsPiece(client, pieces[i].Address, pieces[i].Length);
+    }
+    return total < 0 ? -1 : 0;
+}
+
+// SendFromFile writes one piece. A file that ends before the piece does is a failure: nothing else could take
+// the missing bytes' place in the chunk.
+int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t mapBase)
+{
+    off_t offset = static_cast<off_t>(reinterpret_cast<uintptr_t>(piece->Address) - mapBase);
+    uint32_t rest = piece->Length;
+    while (rest > 0) {
+        const ssize_t sent = sendfile(SocketInUse(client), fd, &offset, rest);
+        if (sent <= 0) {
+            return -1;
+        }
+        rest -= static_cast<uint32_t>(sent);
+    }
+    return 0;
+}
+
+void ReportSendfileError()
+{
+    int previous;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); // a cancelled perror leaves stderr locked
+    perror(nullptr);
+    pthread_setcancelstate(previous, nullptr);
+}
+
+} // namespace
+
+int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message,
+                bool moreFollows)
+{
+    const uint8_t separator = SeparatorOf(message);
+    // A closed socket fails as a closed descriptor does, TLS or not: the handle's own descriptor may be
+    // reused.
+    const bool overTls = client->Tls != nullptr && SocketInUse(client) != -1;
+    const int result = overTls ? WriteTls(client, pieces, count, separator)
+                               : WritePlain(client, pieces, count, separator, moreFollows);
+    if (result != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: SendMessage: Error occured while sending message\n", __func__);
+    }
+    return result;
+}
+
+int SendFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message, int fd,
+             uint64_t mapBase)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    const uint8_t separator = SeparatorOf(message);
+    for (uint32_t i = 0; i < count; i++) {
+        if (pieces[i].StartsChunk != 0 &&
+            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, client->Tls) != 1) {
+            RtmpLogPrint(logger, RTMP_LOG_ERROR,
+                         "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",
+                         __func__);
+            return -1;
+        }
+        if (SendFromFile(client, &pieces[i], fd, mapBase) != 0) {
+            ReportSendfileError();
+            RtmpLogPrint(logger, RTMP_LOG_ERROR,
+                         "ERROR: %s: SendFile: Error occured while sending message using sendfile\n",
+                         __func__);
+            return -1;
+        }
+    }
+    return 0;
+}
