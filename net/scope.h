@@ -23,3 +23,19 @@ inline void ReleaseScopedMemory(void *pointerToPointer)
 
 // FREE_AT_EXIT T *p = ...; ... `p = nullptr` keeps what it pointed to.
 #define FREE_AT_EXIT __attribute__((cleanup(ReleaseScopedMemory), unused))
+
+// What a thread that may be cancelled must finish once begun: the host's functions, file writes.
+inline int ForbidCancel()
+{
+    int previous;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    return previous;
+}
+
+inline void RestoreScopedCancel(int *previous)
+{
+    pthread_setcancelstate(*previous, nullptr);
+}
+
+// WITHOUT_CANCEL int restore = ForbidCancel();
+#define WITHOUT_CANCEL __attribute__((cleanup(RestoreScopedCancel), unused))
