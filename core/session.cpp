@@ -180,7 +180,9 @@ void EndMediaAndSender(RtmpSession *session)
         session->CcGen = nullptr;
     }
     FreeCodecInfo(session->CodecInfo);
+    FreeCodecInfo(session->RetiredCodecInfo);
     session->CodecInfo = nullptr;
+    session->RetiredCodecInfo = nullptr;
     if (session->SenderMode == RTMP_SENDER_THREADED) {
         (void)RtmpThreadedQueueDestroy(session); // always 0
     } else {

@@ -22,10 +22,14 @@ enum { RTMP_FRAME_VIDEO = 0, RTMP_FRAME_AUDIO = 1 };
  * @param audio  null: no audio. Only AAC (codecId 10). Not both may be null
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null session, no media, no configuration); RTMP_ERR_LOCK;
  *         RTMP_ERR_MEMORY; RTMP_ERR_VIDEO_INFO; RTMP_ERR_AUDIO_INFO; RTMP_ERR_META_DATA; RTMP_ERR_UNLOCK.
- *         After a failure the session has no codec information and players are refused what needs it.
+ *         After a bad argument or a lock that could not be taken nothing has changed. After any other
+ *         failure the session has no codec information, an earlier one included: playing clients get
+ *         their frames, new ones are refused what needs it.
  *
  * Any host thread, one at a time per session; takes the server's session list lock. Calling it again
- * replaces the description: players that play already keep the headers they have.
+ * replaces the description: players that play already keep the headers they have. A video bitrate above the
+ * server's bandwidth of 6000000 raises it, and what later players are told of it, also when the registration
+ * fails.
  */
 RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *video,
                                   const AudioMediaInfo *audio);

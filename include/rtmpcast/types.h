@@ -369,7 +369,7 @@ struct CodecInfo {
     uint32_t MetaDataLen;
 
     /* the library's own */
-    CodecInfo *Replaced; /* the record of an earlier registration, kept until the session ends */
+    CodecInfo *NextRetired; /* links RtmpSession.RetiredCodecInfo */
 };
 
 /** RtmpCaptionCtx: a session's closed captions. The host sets Enabled. */
@@ -417,6 +417,7 @@ struct RtmpSession {
     RtmpClient *MemberTail;
     struct RtmpPiece *Pieces; /* of the frame being sent; kept between frames */
     uint32_t PieceCapacity;
+    struct CodecInfo *RetiredCodecInfo; /* earlier registrations: messages under way may use their bodies */
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */
