@@ -5,8 +5,8 @@
 
 namespace {
 
-// KEPT: a list of more values than this is never freed. Hosts that raise lists of that size free them
-// themselves, and would free them twice.
+// KEPT: a list of more values than this is never freed, neither at the top nor nested. Whoever owns one
+// releases it another way, and must not find it gone.
 constexpr int32_t kLongestFreedList = 65534;
 
 bool HasName(const AmfObjProperty *prop, const AmfString *name)

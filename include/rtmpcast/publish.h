@@ -181,7 +181,8 @@ RTMP_API RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId);
  * DecodeAmfBuffer appends every value found in `buf` to `out`, up to the end or to 00 00 09.
  *
  * @param noNames  1: unnamed values (a message body); 0: named ones (an object's members)
- * @return bytes consumed; -1: a value could not be read; what was appended before stays in `out`
+ * @return bytes consumed; -1: a value could not be read, or more than 1,024 objects and arrays stand within
+ *         one another; what was appended before stays in `out`
  */
 RTMP_API int32_t DecodeAmfBuffer(RtmpServer *server, AmfObject *out, const uint8_t *buf, uint32_t len,
                                  uint8_t noNames);
@@ -234,11 +235,11 @@ RTMP_API int WriteAmfString(RtmpServer *server, AmfObject *into, const char *nam
 /** WriteAmfNull appends a null. 0; -1 no memory. */
 RTMP_API int WriteAmfNull(RtmpServer *server, AmfObject *into);
 
-/** WriteAmfObject appends an object that takes over the list `value`. 0; -1 no memory. */
+/** WriteAmfObject appends an object that takes over the list `value`. 0; -1 no memory, or null (not logged). */
 RTMP_API int WriteAmfObject(RtmpServer *server, AmfObject *into, AmfObject *value);
 
 /** WriteAmfArray appends an ECMA array that takes over the list `value`, which FreeAmfObject does not
- *  walk. 0; -1 no memory. */
+ *  walk. 0; -1 no memory, or null (not logged). */
 RTMP_API int WriteAmfArray(RtmpServer *server, AmfObject *into, AmfObject *value);
 
 /** GetAmfEncBuffSize returns the bytes that EncodeAmfBuffer needs. */
