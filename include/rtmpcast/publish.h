@@ -235,7 +235,8 @@ RTMP_API int WriteAmfString(RtmpServer *server, AmfObject *into, const char *nam
 /** WriteAmfNull appends a null. 0; -1 no memory. */
 RTMP_API int WriteAmfNull(RtmpServer *server, AmfObject *into);
 
-/** WriteAmfObject appends an object that takes over the list `value`. 0; -1 no memory, or null (not logged). */
+/** WriteAmfObject appends an object that takes over the list `value`. 0; -1 no memory, or null (not
+ *  logged). */
 RTMP_API int WriteAmfObject(RtmpServer *server, AmfObject *into, AmfObject *value);
 
 /** WriteAmfArray appends an ECMA array that takes over the list `value`, which FreeAmfObject does not

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kRounds = 300000;
+constexpr int kRounds = 200000;
 constexpr size_t kLongest = 400;
 
 std::vector<Bytes> Seeds()

@@ -1,5 +1,6 @@
 #include "support/amf_rows.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -7,18 +8,11 @@ Bytes BytesOf(const std::string &picture)
 {
     Bytes bytes;
     size_t at = 0;
-    while (at < picture.size()) {
-        if (picture[at] == ' ') {
-            at++;
-        } else if (picture[at] == '\'') {
-            const size_t end = picture.find('\'', at + 1);
-            bytes.insert(bytes.end(), picture.begin() + static_cast<long>(at) + 1,
-                         picture.begin() + static_cast<long>(end));
-            at = end + 1;
-        } else {
-            bytes.push_back(static_cast<uint8_t>(std::stoul(picture.substr(at, 2), nullptr, 16)));
-            at += 2;
-        }
+    for (bool quoted = false; at < picture.size(); quoted = !quoted) {
+        const size_t end = std::min(picture.find('\'', at), picture.size());
+        const std::string part = picture.substr(at, end - at);
+        bytes = bytes + (quoted ? Bytes(part.begin(), part.end()) : Hex(part));
+        at = end + 1;
     }
     return bytes;
 }

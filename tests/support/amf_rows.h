@@ -3,13 +3,12 @@
 #pragma once
 
 #include "rtmpcast/publish.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-using Bytes = std::vector<uint8_t>;
 
 // BytesOf reads hex digits in any grouping, and text in single quotes: "02 00 04 'live'".
 Bytes BytesOf(const std::string &picture);
