@@ -166,7 +166,11 @@ int AddRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt)
         }
     }
     Append(client, pkt);
-    return UnlockRecvList(client, __func__);
+    if (UnlockRecvList(client, __func__) != 0) {
+        Unlink(client, pkt); // whoever hears of a failure still owns the packet
+        return -1;
+    }
+    return 0;
 }
 
 int RemoveRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt)

@@ -92,7 +92,8 @@ RTMP_API int AddClientInSession(RtmpSession *session, RtmpClient *client);
  */
 RTMP_API RtmpRecvPkt *ReadRtmpMessage(RtmpClient *client);
 
-/** AddRecvPkt stores a packet, in place of the one of the same chunk stream. 0; -1 a lock failed. */
+/** AddRecvPkt stores a packet, in place of the one of the same chunk stream. 0; -1 a lock failed, and the
+ *  packet is still the caller's. */
 RTMP_API int AddRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
 
 /** RemoveRecvPkt frees a stored packet, or all of them for null. 0; -1 the list is empty (logged), the
