@@ -1,0 +1,168 @@
+#include "message/command_replies.h"
+
+#include "message/command_payload.h"
+#include "message/header_fields.h"
+#include "message/send_list.h"
+#include "message/send_packet.h"
+#include "net/log.h"
+
+namespace {
+
+constexpr double kNoTransactionId = -1; // refused by WriteCmdMsgPayload
+
+struct StatusText {
+    uint32_t MsgKind;
+    const char *Level;
+    const char *Code;
+    const char *Description;
+};
+
+constexpr StatusText kStatusTexts[] = {
+    {RTMP_MSG_PAUSE, "status", "NetStream.Pause.Notify", "Pausing"},
+    {RTMP_MSG_PLAY_RESET, "status", "NetStream.Play.Reset", "Playing and resetting"},
+    {RTMP_MSG_PLAY_START, "status", "NetStream.Play.Start", "Started playing"},
+    {RTMP_MSG_PLAY_STOP, "status", "NetStream.Play.Stop", "Stopped playing"},
+    {RTMP_MSG_STREAM_NOT_FOUND, "error", "NetStream.Play.StreamNotFound", "Stream not found"},
+    {RTMP_MSG_CONNECT_FAILED, "error", "NetConnection.Connect.Failed", "Connection failed"},
+};
+static_assert(sizeof kStatusTexts / sizeof kStatusTexts[0] == 6, "every status has its text");
+
+constexpr StatusText kUnpausing = {RTMP_MSG_PAUSE, "status", "NetStream.Unpause.Notify", "Unpausing"};
+
+const StatusText *StatusTextOf(const RtmpClient *client, uint32_t msgKind)
+{
+    if (msgKind == RTMP_MSG_PAUSE && client->PauseFlag == 1) {
+        return &kUnpausing;
+    }
+    for (const StatusText &text : kStatusTexts) {
+        if (text.MsgKind == msgKind) {
+            return &text;
+        }
+    }
+    return nullptr;
+}
+
+// The number that the command carries behind its name. Only a decoded command has values to look at.
+double TransactionIdOf(RtmpServer *server, const RtmpRecvPkt *request)
+{
+    if (request == nullptr || request->MsgTypeId != RTMP_TYPE_AMF0_COMMAND ||
+        request->Result.Amf == nullptr || request->Result.Amf->count < 2) {
+        return kNoTransactionId;
+    }
+    AmfObjProperty *property = GetAmfProp(server, request->Result.Amf, nullptr, 1);
+    if (property == nullptr || GetAmfPropType(server, property) != AMF_NUMBER) {
+        return kNoTransactionId;
+    }
+    return GetAmfPropNumber(server, property);
+}
+
+int WriteConnectResult(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    CmdMsgPayload payload = {};
+    payload.Command = "_result";
+    payload.TransactionId = TransactionIdOf(client->Server, request);
+    payload.FmsVer = "FMS/3,5,1,516";
+    payload.Capabilities = 31;
+    payload.Mode = 1;
+    payload.Level = "status";
+    payload.Code = "NetConnection.Connect.Success";
+    payload.Description = "Connection succeeded";
+    return WriteCmdMsgPayload(client, pkt, &payload);
+}
+
+int WriteCreateStreamResult(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    CmdMsgPayload payload = {};
+    payload.Command = "_result";
+    payload.TransactionId = TransactionIdOf(client->Server, request);
+    payload.StreamId = client->StreamId;
+    return WriteCmdMsgPayload(client, pkt, &payload);
+}
+
+int WriteBwDone(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    CmdMsgPayload payload = {};
+    payload.Command = "onBWDone";
+    payload.TransactionId = request != nullptr ? 0 : kNoTransactionId; // without a chunk stream to go out on
+    return WriteCmdMsgPayload(client, pkt, &payload);
+}
+
+int WriteStatus(RtmpClient *client, RtmpSendPkt *pkt)
+{
+    const StatusText *text = StatusTextOf(client, pkt->MsgKind);
+    if (text == nullptr) {
+        return -1;
+    }
+    CmdMsgPayload payload = {};
+    payload.Command = "onStatus";
+    payload.Level = text->Level;
+    payload.Code = text->Code;
+    payload.Description = text->Description;
+    return WriteCmdMsgPayload(client, pkt, &payload);
+}
+
+int WriteReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    switch (pkt->MsgKind) {
+    case RTMP_MSG_CONNECT:
+        return WriteConnectResult(client, pkt, request);
+    case RTMP_MSG_CREATE_STREAM:
+        return WriteCreateStreamResult(client, pkt, request);
+    case RTMP_MSG_ON_BW_DONE:
+        return WriteBwDone(client, pkt, request);
+    case RTMP_MSG_PLAY:         // 12, 13 and 36 answer a play
+    case RTMP_MSG_USTREAM_PONG: // the service wants no more than a message
+        return 0;
+    default:
+        return WriteStatus(client, pkt);
+    }
+}
+
+// AddressReply chooses chunk stream and message stream, and moves the client's counters on. They stay moved
+// when the message fails later.
+void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    switch (pkt->MsgKind) {
+    case RTMP_MSG_CREATE_STREAM:
+        client->StreamId++;
+        [[fallthrough]];
+    case RTMP_MSG_CONNECT:
+    case RTMP_MSG_ON_BW_DONE:
+        pkt->ChunkStreamId = request != nullptr ? request->ChunkStreamId : 0;
+        SetMsgStreamId(pkt, client->ConnStreamId);
+        break;
+    case RTMP_MSG_CONNECT_FAILED:
+        // KEPT: a stream id where a chunk stream id belongs. It is 0, so no basic header is written; peers
+        // are about to be disconnected.
+        pkt->ChunkStreamId = client->ConnStreamId;
+        SetMsgStreamId(pkt, client->ConnStreamId);
+        break;
+    case RTMP_MSG_USTREAM_PONG:
+        // KEPT: chunk stream 0 and stream 0. The service reads nothing of it.
+        break;
+    default:
+        pkt->ChunkStreamId = client->StatusChunkStreamId - (pkt->MsgKind == RTMP_MSG_PAUSE ? 1 : 0);
+        SetMsgStreamId(pkt, client->StreamId);
+        client->StatusChunkStreamId += pkt->MsgKind == RTMP_MSG_PLAY_RESET ? 1 : 0;
+        break;
+    }
+}
+
+} // namespace
+
+RtmpSendPkt *GenerateCmdMsgRes(RtmpClient *client, void *recvPkt, uint32_t msgKind)
+{
+    const RtmpRecvPkt *request = static_cast<const RtmpRecvPkt *>(recvPkt);
+    RtmpSendPkt *pkt = NewSendPkt(client, msgKind, RTMP_TYPE_AMF0_COMMAND, __func__);
+    if (pkt == nullptr) {
+        return nullptr;
+    }
+    AddressReply(client, pkt, request);
+    if (WriteReply(client, pkt, request) != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot write amf data in send amf object\n", __func__);
+        FreeSendPkt(pkt);
+        return nullptr;
+    }
+    return FinishSendPkt(client, pkt);
+}

@@ -1,0 +1,119 @@
+#include "message/generate.h"
+
+#include "core/atomic.h"
+#include "media/flv_tag.h"
+#include "net/log.h"
+
+namespace {
+
+constexpr char kWho[] = "GenerateRtmpMsg";
+enum { VIDEO_CODEC_AVC = 7, AUDIO_CODEC_AAC = 10 }; // FLV, E.4.3.1 and E.4.2.1
+
+typedef RtmpSendPkt *(*Generator)(RtmpClient *client, void *recvPkt, uint32_t msgKind);
+
+struct GeneratorOfKinds {
+    uint32_t FirstKind;
+    uint32_t LastKind;
+    Generator Generate;
+};
+
+constexpr GeneratorOfKinds kGenerators[] = {
+    {RTMP_MSG_CONNECT, RTMP_MSG_CONNECT, GenerateCmdMsgRes},
+    {RTMP_MSG_CREATE_STREAM, RTMP_MSG_CREATE_STREAM, GenerateCmdMsgRes},
+    {RTMP_MSG_PLAY, RTMP_MSG_CONNECT_FAILED, GenerateCmdMsgRes},
+    {RTMP_MSG_USTREAM_PONG, RTMP_MSG_USTREAM_PONG, GenerateCmdMsgRes},
+    {RTMP_MSG_STREAM_BEGIN, RTMP_MSG_PING_RESPONSE, GenerateUsrCtrlMsgRes},
+    {RTMP_MSG_SET_CHUNK_SIZE, RTMP_MSG_SET_PEER_BANDWIDTH, GenerateProtoCtrlMsgRes},
+    {RTMP_MSG_DATA_START, RTMP_MSG_SAMPLE_ACCESS, GenerateRtmpDataMsg},
+};
+static_assert(sizeof kGenerators / sizeof kGenerators[0] == 7, "every kind but the media has its generator");
+
+RtmpSendPkt *GenerateReply(RtmpClient *client, void *recvPkt, uint32_t msgKind)
+{
+    for (const GeneratorOfKinds &entry : kGenerators) {
+        if (msgKind >= entry.FirstKind && msgKind <= entry.LastKind) {
+            return entry.Generate(client, recvPkt, msgKind);
+        }
+    }
+    return nullptr;
+}
+
+// A sequence header, ready to send.
+struct TagBody {
+    const uint8_t *Data;
+    uint32_t MediaLength; // without the header of the tag body
+};
+
+int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBody *body)
+{
+    const VdCodecInfo *video = codecInfo->VdCodecInfo;
+    if (video == nullptr || video->AvccBox == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec information not present\n", kWho);
+        return -1;
+    }
+    if (codecInfo->VdCodecId != VIDEO_CODEC_AVC) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", kWho);
+        return -1;
+    }
+    *body = {video->AvccBox, static_cast<uint32_t>(video->AvccBoxLen) - FLV_VIDEO_HDR_LEN};
+    return 0;
+}
+
+int FindAacSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBody *body)
+{
+    const AdCodecInfo *audio = codecInfo->AdCodecInfo;
+    if (audio == nullptr || codecInfo->AdCodecId != AUDIO_CODEC_AAC) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Audio codec not supported\n", kWho);
+        return -1;
+    }
+    *body = {audio->AacSeqHdr, audio->AacSeqHdrLen - FLV_AUDIO_HDR_LEN};
+    return 0;
+}
+
+// The body stays the session's; a record that is replaced meanwhile stays alive.
+int FindSequenceHeader(RtmpClient *client, uint32_t msgKind, TagBody *body)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    const RtmpSession *session = LoadShared(&client->Session);
+    if (session == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Client is not connected to valid session\n", kWho);
+        return -1;
+    }
+    const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
+    if (codecInfo == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Codec information not present in session\n", kWho);
+        return -1;
+    }
+    return msgKind == RTMP_MSG_VIDEO ? FindAvcSequenceHeader(logger, codecInfo, body)
+                                     : FindAacSequenceHeader(logger, codecInfo, body);
+}
+
+} // namespace
+
+RtmpSendPkt *GenerateRtmpMsg(RtmpClient *client, void *recvPkt, uint32_t msgKind)
+{
+    if (client == nullptr) {
+        RtmpLogPrint(nullptr, RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot generate response message of command message\n", __func__);
+        return nullptr;
+    }
+    RtmpSendPkt *pkt = nullptr;
+    if (msgKind == RTMP_MSG_VIDEO || msgKind == RTMP_MSG_AUDIO) {
+        TagBody body = {};
+        if (FindSequenceHeader(client, msgKind, &body) != 0) {
+            return nullptr;
+        }
+        pkt = GenerateRtmpMediaMsg(client, static_cast<int>(msgKind), body.MediaLength, body.Data, 0);
+    } else {
+        pkt = GenerateReply(client, recvPkt, msgKind);
+    }
+    if (pkt == nullptr && msgKind == RTMP_MSG_META_DATA) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot generate meta data message\n", __func__);
+    }
+    if (pkt == nullptr) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot generate response message of command message\n", __func__);
+    }
+    return pkt;
+}

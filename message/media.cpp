@@ -1,0 +1,112 @@
+#include "message/media.h"
+
+#include "core/atomic.h"
+#include "core/record.h"
+#include "delivery/monitor_records.h"
+#include "delivery/queue_records.h"
+#include "media/flv_tag.h"
+#include "message/header_fields.h"
+#include "message/send_list.h"
+#include "net/log.h"
+
+namespace {
+
+constexpr char kWho[] = "GenerateRtmpMediaMsg";
+
+void AddressVideo(const RtmpClient *client, uint32_t length, RtmpSendPkt *pkt)
+{
+    pkt->MsgTypeId = RTMP_TYPE_VIDEO;
+    pkt->ChunkStreamId = client->StatusChunkStreamId;
+    pkt->PayloadLength = length + FLV_VIDEO_HDR_LEN;
+}
+
+void AddressAudio(const RtmpClient *client, uint32_t length, RtmpSendPkt *pkt)
+{
+    pkt->MsgTypeId = RTMP_TYPE_AUDIO;
+    pkt->ChunkStreamId = client->AudioChunkStreamId;
+    pkt->PayloadLength = length + FLV_AUDIO_HDR_LEN;
+}
+
+// Once a chunk stream is running, media time follows the frames and not the wall clock.
+int FollowFrames(RtmpClient *client, uint64_t wantedDelta, RtmpSendPkt *pkt)
+{
+    uint64_t stored = 0;
+    const int found = StoredTimestamp(client, pkt->ChunkStreamId, &stored);
+    if (found == 1) {
+        SetTimestamp(pkt, stored + wantedDelta);
+        SetTimestampDelta(pkt, static_cast<uint32_t>(wantedDelta));
+    }
+    return found < 0 ? -1 : 0;
+}
+
+uint64_t *TimeInQueue(RtmpThreadedQueue *queue, bool isVideo)
+{
+    if (queue == nullptr) {
+        return nullptr;
+    }
+    return isVideo ? &queue->LastVideoRtmpTs : &queue->LastAudioRtmpTs;
+}
+
+uint64_t *TimeInMonitor(RtmpMonitor *monitor, bool isVideo)
+{
+    if (monitor == nullptr) {
+        return nullptr;
+    }
+    return isVideo ? &monitor->LastVideoRtmpTs : &monitor->LastAudioRtmpTs;
+}
+
+// The session's sender puts audio and video in order by these.
+void RecordTime(RtmpClient *client, const RtmpSendPkt *pkt)
+{
+    RtmpSession *session = LoadShared(&client->Session);
+    if (session == nullptr) {
+        return;
+    }
+    const bool isVideo = pkt->MsgKind == RTMP_MSG_VIDEO;
+    uint64_t *lastTime = LoadShared(&session->SenderMode) == RTMP_SENDER_THREADED
+                             ? TimeInQueue(LoadShared(&session->Queue), isVideo)
+                             : TimeInMonitor(LoadShared(&session->Monitor), isVideo);
+    if (lastTime != nullptr) {
+        StoreShared(lastTime, pkt->Timestamp);
+    }
+}
+
+} // namespace
+
+int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
+                     uint64_t wantedDelta, RtmpSendPkt *pkt)
+{
+    if (msgKind == RTMP_MSG_VIDEO) {
+        AddressVideo(client, length, pkt);
+    } else if (msgKind == RTMP_MSG_AUDIO) {
+        AddressAudio(client, length, pkt);
+    } else {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", kWho);
+        return -1;
+    }
+    pkt->MsgKind = static_cast<uint32_t>(msgKind);
+    pkt->PayloadData = const_cast<uint8_t *>(data); // borrowed: nobody writes or frees it
+    SetMsgStreamId(pkt, client->StreamId);
+    StampNow(client, pkt);
+    if (FollowFrames(client, wantedDelta, pkt) != 0) {
+        return -1;
+    }
+    RecordTime(client, pkt);
+    return 0;
+}
+
+RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
+                                  uint64_t wantedDelta)
+{
+    RtmpSendPkt *pkt = NewRecord<RtmpSendPkt>();
+    if (pkt == nullptr) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to sndStrmPkt\n", __func__);
+        return nullptr;
+    }
+    if (FillRtmpMediaMsg(client, msgKind, length, data, wantedDelta, pkt) != 0) {
+        free(pkt); // the payload is borrowed
+        return nullptr;
+    }
+    return pkt;
+}

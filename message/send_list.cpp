@@ -1,0 +1,167 @@
+#include "message/send_list.h"
+
+#include "core/atomic.h"
+#include "net/log.h"
+#include "net/scope.h"
+
+namespace {
+
+int LockSendList(RtmpClient *client, const char *who)
+{
+    if (RtmpMutexLock(&client->SendStrmListLock) == 0) {
+        return 0;
+    }
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock send packet list\n", who);
+    return -1;
+}
+
+int UnlockSendList(RtmpClient *client, const char *who)
+{
+    if (RtmpMutexUnlock(&client->SendStrmListLock) == 0) {
+        return 0;
+    }
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock send packet list\n",
+                 who);
+    return -1;
+}
+
+// The procedures below are called with the list locked.
+
+RtmpSendPkt *FindByChunkStream(const RtmpClient *client, uint32_t chunkStreamId)
+{
+    RtmpSendPkt *pkt = client->SendPktCount > 0 ? client->SendPktHead : nullptr;
+    while (pkt != nullptr && pkt->ChunkStreamId != chunkStreamId) {
+        pkt = pkt->Next;
+    }
+    return pkt;
+}
+
+bool IsStored(const RtmpClient *client, const RtmpSendPkt *wanted)
+{
+    const RtmpSendPkt *pkt = client->SendPktHead;
+    while (pkt != nullptr && pkt != wanted) {
+        pkt = pkt->Next;
+    }
+    return pkt != nullptr;
+}
+
+void Append(RtmpClient *client, RtmpSendPkt *pkt)
+{
+    pkt->Next = nullptr;
+    pkt->Prev = client->SendPktTail;
+    if (client->SendPktTail != nullptr) {
+        client->SendPktTail->Next = pkt;
+    } else {
+        client->SendPktHead = pkt;
+    }
+    client->SendPktTail = pkt;
+    client->SendPktCount++;
+}
+
+void Unlink(RtmpClient *client, RtmpSendPkt *pkt)
+{
+    RtmpSendPkt **fromBefore = pkt->Prev != nullptr ? &pkt->Prev->Next : &client->SendPktHead;
+    RtmpSendPkt **fromBehind = pkt->Next != nullptr ? &pkt->Next->Prev : &client->SendPktTail;
+    *fromBefore = pkt->Next;
+    *fromBehind = pkt->Prev;
+    pkt->Next = nullptr;
+    pkt->Prev = nullptr;
+    client->SendPktCount--;
+}
+
+void FreeAll(RtmpClient *client)
+{
+    while (client->SendPktHead != nullptr) {
+        RtmpSendPkt *pkt = client->SendPktHead;
+        Unlink(client, pkt);
+        FreeSendPkt(pkt);
+    }
+}
+
+// Metadata and sequence headers belong to the session, frames to the host.
+bool IsPayloadBorrowed(const RtmpSendPkt *pkt)
+{
+    return pkt->MsgKind == RTMP_MSG_META_DATA || pkt->MsgKind == RTMP_MSG_VIDEO ||
+           pkt->MsgKind == RTMP_MSG_AUDIO;
+}
+
+} // namespace
+
+void FreeSendPkt(RtmpSendPkt *pkt)
+{
+    if (pkt == nullptr) {
+        return;
+    }
+    if (!IsPayloadBorrowed(pkt)) {
+        free(pkt->PayloadData);
+    }
+    free(pkt);
+}
+
+int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
+{
+    if (LockSendList(client, __func__) != 0) {
+        return -1;
+    }
+    RtmpSendPkt *replaced = FindByChunkStream(client, pkt->ChunkStreamId);
+    if (replaced == pkt) {
+        return UnlockSendList(client, __func__);
+    }
+    if (replaced != nullptr) {
+        Unlink(client, replaced);
+        FreeSendPkt(replaced);
+    }
+    Append(client, pkt);
+    if (UnlockSendList(client, __func__) != 0) {
+        Unlink(client, pkt); // a message that was not added stays its caller's
+        return -1;
+    }
+    return 0;
+}
+
+int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
+{
+    if (LockSendList(client, __func__) != 0) {
+        return -1;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = &client->SendStrmListLock;
+    if (client->SendPktHead == nullptr) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: No Rtmp Send stream packet list\n",
+                     __func__);
+        return -1;
+    }
+    if (pkt == nullptr) {
+        FreeAll(client);
+    } else if (IsStored(client, pkt)) {
+        Unlink(client, pkt);
+        FreeSendPkt(pkt);
+    } else {
+        return -1;
+    }
+    held = nullptr;
+    return UnlockSendList(client, __func__);
+}
+
+RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId)
+{
+    if (LockSendList(client, __func__) != 0) {
+        return nullptr;
+    }
+    RtmpSendPkt *pkt = FindByChunkStream(client, static_cast<uint32_t>(chunkStreamId));
+    return UnlockSendList(client, __func__) == 0 ? pkt : nullptr;
+}
+
+int StoredTimestamp(RtmpClient *client, uint32_t chunkStreamId, uint64_t *timestamp)
+{
+    // It stands in for GetSendPktFromList, whose lines it writes.
+    constexpr char kWho[] = "GetSendPktFromList";
+    if (LockSendList(client, kWho) != 0) {
+        return -1;
+    }
+    const RtmpSendPkt *pkt = FindByChunkStream(client, chunkStreamId);
+    if (pkt != nullptr) {
+        *timestamp = LoadShared(&pkt->Timestamp); // senders move it on without this lock
+    }
+    const int found = pkt != nullptr ? 1 : 0;
+    return UnlockSendList(client, kWho) == 0 ? found : -1;
+}

@@ -1,0 +1,141 @@
+// A server, a session and a client as they are when a player has just connected, a standing clock, and bytes
+// written down by hand.
+#pragma once
+
+#include "message/chunk_header.h"
+#include "message/send_list.h"
+#include "net/platform.h"
+#include "rtmpcast/publish.h"
+#include "support/capture_logger.h"
+#include "wrapped_calls.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+using Lines = std::vector<std::string>;
+
+struct PacketFree {
+    void operator()(RtmpSendPkt *pkt) const
+    {
+        FreeSendPkt(pkt);
+    }
+};
+using Packet = std::unique_ptr<RtmpSendPkt, PacketFree>;
+
+// "02 00 0A" to three bytes.
+inline std::string Hex(const std::string &digits)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        if (digits[i] == ' ') {
+            i--;
+            continue;
+        }
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+// The other way, so that a failed comparison can be read.
+inline std::string Dump(const void *data, size_t length)
+{
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (size_t i = 0; i < length; i++) {
+        const uint8_t byte = static_cast<const uint8_t *>(data)[i];
+        text += text.empty() ? "" : " ";
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
+}
+
+inline std::string Dump(const std::string &bytes)
+{
+    return Dump(bytes.data(), bytes.size());
+}
+
+inline std::string PayloadOf(const RtmpSendPkt *pkt)
+{
+    return Dump(pkt->PayloadData, pkt->PayloadLength);
+}
+
+inline std::string StreamIdOf(const RtmpSendPkt *pkt)
+{
+    return Dump(pkt->MsgStreamId, 4);
+}
+
+class MessageTest : public testing::Test {
+  protected:
+    MessageTest()
+    {
+        wrapped::Reset();
+        wrapped::clockStands = true;
+        wrapped::now = 5000;
+        server.Logger = log.get();
+        server.ConfiguredChunkSize = 4096;
+        server.ChunkSize = 128;
+        server.PeerBandwidth = 6500000;
+        session.Server = &server;
+        client.Server = &server;
+        client.CreateTime = 4000; // the client is one second old: 00 03 E8
+        client.StatusChunkStreamId = 4;
+        client.State = CLIENT_STATE_CONNECT_DONE;
+        EXPECT_EQ(RtmpMutexInit(&client.SendStrmListLock), 0);
+    }
+
+    ~MessageTest() override
+    {
+        wrapped::Reset();
+        if (client.SendPktHead != nullptr) {
+            EXPECT_EQ(RemoveSendPkt(&client, nullptr), 0);
+        }
+        EXPECT_EQ(RtmpMutexDestroy(&client.SendStrmListLock), 0);
+    }
+
+    // The message stored for a chunk stream, as the send path stores it.
+    RtmpSendPkt *Store(uint32_t chunkStreamId, uint64_t timestamp, uint32_t kind = RTMP_MSG_STREAM_BEGIN)
+    {
+        RtmpSendPkt *pkt = static_cast<RtmpSendPkt *>(calloc(1, sizeof(RtmpSendPkt)));
+        pkt->ChunkStreamId = chunkStreamId;
+        pkt->Timestamp = timestamp;
+        pkt->MsgKind = kind;
+        EXPECT_EQ(AddSendPkt(&client, pkt), 0);
+        return pkt;
+    }
+
+    // The request of a decoded command: a name and what stands behind it.
+    RtmpRecvPkt *Request(uint32_t chunkStreamId, uint32_t secondType, double second)
+    {
+        name = {};
+        name.type = AMF_STRING;
+        transaction = {};
+        transaction.type = secondType;
+        transaction.ObjVal.number = second;
+        transaction.prev = &name;
+        name.next = &transaction;
+        values = {2, &name, &transaction};
+        request = {};
+        request.ChunkStreamId = chunkStreamId;
+        request.MsgTypeId = RTMP_TYPE_AMF0_COMMAND;
+        request.Result.Amf = &values;
+        return &request;
+    }
+
+    Packet Generate(void *recvPkt, uint32_t kind)
+    {
+        return Packet(GenerateRtmpMsg(&client, recvPkt, kind));
+    }
+
+    CaptureLogger log;
+    RtmpServer server = {};
+    RtmpSession session = {};
+    RtmpClient client = {};
+    RtmpRecvPkt request = {};
+    AmfObject values = {};
+    AmfObjProperty name = {};
+    AmfObjProperty transaction = {};
+};
