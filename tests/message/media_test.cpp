@@ -203,6 +203,7 @@ TEST_F(MediaMessages, OnlyVideoAndAudioAreMedia)
 TEST_F(MediaMessages, FramesAndRepliesAreStampedAtTheSameTime)
 {
     RtmpSendPkt *stored = Store(5, 0);
+    stored->MsgStreamId[0] = 1; // the client's stream, so that the time moves on
     std::atomic<bool> stop{false};
     std::thread serving([&] {
         while (!stop) {
