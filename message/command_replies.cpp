@@ -143,7 +143,9 @@ void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *reque
     default:
         pkt->ChunkStreamId = client->StatusChunkStreamId - (pkt->MsgKind == RTMP_MSG_PAUSE ? 1 : 0);
         SetMsgStreamId(pkt, client->StreamId);
-        client->StatusChunkStreamId += pkt->MsgKind == RTMP_MSG_PLAY_RESET ? 1 : 0;
+        if (pkt->MsgKind == RTMP_MSG_PLAY_RESET) {
+            client->StatusChunkStreamId++; // no frames go out yet: they read it on another thread
+        }
         break;
     }
 }
