@@ -49,14 +49,14 @@ class ChunkHeader : public MessageTest {
         if (made == nullptr) {
             return "none";
         }
-        const std::string text = Dump(made->Data, made->Length);
+        const std::string text = ToHex(made->Data, made->Length);
         free(made->Data);
         free(made);
         uint8_t room[RTMP_CHUNK_HDR_MAX + 1];
         memset(room, 0x5A, sizeof room);
         RtmpChunkHdr filled = {99, room};
         EXPECT_EQ(FillChunkHdr(pkt, hdrType, &filled), 0);
-        EXPECT_EQ(Dump(filled.Data, filled.Length), text);
+        EXPECT_EQ(ToHex(filled.Data, filled.Length), text);
         EXPECT_EQ(room[filled.Length], 0x5A) << "written behind the header";
         return text;
     }
@@ -215,16 +215,16 @@ TEST_F(ChunkHeader, TheWritersReturnZero)
     uint8_t room[RTMP_CHUNK_HDR_MAX] = {};
     RtmpChunkHdr hdr = {12, room};
     EXPECT_EQ(GenRtmpType0MsgHdr(&pkt, &hdr), 0);
-    EXPECT_EQ(Dump(room, 12), "05 01 02 03 0A 0B 0C 09 44 33 22 11");
+    EXPECT_EQ(ToHex(room, 12), "05 01 02 03 0A 0B 0C 09 44 33 22 11");
     hdr.Length = 8;
     EXPECT_EQ(GenRtmpType1MsgHdr(&pkt, &hdr), 0);
-    EXPECT_EQ(Dump(room, 8), "45 00 00 28 0A 0B 0C 09");
+    EXPECT_EQ(ToHex(room, 8), "45 00 00 28 0A 0B 0C 09");
     hdr.Length = 4;
     EXPECT_EQ(GenRtmpType2MsgHdr(&pkt, &hdr), 0);
-    EXPECT_EQ(Dump(room, 4), "85 00 00 28");
+    EXPECT_EQ(ToHex(room, 4), "85 00 00 28");
     hdr.Length = 3;
     EXPECT_EQ(GenRtmpType3MsgHdr(320, &hdr), 0);
-    EXPECT_EQ(Dump(room, 3), "C1 01 00");
+    EXPECT_EQ(ToHex(room, 3), "C1 01 00");
 }
 
 // ------------------------------------------------------------------------------------ which type it will be

@@ -11,7 +11,7 @@ const char kOnStatus[] = "02 00 08 6F 6E 53 74 61 74 75 73 00 00 00 00 00 00 00 
 // A string member of an object: its name, marker 02, its value.
 std::string Member(const std::string &name, const std::string &value)
 {
-    return Hex("00") + static_cast<char>(name.size()) + name + Hex("02 00") +
+    return FromHex("00") + static_cast<char>(name.size()) + name + FromHex("02 00") +
            static_cast<char>(value.size()) + value;
 }
 
@@ -53,13 +53,13 @@ TEST_F(CommandReplies, AConnectAfterAPlayNamesTheStreamToo)
     wrapped::now = 5001; // 0x1389
     const Packet pkt = Generate(Request(3, AMF_NUMBER, 1), RTMP_MSG_CONNECT);
     EXPECT_EQ(PayloadOf(pkt.get()),
-              Dump(Hex("02 00 07") + "_result" + Hex("00 3F F0 00 00 00 00 00 00 03") +
-                   Member("fmsVer", "FMS/3,5,1,516") + Hex("00 0C") + "capabilities" +
-                   Hex("00 40 3F 00 00 00 00 00 00 00 04") + "mode" + Hex("00 3F F0 00 00 00 00 00 00") +
-                   Hex("00 00 09 03") + Member("level", "status") +
-                   Member("code", "NetConnection.Connect.Success") +
-                   Member("description", "Connection succeeded live") + Member("details", "live") +
-                   Member("clientid", "1389") + Hex("00 00 09")));
+              ToHex(FromHex("02 00 07") + "_result" + FromHex("00 3F F0 00 00 00 00 00 00 03") +
+                    Member("fmsVer", "FMS/3,5,1,516") + FromHex("00 0C") + "capabilities" +
+                    FromHex("00 40 3F 00 00 00 00 00 00 00 04") + "mode" +
+                    FromHex("00 3F F0 00 00 00 00 00 00") + FromHex("00 00 09 03") +
+                    Member("level", "status") + Member("code", "NetConnection.Connect.Success") +
+                    Member("description", "Connection succeeded live") + Member("details", "live") +
+                    Member("clientid", "1389") + FromHex("00 00 09")));
 }
 
 TEST_F(CommandReplies, EveryCreateStreamCountsTheStreamsUp)
@@ -120,8 +120,8 @@ TEST_F(CommandReplies, EveryStatusWithoutAStreamName)
         const Packet pkt = Generate(nullptr, row.kind);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(PayloadOf(pkt.get()),
-                  Dump(Hex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
-                       Member("description", row.description) + Hex("00 00 09")));
+                  ToHex(FromHex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
+                        Member("description", row.description) + FromHex("00 00 09")));
         EXPECT_EQ(pkt->ChunkStreamId, row.chunkStreamId);
         EXPECT_EQ(pkt->MsgTypeId, 20U);
         EXPECT_EQ(pkt->MsgKind, row.kind);
@@ -143,9 +143,9 @@ TEST_F(CommandReplies, EveryStatusWithAStreamName)
         const Packet pkt = Generate(nullptr, row.kind);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(PayloadOf(pkt.get()),
-                  Dump(Hex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
-                       Member("description", row.description + std::string(" camera")) +
-                       Member("details", "camera") + Member("clientid", "1388") + Hex("00 00 09")));
+                  ToHex(FromHex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
+                        Member("description", row.description + std::string(" camera")) +
+                        Member("details", "camera") + Member("clientid", "1388") + FromHex("00 00 09")));
     }
 }
 
@@ -181,7 +181,7 @@ TEST_F(CommandReplies, RefusalsGoOutWithoutABasicHeader)
     const Packet pkt = Generate(nullptr, RTMP_MSG_CONNECT_FAILED);
     RtmpChunkHdr *hdr = GenerateChunkHdr(&client, pkt.get(), RTMP_MSG_CONNECT_FAILED, 0);
     // 22 + (7 + 3 + 5) + (6 + 3 + 28) + (13 + 3 + 17) + 3 = 110 bytes of payload
-    EXPECT_EQ(Dump(hdr->Data, hdr->Length), "00 03 E8 00 00 6E 14 00 00 00 00 00 00");
+    EXPECT_EQ(ToHex(hdr->Data, hdr->Length), "00 03 E8 00 00 6E 14 00 00 00 00 00 00");
     free(hdr->Data);
     free(hdr);
 }
@@ -214,17 +214,17 @@ TEST_F(CommandReplies, APongIsStampedLikeEveryMessage)
     Store(0, 700);
     const Packet pong = Generate(nullptr, RTMP_MSG_USTREAM_PONG);
     EXPECT_EQ(pong->Timestamp, 1000U);
-    EXPECT_EQ(Dump(pong->HdrTimestamp, 3), "00 03 E8");
-    EXPECT_EQ(Dump(pong->HdrTimestampDelta, 3), "00 01 2C");
+    EXPECT_EQ(ToHex(pong->HdrTimestamp, 3), "00 03 E8");
+    EXPECT_EQ(ToHex(pong->HdrTimestampDelta, 3), "00 01 2C");
 }
 
 TEST_F(CommandReplies, TheDeltaIsTakenAgainstTheChunkStreamTheReplyGoesOutOn)
 {
     Store(3, 600);
     Store(4, 900);
-    EXPECT_EQ(Dump(Generate(Request(3, AMF_NUMBER, 1), RTMP_MSG_CONNECT)->HdrTimestampDelta, 3), "00 01 90");
-    EXPECT_EQ(Dump(Generate(nullptr, RTMP_MSG_PLAY_RESET)->HdrTimestampDelta, 3), "00 00 64");
-    EXPECT_EQ(Dump(Generate(nullptr, RTMP_MSG_PLAY_START)->HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(Generate(Request(3, AMF_NUMBER, 1), RTMP_MSG_CONNECT)->HdrTimestampDelta, 3), "00 01 90");
+    EXPECT_EQ(ToHex(Generate(nullptr, RTMP_MSG_PLAY_RESET)->HdrTimestampDelta, 3), "00 00 64");
+    EXPECT_EQ(ToHex(Generate(nullptr, RTMP_MSG_PLAY_START)->HdrTimestampDelta, 3), "00 00 00");
 }
 
 // ------------------------------------------------------------------------------ transaction ids of requests

@@ -38,8 +38,8 @@ TEST_F(Control, EveryControlMessageGoesOutOnChunkStreamTwo)
         EXPECT_EQ(PayloadOf(pkt.get()), row.payload);
         EXPECT_EQ(StreamIdOf(pkt.get()), "00 00 00 00");
         EXPECT_EQ(pkt->Timestamp, 1000U);
-        EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), "00 03 E8");
-        EXPECT_EQ(Dump(pkt->HdrTimestampDelta, 3), "00 00 00");
+        EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "00 03 E8");
+        EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), "00 00 00");
     }
     EXPECT_EQ(log.lines(), Lines{});
 }
@@ -54,12 +54,12 @@ TEST_F(Control, TheConnectionLevelStreamIdIsUsedWhateverItIs)
 TEST_F(Control, TheFirstDeltaIsZeroAndTheSecondIsTheDifference)
 {
     Packet first = Generate(nullptr, RTMP_MSG_WINDOW_ACK_SIZE);
-    EXPECT_EQ(Dump(first->HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(first->HdrTimestampDelta, 3), "00 00 00");
     EXPECT_EQ(AddSendPkt(&client, first.release()), 0);
     wrapped::now = 5258;
     const Packet second = Generate(nullptr, RTMP_MSG_STREAM_BEGIN);
-    EXPECT_EQ(Dump(second->HdrTimestampDelta, 3), "00 01 02");
-    EXPECT_EQ(Dump(second->HdrTimestamp, 3), "00 04 EA");
+    EXPECT_EQ(ToHex(second->HdrTimestampDelta, 3), "00 01 02");
+    EXPECT_EQ(ToHex(second->HdrTimestamp, 3), "00 04 EA");
 }
 
 TEST_F(Control, AnOldConnectionSendsExtendedTimes)
@@ -67,10 +67,10 @@ TEST_F(Control, AnOldConnectionSendsExtendedTimes)
     Store(2, 5);
     wrapped::now = 4000 + 0x01000005;
     const Packet pkt = Generate(nullptr, RTMP_MSG_STREAM_BEGIN);
-    EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), "FF FF FF");
-    EXPECT_EQ(Dump(pkt->ExtTimestamp, 4), "01 00 00 05");
-    EXPECT_EQ(Dump(pkt->HdrTimestampDelta, 3), "FF FF FF");
-    EXPECT_EQ(Dump(pkt->ExtTimestampDelta, 4), "01 00 00 00");
+    EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "FF FF FF");
+    EXPECT_EQ(ToHex(pkt->ExtTimestamp, 4), "01 00 00 05");
+    EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), "FF FF FF");
+    EXPECT_EQ(ToHex(pkt->ExtTimestampDelta, 4), "01 00 00 00");
 }
 
 struct ChunkSizeRow {
@@ -134,7 +134,7 @@ TEST_F(Control, APingIsAnsweredWithItsOwnTimeAndAZeroHeaderTime)
     EXPECT_EQ(pkt->ChunkStreamId, 2U);
     EXPECT_EQ(pkt->Timestamp, 0x02000000U);
     RtmpChunkHdr *hdr = GenerateChunkHdr(&client, pkt.get(), RTMP_MSG_PING_RESPONSE, 0);
-    EXPECT_EQ(Dump(hdr->Data, hdr->Length), "02 00 00 00 00 00 06 04 00 00 00 00");
+    EXPECT_EQ(ToHex(hdr->Data, hdr->Length), "02 00 00 00 00 00 06 04 00 00 00 00");
     free(hdr->Data);
     free(hdr);
 }

@@ -37,7 +37,7 @@ TEST_F(DataMessages, DataStart)
     EXPECT_EQ(pkt->MsgKind, 48U);
     EXPECT_EQ(pkt->ChunkStreamId, 5U);
     EXPECT_EQ(StreamIdOf(pkt.get()), "01 00 00 00");
-    EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), "00 03 E8");
+    EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "00 03 E8");
 }
 
 TEST_F(DataMessages, SampleAccess)
@@ -66,16 +66,16 @@ TEST_F(DataMessages, MetaDataIsTheSessionsOwnBodyAndOutlivesTheMessage)
         EXPECT_EQ(pkt->ChunkStreamId, 5U);
         EXPECT_EQ(StreamIdOf(pkt.get()), "01 00 00 00");
     }
-    EXPECT_EQ(Dump(body, 3), "02 00 0A");
+    EXPECT_EQ(ToHex(body, 3), "02 00 0A");
 }
 
 TEST_F(DataMessages, DeltasAreTakenAgainstTheStatusChunkStream)
 {
     Store(5, 990);
-    EXPECT_EQ(Dump(Generate(nullptr, RTMP_MSG_DATA_START)->HdrTimestampDelta, 3), "00 00 0A");
+    EXPECT_EQ(ToHex(Generate(nullptr, RTMP_MSG_DATA_START)->HdrTimestampDelta, 3), "00 00 0A");
     session.CodecInfo = &codec;
     client.Session = &session;
-    EXPECT_EQ(Dump(Generate(nullptr, RTMP_MSG_META_DATA)->HdrTimestampDelta, 3), "00 00 0A");
+    EXPECT_EQ(ToHex(Generate(nullptr, RTMP_MSG_META_DATA)->HdrTimestampDelta, 3), "00 00 0A");
 }
 
 TEST_F(DataMessages, WithoutASessionThereIsNoMetaData)

@@ -92,7 +92,7 @@ TEST_F(GenerateMessage, ASequenceHeaderHasTheTimeOfTheMessageBeforeIt)
     Store(5, 700);
     const Packet pkt = Generate(nullptr, RTMP_MSG_VIDEO);
     EXPECT_EQ(pkt->Timestamp, 700U);
-    EXPECT_EQ(Dump(pkt->HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), "00 00 00");
 }
 
 struct RefusalRow {
@@ -198,7 +198,7 @@ TEST_F(GenerateMessage, TheHeadersOfAConnectSequence)
         RtmpSendPkt *previous = GetSendPktFromList(&client, static_cast<int>(pkt->ChunkStreamId));
         RtmpChunkHdr *hdr =
             GenerateChunkHdr(&client, pkt.get(), row.kind, DecideMsgHdrType(pkt.get(), previous));
-        EXPECT_EQ(Dump(hdr->Data, hdr->Length), row.header) << row.kind;
+        EXPECT_EQ(ToHex(hdr->Data, hdr->Length), row.header) << row.kind;
         free(hdr->Data);
         free(hdr);
         if (previous == nullptr) {

@@ -26,9 +26,9 @@ TEST(HeaderFields, TimestampsBeyond24BitsGoIntoTheExtendedField)
         RtmpSendPkt pkt = {};
         SetTimestamp(&pkt, row.value);
         EXPECT_EQ(pkt.Timestamp, row.value);
-        EXPECT_EQ(Dump(pkt.HdrTimestamp, 3), row.field);
-        EXPECT_EQ(Dump(pkt.ExtTimestamp, 4), row.extended);
-        EXPECT_EQ(Dump(pkt.HdrTimestampDelta, 3), "00 00 00");
+        EXPECT_EQ(ToHex(pkt.HdrTimestamp, 3), row.field);
+        EXPECT_EQ(ToHex(pkt.ExtTimestamp, 4), row.extended);
+        EXPECT_EQ(ToHex(pkt.HdrTimestampDelta, 3), "00 00 00");
     }
 }
 
@@ -38,9 +38,9 @@ TEST(HeaderFields, DeltasBeyond24BitsGoIntoTheExtendedField)
         SCOPED_TRACE(row.sentence);
         RtmpSendPkt pkt = {};
         SetTimestampDelta(&pkt, static_cast<uint32_t>(row.value));
-        EXPECT_EQ(Dump(pkt.HdrTimestampDelta, 3), row.field);
-        EXPECT_EQ(Dump(pkt.ExtTimestampDelta, 4), row.extended);
-        EXPECT_EQ(Dump(pkt.HdrTimestamp, 3), "00 00 00");
+        EXPECT_EQ(ToHex(pkt.HdrTimestampDelta, 3), row.field);
+        EXPECT_EQ(ToHex(pkt.ExtTimestampDelta, 4), row.extended);
+        EXPECT_EQ(ToHex(pkt.HdrTimestamp, 3), "00 00 00");
     }
 }
 
@@ -49,8 +49,8 @@ TEST(HeaderFields, AfterFortyNineDaysTheExtendedTimestampWraps)
     RtmpSendPkt pkt = {};
     SetTimestamp(&pkt, 0x100000005);
     EXPECT_EQ(pkt.Timestamp, 0x100000005U);
-    EXPECT_EQ(Dump(pkt.HdrTimestamp, 3), "FF FF FF");
-    EXPECT_EQ(Dump(pkt.ExtTimestamp, 4), "00 00 00 05");
+    EXPECT_EQ(ToHex(pkt.HdrTimestamp, 3), "FF FF FF");
+    EXPECT_EQ(ToHex(pkt.ExtTimestamp, 4), "00 00 00 05");
 }
 
 TEST(HeaderFields, ASecondTimestampLeavesNothingOfTheFirst)
@@ -58,8 +58,8 @@ TEST(HeaderFields, ASecondTimestampLeavesNothingOfTheFirst)
     RtmpSendPkt pkt = {};
     SetTimestamp(&pkt, 0x12345678);
     SetTimestamp(&pkt, 7);
-    EXPECT_EQ(Dump(pkt.HdrTimestamp, 3), "00 00 07");
-    EXPECT_EQ(Dump(pkt.ExtTimestamp, 4), "00 00 00 00");
+    EXPECT_EQ(ToHex(pkt.HdrTimestamp, 3), "00 00 07");
+    EXPECT_EQ(ToHex(pkt.ExtTimestamp, 4), "00 00 00 00");
 }
 
 TEST(HeaderFields, TheStreamIdIsLittleEndian)
@@ -76,7 +76,7 @@ TEST_F(HeaderFieldsOfAClient, AMessageIsStampedWithTheAgeOfTheClient)
     RtmpSendPkt pkt = {};
     StampNow(&client, &pkt);
     EXPECT_EQ(pkt.Timestamp, 1000U);
-    EXPECT_EQ(Dump(pkt.HdrTimestamp, 3), "00 03 E8");
+    EXPECT_EQ(ToHex(pkt.HdrTimestamp, 3), "00 03 E8");
 }
 
 TEST_F(HeaderFieldsOfAClient, TheDeltaIsZeroUntilAMessageIsStored)
@@ -85,10 +85,10 @@ TEST_F(HeaderFieldsOfAClient, TheDeltaIsZeroUntilAMessageIsStored)
     pkt.ChunkStreamId = 4;
     pkt.Timestamp = 1000;
     EXPECT_EQ(MeasureDelta(&client, &pkt), 0);
-    EXPECT_EQ(Dump(pkt.HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(pkt.HdrTimestampDelta, 3), "00 00 00");
     Store(3, 1);
     EXPECT_EQ(MeasureDelta(&client, &pkt), 0);
-    EXPECT_EQ(Dump(pkt.HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(pkt.HdrTimestampDelta, 3), "00 00 00");
 }
 
 struct DeltaRow {
@@ -117,8 +117,8 @@ TEST_F(HeaderFieldsOfAClient, TheDeltaIsTheDifferenceToTheStoredMessage)
         pkt.ChunkStreamId = 4;
         pkt.Timestamp = row.fresh;
         EXPECT_EQ(MeasureDelta(&client, &pkt), 0);
-        EXPECT_EQ(Dump(pkt.HdrTimestampDelta, 3), row.field);
-        EXPECT_EQ(Dump(pkt.ExtTimestampDelta, 4), row.extended);
+        EXPECT_EQ(ToHex(pkt.HdrTimestampDelta, 3), row.field);
+        EXPECT_EQ(ToHex(pkt.ExtTimestampDelta, 4), row.extended);
     }
 }
 

@@ -56,8 +56,8 @@ TEST_F(MediaMessages, TheFirstMessageFollowsTheWallClock)
 {
     const Packet pkt = Media(RTMP_MSG_VIDEO, 100, 40);
     EXPECT_EQ(pkt->Timestamp, 1000U);
-    EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), "00 03 E8");
-    EXPECT_EQ(Dump(pkt->HdrTimestampDelta, 3), "00 00 00");
+    EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "00 03 E8");
+    EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), "00 00 00");
 }
 
 struct RunningRow {
@@ -88,10 +88,10 @@ TEST_F(MediaMessages, OnceAMessageIsStoredTimeFollowsTheFrames)
             Store(kind == RTMP_MSG_VIDEO ? 5 : 6, row.stored);
             const Packet pkt = Media(kind, 100, row.wanted);
             EXPECT_EQ(pkt->Timestamp, row.timestamp);
-            EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), row.field);
-            EXPECT_EQ(Dump(pkt->ExtTimestamp, 4), row.extended);
-            EXPECT_EQ(Dump(pkt->HdrTimestampDelta, 3), row.delta);
-            EXPECT_EQ(Dump(pkt->ExtTimestampDelta, 4), row.extendedDelta);
+            EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), row.field);
+            EXPECT_EQ(ToHex(pkt->ExtTimestamp, 4), row.extended);
+            EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), row.delta);
+            EXPECT_EQ(ToHex(pkt->ExtTimestampDelta, 4), row.extendedDelta);
             EXPECT_EQ(kind == RTMP_MSG_VIDEO ? monitor.LastVideoRtmpTs : monitor.LastAudioRtmpTs,
                       row.timestamp);
         }
@@ -103,8 +103,8 @@ TEST_F(MediaMessages, TheWallClockOfAnOldClientLeavesNothingInTheExtendedField)
     Store(5, 100);
     wrapped::now = 4000 + 0x12345678;
     const Packet pkt = Media(RTMP_MSG_VIDEO, 100, 40);
-    EXPECT_EQ(Dump(pkt->HdrTimestamp, 3), "00 00 8C");
-    EXPECT_EQ(Dump(pkt->ExtTimestamp, 4), "00 00 00 00");
+    EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "00 00 8C");
+    EXPECT_EQ(ToHex(pkt->ExtTimestamp, 4), "00 00 00 00");
 }
 
 TEST_F(MediaMessages, ARunOfFramesAdvancesByItsOwnDeltas)

@@ -26,7 +26,7 @@ struct PacketFree {
 using Packet = std::unique_ptr<RtmpSendPkt, PacketFree>;
 
 // "02 00 0A" to three bytes.
-inline std::string Hex(const std::string &digits)
+inline std::string FromHex(const std::string &digits)
 {
     std::string bytes;
     for (size_t i = 0; i + 1 < digits.size(); i += 2) {
@@ -40,7 +40,7 @@ inline std::string Hex(const std::string &digits)
 }
 
 // The other way, so that a failed comparison can be read.
-inline std::string Dump(const void *data, size_t length)
+inline std::string ToHex(const void *data, size_t length)
 {
     static const char kDigits[] = "0123456789ABCDEF";
     std::string text;
@@ -53,19 +53,19 @@ inline std::string Dump(const void *data, size_t length)
     return text;
 }
 
-inline std::string Dump(const std::string &bytes)
+inline std::string ToHex(const std::string &bytes)
 {
-    return Dump(bytes.data(), bytes.size());
+    return ToHex(bytes.data(), bytes.size());
 }
 
 inline std::string PayloadOf(const RtmpSendPkt *pkt)
 {
-    return Dump(pkt->PayloadData, pkt->PayloadLength);
+    return ToHex(pkt->PayloadData, pkt->PayloadLength);
 }
 
 inline std::string StreamIdOf(const RtmpSendPkt *pkt)
 {
-    return Dump(pkt->MsgStreamId, 4);
+    return ToHex(pkt->MsgStreamId, 4);
 }
 
 class MessageTest : public testing::Test {

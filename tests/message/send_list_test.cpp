@@ -141,7 +141,7 @@ TEST_F(SendList, PayloadsAreFreedUnlessTheyAreBorrowed)
         pkt->PayloadData = isBorrowed ? borrowed : static_cast<uint8_t *>(calloc(1, 4));
         EXPECT_EQ(kind % 2 == 0 ? RemoveSendPkt(&client, pkt) : RemoveSendPkt(&client, nullptr), 0);
     }
-    EXPECT_EQ(Dump(borrowed, 4), "01 02 03 04");
+    EXPECT_EQ(ToHex(borrowed, 4), "01 02 03 04");
     FreeSendPkt(nullptr);
 }
 
