@@ -19,6 +19,7 @@ extern "C" {
 
 void *__real_calloc(size_t count, size_t size);
 void *__real_malloc(size_t size);
+void *__real_realloc(void *memory, size_t size);
 
 void *__wrap_calloc(size_t count, size_t size)
 {
@@ -28,6 +29,11 @@ void *__wrap_calloc(size_t count, size_t size)
 void *__wrap_malloc(size_t size)
 {
     return MustFail() ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_realloc(void *memory, size_t size)
+{
+    return MustFail() ? nullptr : __real_realloc(memory, size);
 }
 }
 
