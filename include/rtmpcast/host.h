@@ -85,7 +85,8 @@ void publishChangeState(RtmpClient *client, int32_t state);
 
 /**
  * PublishUstreamRecord asks the host to restart recording on the streaming service: `action` is "start".
- * Called on the thread that handles the service's messages, no locks held. Default: nothing.
+ * Called on the thread that handles the client's messages, no locks held, whoever sent the notice: check
+ * `client->PublishCtx`, which is null for a player. Default: nothing.
  */
 void PublishUstreamRecord(RtmpClient *client, const char *action);
 
