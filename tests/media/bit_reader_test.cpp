@@ -108,6 +108,7 @@ TEST(BitReader, ASkipBeyondTheEndRestsThereAndReadsNothing)
     for (const int32_t n : {16, 17, 1000, INT32_MAX}) {
         BitStructure bits = ReaderOver(bytes);
         BitStructureSkip(&bits, n);
+        EXPECT_EQ(bits.bitsLeft, 8) << n;
         BitStructureSkip(&bits, n);
         EXPECT_EQ(bits.cur, bits.end) << n;
         EXPECT_EQ(BitStructureReadOne(&bits), 0U);

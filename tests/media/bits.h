@@ -1,12 +1,12 @@
 // Bits written as ITU-T H.264 writes them, independently of the library's reader.
 #pragma once
 
+#include "support/bytes.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-using Bytes = std::vector<uint8_t>;
 
 class BitWriter {
   public:
@@ -77,12 +77,6 @@ class ExactBytes {
     size_t size_;
     std::unique_ptr<uint8_t[]> data_;
 };
-
-inline Bytes operator+(Bytes left, const Bytes &right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 inline Bytes FirstOf(const Bytes &bytes, size_t count)
 {

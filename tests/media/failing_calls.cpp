@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <string>
 
 namespace {
 
@@ -10,6 +11,7 @@ std::atomic<int> untilFailure = 0;
 std::atomic<bool> failed = false;
 std::atomic<pthread_mutex_t *> failingLock = nullptr;
 std::atomic<pthread_mutex_t *> failingUnlock = nullptr;
+std::string lastBoolean;
 
 } // namespace
 
@@ -34,11 +36,17 @@ void FailUnlockOf(RtmpMutex *mutex)
     failingUnlock = mutex;
 }
 
+std::string LastBoolean()
+{
+    return lastBoolean;
+}
+
 extern "C" {
 
 void *__real_calloc(size_t count, size_t size);
 int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
+int __real_WriteAmfBoolean(RtmpServer *server, AmfObject *into, const char *name, uint8_t value);
 
 void *__wrap_calloc(size_t count, size_t size)
 {
@@ -57,5 +65,11 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex)
 int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex)
 {
     return mutex == failingUnlock ? EINVAL : __real_pthread_mutex_unlock(mutex);
+}
+
+int __wrap_WriteAmfBoolean(RtmpServer *server, AmfObject *into, const char *name, uint8_t value)
+{
+    lastBoolean = std::string(name) + "=" + std::to_string(value);
+    return __real_WriteAmfBoolean(server, into, name, value);
 }
 }

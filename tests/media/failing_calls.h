@@ -1,4 +1,4 @@
-// Makes single allocations and mutex calls of the library fail.
+// Makes single allocations and mutex calls of the library fail, and sees a value that never reaches the wire.
 #pragma once
 
 #include "rtmpcast/types.h"
@@ -12,3 +12,6 @@ bool AllocationFailed();
 // Locking or unlocking this very mutex fails; null: none does.
 void FailLockOf(RtmpMutex *mutex);
 void FailUnlockOf(RtmpMutex *mutex);
+
+// LastBoolean returns "name=value" of the last WriteAmfBoolean.
+std::string LastBoolean();

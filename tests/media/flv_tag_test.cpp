@@ -213,10 +213,16 @@ TEST_F(FlvTag, AnUnknownBitrateHasNoMemberAndASmallOneIsZero)
     EXPECT_EQ(metadata(), kOpening + kVideo + kRate0 + kEnd);
 }
 
-TEST_F(FlvTag, MonoAndStereoLookTheSameOnTheWire)
+TEST_F(FlvTag, StereoIsZeroForTwoChannelsAndOneForAnyOtherCountAndOnlyItsNameIsSent)
 {
-    describeAudio(44100, 1);
-    EXPECT_EQ(metadata(), kOpening + kAudio + kEnd + kWhatStereoLeaves);
+    describeAudio(44100, 2);
+    for (const uint32_t channels : {0U, 1U, 2U, 6U}) {
+        session.CodecInfo->AdCodecInfo->channels = channels;
+        EXPECT_EQ(metadata(), kOpening + kAudio + kEnd + kWhatStereoLeaves) << channels;
+        EXPECT_EQ(LastBoolean(), channels == 2 ? "stereo=0" : "stereo=1") << channels;
+        free(session.CodecInfo->MetaData);
+        session.CodecInfo->MetaData = nullptr;
+    }
 }
 
 TEST_F(FlvTag, ASampleRateOfZeroIsWritten)

@@ -274,6 +274,13 @@ TEST_F(MediaInfo, AVideoBitrateUpToTheLimitLeavesThem)
     EXPECT_EQ(server.PeerBandwidth, 6500001U);
 }
 
+TEST_F(MediaInfo, ABitrateOfTheLimitItselfTouchesNeither)
+{
+    server.PeerBandwidth = 1;
+    EXPECT_EQ(addVideo(kConfig720, 6000000), 0);
+    EXPECT_EQ(server.PeerBandwidth, 1U);
+}
+
 TEST_F(MediaInfo, AnUnknownBitrateRaisesNothingEvenFromZero)
 {
     server.BaseBandwidth = 0;
