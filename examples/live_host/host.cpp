@@ -1,0 +1,163 @@
+#include "host.h"
+
+namespace {
+
+void writeLine(void *context, uint8_t level, const char *format, va_list arguments)
+{
+    static_cast<Console *>(context)->libraryLine(level, format, arguments);
+}
+
+std::string whyNoServer(int code, const Options &options)
+{
+    const std::string ports =
+        "port " + std::to_string(options.rtmpPort) +
+        (options.rtmptPort != 0 ? " or " + std::to_string(options.rtmptPort) : std::string());
+    switch (code) {
+    case RTMP_ERR_IP_ADDRESS:
+        return "no network interface '" + options.interfaceName + "' with an IPv4 address";
+    case RTMP_ERR_BIND:
+        return ports + " is taken, or needs privileges";
+    case RTMP_ERR_LISTEN:
+        return "cannot listen on " + ports;
+    default:
+        return "the server cannot be made (code " + std::to_string(code) + ")";
+    }
+}
+
+std::string whyNoMedia(int code)
+{
+    switch (code) {
+    case RTMP_ERR_VIDEO_INFO:
+        return "its video configuration was refused";
+    case RTMP_ERR_AUDIO_INFO:
+        return "its audio configuration was refused";
+    default:
+        return "its media were refused (code " + std::to_string(code) + ")";
+    }
+}
+
+} // namespace
+
+Host::Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters)
+    : console_(console), logger_{writeLine, &console}, counters_(counters)
+{
+    if (options.zeroCopy) {
+        memory_ = std::make_unique<MemoryFile>(size_t{options.zeroCopyMib} << 20);
+    }
+    int code = 0;
+    server_ =
+        RtmpServerCreate(&logger_, options.interfaceName.c_str(), static_cast<uint16_t>(options.rtmpPort),
+                         static_cast<uint16_t>(options.rtmptPort), static_cast<uint8_t>(options.dscp),
+                         static_cast<int32_t>(options.chunkSize), &code);
+    if (server_ == nullptr) {
+        throw HostError(whyNoServer(code, options));
+    }
+    try {
+        for (const std::string &name : options.sessions) {
+            addSession(name, options, media);
+        }
+    } catch (const HostError &) {
+        destroyAll();
+        throw;
+    }
+}
+
+Host::~Host()
+{
+    destroyAll();
+}
+
+void Host::addSession(const std::string &name, const Options &options, const MediaDescription &media)
+{
+    int code = 0;
+    RtmpSession *session = RtmpSessionCreate(server_, name.c_str(), &code);
+    if (session == nullptr) {
+        throw HostError("session '" + name + "' cannot be made (code " + std::to_string(code) + ")");
+    }
+    sessions_.push_back(session);
+    applySettings(session, options);
+
+    const VideoMediaInfo video = {.codecId = 7, // AVC
+                                  .bitrate =
+                                      options.videoBitrate != 0 ? options.videoBitrate : media.videoBitrate,
+                                  .opaque = {},
+                                  .configLen = static_cast<int32_t>(media.videoConfig.size()),
+                                  .configData = media.videoConfig.data()};
+    const AudioMediaInfo audio = {.codecId = 10, // AAC
+                                  .opaque = 0,
+                                  .configLen = static_cast<int32_t>(media.audioConfig.size()),
+                                  .configData = media.audioConfig.data()};
+    code = RtmpAddMediaInfo(session, media.videoConfig.empty() ? nullptr : &video,
+                            media.audioConfig.empty() ? nullptr : &audio);
+    if (code != RTMP_OK) {
+        throw HostError("session '" + name + "': " + whyNoMedia(code));
+    }
+}
+
+// These settings report nothing; what fails in them is in the library's log.
+void Host::applySettings(RtmpSession *session, const Options &options)
+{
+    const SenderOptions &sender = options.sender;
+    (void)RtmpSenderSettings(session, sender.mode, sender.param, static_cast<uint8_t>(sender.flag),
+                             sender.encoderHandle, static_cast<uint8_t>(sender.captionMode),
+                             sender.statsInterval, sender.audioQueue, sender.videoQueue);
+    if (options.bandwidthWindow != 0) {
+        (void)RtmpBWMSettings(session, 1, options.bandwidthWindow);
+    }
+    const TraceOptions &trace = options.trace;
+    if (!trace.directory.empty() || trace.burnIn) {
+        (void)RtmpDebugSettings(session, 1, trace.burnIn, !trace.directory.empty(), trace.directory.c_str(),
+                                trace.every);
+    }
+    const AdaptiveOptions &adaptive = options.adaptive;
+    if (adaptive.enabled) {
+        (void)RtmpAdaptiveBitrateSettings(
+            session, 1, 0, 0, adaptive.minBitrate, adaptive.startDelay, adaptive.increaseFullness,
+            adaptive.increasePercent, adaptive.increaseMinStep, adaptive.increaseInterval,
+            adaptive.decreaseFullness, adaptive.decreasePercent, adaptive.decreaseFullnessHigh,
+            adaptive.decreasePercentHigh, adaptive.decreaseInterval, 0);
+    }
+}
+
+void Host::send(const Frame &frame, uint64_t timestamp)
+{
+    const uint8_t *data = memory_ ? memory_->place(frame.data) : frame.data.data();
+    const int32_t file = memory_ ? memory_->descriptor() : 0;
+    const uint64_t base = memory_ ? memory_->base() : 0;
+    const int64_t type = frame.type == MediaType::Video ? RTMP_FRAME_VIDEO : RTMP_FRAME_AUDIO;
+    int32_t viewers = 0;
+    for (RtmpSession *session : sessions_) {
+        count(
+            RtmpSendData(session, data, static_cast<int32_t>(frame.data.size()), file, base, timestamp, type),
+            frame.data.size());
+        viewers += __atomic_load_n(&session->ClientCount, __ATOMIC_RELAXED);
+    }
+    counters_.viewers = viewers;
+}
+
+void Host::count(int32_t status, size_t bytes)
+{
+    if (status == RTMP_OK) {
+        ++counters_.sent;
+        counters_.bytes += bytes;
+    } else if (status == RTMP_ERR_NO_CLIENT) {
+        ++counters_.unwatched;
+    } else {
+        ++counters_.dropped; // why is in the library's log
+    }
+}
+
+void Host::destroyAll()
+{
+    for (RtmpSession *session : sessions_) {
+        const int code = RtmpSessionDestroy(session);
+        if (code != RTMP_OK) {
+            console_.warn("a session did not end (code " + std::to_string(code) + ")");
+        }
+    }
+    sessions_.clear();
+    const int code = RtmpServerDestroy(server_);
+    if (code != RTMP_OK) {
+        console_.warn("the server did not end (code " + std::to_string(code) + ")");
+    }
+}

@@ -1,0 +1,55 @@
+// The library as live_host uses it: one server, its sessions, and every frame to all of them.
+#pragma once
+
+#include "console.h"
+#include "frame_source.h"
+#include "memory_file.h"
+#include "options.h"
+
+#include <rtmpcast/rtmpcast.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+// What went out so far; written by the sending thread, read by any.
+struct Counters {
+    std::atomic<uint64_t> sent = 0;      // frames the library took, counted once per session
+    std::atomic<uint64_t> dropped = 0;   // frames that some player missed, or nobody could be sent
+    std::atomic<uint64_t> unwatched = 0; // frames offered while nobody was connected
+    std::atomic<uint64_t> bytes = 0;     // of the frames sent
+    std::atomic<int32_t> viewers = 0;
+};
+
+// A server or session that cannot be made.
+class HostError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+class Host {
+  public:
+    // Opens the listeners and makes every session. Throws HostError.
+    Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters);
+
+    // Ends the sessions, then the server.
+    ~Host();
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+
+    // Offers one frame to every session; `timestamp` in milliseconds.
+    void send(const Frame &frame, uint64_t timestamp);
+
+  private:
+    void addSession(const std::string &name, const Options &options, const MediaDescription &media);
+    void applySettings(RtmpSession *session, const Options &options);
+    void count(int32_t status, size_t bytes);
+    void destroyAll();
+
+    Console &console_;
+    RtmpLogger logger_;
+    RtmpServer *server_ = nullptr;
+    std::vector<RtmpSession *> sessions_;
+    std::unique_ptr<MemoryFile> memory_; // null: frames are copied
+    Counters &counters_;
+};

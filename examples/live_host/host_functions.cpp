@@ -1,0 +1,55 @@
+#include "host_functions.h"
+
+#include <rtmpcast/rtmpcast.h>
+
+#include <cstdarg>
+
+HostFunctions hostFunctions;
+
+namespace {
+
+void RTMP_PRINTF(1, 2) writeLine(const char *format, ...)
+{
+    if (hostFunctions.console == nullptr) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    hostFunctions.console->libraryLine(RTMP_LOG_INFO, format, arguments);
+    va_end(arguments);
+}
+
+const char *nameOf(void *session)
+{
+    return static_cast<RtmpSession *>(session)->Name;
+}
+
+} // namespace
+
+extern "C" {
+
+// A product writes this to its system log.
+void KelvoraSyslog(const char *tag, const char *format, ...)
+{
+    if (hostFunctions.console == nullptr) {
+        return;
+    }
+    const std::string line = std::string("SYSLOG: ") + tag + ": " + format;
+    va_list arguments;
+    va_start(arguments, format);
+    hostFunctions.console->libraryLine(RTMP_LOG_INFO, line.c_str(), arguments);
+    va_end(arguments);
+}
+
+void rtmpStatusMessage(void *hostContext, const char *key, const char *value, const char *description)
+{
+    writeLine("STATUS: %s: %s %s (%s)\n", nameOf(hostContext), key, value, description);
+}
+
+// The sending thread hands it to its source: see main.
+void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
+{
+    hostFunctions.wantedBitrate = bitrate;
+    writeLine("STATUS: %s: encode at %d bit/s\n", nameOf(hostContext), bitrate);
+}
+}

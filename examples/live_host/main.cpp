@@ -1,0 +1,121 @@
+// live_host: a reference host. It serves a media file as live RTMP streams.
+#include "console.h"
+#include "host.h"
+#include "host_functions.h"
+#include "media_file.h"
+#include "options.h"
+#include "pacer.h"
+#include "supervisor.h"
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+
+namespace {
+
+enum ExitCode { kOk = 0, kFailed = 1, kBadUsage = 2 };
+
+int logLevelOf(const Options &options)
+{
+    switch (options.logLevel) {
+    case LogLevel::Quiet:
+        return -1;
+    case LogLevel::Error:
+        return RTMP_LOG_ERROR;
+    default:
+        return RTMP_LOG_INFO;
+    }
+}
+
+std::unique_ptr<FrameSource> openSource(const Options &options)
+{
+    return std::make_unique<MediaFile>(options.input.empty() ? LIVE_HOST_CLIP : options.input);
+}
+
+void introduce(const Options &options, const MediaDescription &media, Console &console)
+{
+    console.say(media.summary);
+    for (const std::string &warning : media.warnings) {
+        console.warn(warning);
+    }
+    if (options.rtmpPort == 0) {
+        console.warn("--rtmp-port 0: there is no RTMP listener, and nobody can watch");
+    }
+    const std::string where = options.interfaceName == "lo" ? "127.0.0.1" : "HOST";
+    for (const std::string &name : options.sessions) {
+        if (options.rtmpPort != 0) {
+            console.say("serving rtmp://" + where + ":" + std::to_string(options.rtmpPort) + "/app/" + name);
+        }
+    }
+}
+
+// Frames from the source to the host, each at its time, until the flag is raised.
+void sendFrames(FrameSource &source, Host &host, Console &console, const StopFlag &stop)
+{
+    Pacer pacer;
+    while (!stop.raised()) {
+        const Frame frame = source.next();
+        if (!pacer.waitFor(frame.time, stop)) {
+            return;
+        }
+        if (const std::chrono::milliseconds delay = pacer.takeDelay(); delay.count() > 0) {
+            console.warn("sending was held up for " + std::to_string(delay.count()) +
+                         " ms; going on from there");
+        }
+        host.send(frame, pacer.timestamp(frame.time));
+        if (const int32_t bitrate = hostFunctions.wantedBitrate.exchange(0); bitrate > 0) {
+            source.setBitrate(bitrate);
+        }
+    }
+}
+
+void serve(const Options &options, Console &console)
+{
+    StopFlag stop;
+    Counters counters;
+    Supervisor supervisor(counters, console, stop, options.duration);
+    const std::unique_ptr<FrameSource> source = openSource(options);
+    Host host(options, source->description(), console, counters);
+    introduce(options, source->description(), console);
+    try {
+        sendFrames(*source, host, console, stop);
+    } catch (const SourceError &) {
+        supervisor.sendingIsOver();
+        if (!stop.raised()) {
+            throw; // else a read was interrupted, as it should be
+        }
+    }
+    supervisor.sendingIsOver();
+    console.endStatus();
+    console.say("stopping: " + std::to_string(counters.sent) + " frames sent, " +
+                std::to_string(counters.dropped) + " dropped, " + std::to_string(counters.unwatched) +
+                " while nobody watched");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    prepareSignals();
+    Options options;
+    try {
+        options = parseOptions(argc, argv);
+    } catch (const OptionError &error) {
+        fprintf(stderr, "live_host: %s\nlive_host --help shows all options.\n", error.what());
+        return kBadUsage;
+    }
+    if (options.help) {
+        fputs(helpText().c_str(), stdout);
+        return kOk;
+    }
+    Console console(logLevelOf(options));
+    hostFunctions.console = &console;
+    try {
+        serve(options, console);
+    } catch (const std::exception &error) {
+        console.fail(error.what());
+        return kFailed;
+    }
+    return kOk;
+}

@@ -1,0 +1,266 @@
+#include "options.h"
+
+#include <rtmpcast/types.h>
+
+#include <algorithm>
+#include <charconv>
+#include <span>
+
+namespace {
+
+struct Option {
+    const char *name;
+    const char *argument; // what the help calls it; null: a switch
+    const char *help;
+    void (*apply)(Options &options, const Option &self, const std::string &value);
+    uint32_t low = 0; // of numbers
+    uint32_t high = UINT32_MAX;
+};
+
+[[noreturn]] void refuse(const Option &option, const std::string &value, const std::string &wanted)
+{
+    throw OptionError(std::string(option.name) + ": '" + value + "' is not " + wanted);
+}
+
+uint32_t readNumber(const Option &option, const std::string &value)
+{
+    uint32_t number = 0;
+    const char *end = value.data() + value.size();
+    const std::from_chars_result read = std::from_chars(value.data(), end, number);
+    if (value.empty() || read.ec != std::errc() || read.ptr != end || number < option.low ||
+        number > option.high) {
+        refuse(option, value,
+               "a number from " + std::to_string(option.low) + " to " + std::to_string(option.high));
+    }
+    return number;
+}
+
+// number<&Options::rtmpPort>, number<&Options::sender, &SenderOptions::flag>: a number into that field.
+template <auto Field> void number(Options &options, const Option &self, const std::string &value)
+{
+    options.*Field = readNumber(self, value);
+}
+
+template <auto Group, auto Field> void number(Options &options, const Option &self, const std::string &value)
+{
+    options.*Group.*Field = readNumber(self, value);
+}
+
+// A field of AdaptiveOptions; naming one switches the controller on.
+template <auto Field> void adaptive(Options &options, const Option &self, const std::string &value)
+{
+    options.adaptive.enabled = true;
+    options.adaptive.*Field = readNumber(self, value);
+}
+
+template <auto Field> void text(Options &options, const Option &self, const std::string &value)
+{
+    if (value.empty()) {
+        refuse(self, value, "a name");
+    }
+    options.*Field = value;
+}
+
+template <auto Field> void turnOn(Options &options, const Option &, const std::string &)
+{
+    options.*Field = true;
+}
+
+void addSession(Options &options, const Option &self, const std::string &value)
+{
+    if (value.empty()) {
+        refuse(self, value, "a name");
+    }
+    if (std::ranges::find(options.sessions, value) != options.sessions.end()) {
+        throw OptionError("--session: '" + value + "' is given twice");
+    }
+    options.sessions.push_back(value);
+}
+
+void chooseSender(Options &options, const Option &self, const std::string &value)
+{
+    if (value != "monitor" && value != "threaded") {
+        refuse(self, value, "monitor or threaded");
+    }
+    options.sender.mode = value == "threaded" ? RTMP_SENDER_THREADED : 0;
+}
+
+void chooseLogLevel(Options &options, const Option &self, const std::string &value)
+{
+    if (value == "quiet") {
+        options.logLevel = LogLevel::Quiet;
+    } else if (value == "error") {
+        options.logLevel = LogLevel::Error;
+    } else if (value == "info") {
+        options.logLevel = LogLevel::Info;
+    } else {
+        refuse(self, value, "quiet, error or info");
+    }
+}
+
+void setTraceDirectory(Options &options, const Option &self, const std::string &value)
+{
+    if (value.empty() || value.size() > 1023) {
+        refuse(self, value, "a directory of 1 to 1023 bytes");
+    }
+    options.trace.directory = value;
+}
+
+void turnBurnInOn(Options &options, const Option &, const std::string &)
+{
+    options.trace.burnIn = true;
+}
+
+void turnAdaptiveOn(Options &options, const Option &, const std::string &)
+{
+    options.adaptive.enabled = true;
+}
+
+using S = SenderOptions;
+using A = AdaptiveOptions;
+
+constexpr Option kOptions[] = {
+    {nullptr, nullptr, "What is served", nullptr},
+    {"--input", "FILE", "MP4, MKV, FLV or MPEG-TS with H.264, AAC or both (a test clip)",
+     text<&Options::input>},
+    {"--session", "NAME", "a stream of this name; repeat it for more (live)", addSession},
+    {"--video-bitrate", "BITS", "announce this rate, bit/s (what the file says)",
+     number<&Options::videoBitrate>, 0, INT32_MAX},
+    {"--duration", "SECONDS", "stop after this long (0: on SIGINT or SIGTERM)", number<&Options::duration>},
+
+    {nullptr, nullptr, "Where", nullptr},
+    {"--interface", "NAME", "network interface, such as lo or eth0 (any: all of them)",
+     text<&Options::interfaceName>},
+    {"--rtmp-port", "PORT", "(1935; 0: none)", number<&Options::rtmpPort>, 0, 65535},
+    {"--rtmpt-port", "PORT", "(0: none) accepts connections and serves no tunnel",
+     number<&Options::rtmptPort>, 0, 65535},
+    {"--dscp", "0-63", "differentiated services code point (0)", number<&Options::dscp>, 0, 63},
+    {"--chunk-size", "BYTES", "payload per outgoing chunk (4096)", number<&Options::chunkSize>, 1, 0xFFFFFF},
+
+    {nullptr, nullptr, "How frames leave", nullptr},
+    {"--sender", "WHICH", "monitor: on the host's thread; threaded: on a sender thread (monitor)",
+     chooseSender},
+    {"--audio-queue", "FRAMES", "threaded sender's audio ring (240)",
+     number<&Options::sender, &S::audioQueue>, 1, 1000000},
+    {"--video-queue", "FRAMES", "threaded sender's video ring (120)",
+     number<&Options::sender, &S::videoQueue>, 1, 1000000},
+    {"--zero-copy", nullptr, "put frames in a memory file and send them with sendfile",
+     turnOn<&Options::zeroCopy>},
+    {"--zero-copy-mib", "MIB", "size of that file: all that queues and sockets hold, and more (64)",
+     number<&Options::zeroCopyMib>, 8, 4096},
+    {"--sender-param", "N", "stored by the library (0)", number<&Options::sender, &S::param>},
+    {"--sender-flag", "N", "stored by the library (0)", number<&Options::sender, &S::flag>, 0, 255},
+    {"--encoder-handle", "N", "the monitor warns about 0 (1)", number<&Options::sender, &S::encoderHandle>},
+    {"--caption-mode", "N", "0: in the video; 1: message to the first player; 2: none (0)",
+     number<&Options::sender, &S::captionMode>, 0, 255},
+
+    {nullptr, nullptr, "What is measured", nullptr},
+    {"--stats-interval", "SECONDS", "between the monitor's bandwidth reports (5)",
+     number<&Options::sender, &S::statsInterval>},
+    {"--bandwidth-window", "FRAMES", "threaded sender's bandwidth monitor over so many frames (0: none)",
+     number<&Options::bandwidthWindow>, 0, 1000000},
+    {"--trace-dir", "DIR", "threaded sender writes debug-<time>.csv here", setTraceDirectory},
+    {"--trace-every", "FRAMES", "video frames between its lines (30)",
+     number<&Options::trace, &TraceOptions::every>, 1},
+    {"--burn-in", nullptr, "format the burn-in texts too", turnBurnInOn},
+
+    {nullptr, nullptr, "Adaptive bitrate of the threaded sender; 0 is the library's default", nullptr},
+    {"--adaptive", nullptr, "switch it on; so does each of these", turnAdaptiveOn},
+    {"--abr-min-bitrate", "BITS", "never ask for less, bit/s", adaptive<&A::minBitrate>, 0, INT32_MAX},
+    {"--abr-start-delay", "MS", "before the first decision", adaptive<&A::startDelay>},
+    {"--abr-increase-fullness", "PERCENT", "raise only below this fullness", adaptive<&A::increaseFullness>},
+    {"--abr-increase-percent", "PERCENT", "of the headroom per raise", adaptive<&A::increasePercent>},
+    {"--abr-increase-min-step", "BITS", "smallest raise", adaptive<&A::increaseMinStep>},
+    {"--abr-increase-interval", "SECONDS", "more than this before a raise", adaptive<&A::increaseInterval>},
+    {"--abr-decrease-fullness", "PERCENT", "lower only above this fullness", adaptive<&A::decreaseFullness>},
+    {"--abr-decrease-percent", "PERCENT", "how far towards the measured rate", adaptive<&A::decreasePercent>},
+    {"--abr-decrease-fullness-high", "PERCENT", "above this the next gain counts",
+     adaptive<&A::decreaseFullnessHigh>},
+    {"--abr-decrease-percent-high", "PERCENT", "the gain above it", adaptive<&A::decreasePercentHigh>},
+    {"--abr-decrease-interval", "SECONDS", "more than this between lowerings",
+     adaptive<&A::decreaseInterval>},
+
+    {nullptr, nullptr, "What is said", nullptr},
+    {"--log-level", "LEVEL", "the library's lines: quiet, error or info (error)", chooseLogLevel},
+    {"--help", nullptr, "this text", turnOn<&Options::help>},
+};
+
+const Option &findOption(const std::string &name)
+{
+    const Option *found = std::ranges::find_if(
+        kOptions, [&name](const Option &option) { return option.name != nullptr && name == option.name; });
+    if (found == std::end(kOptions)) {
+        throw OptionError("unknown option '" + name + "'");
+    }
+    return *found;
+}
+
+// What belongs together, or does not.
+void checkTogether(Options &options)
+{
+    if (options.rtmpPort != 0 && options.rtmpPort == options.rtmptPort) {
+        throw OptionError("--rtmp-port and --rtmpt-port are the same port");
+    }
+    const bool threaded = options.sender.mode == RTMP_SENDER_THREADED;
+    if (!threaded && options.bandwidthWindow != 0) {
+        throw OptionError("--bandwidth-window needs --sender threaded");
+    }
+    if (!threaded && !options.trace.directory.empty()) {
+        throw OptionError("--trace-dir needs --sender threaded");
+    }
+    if (!threaded && options.adaptive.enabled) {
+        throw OptionError("--adaptive and --abr-... need --sender threaded");
+    }
+    if (options.sessions.empty()) {
+        options.sessions.push_back("live");
+    }
+}
+
+} // namespace
+
+Options parseOptions(int argc, char **argv)
+{
+    Options options;
+    const std::span<char *> words(argv, static_cast<size_t>(argc));
+    for (size_t at = 1; at < words.size(); ++at) {
+        const std::string word = words[at];
+        const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
+        const Option &option = findOption(word.substr(0, equals));
+        if (option.argument == nullptr) {
+            if (equals != std::string::npos) {
+                throw OptionError(std::string(option.name) + " takes no value");
+            }
+            option.apply(options, option, "");
+        } else if (equals != std::string::npos) {
+            option.apply(options, option, word.substr(equals + 1));
+        } else if (at + 1 < words.size()) {
+            option.apply(options, option, words[++at]);
+        } else {
+            throw OptionError(std::string(option.name) + " needs a value: " + option.argument);
+        }
+    }
+    checkTogether(options);
+    return options;
+}
+
+std::string helpText()
+{
+    std::string out =
+        "live_host serves a media file as live RTMP streams, in real time and over and over.\n\n"
+        "Usage: live_host [options]      defaults in parentheses\n";
+    for (const Option &option : kOptions) {
+        if (option.name == nullptr) {
+            out += "\n" + std::string(option.help) + "\n";
+            continue;
+        }
+        std::string left = "  " + std::string(option.name);
+        if (option.argument != nullptr) {
+            left += " " + std::string(option.argument);
+        }
+        left.resize(std::max<size_t>(left.size() + 2, 40), ' ');
+        out += left + option.help + "\n";
+    }
+    return out + "\nWatch it with a player that signs its handshake, for instance:\n"
+                 "  rtmpdump -r rtmp://127.0.0.1:1935/app/live --live -w $(printf '%064d' 0) -x 1 -o - | "
+                 "ffplay -\n";
+}

@@ -1,0 +1,77 @@
+// What the command line says.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// The arguments of RtmpSenderSettings.
+struct SenderOptions {
+    uint32_t mode = 0; // RTMP_SENDER_THREADED, or 0 for the packet monitor
+    uint32_t param = 0;
+    uint32_t flag = 0;
+    uint32_t encoderHandle = 1; // the packet monitor complains about 0
+    uint32_t captionMode = 0;
+    uint32_t statsInterval = 5; // seconds
+    uint32_t audioQueue = 240;  // frames
+    uint32_t videoQueue = 120;  // frames
+};
+
+// The arguments of RtmpDebugSettings.
+struct TraceOptions {
+    std::string directory; // empty: no trace
+    uint32_t every = 30;   // video frames
+    bool burnIn = false;
+};
+
+// The arguments of RtmpAdaptiveBitrateSettings; 0 selects the library's default.
+struct AdaptiveOptions {
+    bool enabled = false;
+    uint32_t minBitrate = 0;
+    uint32_t startDelay = 0;
+    uint32_t increaseFullness = 0;
+    uint32_t increasePercent = 0;
+    uint32_t increaseMinStep = 0;
+    uint32_t increaseInterval = 0;
+    uint32_t decreaseFullness = 0;
+    uint32_t decreasePercent = 0;
+    uint32_t decreaseFullnessHigh = 0;
+    uint32_t decreasePercentHigh = 0;
+    uint32_t decreaseInterval = 0;
+};
+
+enum class LogLevel { Quiet, Error, Info };
+
+struct Options {
+    bool help = false;
+    std::string interfaceName = "any";
+    uint32_t rtmpPort = 1935;
+    uint32_t rtmptPort = 0;
+    uint32_t dscp = 0;
+    uint32_t chunkSize = 4096;
+
+    std::vector<std::string> sessions; // never empty once parsed
+    std::string input;                 // empty: the clip beside the program's sources
+    uint32_t videoBitrate = 0;         // bit/s; 0: what the file says
+    bool zeroCopy = false;
+    uint32_t zeroCopyMib = 64;
+
+    SenderOptions sender;
+    uint32_t bandwidthWindow = 0; // the argument of RtmpBWMSettings, video frames; 0: no monitor
+    TraceOptions trace;
+    AdaptiveOptions adaptive;
+
+    LogLevel logLevel = LogLevel::Error;
+    uint32_t duration = 0; // seconds; 0: until a signal
+};
+
+// Says which option is wrong and what it takes.
+class OptionError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Throws OptionError for whatever is not exactly right.
+Options parseOptions(int argc, char **argv);
+
+std::string helpText();

@@ -1,0 +1,53 @@
+// Signals, the status line and the time limit, on a thread of their own: a player that takes nothing may
+// block the sending thread for as long as it likes.
+#pragma once
+
+#include "console.h"
+#include "host.h"
+#include "pacer.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <thread>
+
+/*
+ * Call first in main, on the thread that sends. Blocks SIGINT and SIGTERM for this thread and all that it
+ * starts, so that they reach the supervisor; installs the SIGUSR1 handler that the library needs; ignores
+ * SIGPIPE, which sendfile raises.
+ */
+void prepareSignals();
+
+class Supervisor {
+  public:
+    // Starts the thread. `duration` in seconds, 0: no limit. Everything given must outlive the supervisor.
+    Supervisor(const Counters &counters, Console &console, StopFlag &stop, uint32_t duration);
+
+    // Ends the thread.
+    ~Supervisor();
+
+    // The sending loop has been left: what follows is the clean stop, and must not take long.
+    void sendingIsOver();
+
+  private:
+    void run();
+    bool waitForSignal(std::chrono::steady_clock::time_point until);
+    void finish();
+    void showStatus();
+    void leaveAtOnce(const char *why);
+
+    const Counters &counters_;
+    Console &console_;
+    StopFlag &stop_;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    const std::chrono::seconds duration_;
+    const pthread_t sender_ = pthread_self();
+    std::atomic<bool> sending_ = true;
+    std::atomic<bool> over_ = false;
+    uint64_t bytesShown_ = 0;
+    std::chrono::steady_clock::time_point shown_ = start_;
+    std::optional<std::chrono::steady_clock::time_point> ending_; // since when
+    std::thread thread_;                                          // last: it uses all the others
+};

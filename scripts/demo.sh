@@ -1,0 +1,119 @@
+#!/bin/bash
+# Builds the library and its reference host, streams a clip to a real player on the loopback interface, and
+# proves that what the player recorded decodes.
+#
+#   scripts/demo.sh                             play, record, check; everything lies in out/ afterwards
+#   scripts/demo.sh --serve [live_host options] keep serving until Ctrl-C instead
+#
+# Further options are handed to live_host, for instance: scripts/demo.sh --serve --interface any --input my.mp4
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build/demo
+out=$root/out
+seconds=6
+
+say() { printf '== %s\n' "$*"; }
+fail() { printf 'demo.sh: %s\n' "$*" >&2; exit 1; }
+
+serve=0
+case ${1:-} in
+-h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+--serve) serve=1; shift ;;
+esac
+
+"$root/scripts/install_deps.sh" demo
+
+mkdir -p "$root/build"
+say "Building (first time: about a minute)"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DRTMPCAST_BUILD_TESTS=OFF \
+    -DRTMPCAST_BUILD_BENCH=OFF >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
+cmake --build "$build" --target live_host
+live_host=$build/examples/live_host
+
+free_port() {
+    local port
+    for _ in $(seq 50); do
+        port=$((20000 + RANDOM % 12000))
+        # Nobody answers: free.
+        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+            echo "$port"
+            return
+        fi
+    done
+    return 1
+}
+
+port=$(free_port) || fail "no free port found"
+url=rtmp://127.0.0.1:$port/app/live
+# A hash (64 hex digits) and a size switch on the signed handshake of rtmpdump; which ones is all the same.
+hash=$(printf '%064d' 0)
+watch_by_hand="rtmpdump -q -r $url --live -w $hash -x 1 -o - | ffplay -"
+
+if [ "$serve" -eq 1 ]; then
+    say "Serving. Watch it (on a machine with a screen) with:"
+    echo "   $watch_by_hand"
+    say "Ctrl-C stops it"
+    exec "$live_host" --interface lo --rtmp-port "$port" "$@"
+fi
+
+# ------------------------------------------------------------------------------------------------ streaming
+mkdir -p "$out"
+rm -f "$out"/recording.flv "$out"/playable.mkv "$out"/frame.png "$out"/*.log
+
+"$live_host" --interface lo --rtmp-port "$port" --duration 120 --log-level info "$@" >"$out/live_host.log" 2>&1 &
+server=$!
+trap 'kill "$server" 2>/dev/null || true' EXIT
+
+for _ in $(seq 100); do
+    grep -q '^serving ' "$out/live_host.log" && break
+    kill -0 "$server" 2>/dev/null || { cat "$out/live_host.log" >&2; fail "live_host ended"; }
+    sleep 0.1
+done
+grep -q '^serving ' "$out/live_host.log" || fail "live_host did not start within 10 seconds: see $out/live_host.log"
+say "live_host serves $url"
+
+say "rtmpdump plays and records $seconds seconds"
+# Its exit code says whether a whole file arrived; a live stream never ends. The checks below decide.
+timeout 60 rtmpdump -r "$url" --live -w "$hash" -x 1 -B "$seconds" -o "$out/recording.flv" \
+    >"$out/rtmpdump.log" 2>&1 || true
+[ -s "$out/recording.flv" ] || { tail -n 20 "$out/rtmpdump.log" >&2; fail "rtmpdump recorded nothing"; }
+
+say "Stopping live_host"
+kill -TERM "$server"
+wait "$server" || fail "live_host did not stop cleanly: see $out/live_host.log"
+trap - EXIT
+
+# ------------------------------------------------------------------------------------------------- checking
+say "ffprobe reads the recording"
+probe() { ffprobe -v error "$@" "$out/recording.flv"; }
+probe -show_entries stream=codec_name,width,height,sample_rate,channels -of compact
+frames=$(probe -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0)
+key_frames=$(probe -select_streams v:0 -show_entries packet=flags -of csv=p=0 | grep -c K || true)
+sounds=$(probe -count_packets -select_streams a:0 -show_entries stream=nb_read_packets -of csv=p=0)
+say "$frames pictures ($key_frames of them key frames), ${sounds:-0} sound frames"
+[ "${frames:-0}" -ge $((seconds * 10)) ] || fail "that is too few pictures"
+[ "$key_frames" -ge 1 ] || fail "there is no key frame"
+
+say "ffmpeg decodes it"
+# The player joined between two key frames, as players of live streams do; copying leaves out what comes
+# before the first of them.
+ffmpeg -nostdin -v error -y -i "$out/recording.flv" -c copy "$out/playable.mkv" 2>"$out/decode.log" || true
+ffmpeg -nostdin -v error -xerror -i "$out/playable.mkv" -f null - 2>>"$out/decode.log" || true
+if [ -s "$out/decode.log" ]; then
+    cat "$out/decode.log" >&2
+    fail "decoding reported errors"
+fi
+ffmpeg -nostdin -v error -y -ss 3 -i "$out/playable.mkv" -frames:v 1 "$out/frame.png"
+[ -s "$out/frame.png" ] || fail "no picture came out"
+
+say "All is well: the recording decodes without errors"
+cat <<END
+   recording        $out/recording.flv
+   one picture      $out/frame.png
+   server's log     $out/live_host.log
+   player's log     $out/rtmpdump.log
+   the host         $live_host --help
+To watch by hand: scripts/demo.sh --serve, and then, on a machine with a screen, what it prints:
+   rtmpdump -q -r rtmp://127.0.0.1:PORT/app/live --live -w $hash -x 1 -o - | ffplay -
+END

@@ -1,0 +1,44 @@
+#!/bin/sh
+# Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
+#
+#   scripts/install_deps.sh [demo|test]      default: everything
+set -eu
+
+build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev"
+demo="ffmpeg rtmpdump"
+tests="libgtest-dev ffmpeg rtmpdump"
+
+case ${1:-all} in
+demo) packages="$build $demo" ;;
+test) packages="$build $tests" ;;
+all) packages="$build $demo $tests" ;;
+*) echo "Usage: install_deps.sh [demo|test]" >&2; exit 2 ;;
+esac
+
+if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    echo "install_deps.sh: no Debian here. Install by hand what these packages hold: $packages" >&2
+    echo "install_deps.sh: going on; what is missing will show." >&2
+    exit 0
+fi
+
+missing=
+for package in $packages; do
+    case $(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null) in
+    ii*) ;;
+    *) case " $missing " in *" $package "*) ;; *) missing="$missing $package" ;; esac ;;
+    esac
+done
+if [ -z "$missing" ]; then
+    echo "== All packages are installed"
+    exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "install_deps.sh: not root. As root: apt-get install --no-install-recommends$missing" >&2
+    exit 1
+fi
+echo "== Installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -q
+# shellcheck disable=SC2086 # a list of words
+apt-get install -y -q --no-install-recommends $missing

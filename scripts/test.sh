@@ -1,0 +1,50 @@
+#!/bin/bash
+# Builds and runs all tests three times: plain, with address and undefined behaviour sanitizers, and with
+# the thread sanitizer. The last line says how many passed and failed; the exit code is 0 only when
+# every test ran and passed.
+#
+#   scripts/test.sh [PRESET...]      default: debug asan tsan
+set -uo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root" || exit 1
+presets=${*:-debug asan tsan}
+passed=0
+failed=0
+
+say() { printf '\n== %s\n' "$*"; }
+
+# attribute NAME FILE: a number out of the first <testsuite> element.
+attribute() { grep -o "$1=\"[0-9]*\"" "$2" | head -n 1 | tr -dc '0-9'; }
+
+run_preset() {
+    local preset=$1 report=$root/build/$1/tests.xml
+    say "$preset: building"
+    cmake --preset "$preset" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
+    cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
+    say "$preset: running"
+    rm -f "$report"
+    ctest --preset "$preset" --output-junit "$report"
+    local status=$?
+    [ -s "$report" ] || return 1
+
+    # Whatever did not run did not pass.
+    local all bad
+    all=$(attribute tests "$report")
+    bad=$(($(attribute failures "$report") + $(attribute disabled "$report") + $(attribute skipped "$report")))
+    passed=$((passed + all - bad))
+    failed=$((failed + bad))
+    say "$preset: $((all - bad)) of $all passed"
+    [ "$all" -gt 0 ] && { [ "$status" -eq 0 ] || [ "$bad" -gt 0 ]; }
+}
+
+scripts/install_deps.sh test || exit 1
+for preset in $presets; do
+    # A preset without a result counts as one failure.
+    run_preset "$preset" || failed=$((failed + 1))
+    rm -f /tmp/configure.$$
+done
+
+echo
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
