@@ -41,4 +41,4 @@ echo "== Installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -q
 # shellcheck disable=SC2086 # a list of words
-apt-get install -y -q --no-install-recommends $missing
+apt-get -o DPkg::Lock::Timeout=300 install -y -q --no-install-recommends $missing

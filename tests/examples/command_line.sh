@@ -1,0 +1,54 @@
+#!/bin/bash
+# live_host's exit codes and messages: command_line.sh LIVE_HOST
+set -u
+
+live_host=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+bad=0
+
+# expect CODE TEXT arguments...: the exit code, and a text that its output holds.
+expect() {
+    local code=$1 text=$2 got
+    shift 2
+    timeout 30 "$live_host" "$@" >"$work/out" 2>&1
+    got=$?
+    if [ "$got" -ne "$code" ] || ! grep -qF -- "$text" "$work/out"; then
+        echo "live_host $*: exit code $got, not $code, or no '$text' in:"
+        cat "$work/out"
+        bad=1
+    fi
+}
+
+printf 'no media\n' >"$work/text.txt"
+
+expect 0 '--zero-copy' --help
+expect 2 "unknown option '--bogus'" --bogus
+expect 2 'needs a value' --session
+expect 2 'is not a number from 0 to 65535' --rtmp-port x
+expect 2 'live_host --help shows all options' --sender fast
+expect 1 'No such file or directory' --input "$work/none.mp4"
+expect 1 'Invalid data found' --input "$work/text.txt"
+expect 1 'Is a directory' --input "$work"
+expect 1 "no network interface 'nosuch0' with an IPv4 address" --interface nosuch0 --log-level quiet
+expect 0 'there is no RTMP listener' --rtmp-port 0 --duration 1
+expect 0 'while nobody watched' --rtmp-port 0 --session a --session b --zero-copy --duration 1
+
+# A signal ends it cleanly.
+for signal in INT TERM; do
+    "$live_host" --rtmp-port 0 >"$work/out" 2>&1 &
+    host=$!
+    for _ in $(seq 100); do
+        grep -q '^viewers' "$work/out" && break
+        sleep 0.1
+    done
+    kill -"$signal" "$host"
+    wait "$host"
+    code=$?
+    if [ "$code" -ne 0 ] || ! grep -q '^stopping:' "$work/out"; then
+        echo "SIG$signal: exit code $code"
+        cat "$work/out"
+        bad=1
+    fi
+done
+exit "$bad"
