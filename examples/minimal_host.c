@@ -3,7 +3,7 @@
  *
  *   ffmpeg -i examples/media/clip.mp4 -map 0:v -c copy -bsf:v h264_mp4toannexb clip.h264
  *   minimal_host clip.h264
- *   rtmpdump -r rtmp://127.0.0.1:1935/app/live --live -w $(printf '%064d' 0) -x 1 -o - | ffplay -
+ *   rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -
  */
 #define _GNU_SOURCE /* memmem */
 #include <rtmpcast/rtmpcast.h>
@@ -99,7 +99,7 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &action, NULL);
 
     RtmpServer *server = RtmpServerCreate(NULL, "any", 1935, 0, 0, 4096, NULL);
-    RtmpSession *session = server != NULL ? RtmpSessionCreate(server, "live", NULL) : NULL;
+    RtmpSession *session = server != NULL ? RtmpSessionCreate(server, "stream", NULL) : NULL;
     if (session == NULL) {
         return 1; /* without a logger the library says why on standard output */
     }

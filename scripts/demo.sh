@@ -45,10 +45,10 @@ free_port() {
 }
 
 port=$(free_port) || fail "no free port found"
-url=rtmp://127.0.0.1:$port/app/live
+url=rtmp://127.0.0.1:$port/live/stream
 # A hash (64 hex digits) and a size switch on the signed handshake of rtmpdump; which ones is all the same.
 hash=$(printf '%064d' 0)
-watch_by_hand="rtmpdump -q -r $url --live -w $hash -x 1 -o - | ffplay -"
+watch_by_hand="rtmpdump -q -r $url -w $hash -x 1 -o - | ffplay -"
 
 if [ "$serve" -eq 1 ]; then
     say "Serving. Watch it (on a machine with a screen) with:"
@@ -74,8 +74,9 @@ grep -q '^serving ' "$out/live_host.log" || fail "live_host did not start within
 say "live_host serves $url"
 
 say "rtmpdump plays and records $seconds seconds"
-# Its exit code says whether a whole file arrived; a live stream never ends. The checks below decide.
-timeout 60 rtmpdump -r "$url" --live -w "$hash" -x 1 -B "$seconds" -o "$out/recording.flv" \
+# A live stream never ends, so the player is interrupted, and its exit code says that the file is not whole.
+# The checks below decide.
+timeout --signal=INT "$seconds" rtmpdump -r "$url" -w "$hash" -x 1 -o "$out/recording.flv" \
     >"$out/rtmpdump.log" 2>&1 || true
 [ -s "$out/recording.flv" ] || { tail -n 20 "$out/rtmpdump.log" >&2; fail "rtmpdump recorded nothing"; }
 
@@ -115,5 +116,5 @@ cat <<END
    player's log     $out/rtmpdump.log
    the host         $live_host --help
 To watch by hand: scripts/demo.sh --serve, and then, on a machine with a screen, what it prints:
-   rtmpdump -q -r rtmp://127.0.0.1:PORT/app/live --live -w $hash -x 1 -o - | ffplay -
+   rtmpdump -q -r rtmp://127.0.0.1:PORT/live/stream -w $hash -x 1 -o - | ffplay -
 END

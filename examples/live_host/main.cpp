@@ -45,7 +45,7 @@ void introduce(const Options &options, const MediaDescription &media, Console &c
     const std::string where = options.interfaceName == "lo" ? "127.0.0.1" : "HOST";
     for (const std::string &name : options.sessions) {
         if (options.rtmpPort != 0) {
-            console.say("serving rtmp://" + where + ":" + std::to_string(options.rtmpPort) + "/app/" + name);
+            console.say("serving rtmp://" + where + ":" + std::to_string(options.rtmpPort) + "/live/" + name);
         }
     }
 }

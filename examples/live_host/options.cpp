@@ -123,7 +123,7 @@ constexpr Option kOptions[] = {
     {nullptr, nullptr, "What is served", nullptr},
     {"--input", "FILE", "MP4, MKV, FLV or MPEG-TS with H.264, AAC or both (a test clip)",
      text<&Options::input>},
-    {"--session", "NAME", "a stream of this name; repeat it for more (live)", addSession},
+    {"--session", "NAME", "a stream of this name; repeat it for more (stream)", addSession},
     {"--video-bitrate", "BITS", "announce this rate, bit/s (what the file says)",
      number<&Options::videoBitrate>, 0, INT32_MAX},
     {"--duration", "SECONDS", "stop after this long (0: on SIGINT or SIGTERM)", number<&Options::duration>},
@@ -212,7 +212,7 @@ void checkTogether(Options &options)
         throw OptionError("--adaptive and --abr-... need --sender threaded");
     }
     if (options.sessions.empty()) {
-        options.sessions.push_back("live");
+        options.sessions.push_back("stream");
     }
 }
 
@@ -261,6 +261,6 @@ std::string helpText()
         out += left + option.help + "\n";
     }
     return out + "\nWatch it with a player that signs its handshake, for instance:\n"
-                 "  rtmpdump -r rtmp://127.0.0.1:1935/app/live --live -w $(printf '%064d' 0) -x 1 -o - | "
+                 "  rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | "
                  "ffplay -\n";
 }

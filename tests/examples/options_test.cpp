@@ -28,10 +28,10 @@ std::string refusal(const std::vector<std::string> &words)
 
 } // namespace
 
-TEST(Options, WithoutAnyOptionTheClipIsServedAsLive)
+TEST(Options, WithoutAnyOptionTheClipIsServedAsStream)
 {
     const Options options = parse({});
-    EXPECT_EQ(options.sessions, std::vector<std::string>{"live"});
+    EXPECT_EQ(options.sessions, std::vector<std::string>{"stream"});
     EXPECT_EQ(options.interfaceName, "any");
     EXPECT_EQ(options.rtmpPort, 1935u);
     EXPECT_EQ(options.rtmptPort, 0u);
