@@ -3,6 +3,7 @@
 #include "core/client_list.h"
 #include "core/client_state.h"
 #include "core/record.h"
+#include "core/server_hold.h"
 #include "delivery/parked_audio.h"
 #include "net/log.h"
 #include "net/platform.h"
@@ -127,6 +128,32 @@ int TearDownSendList(RtmpClient *client, RtmpLogger *logger, const char *who)
     return 0;
 }
 
+// TearDown is DestroyRtmpClient; the caller holds the server, which may go with the client's session.
+int TearDown(RtmpClient *client, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    LeavePlayingState(client);
+
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing client ip address and session name\n", who);
+    free(client->ClientIP);
+    client->ClientIP = nullptr;
+    free(client->StreamName);
+    client->StreamName = nullptr;
+
+    // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
+    // half torn down, and whoever ends it frees the record (FreeClientRecord).
+    if (TearDownRecvList(client, logger, who) != 0 || TearDownSendList(client, logger, who) != 0) {
+        return -1;
+    }
+    if (client->Session != nullptr && LeaveSession(client, logger, who) != 0) {
+        return -1;
+    }
+    SetClientState(client, CLIENT_STATE_CLOSED);
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing RtmpClient pointer\n", who);
+    free(client);
+    return 0;
+}
+
 } // namespace
 
 RtmpClient *CreateNewRtmpClient(RtmpServer *server, uint32_t connType, int socket, const char *peerAddress,
@@ -167,27 +194,11 @@ int DestroyRtmpClient(RtmpClient *client)
     if (client == nullptr) {
         return 0;
     }
-    RtmpLogger *logger = LoggerOf(client->Server);
-    LeavePlayingState(client);
-
-    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing client ip address and session name\n", __func__);
-    free(client->ClientIP);
-    client->ClientIP = nullptr;
-    free(client->StreamName);
-    client->StreamName = nullptr;
-
-    // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
-    // half torn down, and whoever ends it frees the record (FreeClientRecord).
-    if (TearDownRecvList(client, logger, __func__) != 0 || TearDownSendList(client, logger, __func__) != 0) {
-        return -1;
-    }
-    if (client->Session != nullptr && LeaveSession(client, logger, __func__) != 0) {
-        return -1;
-    }
-    SetClientState(client, CLIENT_STATE_CLOSED);
-    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing RtmpClient pointer\n", __func__);
-    free(client);
-    return 0;
+    RtmpServer *server = client->Server;
+    HoldServer(server);
+    const int result = TearDown(client, __func__);
+    (void)ReleaseServer(server); // a failure is logged, and it is not the client's
+    return result;
 }
 
 void FreeClientRecord(RtmpClient *client)

@@ -6,14 +6,27 @@
 
 #include <stdlib.h>
 
+namespace {
+
+// A record that a host made itself is the host's to free.
+bool IsOurs(const RtmpServer *server)
+{
+    return server != nullptr && server->LogGate.LogFunction != nullptr;
+}
+
+} // namespace
+
 void HoldServer(RtmpServer *server)
 {
+    if (!IsOurs(server)) {
+        return;
+    }
     AddShared(&server->Holders, 1);
 }
 
 int ReleaseServer(RtmpServer *server)
 {
-    if (AddShared(&server->Holders, -1) > 0) {
+    if (!IsOurs(server) || AddShared(&server->Holders, -1) > 0) {
         return 0;
     }
     if (RtmpMutexDestroy(&server->LiveSessionListLock) != 0) {

@@ -445,7 +445,7 @@ struct RtmpServer {
     /* the library's own */
     RtmpLogger LogGate; /* finds Logger at the moment a line is written */
     int32_t LogReaders; /* threads inside Logger right now */
-    int32_t Holders;    /* the host, and every serve thread */
+    int32_t Holders;    /* the host, every serve thread, and clients that are being destroyed */
 };
 
 #ifdef __cplusplus

@@ -1,0 +1,132 @@
+#include "support/session_rig.h"
+
+#include "core/client.h"
+#include "core/client_state.h"
+
+#include <algorithm>
+#include <cstring>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+const Bytes kRigVideoConfig = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1F, 0xDA, 0x01, 0x40,
+                               0x16, 0xE8, 0x40, 0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
+const Bytes kRigAudioConfig = {0x12, 0x10};
+
+SessionRig::SessionRig(int32_t chunkSize, uint32_t media, uint32_t senderMode)
+{
+    HostFakes::get().reset();
+    int err = 0;
+    server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, chunkSize, &err);
+    session = server != nullptr ? RtmpSessionCreate(server, "live", &err) : nullptr;
+    if (session == nullptr) {
+        throw std::runtime_error("no session: " + std::to_string(err));
+    }
+    server->ChunkSize = static_cast<uint32_t>(chunkSize);
+    RtmpSenderSettings(session, senderMode, 0, 0, 1, 255, 5, 10, 10);
+    if (media != RTMP_MEDIA_NONE) {
+        const VideoMediaInfo video = {7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()),
+                                      kRigVideoConfig.data()};
+        const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
+                                      kRigAudioConfig.data()};
+        if (RtmpAddMediaInfo(session, media != RTMP_MEDIA_AUDIO ? &video : nullptr,
+                             media != RTMP_MEDIA_VIDEO ? &audio : nullptr) != 0) {
+            throw std::runtime_error("no media");
+        }
+    }
+}
+
+SessionRig::~SessionRig()
+{
+    destroySession();
+    RtmpServerDestroy(server);
+}
+
+RigClient SessionRig::addClient(uint32_t state)
+{
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+        throw std::runtime_error("no socket pair");
+    }
+    RtmpClient *client = CreateNewRtmpClient(server, RTMP_CONN_RTMP, ends[0], "127.0.0.1", 0, nullptr);
+    if (client == nullptr || AddClientInSession(session, client) != 0) {
+        throw std::runtime_error("no client");
+    }
+    client->StreamId = 1;
+    client->StatusChunkStreamId = 5;
+    client->AudioChunkStreamId = 6;
+    SetClientState(client, state);
+    clients_.push_back({client, ends[1]});
+    return clients_.back();
+}
+
+void SessionRig::removeClient(RtmpClient *client)
+{
+    const auto found = std::find_if(clients_.begin(), clients_.end(),
+                                    [&](const RigClient &each) { return each.client == client; });
+    const int socket = client->Socket;
+    if (!client->SocketClosed) {
+        close(socket);
+    }
+    close(found->peer);
+    clients_.erase(found);
+    FreeClientRecord(client);
+}
+
+void SessionRig::destroySession()
+{
+    while (!clients_.empty()) {
+        removeClient(clients_.back().client);
+    }
+    if (session != nullptr) {
+        RtmpSessionDestroy(session);
+        session = nullptr;
+    }
+}
+
+Bytes ReadBytes(int fd, size_t count, int milliseconds)
+{
+    Bytes out;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (out.size() < count) {
+        const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd ready = {fd, POLLIN, 0};
+        if (rest.count() <= 0 || poll(&ready, 1, static_cast<int>(rest.count())) <= 0) {
+            break;
+        }
+        uint8_t buffer[65536];
+        const ssize_t got = recv(fd, buffer, std::min(sizeof buffer, count - out.size()), 0);
+        if (got <= 0) {
+            break;
+        }
+        out.insert(out.end(), buffer, buffer + got);
+    }
+    return out;
+}
+
+Bytes DrainBytes(int fd)
+{
+    Bytes out;
+    uint8_t buffer[65536];
+    ssize_t got;
+    while ((got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+        out.insert(out.end(), buffer, buffer + got);
+    }
+    return out;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes &part : parts) {
+        out.insert(out.end(), part.begin(), part.end());
+    }
+    return out;
+}
+
+Bytes Text(const char *text)
+{
+    return Bytes(text, text + strlen(text));
+}
