@@ -5,7 +5,7 @@
 #   scripts/demo.sh                             play, record, check; everything lies in out/ afterwards
 #   scripts/demo.sh --serve [live_host options] keep serving until Ctrl-C instead
 #
-# Further options are handed to live_host, for instance: scripts/demo.sh --serve --interface any --input my.mp4
+# More options go to live_host, for instance: scripts/demo.sh --serve --interface any --rtmp-port 1935
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -48,12 +48,11 @@ port=$(free_port) || fail "no free port found"
 url=rtmp://127.0.0.1:$port/live/stream
 # A hash (64 hex digits) and a size switch on the signed handshake of rtmpdump; which ones is all the same.
 hash=$(printf '%064d' 0)
-watch_by_hand="rtmpdump -q -r $url -w $hash -x 1 -o - | ffplay -"
+watch="-w $hash -x 1 -q -o - | ffplay -"
 
 if [ "$serve" -eq 1 ]; then
-    say "Serving. Watch it (on a machine with a screen) with:"
-    echo "   $watch_by_hand"
-    say "Ctrl-C stops it"
+    say "Serving until Ctrl-C. Watch the URL that live_host names, on a machine with a screen:"
+    echo "   rtmpdump -r URL $watch"
     exec "$live_host" --interface lo --rtmp-port "$port" "$@"
 fi
 
@@ -116,5 +115,5 @@ cat <<END
    player's log     $out/rtmpdump.log
    the host         $live_host --help
 To watch by hand: scripts/demo.sh --serve, and then, on a machine with a screen, what it prints:
-   rtmpdump -q -r rtmp://127.0.0.1:PORT/live/stream -w $hash -x 1 -o - | ffplay -
+   rtmpdump -r URL $watch
 END

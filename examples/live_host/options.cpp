@@ -66,6 +66,11 @@ template <auto Field> void turnOn(Options &options, const Option &, const std::s
     options.*Field = true;
 }
 
+template <auto Group, auto Field> void turnOn(Options &options, const Option &, const std::string &)
+{
+    options.*Group.*Field = true;
+}
+
 void addSession(Options &options, const Option &self, const std::string &value)
 {
     if (value.empty()) {
@@ -104,16 +109,6 @@ void setTraceDirectory(Options &options, const Option &self, const std::string &
         refuse(self, value, "a directory of 1 to 1023 bytes");
     }
     options.trace.directory = value;
-}
-
-void turnBurnInOn(Options &options, const Option &, const std::string &)
-{
-    options.trace.burnIn = true;
-}
-
-void turnAdaptiveOn(Options &options, const Option &, const std::string &)
-{
-    options.adaptive.enabled = true;
 }
 
 using S = SenderOptions;
@@ -162,10 +157,10 @@ constexpr Option kOptions[] = {
     {"--trace-dir", "DIR", "threaded sender writes debug-<time>.csv here", setTraceDirectory},
     {"--trace-every", "FRAMES", "video frames between its lines (30)",
      number<&Options::trace, &TraceOptions::every>, 1},
-    {"--burn-in", nullptr, "format the burn-in texts too", turnBurnInOn},
+    {"--burn-in", nullptr, "format the burn-in texts too", turnOn<&Options::trace, &TraceOptions::burnIn>},
 
     {nullptr, nullptr, "Adaptive bitrate of the threaded sender; 0 is the library's default", nullptr},
-    {"--adaptive", nullptr, "switch it on; so does each of these", turnAdaptiveOn},
+    {"--adaptive", nullptr, "switch it on; so does each of these", turnOn<&Options::adaptive, &A::enabled>},
     {"--abr-min-bitrate", "BITS", "never ask for less, bit/s", adaptive<&A::minBitrate>, 0, INT32_MAX},
     {"--abr-start-delay", "MS", "before the first decision", adaptive<&A::startDelay>},
     {"--abr-increase-fullness", "PERCENT", "raise only below this fullness", adaptive<&A::increaseFullness>},
