@@ -1,0 +1,70 @@
+// A TCP connection to a port of this machine, with a deadline on everything and a record of what came.
+#pragma once
+
+#include "support/wire_bytes.h"
+
+#include <chrono>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace wire {
+
+// Thrown when the other side does not do in time what the test waits for.
+struct PeerError : std::runtime_error {
+    explicit PeerError(const std::string &what, int systemError = 0)
+        : std::runtime_error(what), code(systemError)
+    {
+    }
+    int code; // errno, where a system call failed
+};
+
+class ByteSocket {
+  public:
+    explicit ByteSocket(uint16_t port, int deadlineMs = 30000);
+    ~ByteSocket();
+    ByteSocket(const ByteSocket &) = delete;
+    ByteSocket &operator=(const ByteSocket &) = delete;
+
+    void send(const Bytes &bytes);
+    void sendInPieces(const Bytes &bytes, size_t pieceSize);
+    Bytes receive(size_t count); // exactly `count` bytes, or PeerError
+
+    // True when the server closes without another byte; false when a byte comes, or when nothing happens
+    // until the deadline.
+    bool ends(int deadlineMs = 30000);
+
+    void finish(); // no more bytes from this side; the other direction stays open
+    void leave();  // close
+    void reset();  // close with RST: nothing is waited for on either side
+
+    bool isOpen() const
+    {
+        return fd_ >= 0;
+    }
+    // Every byte that was taken by receive since the last call.
+    Bytes takeRecord();
+    void keepRecord(bool keep)
+    {
+        recording_ = keep;
+    }
+    void setReceiveBuffer(int bytes);
+    int descriptor() const
+    {
+        return fd_;
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    void waitFor(short events, Clock::time_point deadline, const char *what) const;
+    size_t fill(Clock::time_point deadline); // 0: the other side has closed
+
+    int fd_ = -1;
+    int deadlineMs_;
+    bool recording_ = true;
+    Bytes record_;
+    Bytes buffer_;
+    size_t used_ = 0; // bytes of buffer_ that were handed out
+};
+
+} // namespace wire

@@ -1,0 +1,133 @@
+#include "support/chunk_parser.h"
+
+namespace wire {
+namespace {
+
+uint32_t BigEndian(const Bytes &bytes, size_t from, size_t width)
+{
+    uint32_t value = 0;
+    for (size_t i = 0; i < width; ++i) {
+        value = value << 8 | bytes.at(from + i);
+    }
+    return value;
+}
+
+[[noreturn]] void Refuse(const Message &message, const std::string &why)
+{
+    throw PeerError("chunk stream " + std::to_string(message.chunkStream) + ", message type " +
+                    std::to_string(message.type) + ", header type " + std::to_string(message.headerType) +
+                    ": " + why + "; so far " + ToHex(message.raw));
+}
+
+bool IsPingResponse(const Message &message)
+{
+    return message.type == 4 && message.payload.size() == 6 && message.payload[1] == 7;
+}
+
+} // namespace
+
+Bytes ChunkParser::take(Message &message, size_t count)
+{
+    const Bytes bytes = socket_.receive(count);
+    Append(message.raw, bytes);
+    return bytes;
+}
+
+void ChunkParser::readField(Message &message, const Bytes &header)
+{
+    message.field = BigEndian(header, 0, 3);
+    if (message.field == 0xFFFFFF) {
+        message.extended = true;
+        message.field = BigEndian(take(message, 4), 0, 4);
+    }
+}
+
+// timestamp or delta:24  [length:24  type:8  [stream id:32, little-endian]]  [extended:32]
+void ChunkParser::readHeader(Message &message, Shape &shape)
+{
+    static constexpr size_t kHeaderLength[4] = {11, 7, 3, 0};
+    const uint8_t first = take(message, 1)[0];
+    message.headerType = first >> 6;
+    message.chunkStream = first & 0x3F;
+    if (message.chunkStream < 2) {
+        Refuse(message, "a long basic header");
+    }
+    const auto known = previous_.find(message.chunkStream);
+    if (known != previous_.end()) {
+        shape = known->second;
+    } else if (message.headerType != 0) {
+        Refuse(message, "nothing to inherit from");
+    }
+    const Bytes header = take(message, kHeaderLength[message.headerType]);
+    if (message.headerType < 2) {
+        shape.length = BigEndian(header, 3, 3);
+        shape.type = header[6];
+    }
+    if (message.headerType == 0) {
+        shape.stream = BigEndian({header[10], header[9], header[8], header[7]}, 0, 4);
+    }
+    message.type = shape.type;
+    message.stream = shape.stream;
+    if (message.headerType < 3) {
+        readField(message, header);
+        shape.delta = message.headerType == 0 ? 0 : message.field;
+    }
+    shape.timestamp = message.headerType == 0 ? message.field : shape.timestamp + shape.delta;
+    message.timestamp = shape.timestamp;
+}
+
+void ChunkParser::readPayload(Message &message, uint32_t length)
+{
+    const uint8_t separator = static_cast<uint8_t>(0xC0 | message.chunkStream);
+    do {
+        if (message.chunks > 0 && take(message, 1)[0] != separator) {
+            Refuse(message, "no separator in front of chunk " + std::to_string(message.chunks + 1));
+        }
+        const size_t piece = std::min<size_t>(chunkSize, length - message.payload.size());
+        Append(message.payload, take(message, piece));
+        ++message.chunks;
+    } while (message.payload.size() < length);
+}
+
+// The server compares each message with the first one it sent on the chunk stream, not with the last.
+void ChunkParser::checkHeaderType(const Message &message, const Shape &shape)
+{
+    const auto found = references_.find(message.chunkStream);
+    if (found == references_.end()) {
+        if (message.headerType != 0) {
+            Refuse(message, "the first message of a chunk stream needs a full header");
+        }
+        references_[message.chunkStream] = shape;
+        return;
+    }
+    const Shape &reference = found->second;
+    if (message.headerType == 0) {
+        if (reference.stream == shape.stream && !IsPingResponse(message)) {
+            Refuse(message, "a full header where a shorter one was due");
+        }
+        return;
+    }
+    const bool alike = reference.length == shape.length && reference.type == shape.type;
+    if (alike != (message.headerType > 1)) {
+        Refuse(message, alike ? "length and type need not be sent again" : "length or type have changed");
+    }
+    if (message.headerType == 2 && shape.delta == reference.delta) {
+        Refuse(message, "the delta need not be sent again");
+    }
+}
+
+Message ChunkParser::next()
+{
+    Message message;
+    Shape shape;
+    readHeader(message, shape);
+    readPayload(message, shape.length);
+    checkHeaderType(message, shape);
+    previous_[message.chunkStream] = shape;
+    if (message.type == 1) {
+        chunkSize = BigEndian(message.payload, 0, 4);
+    }
+    return message;
+}
+
+} // namespace wire

@@ -1,0 +1,70 @@
+// A server on a free port of the loopback interface, with sessions, media and everything a host owes the
+// library; taken down in order.
+#pragma once
+
+#include "rtmpcast/rtmpcast.h"
+#include "support/capture_logger.h"
+#include "support/wire_bytes.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace wire {
+
+struct SessionSetup {
+    bool video = true;
+    bool audio = true;
+    bool media = true;  // register them
+    bool sender = true; // choose the packet monitor
+};
+
+// What the registered media look like to a player: 1280x720 Baseline 3.1 at 2,500 kbit/s, 44,100 Hz stereo.
+Bytes ParameterSets(); // Annex B
+Bytes AvcHeaderBody(); // body of the AVC sequence header message
+Bytes AacHeaderBody(); // body of the AAC sequence header message
+Bytes MetaDataBody(const SessionSetup &setup = {});
+
+// An access unit of `length` bytes: one NAL unit behind its length, filled with a pattern.
+Bytes VideoFrame(size_t length, uint8_t nalHeader = 0x41, uint8_t fill = 0x11);
+
+class TestServer {
+  public:
+    // `logger` null: lines are kept in `log`.
+    explicit TestServer(int chunkSize = 4096, RtmpLogger *logger = nullptr);
+    ~TestServer();
+    TestServer(const TestServer &) = delete;
+    TestServer &operator=(const TestServer &) = delete;
+
+    RtmpSession *session(const std::string &name = "cam", const SessionSetup &setup = {});
+    int destroy(); // at most once; the destructor does it otherwise
+
+    // Every serve thread that was started has written its last line.
+    bool waitForClientsToEnd();
+
+    CaptureLogger log;
+    RtmpServer *server = nullptr;
+    uint16_t port = 0;
+
+  private:
+    static void Relay(void *context, uint8_t level, const char *format, va_list arguments);
+
+    RtmpLogger *logger_;
+    RtmpLogger relay_;
+    std::atomic<size_t> started_ = 0; // serve threads
+    std::atomic<size_t> ended_ = 0;
+};
+
+int SendVideo(RtmpSession *session, const Bytes &frame, uint64_t timestamp);
+int SendAudio(RtmpSession *session, const Bytes &frame, uint64_t timestamp);
+
+// Descriptors that this process has open.
+size_t OpenDescriptors();
+
+// Threads that this process runs.
+size_t RunningThreads();
+
+// Log lines with pointers replaced by "<p>", without those of some functions (other threads' as a rule).
+std::vector<std::string> Transcript(const CaptureLogger &log, const std::vector<std::string> &without);
+
+} // namespace wire
