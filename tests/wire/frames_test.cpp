@@ -2,6 +2,12 @@
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
+#include <algorithm>
+#include <cstring>
+#include <sys/mman.h>
+#include <thread>
+#include <unistd.h>
+
 using namespace wire;
 
 namespace {
@@ -83,6 +89,40 @@ TEST(WireFrames, MoreChunksThanOneWriteTakesArriveWhole)
     const Message message = peer.read();
     EXPECT_TRUE(Same(message.payload, Join({FromHex(kKey), frame})));
     EXPECT_EQ(message.chunks, 5005U);
+}
+
+// The same bytes, whether they are gathered from memory or sent from the file that also holds them.
+TEST(WireFrames, AFrameInAFileLooksTheSame)
+{
+    TestServer server(700);
+    RtmpSession *session = server.session();
+    ScriptedPeer peer(server.port);
+    peer.playing("cam");
+    const size_t offset = 4096, size = 100000;
+    const int file = memfd_create("frames", 0);
+    ASSERT_EQ(ftruncate(file, offset + size), 0);
+    void *map = mmap(nullptr, offset + size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    ASSERT_NE(map, MAP_FAILED);
+    uint8_t *place = static_cast<uint8_t *>(map) + offset;
+    const uint64_t base = reinterpret_cast<uint64_t>(map);
+    uint64_t time = 1000;
+    for (const size_t length : {1UL, 694UL, 695UL, 696UL, 1395UL, 1396UL, 50000UL}) {
+        const Bytes frame = VideoFrame(std::max<size_t>(length, 5), 0x65);
+        memcpy(place, frame.data(), length);
+        EXPECT_EQ(RtmpSendData(session, place, static_cast<int32_t>(length), file, base, time, 0), 0);
+        EXPECT_TRUE(Same(peer.read().raw,
+                         FrameBytes(VideoHeader(time == 1000 ? 0 : 40, length), length < 5 ? kInter : kKey,
+                                    Slice(frame, 0, length), 700, 0xC5)));
+        time += 40;
+    }
+    const Bytes sound(1400, 0xAF);
+    memcpy(place + 60000, sound.data(), sound.size());
+    EXPECT_EQ(RtmpSendData(session, place + 60000, 1400, file, base, 1000, 1), 0);
+    EXPECT_EQ(RtmpSendData(session, place, 50000, file, base, time + 60000, 0), 0);
+    EXPECT_TRUE(Same(peer.read().raw, FrameBytes(AudioHeader(0, 1400), "af 01", sound, 700, 0xC6)));
+    EXPECT_EQ(peer.read().type, 9);
+    munmap(map, offset + size);
+    close(file);
 }
 
 TEST(WireFrames, TheFirstNalUnitMakesAKeyFrame)

@@ -2,6 +2,7 @@
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
+#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -168,6 +169,62 @@ TEST(WireSessionDestroy, RacesWithPlayWithoutHanging)
         ASSERT_TRUE(WaitUntil([&] { return server.log.count("message: PLAY") >= heard; }));
         EXPECT_EQ(RtmpSessionDestroy(session), 0);
     }
+}
+
+// A member asks for the list that the destroying thread holds while it waits for that very member.
+TEST(WireSessionDestroy, RacesWithARepeatedPlayWithoutHanging)
+{
+    TestServer server;
+    for (int round = 0; round < 40; ++round) {
+        RtmpSession *session = server.session("cam");
+        Peers players = Players(server.port, 3);
+        server.log.clear();
+        for (const std::unique_ptr<ScriptedPeer> &player : players) {
+            player->command(PlayCommand("cam"));
+            player->command(PlayCommand("cam"));
+        }
+        const size_t heard = static_cast<size_t>(round % 4);
+        ASSERT_TRUE(WaitUntil([&] { return server.log.count("message: PLAY") >= heard; }));
+        EXPECT_EQ(RtmpSessionDestroy(session), 0);
+    }
+}
+
+// Frames go out on one thread while players come, go, pause and play again on others.
+TEST(WireSessionDestroy, FollowsALiveStreamWithRestlessPlayers)
+{
+    TestServer server;
+    RtmpSession *session = server.session("cam");
+    std::atomic<bool> done = false;
+    std::thread host([&] {
+        for (uint64_t time = 1000; !done; time += 40) {
+            SendAudio(session, Bytes(100, 0xA5), time);
+            SendVideo(session, VideoFrame(3000, 0x65), time); // -1 and -82 come and go with the players
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> players;
+    for (int i = 0; i < 3; ++i) {
+        players.emplace_back([&server] {
+            for (int round = 0; round < 15; ++round) {
+                ScriptedPeer peer(server.port);
+                peer.playing("cam");
+                peer.read(5);
+                peer.command(PauseCommand(true));
+                while (peer.read().type != 20) {
+                }
+                EXPECT_TRUE(peer.settle().empty()) << "no frame behind the answer to pause";
+                peer.chunks.restart();
+                peer.command(PauseCommand(false));
+                peer.read(10);
+            }
+        });
+    }
+    for (std::thread &player : players) {
+        player.join();
+    }
+    done = true;
+    host.join();
+    EXPECT_EQ(RtmpSessionDestroy(session), 0);
 }
 
 TEST(WireServerDestroy, EndsPlayersAndOutlivesConnectionsThatNeverJoined)
