@@ -155,6 +155,9 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
     const RtmpFrame *frame = cut->Frame;
     (void)RtmpMutexLock(&client->WriteLock); // a leaf that cannot fail
     UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
+    if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
+        return 0; // paused while this thread waited for the lock: no frame comes behind the answer
+    }
 
     RtmpSendPkt message = {};
     const uint32_t mediaLength = frame->PrefixLength - frame->HeaderLength + frame->PayloadLength;
