@@ -88,18 +88,20 @@ void ByteSocket::sendInPieces(const Bytes &bytes, size_t pieceSize)
 
 size_t ByteSocket::fill(Clock::time_point deadline)
 {
-    buffer_.resize(65536);
     used_ = 0;
     while (true) {
+        // The server leaves small writes to Nagle's algorithm, which waits for acknowledgements.
+        const int one = 1;
+        setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
+        buffer_.resize(65536);
         const ssize_t got = recv(fd_, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+        buffer_.resize(got > 0 ? static_cast<size_t>(got) : 0);
         if (got >= 0) {
-            buffer_.resize(static_cast<size_t>(got));
             return buffer_.size();
         }
         if (errno == EAGAIN) {
             waitFor(POLLIN, deadline, "receiving");
         } else if (errno != EINTR) {
-            buffer_.clear();
             throw WithErrno("recv");
         }
     }

@@ -81,6 +81,17 @@ TEST(WireConnect, LongRepliesAreCutWithASeparatorInFrontOfEveryFurtherChunk)
         Same(Slice(replies[4].raw, 12, 200), Join({Slice(body, 0, 100), {0xC3}, Slice(body, 100, 79)})));
 }
 
+// The size holds from the moment at which its message is made: a smaller one cuts its own announcement.
+TEST(WireConnect, AChunkSizeBelowFourCutsItsOwnAnnouncement)
+{
+    TestServer server(3);
+    ScriptedPeer peer(server.port);
+    peer.handshake();
+    peer.command(ConnectCommand());
+    EXPECT_EQ(peer.read(3).size(), 3U);
+    EXPECT_TRUE(Matches(peer.socket.receive(8 + 3 + 2), "42 ?????? 000004 01 000000 c2 03"));
+}
+
 TEST(WireConnect, AnUnconfiguredChunkSizeIsAnnouncedAs4096)
 {
     for (const int configured : {0, -5}) {
