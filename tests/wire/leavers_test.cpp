@@ -126,7 +126,7 @@ TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMis
     player.socket.keepRecord(false);
     player.playing("cam");
 
-    std::atomic<bool> done = false;
+    std::atomic<bool> done = false, lastIsSent = false;
     std::atomic<size_t> failures = 0;
     std::atomic<uint32_t> sent = 0, received = 0;
     std::thread host([&] {
@@ -141,7 +141,7 @@ TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMis
         }
     });
     std::thread watching([&] {
-        while (!done || received < sent) {
+        while (!lastIsSent || received < sent) {
             if (received < sent) {
                 const Message message = player.read();
                 ASSERT_TRUE(Same(Slice(message.payload, 5, 700), NumberedFrame(received)));
@@ -160,6 +160,7 @@ TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMis
     }
     done = true;
     host.join();
+    lastIsSent = true;
     watching.join();
     EXPECT_EQ(failures, 0U);
     EXPECT_EQ(received, sent);

@@ -75,6 +75,13 @@ const Stage kStages[] = {
     {"gone again", [](ScriptedPeer &peer) { peer.playing("cam"), peer.socket.reset(); }, false},
 };
 
+// Counted once a thread has been started: a sanitizer adds one of its own then.
+size_t ThreadsBefore()
+{
+    std::thread([] {}).join();
+    return RunningThreads();
+}
+
 using Peers = std::vector<std::unique_ptr<ScriptedPeer>>;
 
 Peers OneAtEveryStage(uint16_t port)
@@ -243,7 +250,7 @@ TEST(WireSessionDestroy, FollowsALiveStreamWithRestlessPlayers)
 
 TEST(WireServerDestroy, EndsPlayersAndOutlivesConnectionsThatNeverJoined)
 {
-    const size_t threads = RunningThreads();
+    const size_t threads = ThreadsBefore();
     TestServer server;
     server.session("cam");
     Peers peers = OneAtEveryStage(server.port);
@@ -262,13 +269,13 @@ TEST(WireServerDestroy, EndsPlayersAndOutlivesConnectionsThatNeverJoined)
     EXPECT_EQ(peers[5]->read(2).size(), 2U);
     EXPECT_TRUE(peers[5]->socket.ends());
     peers.clear();
-    EXPECT_TRUE(WaitUntil([&] { return RunningThreads() == threads; })) << "every thread ends with its peer";
+    EXPECT_TRUE(WaitUntil([&] { return RunningThreads() <= threads; })) << "every thread ends with its peer";
     EXPECT_EQ(server.log.lines().size(), last) << "the host's logger is not called any more";
 }
 
 TEST(WireServerDestroy, WithoutSessionsAndWithoutPlayers)
 {
-    const size_t threads = RunningThreads();
+    const size_t threads = ThreadsBefore();
     const size_t descriptors = OpenDescriptors();
     for (int round = 0; round < 20; ++round) {
         TestServer server;
@@ -276,7 +283,7 @@ TEST(WireServerDestroy, WithoutSessionsAndWithoutPlayers)
         EXPECT_TRUE(
             server.log.contains("6 INFO: AcceptRtmpConnectionThread: Exiting RTMP connection accept thread"));
     }
-    EXPECT_TRUE(WaitUntil([&] { return RunningThreads() == threads; }));
+    EXPECT_TRUE(WaitUntil([&] { return RunningThreads() <= threads; }));
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
