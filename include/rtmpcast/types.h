@@ -19,6 +19,9 @@
 #define RTMP_PRINTF(text, arguments)
 #endif
 
+/* What the host provides. The library finds it also in a host that is compiled with -fvisibility=hidden. */
+#define RTMP_HOST RTMP_API
+
 #if defined(__cplusplus) && __cplusplus >= 201703L
 #define RTMP_STATUS [[nodiscard]]
 #else
