@@ -85,8 +85,13 @@ wait "$server" || fail "live_host did not stop cleanly: see $out/live_host.log"
 trap - EXIT
 
 # ------------------------------------------------------------------------------------------------- checking
-say "ffprobe reads the recording"
-probe() { ffprobe -v error "$@" "$out/recording.flv"; }
+# The player joined between two key frames, as players of live streams do. Pictures before the first key frame
+# refer to what was never received: copying leaves them out (and complains of them, in a log of its own).
+ffmpeg -nostdin -v error -y -i "$out/recording.flv" -c copy "$out/playable.mkv" 2>"$out/copy.log" ||
+    { cat "$out/copy.log" >&2; fail "ffmpeg cannot read the recording"; }
+
+say "ffprobe reads the recording from its first key frame on"
+probe() { ffprobe -v error "$@" "$out/playable.mkv"; }
 probe -show_entries stream=codec_name,width,height,sample_rate,channels -of compact
 frames=$(probe -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0)
 key_frames=$(probe -select_streams v:0 -show_entries packet=flags -of csv=p=0 | grep -c K || true)
@@ -96,10 +101,8 @@ say "$frames pictures ($key_frames of them key frames), ${sounds:-0} sound frame
 [ "$key_frames" -ge 1 ] || fail "there is no key frame"
 
 say "ffmpeg decodes it"
-# The player joined between two key frames, as players of live streams do; copying leaves out what comes
-# before the first of them.
-ffmpeg -nostdin -v error -y -i "$out/recording.flv" -c copy "$out/playable.mkv" 2>"$out/decode.log" || true
-ffmpeg -nostdin -v error -xerror -i "$out/playable.mkv" -f null - 2>>"$out/decode.log" || true
+ffmpeg -nostdin -v error -xerror -i "$out/playable.mkv" -f null - 2>"$out/decode.log" ||
+    { cat "$out/decode.log" >&2; fail "decoding failed"; }
 if [ -s "$out/decode.log" ]; then
     cat "$out/decode.log" >&2
     fail "decoding reported errors"
