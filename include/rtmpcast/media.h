@@ -52,10 +52,12 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  *
  * Packet monitor (any sender mode but 1): a video frame is written to every player before the call
  * returns, which may block on a slow one; audio is parked until the next video frame, so a session whose
- * host sends no video sends no audio. `data` may be reused as soon as the call has returned, except that
- * audio with a file is only referenced: keep it until the next video frame.
+ * host sends no video sends no audio.
  * Threaded sender (mode 1): frames are copied into a ring, or referenced when they have a file; a full
  * ring is flushed.
+ * Without a file `data` may be reused as soon as the call has returned. With one, leave the bytes as they
+ * are: the senders reference parked and queued frames, and the kernel sends from the file's pages until the
+ * players have acknowledged them. Nobody tells when.
  *
  * One call at a time per session.
  */

@@ -7,7 +7,9 @@
  *     null and a code in `err`.
  *   - Pointers are borrowed for the length of the call unless said otherwise.
  *   - Times are milliseconds.
- *   - Nothing throws. SIGPIPE is never raised by a plain connection's write.
+ *   - Nothing throws.
+ *   - SIGPIPE is raised when a player has left by frames from files and by TLS, and by nothing else: a host
+ *     that uses either ignores the signal (see HandleSignal).
  *   - A host must install a SIGUSR1 handler that returns, without SA_RESTART, before it destroys a session
  *     or a server.
  */
