@@ -11,6 +11,7 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "rtmpcast/host.h"
+#include "rtmpcast/sender.h"
 
 #include <signal.h>
 #include <time.h>
@@ -252,6 +253,11 @@ int RtmpSessionDestroy(RtmpSession *session)
     }
     RtmpServer *server = session->Server;
     RtmpLogger *logger = LoggerOf(server);
+    // The session's own sender thread may be stuck in a write to a player that takes nothing, and it holds
+    // the session list meanwhile.
+    if (session->SenderMode == RTMP_SENDER_THREADED) {
+        (void)RtmpThreadedQueueClose(session); // always 0
+    }
     if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
         return RTMP_ERR_LOCK;
