@@ -88,7 +88,10 @@ int CutUp(RtmpSession *session, const RtmpFrame *frame, CutFrame *cut)
 
 int WriteFromMemory(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *message)
 {
-    if (SendMessage(client, cut->Pieces, cut->Count, message, false) != 0) {
+    // Audio only ever leaves in front of a video frame: the kernel may put both into one packet, which saves
+    // the player a wake-up and the sender most of a write.
+    const bool videoFollows = cut->Frame->Kind == RTMP_MSG_AUDIO;
+    if (SendMessage(client, cut->Pieces, cut->Count, message, videoFollows) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Sending data message to client {%p} failed\n", kFanOut,
                      static_cast<void *>(client));

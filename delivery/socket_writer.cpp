@@ -12,8 +12,10 @@
 
 namespace {
 
-// Vectors per sendmsg: far below the kernel's limit of 1024, so that a serve thread's stack stays small.
-constexpr uint32_t kVectorsPerWrite = 256;
+// Vectors per sendmsg, far below the kernel's limit of 1024. Replies come from serve threads, whose stacks
+// are resident memory once for every player: they make do with few.
+constexpr uint32_t kVectorsOfReply = 16;
+constexpr uint32_t kVectorsOfFrame = 256;
 
 // The continuation header has one byte: chunk stream ids below 64 are all that is ever assigned.
 uint8_t SeparatorOf(const RtmpSendPkt *message)
@@ -23,11 +25,11 @@ uint8_t SeparatorOf(const RtmpSendPkt *message)
 
 // FillVectors lays out pieces from `*next` on, and moves `*next` behind those that fit. Returns how many
 // vectors it filled.
-uint32_t FillVectors(struct iovec *vectors, const RtmpPiece *pieces, uint32_t count, uint32_t *next,
-                     uint8_t *separator)
+uint32_t FillVectors(struct iovec *vectors, uint32_t capacity, const RtmpPiece *pieces, uint32_t count,
+                     uint32_t *next, uint8_t *separator)
 {
     uint32_t filled = 0;
-    for (; *next < count && filled + 2 <= kVectorsPerWrite; (*next)++) {
+    for (; *next < count && filled + 2 <= capacity; (*next)++) {
         const RtmpPiece *piece = &pieces[*next];
         if (piece->StartsChunk != 0) {
             vectors[filled++] = {separator, 1};
@@ -64,19 +66,40 @@ int WriteVectors(RtmpClient *client, struct iovec *vectors, uint32_t count, int 
     return 0;
 }
 
-int WritePlain(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator,
-               bool moreFollows)
+int WriteThrough(struct iovec *vectors, uint32_t capacity, RtmpClient *client, const RtmpPiece *pieces,
+                 uint32_t count, uint8_t separator, bool moreFollows)
 {
-    struct iovec vectors[kVectorsPerWrite];
     uint32_t next = 0;
     while (next < count) {
-        const uint32_t filled = FillVectors(vectors, pieces, count, &next, &separator);
+        const uint32_t filled = FillVectors(vectors, capacity, pieces, count, &next, &separator);
         const int flags = moreFollows || next < count ? MSG_MORE : 0;
         if (WriteVectors(client, vectors, filled, flags) != 0) {
             return -1;
         }
     }
     return 0;
+}
+
+// Not inlined, so that a short message does not pay for a long one's stack.
+__attribute__((noinline)) int WriteLong(RtmpClient *client, const RtmpPiece *pieces, uint32_t count,
+                                        uint8_t separator, bool moreFollows)
+{
+    struct iovec vectors[kVectorsOfFrame];
+    return WriteThrough(vectors, kVectorsOfFrame, client, pieces, count, separator, moreFollows);
+}
+
+__attribute__((noinline)) int WriteShort(RtmpClient *client, const RtmpPiece *pieces, uint32_t count,
+                                         uint8_t separator, bool moreFollows)
+{
+    struct iovec vectors[kVectorsOfReply];
+    return WriteThrough(vectors, kVectorsOfReply, client, pieces, count, separator, moreFollows);
+}
+
+int WritePlain(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator,
+               bool moreFollows)
+{
+    return count <= kVectorsOfReply / 2 ? WriteShort(client, pieces, count, separator, moreFollows)
+                                        : WriteLong(client, pieces, count, separator, moreFollows);
 }
 
 // WriteTlsPiece returns the bytes written, or the negative or zero result that ended the piece early.
