@@ -1,5 +1,6 @@
 #include "core/client.h"
 
+#include "core/atomic.h"
 #include "core/client_list.h"
 #include "core/client_state.h"
 #include "core/record.h"
@@ -34,15 +35,18 @@ bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
 }
 
 // The fan-out works with the lists of clients in the playing state only, under the client list lock: out of
-// that state, a client's lists are its own thread's.
+// that state, a client's lists are its own thread's. The lock is passed through in every state: a client that
+// paused a moment ago may still be in the hands of a frame that began before.
 void LeavePlayingState(RtmpClient *client)
 {
     RtmpSession *session = client->Session;
-    if (session == nullptr || ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
+    if (session == nullptr) {
         return;
     }
     const bool locked = RtmpMutexLock(&session->ClientListLock) == 0;
-    SetClientState(client, CLIENT_STATE_CLOSED);
+    if (ClientStateOf(client) == CLIENT_STATE_PLAY_DONE) {
+        SetClientState(client, CLIENT_STATE_CLOSED);
+    }
     if (locked) {
         (void)RtmpMutexUnlock(&session->ClientListLock); // leaving the session below reports lock failures
     }
@@ -69,7 +73,7 @@ void LogChainPlace(RtmpLogger *logger, enum ChainPlace place, const char *who)
 // The caller holds the session's ClientListLock. Returns how many clients remain.
 int32_t TakeOutOfSession(RtmpSession *session, RtmpClient *client, enum ChainPlace place)
 {
-    if (place == CHAIN_ONLY && session->SenderMode != RTMP_SENDER_THREADED) {
+    if (place == CHAIN_ONLY && LoadShared(&session->SenderMode) != RTMP_SENDER_THREADED) {
         RtmpMonitorClear(session);
     }
     return UnlinkClient(session, client);

@@ -20,7 +20,8 @@ namespace {
 
 constexpr RtmpMutex kFreshLeafLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 constexpr pthread_cond_t kFreshCondition = PTHREAD_COND_INITIALIZER;
-constexpr long kSignalPeriodNanoseconds = 10 * 1000 * 1000;
+constexpr long kSignalPeriodMilliseconds = 10;
+constexpr int kPeriodsBeforeAll = 100;
 constexpr int32_t kPublishStateSessionGone = 8;
 
 RtmpSession *FailCreate(int code, int *err)
@@ -63,7 +64,7 @@ struct timespec NextSignalTime()
 {
     struct timespec next = {};
     clock_gettime(CLOCK_REALTIME, &next);
-    next.tv_nsec += kSignalPeriodNanoseconds;
+    next.tv_nsec += kSignalPeriodMilliseconds * 1000000;
     if (next.tv_nsec >= 1000000000) {
         next.tv_sec += 1;
         next.tv_nsec -= 1000000000;
@@ -81,17 +82,51 @@ bool IsMember(const RtmpSession *session, const RtmpClient *client)
     return false;
 }
 
+// The caller holds MemberLock. A member's thread has not ended yet, so its handle is good.
+void SignalMember(const RtmpClient *client)
+{
+    const RtmpThread thread = LoadShared(&client->ServeThread);
+    if (thread != 0) {
+        pthread_kill(thread, SIGUSR1);
+    }
+}
+
+// The caller holds MemberLock.
+void SignalAllMembers(const RtmpSession *session)
+{
+    for (const RtmpClient *each = session->MemberHead; each != nullptr; each = each->NextMember) {
+        SignalMember(each);
+    }
+}
+
+// LockClientList takes ClientListLock. A serve thread may hold it while it writes to a player that takes
+// nothing: a signal ends the write.
+int LockClientList(RtmpSession *session)
+{
+    for (;;) {
+        const int result = RtmpMutexLockFor(&session->ClientListLock, kSignalPeriodMilliseconds);
+        if (result != RTMP_MUTEX_TIME_IS_UP) {
+            return result;
+        }
+        (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
+        SignalAllMembers(session);
+        (void)RtmpMutexUnlock(&session->MemberLock);
+    }
+}
+
 // WaitUntilLeft returns when `client`, which may be freed meanwhile, is no member any more. The signal is
-// repeated: one that arrives between two reads interrupts nothing. A member's thread has not ended yet, so
-// its handle is good.
-void WaitUntilLeft(RtmpSession *session, const RtmpClient *client, RtmpThread thread)
+// repeated: one that arrives between two reads interrupts nothing. A client that cannot leave is waiting for
+// another one that is stuck in a write, so that in the end all are signalled.
+void WaitUntilLeft(RtmpSession *session, const RtmpClient *client)
 {
     (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
-    while (IsMember(session, client)) {
+    for (int periods = 0; IsMember(session, client); periods++) {
         const struct timespec next = NextSignalTime();
         pthread_cond_timedwait(&session->MemberLeft, &session->MemberLock, &next);
-        if (thread != 0 && IsMember(session, client)) {
-            pthread_kill(thread, SIGUSR1);
+        if (periods >= kPeriodsBeforeAll) {
+            SignalAllMembers(session);
+        } else if (IsMember(session, client)) {
+            SignalMember(client);
         }
     }
     (void)RtmpMutexUnlock(&session->MemberLock);
@@ -123,7 +158,7 @@ const char *EndClient(RtmpSession *session, int *code)
 {
     constexpr const char *who = "RtmpSessionDestroy";
     RtmpLogger *logger = LoggerOf(session->Server);
-    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+    if (LockClientList(session) != 0) {
         *code = RTMP_ERR_LOCK;
         return "ERROR: %s: Cannot lock Rtmp client list\n";
     }
@@ -151,7 +186,7 @@ const char *EndClient(RtmpSession *session, int *code)
     if (thread != 0) {
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Waiting for Thread Completion\n", who);
     }
-    WaitUntilLeft(session, client, thread);
+    WaitUntilLeft(session, client);
     if (claimed && RtmpWaitForThreadCompletion(thread) != 0) {
         *code = RTMP_ERR_THREAD_JOIN;
         return "ERROR: %s: Wait For serve client thread Failed\n";

@@ -6,25 +6,11 @@
 #include "net/log.h"
 #include "net/platform.h"
 
-#include <errno.h>
 #include <string.h>
-#include <time.h>
 
 namespace {
 
-constexpr long kLockSliceNanoseconds = 20 * 1000 * 1000;
-
-struct timespec EndOfLockSlice()
-{
-    struct timespec end = {};
-    clock_gettime(CLOCK_REALTIME, &end);
-    end.tv_nsec += kLockSliceNanoseconds;
-    if (end.tv_nsec >= 1000000000) {
-        end.tv_sec += 1;
-        end.tv_nsec -= 1000000000;
-    }
-    return end;
-}
+constexpr long kLockSliceMilliseconds = 20;
 
 // The caller holds LiveSessionListLock. `session` receives the match, or null when the match has no media.
 int FindReadySession(RtmpServer *server, const char *name, RtmpSession **session)
@@ -97,12 +83,11 @@ void UnlinkSession(RtmpServer *server, RtmpSession *session)
 int LockSessionListFor(RtmpClient *client)
 {
     for (;;) {
-        const struct timespec end = EndOfLockSlice();
-        const int result = pthread_mutex_timedlock(&client->Server->LiveSessionListLock, &end);
-        if (result == 0) {
-            return 0;
+        const int result = RtmpMutexLockFor(&client->Server->LiveSessionListLock, kLockSliceMilliseconds);
+        if (result != RTMP_MUTEX_TIME_IS_UP) {
+            return result;
         }
-        if (result != ETIMEDOUT || LoadShared(&client->ThreadOwner) == THREAD_OWNER_SESSION) {
+        if (LoadShared(&client->ThreadOwner) == THREAD_OWNER_SESSION) {
             return -1;
         }
     }

@@ -24,6 +24,20 @@ void ReportClockError()
     pthread_setcancelstate(previous, nullptr);
 }
 
+// What pthread_mutex_timedlock waits until.
+struct timespec TimeAfter(long milliseconds)
+{
+    constexpr long nanosecondsPerSecond = 1000000000;
+    struct timespec end = {};
+    clock_gettime(CLOCK_REALTIME, &end);
+    end.tv_nsec += milliseconds * 1000000;
+    if (end.tv_nsec >= nanosecondsPerSecond) {
+        end.tv_nsec -= nanosecondsPerSecond;
+        end.tv_sec++;
+    }
+    return end;
+}
+
 int StatusOf(int pthreadResult)
 {
     return pthreadResult == 0 ? 0 : -1;
@@ -44,6 +58,16 @@ int RtmpMutexInit(RtmpMutex *mutex)
 int RtmpMutexLock(RtmpMutex *mutex)
 {
     return StatusOf(pthread_mutex_lock(mutex));
+}
+
+int RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds)
+{
+    int result = pthread_mutex_trylock(mutex);
+    if (result == EBUSY) {
+        const struct timespec end = TimeAfter(milliseconds);
+        result = pthread_mutex_timedlock(mutex, &end);
+    }
+    return result == ETIMEDOUT ? RTMP_MUTEX_TIME_IS_UP : StatusOf(result);
 }
 
 int RtmpMutexUnlock(RtmpMutex *mutex)

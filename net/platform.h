@@ -13,6 +13,10 @@ RTMP_STATUS int RtmpMutexLock(RtmpMutex *mutex);
 RTMP_STATUS int RtmpMutexUnlock(RtmpMutex *mutex);
 RTMP_STATUS int RtmpMutexDestroy(RtmpMutex *mutex);
 
+// RtmpMutexLockFor gives up after `milliseconds` (below 1000). 0; -1; or RTMP_MUTEX_TIME_IS_UP.
+enum { RTMP_MUTEX_TIME_IS_UP = 1 };
+RTMP_STATUS int RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds);
+
 RTMP_STATUS int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument);
 [[noreturn]] void RtmpThreadExit(RtmpThread thread); // ends the calling thread, whatever `thread` is
 int RtmpThreadCancel(RtmpThread thread);             // always 0
