@@ -102,7 +102,8 @@ int WriteFromMemory(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *
 
 int WriteFromFile(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *message)
 {
-    if (SendMessage(client, cut->Pieces, cut->PrefixCount, message, true) != 0) {
+    const bool moreFollows = cut->Count > cut->PrefixCount;
+    if (SendMessage(client, cut->Pieces, cut->PrefixCount, message, moreFollows) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Sending data message to client {%p} failed (zero copy)\n", kFanOut,
                      static_cast<void *>(client));

@@ -3,12 +3,15 @@
 #include "core/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "net/socket_io.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <sys/sendfile.h>
 #include <sys/uio.h>
+#include <time.h>
 
 namespace {
 
@@ -146,12 +149,71 @@ int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t ma
     return 0;
 }
 
+// sendfile has no MSG_NOSIGNAL. HoldSigpipe keeps the signal from the thread that calls it.
+struct HeldSigpipe {
+    sigset_t Before;
+    bool WasHeld;
+};
+
+sigset_t SigpipeAlone()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    return set;
+}
+
+HeldSigpipe HoldSigpipe()
+{
+    HeldSigpipe held = {};
+    const sigset_t set = SigpipeAlone();
+    pthread_sigmask(SIG_BLOCK, &set, &held.Before);
+    held.WasHeld = sigismember(&held.Before, SIGPIPE) == 1;
+    return held;
+}
+
+// LetGoSigpipe takes back a signal that was raised meanwhile.
+void LetGoSigpipe(const HeldSigpipe *held)
+{
+    if (held->WasHeld) {
+        return; // the host keeps it from this thread anyway
+    }
+    const sigset_t set = SigpipeAlone();
+    const struct timespec atOnce = {};
+    WITHOUT_CANCEL int restore = ForbidCancel();
+    while (sigtimedwait(&set, nullptr, &atOnce) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &held->Before, nullptr);
+}
+
 void ReportSendfileError()
 {
     int previous;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); // a cancelled perror leaves stderr locked
     perror(nullptr);
     pthread_setcancelstate(previous, nullptr);
+}
+
+int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator, int fd,
+                       uint64_t mapBase, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    for (uint32_t i = 0; i < count; i++) {
+        if (pieces[i].StartsChunk != 0 &&
+            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, client->Tls) != 1) {
+            RtmpLogPrint(logger, RTMP_LOG_ERROR,
+                         "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",
+                         who);
+            return -1;
+        }
+        if (SendFromFile(client, &pieces[i], fd, mapBase) != 0) {
+            ReportSendfileError();
+            RtmpLogPrint(logger, RTMP_LOG_ERROR,
+                         "ERROR: %s: SendFile: Error occured while sending message using sendfile\n", who);
+            return -1;
+        }
+    }
+    return 0;
 }
 
 } // namespace
@@ -175,23 +237,8 @@ int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, con
 int SendFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message, int fd,
              uint64_t mapBase)
 {
-    RtmpLogger *logger = LoggerOf(client->Server);
-    const uint8_t separator = SeparatorOf(message);
-    for (uint32_t i = 0; i < count; i++) {
-        if (pieces[i].StartsChunk != 0 &&
-            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, client->Tls) != 1) {
-            RtmpLogPrint(logger, RTMP_LOG_ERROR,
-                         "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",
-                         __func__);
-            return -1;
-        }
-        if (SendFromFile(client, &pieces[i], fd, mapBase) != 0) {
-            ReportSendfileError();
-            RtmpLogPrint(logger, RTMP_LOG_ERROR,
-                         "ERROR: %s: SendFile: Error occured while sending message using sendfile\n",
-                         __func__);
-            return -1;
-        }
-    }
-    return 0;
+    const HeldSigpipe held = HoldSigpipe();
+    const int result = SendPiecesFromFile(client, pieces, count, SeparatorOf(message), fd, mapBase, __func__);
+    LetGoSigpipe(&held);
+    return result;
 }
