@@ -1,5 +1,6 @@
 #include "delivery/monitor.h"
 
+#include "core/atomic.h"
 #include "core/record.h"
 #include "delivery/fan_out.h"
 #include "delivery/monitor_stats.h"
@@ -132,7 +133,7 @@ int RtmpMonitorInit(RtmpSession *session, uint32_t encoderHandle, uint32_t withS
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to init queue\n", __func__);
         return -1;
     }
-    session->Monitor = monitor;
+    StoreShared(&session->Monitor, monitor); // serve threads stamp it, and clear it
     if (encoderHandle == 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "WARNING: %s: Invalid AVCENC handle\n", __func__);
         return -1; // the monitor works all the same

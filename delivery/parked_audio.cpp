@@ -165,7 +165,7 @@ int TakeParkedAudio(RtmpMonitor *monitor, uint64_t videoDelta, RtmpPacket *taken
 
 int RtmpMonitorClear(RtmpSession *session)
 {
-    RtmpMonitor *monitor = session->Monitor;
+    RtmpMonitor *monitor = LoadShared(&session->Monitor);
     if (monitor == nullptr) {
         return 0;
     }
