@@ -1,5 +1,6 @@
 #include "rtmpcast/server.h"
 
+#include "core/atomic.h"
 #include "core/record.h"
 #include "core/server_hold.h"
 #include "net/accept.h"
@@ -158,9 +159,14 @@ int CloseListener(RtmpServer *server, const Listener &listener)
         return 0;
     }
     const int fd = server->*listener.Socket;
-    (void)ShutDownSocket(LoggerOf(server), fd); // logged; accept fails, and the thread ends
+    if (fd != -1) {
+        (void)ShutDownSocket(LoggerOf(server), fd); // logged; accept fails, and the thread ends
+    }
     const int joined = RtmpWaitForThreadCompletion(server->*listener.Thread);
-    (void)CloseShutSocket(LoggerOf(server), fd); // logged
+    if (fd != -1) {
+        (void)CloseShutSocket(LoggerOf(server), fd);  // logged
+        StoreShared(&(server->*listener.Socket), -1); // a host that tries again finds nothing to close twice
+    }
     if (joined != 0) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // the listener's text
@@ -168,6 +174,7 @@ int CloseListener(RtmpServer *server, const Listener &listener)
 #pragma GCC diagnostic pop
         return RTMP_ERR_THREAD_JOIN;
     }
+    server->*listener.Thread = 0; // nor to join twice
     return 0;
 }
 

@@ -19,6 +19,12 @@ void FreeChunkHdr(RtmpChunkHdr **header)
     }
 }
 
+// Frees a message that no list owns, on every way out: the sender's thread may be cancelled in its write.
+void FreeOwnMessage(RtmpSendPkt **message)
+{
+    FreeSendPkt(*message);
+}
+
 // A message is in its client's send list as the reference of its chunk stream, or nobody's.
 struct Reference {
     RtmpSendPkt *Previous; // what the list held before; null: the message itself has been stored
@@ -67,6 +73,7 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
         FreeSendPkt(message);
         return -1;
     }
+    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = reference.Stored ? nullptr : message;
     int headerType = DecideMsgHdrType(message, reference.Previous);
     if (kind == RTMP_MSG_PING_RESPONSE) {
         headerType = 0;
@@ -79,9 +86,7 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
     } else {
         result = WriteMessage(client, message, header, who);
     }
-    if (!reference.Stored) {
-        FreeSendPkt(message);
-    } else if (kind == RTMP_MSG_DELETE_STREAM || (result != 0 && !keepFailed)) {
+    if (reference.Stored && (kind == RTMP_MSG_DELETE_STREAM || (result != 0 && !keepFailed))) {
         (void)RemoveSendPkt(client, message); // stored a moment ago
     }
     return result;

@@ -1,5 +1,6 @@
 #include "net/accept.h"
 
+#include "core/atomic.h"
 #include "core/client.h"
 #include "core/server_hold.h"
 #include "net/log.h"
@@ -68,12 +69,12 @@ void *AcceptRtmpConnectionThread(void *argument)
         RtmpThreadExit(RtmpGetSelfThreadHandle());
     }
     RtmpServer *server = static_cast<RtmpServer *>(argument);
-    while (server->RtmpSocket != -1) {
+    while (LoadShared(&server->RtmpSocket) != -1) {
         // KEPT: both lines before every accept, not only at the start.
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Waiting for RTMP client connection on %d\n",
                      __func__, server->RtmpPort);
         KelvoraSyslog("RTMP", "RTMP server started on port %d\n", server->RtmpPort);
-        const int fd = accept(server->RtmpSocket, nullptr, nullptr);
+        const int fd = accept(LoadShared(&server->RtmpSocket), nullptr, nullptr);
         if (fd == -1) {
             RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Exiting RTMP connection accept thread\n",
                          __func__);
