@@ -16,7 +16,7 @@
 /*
  * Call first in main, on the thread that sends. Blocks SIGINT and SIGTERM for this thread and all that it
  * starts, so that they reach the supervisor; installs the SIGUSR1 handler that the library needs; ignores
- * SIGPIPE, which sendfile raises.
+ * SIGPIPE.
  */
 void prepareSignals();
 

@@ -8,8 +8,8 @@
  *   - Pointers are borrowed for the length of the call unless said otherwise.
  *   - Times are milliseconds.
  *   - Nothing throws.
- *   - SIGPIPE is raised when a player has left by frames from files and by TLS, and by nothing else: a host
- *     that uses either ignores the signal (see HandleSignal).
+ *   - SIGPIPE is never raised by a plain connection's writes, frames from files included. A host that brings
+ *     TLS ignores the signal (see HandleSignal): the TLS library writes by itself.
  *   - A host must install a SIGUSR1 handler that returns, without SA_RESTART, before it destroys a session
  *     or a server.
  */
