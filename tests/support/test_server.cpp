@@ -91,7 +91,7 @@ RtmpSession *TestServer::session(const std::string &name, const SessionSetup &se
         throw std::runtime_error("no session: " + std::to_string(error));
     }
     if (setup.sender) {
-        EXPECT_EQ(RtmpSenderSettings(made, 0, 0, 0, 1, 0, 1, 0, 0), 0);
+        EXPECT_EQ(RtmpSenderSettings(made, setup.mode, 0, 0, 1, 0, 1, setup.queue, setup.queue), 0);
     }
     const Bytes sets = ParameterSets();
     const Bytes config = FromHex("1210");

@@ -15,8 +15,10 @@ namespace wire {
 struct SessionSetup {
     bool video = true;
     bool audio = true;
-    bool media = true;  // register them
-    bool sender = true; // choose the packet monitor
+    bool media = true;   // register them
+    bool sender = true;  // choose how frames leave
+    uint32_t mode = 0;   // RTMP_SENDER_THREADED, or the packet monitor
+    uint32_t queue = 30; // frames per queue of the threaded sender, less one
 };
 
 // What the registered media look like to a player: 1280x720 Baseline 3.1 at 2,500 kbit/s, 44,100 Hz stereo.

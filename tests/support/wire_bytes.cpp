@@ -129,6 +129,9 @@ testing::AssertionResult Matches(const Bytes &bytes, std::string_view picture)
 
 testing::AssertionResult Same(const Bytes &actual, const Bytes &expected)
 {
+    if (actual == expected) {
+        return testing::AssertionSuccess();
+    }
     std::vector<Cell> cells;
     for (const uint8_t byte : expected) {
         cells.push_back({false, byte});

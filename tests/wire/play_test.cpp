@@ -70,6 +70,19 @@ TEST(WirePlay, ASequenceHeaderLongerThanAChunkIsSeparatedToo)
                      Join({Slice(AvcHeaderBody(), 0, 20), {0xC5}, Slice(AvcHeaderBody(), 20, 9)})));
 }
 
+TEST(WirePlay, RequestsMayArriveByteByByte)
+{
+    TestServer server;
+    server.session("cam");
+    ScriptedPeer peer(server.port);
+    peer.handshake({.pieceSize = 1});
+    for (const Bytes &command : {ConnectCommand(), CreateStreamCommand(), PlayCommand("cam")}) {
+        peer.socket.sendInPieces(Chunks({.payload = command}), 1);
+    }
+    peer.read(7);
+    ExpectFirstPlay(peer.read(7), "cam");
+}
+
 TEST(WirePlay, AudioAloneSharesTheChunkStreamOfTheStatus)
 {
     TestServer server;
