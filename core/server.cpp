@@ -7,6 +7,7 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/socket_io.h"
+#include "rtmpcast/sender.h"
 #include "rtmpt/tunnel_accept.h"
 
 #include <arpa/inet.h>
@@ -212,6 +213,15 @@ void EndAuxThread(RtmpServer *server)
     server->AuxThreadCancel = 0;
 }
 
+// A sender thread that is stuck in a write to a player holds the list of all sessions. The host creates and
+// destroys none meanwhile.
+void CloseSenders(RtmpServer *server)
+{
+    for (RtmpSession *session = server->LiveSessionHead; session != nullptr; session = session->NextSession) {
+        (void)RtmpThreadedQueueClose(session); // always 0; sessions without one are left alone
+    }
+}
+
 } // namespace
 
 RtmpServer *RtmpServerCreate(RtmpLogger *logger, const char *interfaceName, uint16_t rtmpPort,
@@ -264,6 +274,7 @@ int RtmpServerDestroy(RtmpServer *server)
 
     // KEPT: the logger goes first; what the sessions say while they end appears on standard output.
     CloseLogGate(server);
+    CloseSenders(server);
     while (server->LiveSessionHead != nullptr) {
         if (RtmpSessionDestroy(server->LiveSessionHead) != 0) {
             RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Can not destroy RTMP session\n", __func__);

@@ -133,6 +133,18 @@ int WriteTls(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_
     return total < 0 ? -1 : 0;
 }
 
+// SendFileAsCancellationPoint is sendfile, which is no cancellation point: a sender that waits in it for a
+// player that takes nothing could not be ended. Only the system call runs while a cancel may strike at any
+// moment. `noipa`: the callers must not take this for a function that nothing is thrown through.
+__attribute__((noipa)) ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
+{
+    int previous;
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
+    const ssize_t sent = sendfile(out, fd, offset, length);
+    pthread_setcanceltype(previous, nullptr);
+    return sent;
+}
+
 // SendFromFile writes one piece. A file that ends before the piece does is a failure: nothing else could take
 // the missing bytes' place in the chunk.
 int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t mapBase)
@@ -140,7 +152,7 @@ int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t ma
     off_t offset = static_cast<off_t>(reinterpret_cast<uintptr_t>(piece->Address) - mapBase);
     uint32_t rest = piece->Length;
     while (rest > 0) {
-        const ssize_t sent = sendfile(SocketInUse(client), fd, &offset, rest);
+        const ssize_t sent = SendFileAsCancellationPoint(SocketInUse(client), fd, &offset, rest);
         if (sent <= 0) {
             return -1;
         }

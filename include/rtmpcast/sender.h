@@ -12,7 +12,8 @@ extern "C" {
 
 /**
  * RtmpSenderSettings chooses the session's sender. Call it once, after RtmpSessionCreate and before the
- * first RtmpSendData; the other settings of this header follow it.
+ * first RtmpSendData; the other settings of this header follow it. A session that has a sender keeps it: a
+ * further call only stores the values that need no sender.
  *
  * @param senderMode      RTMP_SENDER_THREADED (1): a sender thread behind two rings; any other value: the
  *                        packet monitor, which sends on the thread that calls RtmpSendData
@@ -23,7 +24,8 @@ extern "C" {
  *                        other values: none
  * @param statsInterval   packet monitor: seconds between "rtmpBandwidth" status messages
  * @param audioQueueSize  threaded sender: audio frames the ring holds, less one
- * @param videoQueueSize  threaded sender: video frames the ring holds, less one
+ * @param videoQueueSize  threaded sender: video frames the ring holds, less one; for both, 16 million and
+ *                        more are refused
  * @return always 0. A sender that could not be made is logged, and RtmpSendData then returns -1.
  *
  * Any host thread, one at a time per session.
@@ -38,7 +40,7 @@ RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, u
  * `windowSize` video frames, reported as "rtmpBandwidth" every two seconds and "rtmpUptime" every thirty.
  *
  * @param enable      0: nothing is done
- * @param windowSize  video frames, at least 1
+ * @param windowSize  video frames, at least 1; a million and more are refused
  * @return always 0; a monitor that could not be made is logged. In other sender modes nothing is done.
  *
  * After RtmpSenderSettings and before the first frame.
@@ -51,7 +53,8 @@ RTMP_API int32_t RtmpBWMSettings(RtmpSession *session, uint32_t enable, uint32_t
  * @param enable        0: nothing is done
  * @param burninEnable  not 0: format the two burn-in texts
  * @param logEnable     not 0: write one CSV line every `logEvery` video frames
- * @param directory     where "debug-<time>.csv" is made; copied, at most 1023 bytes
+ * @param directory     where "debug-<time>.csv" is made with the first frame, also for burn-in alone; copied,
+ *                      at most 1023 bytes, of which the first 127 bytes of the whole path count
  * @param logEvery      video frames between lines
  * @return always 0; a record that could not be made is logged. The packet monitor stores the settings and
  *         writes no trace.
@@ -101,7 +104,8 @@ RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enab
  *
  * @return always 0. Sessions without a threaded sender are left alone.
  *
- * The thread that calls RtmpSendData. May wait for a log or status function of the host to return.
+ * The thread that calls RtmpSendData. May wait for a log or status function of the host to return, never for
+ * a player: one that was being written to is left with half a message.
  */
 RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
 
