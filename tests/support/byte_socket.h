@@ -1,4 +1,4 @@
-// A TCP connection to a port of this machine, with a deadline on everything and a record of what came.
+// A connection within this machine, with a deadline on everything and a record of what came.
 #pragma once
 
 #include "support/wire_bytes.h"
@@ -19,9 +19,18 @@ struct PeerError : std::runtime_error {
     int code; // errno, where a system call failed
 };
 
+// A connection that stands already: one end of a socket pair, or an accepted socket.
+struct Connected {
+    int descriptor; // taken over
+};
+
 class ByteSocket {
   public:
     explicit ByteSocket(uint16_t port, int deadlineMs = 30000);
+    explicit ByteSocket(Connected connection, int deadlineMs = 30000)
+        : fd_(connection.descriptor), deadlineMs_(deadlineMs)
+    {
+    }
     ~ByteSocket();
     ByteSocket(const ByteSocket &) = delete;
     ByteSocket &operator=(const ByteSocket &) = delete;

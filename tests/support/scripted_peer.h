@@ -54,6 +54,7 @@ Bytes DeleteStreamCommand(double transaction = 5);
 class ScriptedPeer {
   public:
     explicit ScriptedPeer(uint16_t port, int deadlineMs = 30000) : socket(port, deadlineMs), chunks(socket) {}
+    explicit ScriptedPeer(Connected connection) : socket(connection), chunks(socket) {}
 
     // Runs the handshake as far as the options say; replies that are due by then are read and recorded.
     HandshakeRecord handshake(const HandshakeOptions &options = {});
