@@ -1,0 +1,68 @@
+// A TLS connection over a socket pair, made with OpenSSL's libssl. One end is a handle and a socket for the
+// library; what the other end sends and receives passes, decrypted, through an ordinary socket of the test's.
+#pragma once
+
+#include "support/byte_socket.h"
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+enum class LibraryEnd { Accepts, Connects };
+
+// How the peer's end of TLS ends when the test's plain socket is closed or finished.
+enum class PeerLeaves {
+    WithNotice, // close_notify, as it should be (RFC 8446, 6.1)
+    WithoutNotice,
+};
+
+struct TlsSetup {
+    LibraryEnd library = LibraryEnd::Accepts;
+    PeerLeaves leaves = PeerLeaves::WithNotice;
+    int version = TLS1_3_VERSION;
+    bool partialWrites = false; // of the library's handle: SSL_write may write a part
+};
+
+class TlsConnection {
+  public:
+    // Handshakes over TLS; the accepting end shows a certificate made for it, and the other end verifies it.
+    explicit TlsConnection(const TlsSetup &setup = {});
+    ~TlsConnection(); // the plain socket is closed by then, or closed here if nobody took it
+    TlsConnection(const TlsConnection &) = delete;
+    TlsConnection &operator=(const TlsConnection &) = delete;
+
+    SSL *handle()
+    {
+        return library_.get();
+    }
+    int socket() const // the library's
+    {
+        return librarySocket_;
+    }
+    wire::Connected takePlain();  // at most once
+    void waitUntilPeerVanished(); // WithoutNotice only, once its plain socket is closed
+
+  private:
+    struct Free {
+        void operator()(SSL *handle) const
+        {
+            SSL_free(handle);
+        }
+    };
+    using Handle = std::unique_ptr<SSL, Free>;
+    void relay();
+    bool toPlain();
+    bool toTls();
+    void writeTls(const uint8_t *bytes, size_t count);
+    void leave();
+
+    PeerLeaves leaves_;
+    Handle library_, peer_;
+    int librarySocket_ = -1, peerSocket_ = -1;
+    int plain_ = -1;      // the test's end
+    int plainRelay_ = -1; // the relay's
+    bool plainOpen_ = true, tlsOpen_ = true;
+    std::thread relay_;
+};
