@@ -1,18 +1,21 @@
 #!/bin/sh
 # Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
 #
-#   scripts/install_deps.sh [demo|test]      default: everything
+#   scripts/install_deps.sh [demo|adaptive|test]      default: everything
 set -eu
 
-build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev"
+build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev
+libswscale-dev libswresample-dev"
 demo="ffmpeg rtmpdump"
-tests="libgtest-dev ffmpeg rtmpdump"
+adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
+tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3"
 
 case ${1:-all} in
 demo) packages="$build $demo" ;;
+adaptive) packages="$build $adaptive" ;;
 test) packages="$build $tests" ;;
-all) packages="$build $demo $tests" ;;
-*) echo "Usage: install_deps.sh [demo|test]" >&2; exit 2 ;;
+all) packages="$build $demo $adaptive $tests" ;;
+*) echo "Usage: install_deps.sh [demo|adaptive|test]" >&2; exit 2 ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

@@ -1,11 +1,9 @@
 #include "host.h"
 
-namespace {
+#include <cstring>
+#include <filesystem>
 
-void writeLine(void *context, uint8_t level, const char *format, va_list arguments)
-{
-    static_cast<Console *>(context)->libraryLine(level, format, arguments);
-}
+namespace {
 
 std::string whyNoServer(int code, const Options &options)
 {
@@ -39,7 +37,7 @@ std::string whyNoMedia(int code)
 } // namespace
 
 Host::Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters)
-    : console_(console), logger_{writeLine, &console}, counters_(counters)
+    : console_(console), logger_{writeLine, this}, counters_(counters)
 {
     if (options.zeroCopy) {
         memory_ = std::make_unique<MemoryFile>(size_t{options.zeroCopyMib} << 20);
@@ -67,6 +65,27 @@ Host::~Host()
     destroyAll();
 }
 
+std::vector<std::string> traceDirectories(const Options &options)
+{
+    std::vector<std::string> directories(options.sessions.size(), options.trace.directory);
+    if (directories.size() > 1 && !options.trace.directory.empty()) {
+        for (size_t i = 0; i < directories.size(); ++i) {
+            directories[i].append("/").append(std::to_string(i + 1));
+        }
+    }
+    return directories;
+}
+
+// The library tells of a flush in its log alone.
+void Host::writeLine(void *host, uint8_t level, const char *format, va_list arguments)
+{
+    const Host &self = *static_cast<Host *>(host);
+    if (strstr(format, "Flushing Video Buffer") != nullptr) {
+        ++self.counters_.flushes;
+    }
+    self.console_.libraryLine(level, format, arguments);
+}
+
 void Host::addSession(const std::string &name, const Options &options, const MediaDescription &media)
 {
     int code = 0;
@@ -74,8 +93,9 @@ void Host::addSession(const std::string &name, const Options &options, const Med
     if (session == nullptr) {
         throw HostError("session '" + name + "' cannot be made (code " + std::to_string(code) + ")");
     }
+    const std::string traceDirectory = traceDirectories(options)[sessions_.size()];
     sessions_.push_back(session);
-    applySettings(session, options);
+    applySettings(session, options, traceDirectory);
 
     const VideoMediaInfo video = {.codecId = 7, // AVC
                                   .bitrate =
@@ -95,7 +115,7 @@ void Host::addSession(const std::string &name, const Options &options, const Med
 }
 
 // These settings report nothing; what fails in them is in the library's log.
-void Host::applySettings(RtmpSession *session, const Options &options)
+void Host::applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory)
 {
     const SenderOptions &sender = options.sender;
     (void)RtmpSenderSettings(session, sender.mode, sender.param, static_cast<uint8_t>(sender.flag),
@@ -104,18 +124,20 @@ void Host::applySettings(RtmpSession *session, const Options &options)
     if (options.bandwidthWindow != 0) {
         (void)RtmpBWMSettings(session, 1, options.bandwidthWindow);
     }
-    const TraceOptions &trace = options.trace;
-    if (!trace.directory.empty() || trace.burnIn) {
-        (void)RtmpDebugSettings(session, 1, trace.burnIn, !trace.directory.empty(), trace.directory.c_str(),
-                                trace.every);
+    if (!traceDirectory.empty()) {
+        std::error_code reported; // when a line is missing: the library makes the last directory itself
+        std::filesystem::create_directories(traceDirectory, reported);
+        (void)RtmpDebugSettings(session, 1, options.trace.burnIn, 1, traceDirectory.c_str(),
+                                options.trace.every);
     }
     const AdaptiveOptions &adaptive = options.adaptive;
     if (adaptive.enabled) {
         (void)RtmpAdaptiveBitrateSettings(
-            session, 1, 0, 0, adaptive.minBitrate, adaptive.startDelay, adaptive.increaseFullness,
-            adaptive.increasePercent, adaptive.increaseMinStep, adaptive.increaseInterval,
-            adaptive.decreaseFullness, adaptive.decreasePercent, adaptive.decreaseFullnessHigh,
-            adaptive.decreasePercentHigh, adaptive.decreaseInterval, 0);
+            session, 1, adaptive.reserved1, adaptive.reserved2, adaptive.minBitrate, adaptive.startDelay,
+            adaptive.increaseFullness, adaptive.increasePercent, adaptive.increaseMinStep,
+            adaptive.increaseInterval, adaptive.decreaseFullness, adaptive.decreasePercent,
+            adaptive.decreaseFullnessHigh, adaptive.decreasePercentHigh, adaptive.decreaseInterval,
+            adaptive.reserved3);
     }
 }
 

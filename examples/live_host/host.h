@@ -20,7 +20,13 @@ struct Counters {
     std::atomic<uint64_t> unwatched = 0; // frames offered while nobody was connected
     std::atomic<uint64_t> bytes = 0;     // of the frames sent
     std::atomic<int32_t> viewers = 0;
+    std::atomic<int32_t> targetBitrate = -1; // bit/s, what the encoder was told last; -1: nothing
+    std::atomic<int32_t> measuredKbps = -1;  // the library's last "rtmpBandwidth"; -1: none
+    std::atomic<uint32_t> flushes = 0;       // full video rings that the library threw away
 };
+
+// The directories for --trace-dir, one a session: traces of the same second have the same name.
+std::vector<std::string> traceDirectories(const Options &options);
 
 // A server or session that cannot be made.
 class HostError : public std::runtime_error {
@@ -41,8 +47,9 @@ class Host {
     void send(const Frame &frame, uint64_t timestamp);
 
   private:
+    static void writeLine(void *host, uint8_t level, const char *format, va_list arguments);
     void addSession(const std::string &name, const Options &options, const MediaDescription &media);
-    void applySettings(RtmpSession *session, const Options &options);
+    void applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory);
     void count(int32_t status, size_t bytes);
     void destroyAll();
 

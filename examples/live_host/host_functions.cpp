@@ -3,6 +3,8 @@
 #include <rtmpcast/rtmpcast.h>
 
 #include <cstdarg>
+#include <cstdlib>
+#include <cstring>
 
 HostFunctions hostFunctions;
 
@@ -43,13 +45,16 @@ void KelvoraSyslog(const char *tag, const char *format, ...)
 
 void rtmpStatusMessage(void *hostContext, const char *key, const char *value, const char *description)
 {
+    if (hostFunctions.counters != nullptr && strcmp(key, "rtmpBandwidth") == 0) {
+        hostFunctions.counters->measuredKbps = atoi(value);
+    }
     writeLine("STATUS: %s: %s %s (%s)\n", nameOf(hostContext), key, value, description);
 }
 
-// The sending thread hands it to its source: see main.
+// Noted, and no more: the thread that sends hands it to its source before the next frame (see main).
 void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
 {
-    hostFunctions.wantedBitrate = bitrate;
+    hostFunctions.bitrates.wish(hostContext, bitrate);
     writeLine("STATUS: %s: encode at %d bit/s\n", nameOf(hostContext), bitrate);
 }
 }

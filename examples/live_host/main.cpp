@@ -1,11 +1,14 @@
-// live_host: a reference host. It serves a media file as live RTMP streams.
+// live_host: a reference host. It serves a media file, or what it encodes itself, as live RTMP streams.
 #include "console.h"
+#include "decoded_file.h"
+#include "encoded_source.h"
 #include "host.h"
 #include "host_functions.h"
 #include "media_file.h"
 #include "options.h"
 #include "pacer.h"
 #include "supervisor.h"
+#include "test_pattern.h"
 
 #include <cstdio>
 #include <exception>
@@ -28,8 +31,38 @@ int logLevelOf(const Options &options)
     }
 }
 
+std::unique_ptr<RawSource> openRawSource(const Options &options)
+{
+    const EncodeOptions &encode = options.encode;
+    RawFormat format = {.width = static_cast<int>(encode.width),
+                        .height = static_cast<int>(encode.height),
+                        .rateNumerator = static_cast<int>(encode.frameRate),
+                        .rateDenominator = 1,
+                        .sampleRate = 0,
+                        .name = ""};
+    if (!options.input.empty()) {
+        return std::make_unique<DecodedFile>(options.input, format);
+    }
+    if (format.width == 0) {
+        format.width = 1280;
+        format.height = 720;
+    }
+    if (format.rateNumerator == 0) {
+        format.rateNumerator = 30;
+    }
+    format.sampleRate = 44'100;
+    format.name = "test pattern";
+    return std::make_unique<TestPattern>(format);
+}
+
 std::unique_ptr<FrameSource> openSource(const Options &options)
 {
+    if (options.encode.enabled) {
+        const EncoderSettings settings = {.videoBitrate = static_cast<int32_t>(options.videoBitrate),
+                                          .audioBitrate = static_cast<int32_t>(options.encode.audioBitrate),
+                                          .preset = options.encode.preset};
+        return std::make_unique<EncodedSource>(openRawSource(options), settings);
+    }
     return std::make_unique<MediaFile>(options.input.empty() ? LIVE_HOST_CLIP : options.input);
 }
 
@@ -51,7 +84,7 @@ void introduce(const Options &options, const MediaDescription &media, Console &c
 }
 
 // Frames from the source to the host, each at its time, until the flag is raised.
-void sendFrames(FrameSource &source, Host &host, Console &console, const StopFlag &stop)
+void sendFrames(FrameSource &source, Host &host, Console &console, Counters &counters, const StopFlag &stop)
 {
     Pacer pacer;
     while (!stop.raised()) {
@@ -64,8 +97,9 @@ void sendFrames(FrameSource &source, Host &host, Console &console, const StopFla
                          " ms; going on from there");
         }
         host.send(frame, pacer.timestamp(frame.time));
-        if (const int32_t bitrate = hostFunctions.wantedBitrate.exchange(0); bitrate > 0) {
+        if (const int32_t bitrate = hostFunctions.bitrates.take(); bitrate > 0) {
             source.setBitrate(bitrate);
+            counters.targetBitrate = bitrate;
         }
     }
 }
@@ -74,12 +108,13 @@ void serve(const Options &options, Console &console)
 {
     StopFlag stop;
     Counters counters;
-    Supervisor supervisor(counters, console, stop, options.duration);
+    hostFunctions.counters = &counters;
+    Supervisor supervisor(options, counters, console, stop);
     const std::unique_ptr<FrameSource> source = openSource(options);
     Host host(options, source->description(), console, counters);
     introduce(options, source->description(), console);
     try {
-        sendFrames(*source, host, console, stop);
+        sendFrames(*source, host, console, counters, stop);
     } catch (const SourceError &) {
         supervisor.sendingIsOver();
         if (!stop.raised()) {

@@ -13,12 +13,6 @@ constexpr size_t kFarAhead = 1000;     // packets of one track that wait for the
 constexpr int kProbePackets = 2000;    // read at most so many for the codec configuration
 constexpr int64_t kOverhang = 100'000; // microseconds that sound may outlast the picture
 
-std::string errorText(int code)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE];
-    return av_make_error_string(text, sizeof text, code);
-}
-
 Bytes extradataOf(const AVStream *stream)
 {
     return {stream->codecpar->extradata, static_cast<size_t>(stream->codecpar->extradata_size)};
@@ -46,19 +40,9 @@ int64_t guessFrameDuration(const AVStream *stream)
 
 } // namespace
 
-void FormatCloser::operator()(AVFormatContext *format) const
-{
-    avformat_close_input(&format);
-}
-
-void PacketFreer::operator()(AVPacket *packet) const
-{
-    av_packet_free(&packet);
-}
-
 MediaFile::MediaFile(std::string path) : path_(std::move(path))
 {
-    av_log_set_level(AV_LOG_FATAL); // what goes wrong is said here, once
+    quietLibav();
     open();
     describe();
 }

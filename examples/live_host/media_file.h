@@ -4,23 +4,12 @@
 #include "aac.h"
 #include "frame_source.h"
 #include "h264.h"
+#include "libav.h"
 
 #include <deque>
-#include <memory>
 #include <string>
 
-struct AVFormatContext;
-struct AVPacket;
 struct AVStream;
-
-struct FormatCloser {
-    void operator()(AVFormatContext *format) const;
-};
-struct PacketFreer {
-    void operator()(AVPacket *packet) const;
-};
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
 
 class MediaFile : public FrameSource {
   public:

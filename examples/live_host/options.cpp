@@ -3,7 +3,9 @@
 #include <rtmpcast/types.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <cstdio>
 #include <span>
 
 namespace {
@@ -51,6 +53,13 @@ template <auto Field> void adaptive(Options &options, const Option &self, const 
 {
     options.adaptive.enabled = true;
     options.adaptive.*Field = readNumber(self, value);
+}
+
+// A field of EncodeOptions.
+template <auto Field> void encode(Options &options, const Option &self, const std::string &value)
+{
+    options.encode.*Field = readNumber(self, value);
+    options.encode.firstOption = self.name;
 }
 
 template <auto Field> void text(Options &options, const Option &self, const std::string &value)
@@ -103,25 +112,66 @@ void chooseLogLevel(Options &options, const Option &self, const std::string &val
     }
 }
 
+// "640x360" as two even numbers.
+void setSize(Options &options, const Option &self, const std::string &value)
+{
+    unsigned width = 0;
+    unsigned height = 0;
+    int end = 0;
+    const bool read = !value.empty() && isdigit(static_cast<unsigned char>(value[0])) != 0 &&
+                      sscanf(value.c_str(), "%5ux%5u%n", &width, &height, &end) == 2 &&
+                      static_cast<size_t>(end) == value.size();
+    const auto fits = [](unsigned length) { return length >= 64 && length <= 4096 && length % 2 == 0; };
+    if (!read || !fits(width) || !fits(height)) {
+        refuse(self, value, "WxH with even numbers from 64 to 4096");
+    }
+    options.encode.width = width;
+    options.encode.height = height;
+    options.encode.firstOption = self.name;
+}
+
+void setPreset(Options &options, const Option &self, const std::string &value)
+{
+    constexpr const char *kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",   "fast",
+                                        "medium",    "slow",      "slower",   "veryslow", "placebo"};
+    if (std::ranges::find(kPresets, value) == std::end(kPresets)) {
+        refuse(self, value, "one of x264's presets");
+    }
+    options.encode.preset = value;
+    options.encode.firstOption = self.name;
+}
+
 void setTraceDirectory(Options &options, const Option &self, const std::string &value)
 {
-    if (value.empty() || value.size() > 1023) {
-        refuse(self, value, "a directory of 1 to 1023 bytes");
+    // The library cuts longer paths, and the name of the trace with them.
+    constexpr size_t kLongest = 100;
+    if (value.empty() || value.size() > kLongest) {
+        refuse(self, value, "a directory of 1 to " + std::to_string(kLongest) + " bytes");
     }
     options.trace.directory = value;
 }
 
 using S = SenderOptions;
 using A = AdaptiveOptions;
+using E = EncodeOptions;
 
 constexpr Option kOptions[] = {
     {nullptr, nullptr, "What is served", nullptr},
     {"--input", "FILE", "MP4, MKV, FLV or MPEG-TS with H.264, AAC or both (a test clip)",
      text<&Options::input>},
     {"--session", "NAME", "a stream of this name; repeat it for more (stream)", addSession},
-    {"--video-bitrate", "BITS", "announce this rate, bit/s (what the file says)",
+    {"--video-bitrate", "BITS", "announce this rate, bit/s (what the file says); see --encode",
      number<&Options::videoBitrate>, 0, INT32_MAX},
     {"--duration", "SECONDS", "stop after this long (0: on SIGINT or SIGTERM)", number<&Options::duration>},
+
+    {nullptr, nullptr, "Encoding here: x264 and AAC, no B-frames, a key frame a second", nullptr},
+    {"--encode", nullptr, "a test pattern with a clock and a tone, or --input decoded;",
+     turnOn<&Options::encode, &E::enabled>},
+    {"", nullptr, "--video-bitrate is what it starts with and never exceeds (4000000)", nullptr},
+    {"--size", "WxH", "of the pictures, even (1280x720, or the input's)", setSize},
+    {"--frame-rate", "N", "pictures per second (30, or the input's)", encode<&E::frameRate>, 1, 120},
+    {"--preset", "NAME", "x264's, from ultrafast to placebo (superfast)", setPreset},
+    {"--audio-bitrate", "BITS", "bit/s (96000)", encode<&E::audioBitrate>, 16'000, 512'000},
 
     {nullptr, nullptr, "Where", nullptr},
     {"--interface", "NAME", "network interface, such as lo or eth0 (any: all of them)",
@@ -154,45 +204,86 @@ constexpr Option kOptions[] = {
      number<&Options::sender, &S::statsInterval>},
     {"--bandwidth-window", "FRAMES", "threaded sender's bandwidth monitor over so many frames (0: none)",
      number<&Options::bandwidthWindow>, 0, 1000000},
-    {"--trace-dir", "DIR", "threaded sender writes debug-<time>.csv here", setTraceDirectory},
+    {"--trace-dir", "DIR", "threaded sender writes debug-<time>.csv here (several sessions: in",
+     setTraceDirectory},
+    {"", nullptr, "DIR/1, DIR/2, ...); the status line then shows the queue", nullptr},
     {"--trace-every", "FRAMES", "video frames between its lines (30)",
-     number<&Options::trace, &TraceOptions::every>, 1},
+     number<&Options::trace, &TraceOptions::every>},
     {"--burn-in", nullptr, "format the burn-in texts too", turnOn<&Options::trace, &TraceOptions::burnIn>},
 
     {nullptr, nullptr, "Adaptive bitrate of the threaded sender; 0 is the library's default", nullptr},
     {"--adaptive", nullptr, "switch it on; so does each of these", turnOn<&Options::adaptive, &A::enabled>},
-    {"--abr-min-bitrate", "BITS", "never ask for less, bit/s", adaptive<&A::minBitrate>, 0, INT32_MAX},
-    {"--abr-start-delay", "MS", "before the first decision", adaptive<&A::startDelay>},
-    {"--abr-increase-fullness", "PERCENT", "raise only below this fullness", adaptive<&A::increaseFullness>},
-    {"--abr-increase-percent", "PERCENT", "of the headroom per raise", adaptive<&A::increasePercent>},
-    {"--abr-increase-min-step", "BITS", "smallest raise", adaptive<&A::increaseMinStep>},
-    {"--abr-increase-interval", "SECONDS", "more than this before a raise", adaptive<&A::increaseInterval>},
-    {"--abr-decrease-fullness", "PERCENT", "lower only above this fullness", adaptive<&A::decreaseFullness>},
-    {"--abr-decrease-percent", "PERCENT", "how far towards the measured rate", adaptive<&A::decreasePercent>},
-    {"--abr-decrease-fullness-high", "PERCENT", "above this the next gain counts",
+    {"--abr-min-bitrate", "BITS", "never ask for less, bit/s (0)", adaptive<&A::minBitrate>, 0, INT32_MAX},
+    {"--abr-start-delay", "MS", "before the first decision (5000)", adaptive<&A::startDelay>},
+    {"--abr-increase-fullness", "PERCENT", "raise only below this fullness (200)",
+     adaptive<&A::increaseFullness>},
+    {"--abr-increase-percent", "PERCENT", "of the headroom per raise (10)", adaptive<&A::increasePercent>},
+    {"--abr-increase-min-step", "BITS", "smallest raise (10000)", adaptive<&A::increaseMinStep>},
+    {"--abr-increase-interval", "SECONDS", "more than this before a raise (10)",
+     adaptive<&A::increaseInterval>},
+    {"--abr-decrease-fullness", "PERCENT", "lower only above this fullness (500)",
+     adaptive<&A::decreaseFullness>},
+    {"--abr-decrease-percent", "PERCENT", "how far towards the measured rate (50)",
+     adaptive<&A::decreasePercent>},
+    {"--abr-decrease-fullness-high", "PERCENT", "above this the next gain counts (1000)",
      adaptive<&A::decreaseFullnessHigh>},
-    {"--abr-decrease-percent-high", "PERCENT", "the gain above it", adaptive<&A::decreasePercentHigh>},
-    {"--abr-decrease-interval", "SECONDS", "more than this between lowerings",
+    {"--abr-decrease-percent-high", "PERCENT", "the gain above it (110)", adaptive<&A::decreasePercentHigh>},
+    {"--abr-decrease-interval", "SECONDS", "more than this between lowerings (1)",
      adaptive<&A::decreaseInterval>},
+    {"--abr-reserved-1", "N", "ignored by the library (0)", adaptive<&A::reserved1>},
+    {"--abr-reserved-2", "N", "ignored by the library (0)", adaptive<&A::reserved2>},
+    {"--abr-reserved-3", "N", "stored by the library (10)", adaptive<&A::reserved3>},
 
     {nullptr, nullptr, "What is said", nullptr},
     {"--log-level", "LEVEL", "the library's lines: quiet, error or info (error)", chooseLogLevel},
     {"--help", nullptr, "this text", turnOn<&Options::help>},
 };
 
+constexpr const char *kHelpEnd =
+    "\nLowering the bitrate: fullness is the share of the video ring that is taken, so it never exceeds 100, "
+    "and\n"
+    "the library's defaults (lower above 500, raise below 200) only ever raise. To lower, it takes "
+    "thresholds\n"
+    "below 100 and a bandwidth monitor, which says how far; for instance, with key frames every second:\n"
+    "  live_host --encode --sender threaded --video-queue 60 --bandwidth-window 30 --abr-min-bitrate 300000\n"
+    "    --abr-increase-fullness 10 --abr-decrease-fullness 25 --abr-decrease-fullness-high 60\n"
+    "Several sessions share one encoder: it follows the lowest of their wishes. A file cannot follow.\n"
+    "\nWatch it with a player that signs its handshake, for instance:\n"
+    "  rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -\n";
+
 const Option &findOption(const std::string &name)
 {
     const Option *found = std::ranges::find_if(
-        kOptions, [&name](const Option &option) { return option.name != nullptr && name == option.name; });
+        kOptions, [&name](const Option &option) { return option.apply != nullptr && name == option.name; });
     if (found == std::end(kOptions)) {
         throw OptionError("unknown option '" + name + "'");
     }
     return *found;
 }
 
+void checkEncoding(Options &options)
+{
+    constexpr uint32_t kLowest = 64'000;
+    constexpr uint32_t kHighest = 100'000'000;
+    if (!options.encode.enabled) {
+        if (options.encode.firstOption != nullptr) {
+            throw OptionError(std::string(options.encode.firstOption) + " needs --encode");
+        }
+        return;
+    }
+    if (options.videoBitrate == 0) {
+        options.videoBitrate = 4'000'000;
+    }
+    if (options.videoBitrate < kLowest || options.videoBitrate > kHighest) {
+        throw OptionError("--video-bitrate: --encode takes from " + std::to_string(kLowest) + " to " +
+                          std::to_string(kHighest) + " bit/s");
+    }
+}
+
 // What belongs together, or does not.
 void checkTogether(Options &options)
 {
+    checkEncoding(options);
     if (options.rtmpPort != 0 && options.rtmpPort == options.rtmptPort) {
         throw OptionError("--rtmp-port and --rtmpt-port are the same port");
     }
@@ -202,6 +293,9 @@ void checkTogether(Options &options)
     }
     if (!threaded && !options.trace.directory.empty()) {
         throw OptionError("--trace-dir needs --sender threaded");
+    }
+    if (options.trace.burnIn && options.trace.directory.empty()) {
+        throw OptionError("--burn-in needs --trace-dir");
     }
     if (!threaded && options.adaptive.enabled) {
         throw OptionError("--adaptive and --abr-... need --sender threaded");
@@ -240,22 +334,24 @@ Options parseOptions(int argc, char **argv)
 
 std::string helpText()
 {
+    constexpr size_t kColumn = 40; // of the explanations
     std::string out =
-        "live_host serves a media file as live RTMP streams, in real time and over and over.\n\n"
+        "live_host serves a media file, or what it encodes itself, as live RTMP streams, in real "
+        "time and on and on.\n\n"
         "Usage: live_host [options]      defaults in parentheses\n";
     for (const Option &option : kOptions) {
         if (option.name == nullptr) {
-            out += "\n" + std::string(option.help) + "\n";
+            out.append("\n").append(option.help).append("\n");
             continue;
         }
-        std::string left = "  " + std::string(option.name);
+        std::string left(2, ' ');
+        left.append(option.name);
         if (option.argument != nullptr) {
-            left += " " + std::string(option.argument);
+            left.append(" ").append(option.argument);
         }
-        left.resize(std::max<size_t>(left.size() + 2, 40), ' ');
-        out += left + option.help + "\n";
+        left.resize(std::max(left.size() + 2, kColumn), ' ');
+        out.append(left).append(option.help).append("\n");
     }
-    return out + "\nWatch it with a player that signs its handshake, for instance:\n"
-                 "  rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | "
-                 "ffplay -\n";
+    out.append(kHelpEnd);
+    return out;
 }

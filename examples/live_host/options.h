@@ -25,9 +25,22 @@ struct TraceOptions {
     bool burnIn = false;
 };
 
+// How live_host makes frames itself; 0: as the input has it, or as the test pattern has it.
+struct EncodeOptions {
+    bool enabled = false;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t frameRate = 0;
+    uint32_t audioBitrate = 96'000; // bit/s
+    std::string preset = "superfast";
+    const char *firstOption = nullptr; // one that was given, for the message that --encode is missing
+};
+
 // The arguments of RtmpAdaptiveBitrateSettings; 0 selects the library's default.
 struct AdaptiveOptions {
     bool enabled = false;
+    uint32_t reserved1 = 0;
+    uint32_t reserved2 = 0;
     uint32_t minBitrate = 0;
     uint32_t startDelay = 0;
     uint32_t increaseFullness = 0;
@@ -39,6 +52,7 @@ struct AdaptiveOptions {
     uint32_t decreaseFullnessHigh = 0;
     uint32_t decreasePercentHigh = 0;
     uint32_t decreaseInterval = 0;
+    uint32_t reserved3 = 0;
 };
 
 enum class LogLevel { Quiet, Error, Info };
@@ -53,7 +67,8 @@ struct Options {
 
     std::vector<std::string> sessions; // never empty once parsed
     std::string input;                 // empty: the clip beside the program's sources
-    uint32_t videoBitrate = 0;         // bit/s; 0: what the file says
+    uint32_t videoBitrate = 0;         // bit/s; 0: what the file says. Never 0 when encoding
+    EncodeOptions encode;
     bool zeroCopy = false;
     uint32_t zeroCopyMib = 64;
 

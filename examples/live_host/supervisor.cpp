@@ -43,9 +43,15 @@ void prepareSignals()
     (void)HandleSignal(); // returns how SIGPIPE was handled before
 }
 
-Supervisor::Supervisor(const Counters &counters, Console &console, StopFlag &stop, uint32_t duration)
-    : counters_(counters), console_(console), stop_(stop), duration_(duration), thread_([this] { run(); })
+Supervisor::Supervisor(const Options &options, const Counters &counters, Console &console, StopFlag &stop)
+    : options_(options), counters_(counters), console_(console), stop_(stop), duration_(options.duration)
 {
+    if (!options.trace.directory.empty()) {
+        for (const std::string &directory : traceDirectories(options)) {
+            traces_.emplace_back(directory);
+        }
+    }
+    thread_ = std::thread([this] { run(); });
 }
 
 Supervisor::~Supervisor()
@@ -103,6 +109,7 @@ bool Supervisor::waitForSignal(steady_clock::time_point until)
     return sigtimedwait(&set, nullptr, &timeout) > 0;
 }
 
+// In: what the library took. Out: what it measured. Target: what the encoder was told.
 void Supervisor::showStatus()
 {
     const steady_clock::time_point now = steady_clock::now();
@@ -112,14 +119,58 @@ void Supervisor::showStatus()
     bytesShown_ = bytes;
     shown_ = now;
     const long up = static_cast<long>(duration_cast<seconds>(now - start_).count());
-    char line[160];
-    snprintf(line, sizeof line,
-             "viewers %d  %6.0f kbit/s  up %02ld:%02ld:%02ld  sent %llu  dropped %llu  unwatched %llu",
-             counters_.viewers.load(), rate, up / 3600, up / 60 % 60, up % 60,
-             static_cast<unsigned long long>(counters_.sent),
-             static_cast<unsigned long long>(counters_.dropped),
-             static_cast<unsigned long long>(counters_.unwatched));
-    console_.status(line);
+    char line[80];
+    snprintf(line, sizeof line, "viewers %d  up %02ld:%02ld:%02ld  in %4.0f", counters_.viewers.load(),
+             up / 3600, up / 60 % 60, up % 60, rate);
+    console_.status(line + rates() + losses());
+}
+
+std::string Supervisor::rates() const
+{
+    std::string text;
+    if (const int32_t measured = counters_.measuredKbps; measured >= 0) {
+        text += " out " + std::to_string(measured);
+    }
+    if (const int32_t target = counters_.targetBitrate; target >= 0) {
+        text += " target " + std::to_string(target / 1000);
+    }
+    return text + " kbit/s";
+}
+
+// Of several sessions the one with the fullest ring; what they dropped is summed up.
+std::optional<TraceLine> Supervisor::fullest(uint64_t &dropped) const
+{
+    std::optional<TraceLine> found;
+    for (const TraceTail &trace : traces_) {
+        const std::optional<TraceLine> line = trace.newest();
+        dropped += line ? static_cast<uint64_t>(line->dropped) : 0;
+        if (line && (!found || line->queued > found->queued)) {
+            found = line;
+        }
+    }
+    return found;
+}
+
+/*
+ * The library tells how full a ring is in its trace alone. The trace also counts the frames of a flushed
+ * ring; the one that found it full is not among them. Without a trace only the flushes can be counted.
+ */
+std::string Supervisor::losses() const
+{
+    const uint64_t flushes = counters_.flushes;
+    uint64_t dropped = counters_.dropped;
+    std::string text;
+    if (const std::optional<TraceLine> line = fullest(dropped)) {
+        const uint32_t slots = options_.sender.videoQueue + 1;
+        const uint32_t queued = static_cast<uint32_t>(std::max(line->queued, 0));
+        text += "  queue " + std::to_string((queued * 100 + slots / 2) / slots) + "% (" +
+                std::to_string(queued) + "/" + std::to_string(slots) + ")";
+        dropped += flushes;
+    } else if (flushes > 0) {
+        text += "  flushes " + std::to_string(flushes);
+    }
+    return text + "  dropped " + std::to_string(dropped) + "  sent " + std::to_string(counters_.sent) +
+           "  unwatched " + std::to_string(counters_.unwatched);
 }
 
 void Supervisor::leaveAtOnce(const char *why)

@@ -5,6 +5,7 @@
 #include "console.h"
 #include "host.h"
 #include "pacer.h"
+#include "trace_tail.h"
 
 #include <pthread.h>
 
@@ -22,8 +23,8 @@ void prepareSignals();
 
 class Supervisor {
   public:
-    // Starts the thread. `duration` in seconds, 0: no limit. Everything given must outlive the supervisor.
-    Supervisor(const Counters &counters, Console &console, StopFlag &stop, uint32_t duration);
+    // Starts the thread. Everything given must outlive the supervisor.
+    Supervisor(const Options &options, const Counters &counters, Console &console, StopFlag &stop);
 
     // Ends the thread.
     ~Supervisor();
@@ -36,13 +37,18 @@ class Supervisor {
     bool waitForSignal(std::chrono::steady_clock::time_point until);
     void finish();
     void showStatus();
+    std::optional<TraceLine> fullest(uint64_t &dropped) const;
+    std::string rates() const;
+    std::string losses() const;
     void leaveAtOnce(const char *why);
 
+    const Options &options_;
     const Counters &counters_;
     Console &console_;
     StopFlag &stop_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     const std::chrono::seconds duration_;
+    std::vector<TraceTail> traces_; // none without --trace-dir
     const pthread_t sender_ = pthread_self();
     std::atomic<bool> sending_ = true;
     std::atomic<bool> over_ = false;

@@ -30,6 +30,13 @@ expect 2 'live_host --help shows all options' --sender fast
 expect 1 'No such file or directory' --input "$work/none.mp4"
 expect 1 'Invalid data found' --input "$work/text.txt"
 expect 1 'Is a directory' --input "$work"
+expect 2 'needs --encode' --size 640x360
+expect 2 'is not WxH with even numbers' --encode --size 641x360
+expect 2 "is not one of x264's presets" --encode --preset quick
+expect 2 'needs --trace-dir' --sender threaded --burn-in
+expect 2 'need --sender threaded' --abr-min-bitrate 1
+expect 1 'No such file or directory' --encode --input "$work/none.mp4"
+expect 1 'Invalid data found' --encode --input "$work/text.txt"
 expect 1 "no network interface 'nosuch0' with an IPv4 address" --interface nosuch0 --log-level quiet
 expect 0 'there is no RTMP listener' --rtmp-port 0 --duration 1
 expect 0 'while nobody watched' --rtmp-port 0 --session a --session b --zero-copy --duration 1

@@ -75,7 +75,33 @@ TEST(Options, EveryArgumentOfTheSettingsHasItsOption)
                                    "--bandwidth-window",
                                    "8",
                                    "--abr-min-bitrate",
-                                   "9"});
+                                   "9",
+                                   "--abr-start-delay",
+                                   "10",
+                                   "--abr-increase-fullness",
+                                   "11",
+                                   "--abr-increase-percent",
+                                   "12",
+                                   "--abr-increase-min-step",
+                                   "13",
+                                   "--abr-increase-interval",
+                                   "14",
+                                   "--abr-decrease-fullness",
+                                   "15",
+                                   "--abr-decrease-percent",
+                                   "16",
+                                   "--abr-decrease-fullness-high",
+                                   "17",
+                                   "--abr-decrease-percent-high",
+                                   "18",
+                                   "--abr-decrease-interval",
+                                   "19",
+                                   "--abr-reserved-1",
+                                   "20",
+                                   "--abr-reserved-2",
+                                   "21",
+                                   "--abr-reserved-3",
+                                   "22"});
     EXPECT_EQ(options.sender.param, 1u);
     EXPECT_EQ(options.sender.flag, 2u);
     EXPECT_EQ(options.sender.encoderHandle, 3u);
@@ -89,6 +115,65 @@ TEST(Options, EveryArgumentOfTheSettingsHasItsOption)
     EXPECT_EQ(options.bandwidthWindow, 8u);
     EXPECT_TRUE(options.adaptive.enabled);
     EXPECT_EQ(options.adaptive.minBitrate, 9u);
+    EXPECT_EQ(options.adaptive.startDelay, 10u);
+    EXPECT_EQ(options.adaptive.increaseFullness, 11u);
+    EXPECT_EQ(options.adaptive.increasePercent, 12u);
+    EXPECT_EQ(options.adaptive.increaseMinStep, 13u);
+    EXPECT_EQ(options.adaptive.increaseInterval, 14u);
+    EXPECT_EQ(options.adaptive.decreaseFullness, 15u);
+    EXPECT_EQ(options.adaptive.decreasePercent, 16u);
+    EXPECT_EQ(options.adaptive.decreaseFullnessHigh, 17u);
+    EXPECT_EQ(options.adaptive.decreasePercentHigh, 18u);
+    EXPECT_EQ(options.adaptive.decreaseInterval, 19u);
+    EXPECT_EQ(options.adaptive.reserved1, 20u);
+    EXPECT_EQ(options.adaptive.reserved2, 21u);
+    EXPECT_EQ(options.adaptive.reserved3, 22u);
+}
+
+TEST(Options, EncodingHasItsOwn)
+{
+    const Options options = parse({"--encode", "--size", "640x360", "--frame-rate=25", "--preset", "veryfast",
+                                   "--audio-bitrate", "64000"});
+    EXPECT_TRUE(options.encode.enabled);
+    EXPECT_EQ(options.encode.width, 640u);
+    EXPECT_EQ(options.encode.height, 360u);
+    EXPECT_EQ(options.encode.frameRate, 25u);
+    EXPECT_EQ(options.encode.preset, "veryfast");
+    EXPECT_EQ(options.encode.audioBitrate, 64'000u);
+    EXPECT_EQ(options.videoBitrate, 4'000'000u);
+    EXPECT_EQ(parse({"--encode", "--video-bitrate", "500000"}).videoBitrate, 500'000u);
+}
+
+TEST(Options, EncodingOptionsAreRefusedWithTheirReason)
+{
+    EXPECT_EQ(refusal({"--size", "640x360"}), "--size needs --encode");
+    EXPECT_EQ(refusal({"--preset", "fast"}), "--preset needs --encode");
+    EXPECT_EQ(refusal({"--frame-rate", "25"}), "--frame-rate needs --encode");
+    EXPECT_EQ(refusal({"--audio-bitrate", "64000"}), "--audio-bitrate needs --encode");
+    for (const std::string size :
+         {"640", "640x", "641x360", "640x361", "8000x360", "640x360x1", "-2x360", ""}) {
+        EXPECT_EQ(refusal({"--encode", "--size", size}),
+                  "--size: '" + size + "' is not WxH with even numbers from 64 to 4096");
+    }
+    EXPECT_EQ(refusal({"--encode", "--preset", "quick"}), "--preset: 'quick' is not one of x264's presets");
+    EXPECT_EQ(refusal({"--encode", "--frame-rate", "0"}), "--frame-rate: '0' is not a number from 1 to 120");
+    EXPECT_EQ(refusal({"--encode", "--video-bitrate", "1000"}),
+              "--video-bitrate: --encode takes from 64000 to 100000000 bit/s");
+    EXPECT_EQ(refusal({"--encode=yes"}), "--encode takes no value");
+}
+
+TEST(Options, ATraceDirectoryFitsTheLibrarysPaths)
+{
+    EXPECT_EQ(parse({"--sender", "threaded", "--trace-dir", std::string(100, 'd')}).trace.directory,
+              std::string(100, 'd'));
+    EXPECT_EQ(refusal({"--sender", "threaded", "--trace-dir", std::string(101, 'd')}),
+              "--trace-dir: '" + std::string(101, 'd') + "' is not a directory of 1 to 100 bytes");
+    EXPECT_EQ(refusal({"--sender", "threaded", "--burn-in"}), "--burn-in needs --trace-dir");
+}
+
+TEST(Options, TheHelpSaysWhatLoweringTakes)
+{
+    EXPECT_NE(helpText().find("below 100 and a bandwidth monitor"), std::string::npos);
 }
 
 TEST(Options, ARefusalNamesTheOptionTheValueAndWhatItTakes)
