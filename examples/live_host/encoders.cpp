@@ -96,8 +96,8 @@ std::span<const uint8_t> VideoEncoder::encode()
 }
 
 // libavcodec compares these with what x264 runs at before every picture, and tells x264 of a difference.
-// The ceiling is the rate itself, over half a second: a network that just carries it has no room for more, and
-// with a larger buffer x264 takes longer to follow.
+// The ceiling is the rate itself, over half a second: a network that just carries it has no room for more,
+// and with a larger buffer x264 takes longer to follow.
 void VideoEncoder::setBitrate(int32_t bitrate)
 {
     codec_->bit_rate = std::max(bitrate, kLowestBitrate);

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include <sys/socket.h>
+
 namespace {
 
 std::string whyNoServer(int code, const Options &options)
@@ -50,6 +52,9 @@ Host::Host(const Options &options, const MediaDescription &media, Console &conso
     if (server_ == nullptr) {
         throw HostError(whyNoServer(code, options));
     }
+    if (options.sendBuffer != 0 && options.rtmpPort != 0) {
+        setSendBuffer(options.sendBuffer);
+    }
     try {
         for (const std::string &name : options.sessions) {
             addSession(name, options, media);
@@ -84,6 +89,15 @@ void Host::writeLine(void *host, uint8_t level, const char *format, va_list argu
         ++self.counters_.flushes;
     }
     self.console_.libraryLine(level, format, arguments);
+}
+
+// Accepted connections inherit it from the listening socket. The kernel doubles the figure, for its own use.
+void Host::setSendBuffer(uint32_t kib)
+{
+    const int bytes = static_cast<int>(kib) * 1024;
+    if (setsockopt(server_->RtmpSocket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) != 0) {
+        console_.warn("--send-buffer: the kernel refuses it");
+    }
 }
 
 void Host::addSession(const std::string &name, const Options &options, const MediaDescription &media)

@@ -48,6 +48,7 @@ class Host {
 
   private:
     static void writeLine(void *host, uint8_t level, const char *format, va_list arguments);
+    void setSendBuffer(uint32_t kib);
     void addSession(const std::string &name, const Options &options, const MediaDescription &media);
     void applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory);
     void count(int32_t status, size_t bytes);

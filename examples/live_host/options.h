@@ -64,6 +64,7 @@ struct Options {
     uint32_t rtmptPort = 0;
     uint32_t dscp = 0;
     uint32_t chunkSize = 4096;
+    uint32_t sendBuffer = 0; // KiB of the kernel's for each player; 0: the kernel's choice
 
     std::vector<std::string> sessions; // never empty once parsed
     std::string input;                 // empty: the clip beside the program's sources

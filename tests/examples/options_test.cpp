@@ -142,6 +142,7 @@ TEST(Options, EncodingHasItsOwn)
     EXPECT_EQ(options.encode.audioBitrate, 64'000u);
     EXPECT_EQ(options.videoBitrate, 4'000'000u);
     EXPECT_EQ(parse({"--encode", "--video-bitrate", "500000"}).videoBitrate, 500'000u);
+    EXPECT_EQ(parse({"--send-buffer", "16"}).sendBuffer, 16u);
 }
 
 TEST(Options, EncodingOptionsAreRefusedWithTheirReason)
