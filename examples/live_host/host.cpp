@@ -81,12 +81,15 @@ std::vector<std::string> traceDirectories(const Options &options)
     return directories;
 }
 
-// The library tells of a flush in its log alone.
+// The library tells of a flush, and of a sender that has ended, in its log alone.
 void Host::writeLine(void *host, uint8_t level, const char *format, va_list arguments)
 {
-    const Host &self = *static_cast<Host *>(host);
+    Host &self = *static_cast<Host *>(host);
     if (strstr(format, "Flushing Video Buffer") != nullptr) {
         ++self.counters_.flushes;
+    }
+    if (strstr(format, "====>Sending message to connected clients failed") != nullptr) {
+        self.senderEnded_ = true;
     }
     self.console_.libraryLine(level, format, arguments);
 }
@@ -162,6 +165,7 @@ void Host::send(const Frame &frame, uint64_t timestamp)
     const uint64_t base = memory_ ? memory_->base() : 0;
     const int64_t type = frame.type == MediaType::Video ? RTMP_FRAME_VIDEO : RTMP_FRAME_AUDIO;
     int32_t viewers = 0;
+    reopenSenders();
     for (RtmpSession *session : sessions_) {
         count(
             RtmpSendData(session, data, static_cast<int32_t>(frame.data.size()), file, base, timestamp, type),
@@ -169,6 +173,18 @@ void Host::send(const Frame &frame, uint64_t timestamp)
         viewers += __atomic_load_n(&session->ClientCount, __ATOMIC_RELAXED);
     }
     counters_.viewers = viewers;
+}
+
+// One player that could not be written to ends its session's sender thread for all. Starting afresh before
+// the next frame keeps the others watching; which session it was, the log does not say.
+void Host::reopenSenders()
+{
+    if (!senderEnded_.exchange(false)) {
+        return;
+    }
+    for (RtmpSession *session : sessions_) {
+        (void)RtmpThreadedQueueReset(session); // always 0
+    }
 }
 
 void Host::count(int32_t status, size_t bytes)

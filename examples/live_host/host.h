@@ -51,6 +51,7 @@ class Host {
     void setSendBuffer(uint32_t kib);
     void addSession(const std::string &name, const Options &options, const MediaDescription &media);
     void applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory);
+    void reopenSenders();
     void count(int32_t status, size_t bytes);
     void destroyAll();
 
@@ -60,4 +61,5 @@ class Host {
     std::vector<RtmpSession *> sessions_;
     std::unique_ptr<MemoryFile> memory_; // null: frames are copied
     Counters &counters_;
+    std::atomic<bool> senderEnded_ = false; // set on the sender thread, seen on the sending one
 };
