@@ -242,17 +242,23 @@ constexpr Option kOptions[] = {
     {"--help", nullptr, "this text", turnOn<&Options::help>},
 };
 
-constexpr const char *kHelpEnd =
-    "\nLowering the bitrate: fullness is the share of the video ring that is taken, so it never exceeds 100, "
-    "and\n"
-    "the library's defaults (lower above 500, raise below 200) only ever raise. To lower, it takes "
-    "thresholds\n"
-    "below 100 and a bandwidth monitor, which says how far; for instance, with key frames every second:\n"
-    "  live_host --encode --sender threaded --video-queue 60 --bandwidth-window 30 --abr-min-bitrate 300000\n"
-    "    --abr-increase-fullness 10 --abr-decrease-fullness 25 --abr-decrease-fullness-high 60\n"
-    "Several sessions share one encoder: it follows the lowest of their wishes. A file cannot follow.\n"
-    "\nWatch it with a player that signs its handshake, for instance:\n"
-    "  rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -\n";
+constexpr const char *kHelpEnd = R"(
+Lowering the bitrate: fullness is the share of the video ring that is taken, so it never exceeds 100, and the
+library's defaults (lower above 500, raise below 200) only ever raise. To lower, it takes thresholds below
+100 and a bandwidth monitor, which says how far. What has proved itself, with a key frame every second:
+  live_host --encode --sender threaded --video-queue 90 --bandwidth-window 60 --send-buffer 16
+    --abr-min-bitrate 300000 --abr-increase-fullness 5 --abr-increase-percent 25 --abr-increase-interval 1
+    --abr-decrease-fullness 10 --abr-decrease-percent 100
+    --abr-decrease-fullness-high 30 --abr-decrease-percent-high 150
+Several sessions share one encoder: it follows the lowest of their wishes. A file cannot follow.
+
+The status line: what the library took (in), what it measured (out), what the encoder was told (target); with
+--trace-dir the video ring as the last traced frame left it, and every frame dropped. Without a trace the
+library tells of flushed rings only in its log: they are counted as flushes.
+
+Watch it with a player that signs its handshake, for instance:
+  rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -
+)";
 
 const Option &findOption(const std::string &name)
 {

@@ -88,8 +88,7 @@ class Decoder {
   private:
     void feed(const std::vector<uint8_t> &config)
     {
-        config_ = config;
-        config_.resize(config_.size() - 4); // without the start code at its end
+        config_.assign(config.begin(), config.end() - 4); // without the start code at its end
         codec_->flags |= AV_CODEC_FLAG_LOW_DELAY;
         codec_->thread_count = 1;
     }

@@ -174,7 +174,7 @@ TEST(Options, ATraceDirectoryFitsTheLibrarysPaths)
 
 TEST(Options, TheHelpSaysWhatLoweringTakes)
 {
-    EXPECT_NE(helpText().find("below 100 and a bandwidth monitor"), std::string::npos);
+    EXPECT_NE(helpText().find("thresholds below\n100 and a bandwidth monitor"), std::string::npos);
 }
 
 TEST(Options, ARefusalNamesTheOptionTheValueAndWhatItTakes)
