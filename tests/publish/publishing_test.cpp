@@ -234,5 +234,5 @@ TEST_F(Publishing, AnEndingSessionEndsAThreadThatItKnows)
     EXPECT_EQ(lines[0], "6 INFO: RtmpSessionDestroy: Sending SIGUSR1 to Client Thread");
     EXPECT_TRUE(log.contains("RtmpSessionDestroy: Waiting for Thread Completion"));
     EXPECT_TRUE(log.contains("RtmpReadBytes: Unable to read buffer: 4 (Interrupted system call)"));
-    EXPECT_EQ(lines.back(), "6 INFO: DestroyRtmpClient: Freeing RtmpClient pointer");
+    EXPECT_TRUE(log.contains("DestroyRtmpClient: Freeing RtmpClient pointer"));
 }
