@@ -102,7 +102,7 @@ void SendCaption(RtmpClient *client, RtmpLogger *logger)
 // The client list lock keeps the first client while its caption is written.
 void SendToFirstClient(RtmpSession *session, const RtmpFrame *frame, const CaptionSei *sei)
 {
-    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+    if (RtmpMutexLockOrCancel(&session->ClientListLock) != 0) {
         return; // the frame itself needs the lock too, and reports it
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &session->ClientListLock;

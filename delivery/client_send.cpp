@@ -64,16 +64,18 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
 {
     constexpr const char *who = "SendMsgToClient";
     RtmpLogger *logger = LoggerOf(client->Server);
-    (void)RtmpMutexLock(&client->WriteLock); // a leaf that cannot fail
+    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = message;
+    (void)RtmpMutexLockOrCancel(&client->WriteLock); // a leaf that cannot fail
     UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
 
     Reference reference;
     if (FindReference(client, message, &reference) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add send packet in list\n", who);
-        FreeSendPkt(message);
         return -1;
     }
-    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = reference.Stored ? nullptr : message;
+    if (reference.Stored) {
+        own = nullptr;
+    }
     int headerType = DecideMsgHdrType(message, reference.Previous);
     if (kind == RTMP_MSG_PING_RESPONSE) {
         headerType = 0;

@@ -157,7 +157,7 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     const RtmpFrame *frame = cut->Frame;
-    (void)RtmpMutexLock(&client->WriteLock); // a leaf that cannot fail
+    (void)RtmpMutexLockOrCancel(&client->WriteLock); // a leaf that cannot fail; a reply may be stuck in it
     UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
     if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
         return 0; // paused while this thread waited for the lock: no frame comes behind the answer
@@ -191,7 +191,7 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
 
 int SendToPlayingClients(RtmpSession *session, const CutFrame *cut)
 {
-    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+    if (RtmpMutexLockOrCancel(&session->ClientListLock) != 0) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock client list\n",
                      kFanOut);
         return -1;

@@ -70,6 +70,18 @@ int RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds)
     return result == ETIMEDOUT ? RTMP_MUTEX_TIME_IS_UP : StatusOf(result);
 }
 
+int RtmpMutexLockOrCancel(RtmpMutex *mutex)
+{
+    constexpr long slice = 10;
+    for (;;) {
+        const int result = RtmpMutexLockFor(mutex, slice);
+        if (result != RTMP_MUTEX_TIME_IS_UP) {
+            return result;
+        }
+        pthread_testcancel(); // no mutex is a cancellation point
+    }
+}
+
 int RtmpMutexUnlock(RtmpMutex *mutex)
 {
     return StatusOf(pthread_mutex_unlock(mutex));

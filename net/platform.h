@@ -17,6 +17,9 @@ RTMP_STATUS int RtmpMutexDestroy(RtmpMutex *mutex);
 enum { RTMP_MUTEX_TIME_IS_UP = 1 };
 RTMP_STATUS int RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds);
 
+// RtmpMutexLockOrCancel waits like RtmpMutexLock, and lets a cancel end the thread while it waits.
+RTMP_STATUS int RtmpMutexLockOrCancel(RtmpMutex *mutex);
+
 RTMP_STATUS int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument);
 [[noreturn]] void RtmpThreadExit(RtmpThread thread); // ends the calling thread, whatever `thread` is
 int RtmpThreadCancel(RtmpThread thread);             // always 0

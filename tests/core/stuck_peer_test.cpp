@@ -7,6 +7,7 @@
 #include "net/serve.h"
 #include "support/session_rig.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <sys/socket.h>
@@ -122,25 +123,52 @@ TEST(StuckPeer, ASessionEndsAlthoughAPlayerDoesNotTakeTheAnswerToItsPing)
     EXPECT_TRUE(rig.log.contains("Cannot send RTMP PING RESPONSE message to server"));
 }
 
+TEST(StuckPeer, ASenderThreadEndsAlthoughItWaitsForAPlayerWhoDoesNotTakeAnAnswer)
+{
+    InstallSignalHandler();
+    SessionRig rig(4096, RTMP_MEDIA_BOTH, RTMP_SENDER_THREADED);
+    OwnClient player(rig);
+    player.fillSocket();
+    player.serve();
+    ASSERT_EQ(::send(player.ends[1], kPingRequest.data(), kPingRequest.size(), 0),
+              static_cast<ssize_t>(kPingRequest.size()));
+    ASSERT_TRUE(WaitUntil([&] { return IsHeld(&rig.session->ClientListLock); }));
+    const Bytes frame = Counting(100);
+    ASSERT_EQ(RtmpSendData(rig.session, frame.data(), 100, 0, 0, 10, RTMP_FRAME_VIDEO), 0);
+    ASSERT_TRUE(WaitUntil([&] { return IsHeld(&rig.server->LiveSessionListLock); }));
+    EXPECT_EQ(RtmpSessionDestroy(rig.session), 0);
+    rig.session = nullptr;
+}
+
 TEST(StuckPeer, ASessionEndsAlthoughItsSecondPlayerHoldsUpTheFirst)
 {
     InstallSignalHandler();
     SessionRig rig;
     OwnClient first(rig);
     OwnClient second(rig);
+    second.fillSocket();
+    // When the signal has ended the first player's read, and before it leaves, the second one sends its ping.
+    struct Ping {
+        SessionRig &rig;
+        OwnClient &sender;
+        std::atomic<bool> sent = false;
+    } ping = {rig, second};
+    const auto onLine = [](void *context, uint8_t, const char *format, va_list) {
+        Ping *each = static_cast<Ping *>(context);
+        if (strstr(format, "TCP recv function error") == nullptr || each->sent.exchange(true)) {
+            return;
+        }
+        EXPECT_EQ(::send(each->sender.ends[1], kPingRequest.data(), kPingRequest.size(), 0),
+                  static_cast<ssize_t>(kPingRequest.size()));
+        EXPECT_TRUE(WaitUntil([&] { return IsHeld(&each->rig.session->ClientListLock); }));
+    };
+    RtmpLogger logger = {onLine, &ping};
+    rig.server->Logger = &logger;
     first.serve();
     second.serve();
-    std::thread ending;
-    {
-        // The first player is being ended, and cannot leave, when the second one sends its ping.
-        ASSERT_EQ(pthread_mutex_lock(&rig.session->MemberLock), 0);
-        second.fillSocket();
-        ASSERT_EQ(::send(second.ends[1], kPingRequest.data(), kPingRequest.size(), 0),
-                  static_cast<ssize_t>(kPingRequest.size()));
-        ASSERT_TRUE(WaitUntil([&] { return IsHeld(&rig.session->ClientListLock); }));
-        ending = std::thread([&] { EXPECT_EQ(RtmpSessionDestroy(rig.session), 0); });
-        ASSERT_EQ(pthread_mutex_unlock(&rig.session->MemberLock), 0);
-    }
-    ending.join();
+    EXPECT_EQ(RtmpSessionDestroy(rig.session), 0);
     rig.session = nullptr;
+    EXPECT_TRUE(ping.sent);
+    __atomic_store_n(&rig.server->Logger, rig.log.get(), __ATOMIC_SEQ_CST);
+    EXPECT_TRUE(WaitUntil([&] { return __atomic_load_n(&rig.server->Holders, __ATOMIC_ACQUIRE) == 1; }));
 }

@@ -47,6 +47,7 @@ extern "C" {
 int __real_RtmpMutexInit(RtmpMutex *mutex);
 int __real_RtmpMutexLock(RtmpMutex *mutex);
 int __real_RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds);
+int __real_RtmpMutexLockOrCancel(RtmpMutex *mutex);
 int __real_RtmpMutexUnlock(RtmpMutex *mutex);
 int __real_RtmpMutexDestroy(RtmpMutex *mutex);
 int __real_RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument);
@@ -75,6 +76,11 @@ int __wrap_RtmpMutexLock(RtmpMutex *mutex)
 int __wrap_RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds)
 {
     return MustFail(Call::MutexLock, mutex) ? -1 : __real_RtmpMutexLockFor(mutex, milliseconds);
+}
+
+int __wrap_RtmpMutexLockOrCancel(RtmpMutex *mutex)
+{
+    return MustFail(Call::MutexLock, mutex) ? -1 : __real_RtmpMutexLockOrCancel(mutex);
 }
 
 int __wrap_RtmpMutexUnlock(RtmpMutex *mutex)
