@@ -1,6 +1,7 @@
 #include "delivery/socket_writer.h"
 
 #include "core/client_state.h"
+#include "core/strictness.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/scope.h"
@@ -75,7 +76,7 @@ int WriteThrough(struct iovec *vectors, uint32_t capacity, RtmpClient *client, c
     uint32_t next = 0;
     while (next < count) {
         const uint32_t filled = FillVectors(vectors, capacity, pieces, count, &next, &separator);
-        const int flags = moreFollows || next < count ? MSG_MORE : 0;
+        const int flags = (moreFollows || next < count ? MSG_MORE : 0) | (kSendsMayBlock ? 0 : MSG_DONTWAIT);
         if (WriteVectors(client, vectors, filled, flags) != 0) {
             return -1;
         }

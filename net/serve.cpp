@@ -4,6 +4,7 @@
 #include "core/client.h"
 #include "core/client_state.h"
 #include "core/server_hold.h"
+#include "core/strictness.h"
 #include "net/handshake.h"
 #include "net/log.h"
 #include "net/platform.h"
@@ -50,7 +51,7 @@ void Dispatch(RtmpClient *client, RtmpRecvPkt *pkt)
     if (result != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while parsing RTMP message\n", kServe);
         Refuse(client, pkt, result, kind);
-    } else if (kind == RTMP_MSG_UNSUPPORTED) {
+    } else if (kind == RTMP_MSG_UNSUPPORTED && kRefuseUnknownMessages) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported message type received\n", kServe);
         Refuse(client, pkt, RTMP_ERR_UNSUPPORTED_MSG, kind);
     } else if (ProcessSend(client, pkt, kind) != 0) {
@@ -131,7 +132,10 @@ void EndClient(RtmpServer *server, RtmpClient *client, enum Round round)
         if (client->Socket != -1) {
             DetachUnlessAwaited(client);
         }
-        // KEPT: the socket stays open; only its number is lost.
+        if (kCloseSocketOnErrorExit) {
+            CloseClientSocket(client);
+        }
+        // KEPT: otherwise the socket stays open; only its number is lost.
         DestroyClient(client);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Exiting ServeRtmpClient thread\n", kServe);
         return;
