@@ -21,7 +21,7 @@ void Console::fail(const std::string &text)
     print(stderr, "live_host: " + text + "\n");
 }
 
-void Console::libraryLine(int level, const char *format, va_list arguments)
+void Console::lineOfTheLibrary(int level, const char *format, va_list arguments)
 {
     if (level > maxLevel_) {
         return;

@@ -8,12 +8,12 @@
 
 class Console {
   public:
-    explicit Console(int maxLevel); // the least urgent syslog priority that libraryLine shows; -1: none
+    explicit Console(int maxLevel); // the least urgent syslog priority that lineOfTheLibrary shows; -1: none
 
     void say(const std::string &text);  // standard output
     void warn(const std::string &text); // standard error, as the next two
     void fail(const std::string &text);
-    void libraryLine(int level, const char *format, va_list arguments);
+    void lineOfTheLibrary(int level, const char *format, va_list arguments);
 
     // Replaces the last status on a terminal; elsewhere a line of its own.
     void status(const std::string &text);

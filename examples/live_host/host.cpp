@@ -91,7 +91,7 @@ void Host::writeLine(void *host, uint8_t level, const char *format, va_list argu
     if (strstr(format, "====>Sending message to connected clients failed") != nullptr) {
         self.senderEnded_ = true;
     }
-    self.console_.libraryLine(level, format, arguments);
+    self.console_.lineOfTheLibrary(level, format, arguments);
 }
 
 // Accepted connections inherit it from the listening socket. The kernel doubles the figure, for its own use.

@@ -17,7 +17,7 @@ void RTMP_PRINTF(1, 2) writeLine(const char *format, ...)
     }
     va_list arguments;
     va_start(arguments, format);
-    hostFunctions.console->libraryLine(RTMP_LOG_INFO, format, arguments);
+    hostFunctions.console->lineOfTheLibrary(RTMP_LOG_INFO, format, arguments);
     va_end(arguments);
 }
 
@@ -39,7 +39,7 @@ void KelvoraSyslog(const char *tag, const char *format, ...)
     const std::string line = std::string("SYSLOG: ") + tag + ": " + format;
     va_list arguments;
     va_start(arguments, format);
-    hostFunctions.console->libraryLine(RTMP_LOG_INFO, line.c_str(), arguments);
+    hostFunctions.console->lineOfTheLibrary(RTMP_LOG_INFO, line.c_str(), arguments);
     va_end(arguments);
 }
 

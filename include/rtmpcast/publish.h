@@ -195,8 +195,7 @@ RTMP_API void AddAmfProp(RtmpServer *server, AmfObject *obj, AmfObjProperty *pro
  * GetAmfProp finds a property: by name when `index` is negative (the first of that name, or null), else by
  * position. A position beyond the count finds the first property; the position equal to it, null.
  */
-RTMP_API AmfObjProperty *GetAmfProp(RtmpServer *server, AmfObject *obj, const AmfString *name,
-                                    int32_t index);
+RTMP_API AmfObjProperty *GetAmfProp(RtmpServer *server, AmfObject *obj, const AmfString *name, int32_t index);
 
 /** GetAmfPropName copies the reference to the name. */
 RTMP_API void GetAmfPropName(RtmpServer *server, AmfObjProperty *prop, AmfString *out);

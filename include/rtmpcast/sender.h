@@ -32,8 +32,7 @@ extern "C" {
  */
 RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t senderParam,
                                     uint8_t senderFlag, uint32_t encoderHandle, uint8_t captionMode,
-                                    uint32_t statsInterval, uint32_t audioQueueSize,
-                                    uint32_t videoQueueSize);
+                                    uint32_t statsInterval, uint32_t audioQueueSize, uint32_t videoQueueSize);
 
 /**
  * RtmpBWMSettings switches on the bandwidth monitor of the threaded sender: the rate over the last

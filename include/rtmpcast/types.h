@@ -51,24 +51,24 @@ typedef struct RtmpThreadedQueue RtmpThreadedQueue;
 
 enum {
     RTMP_OK = 0,
-    RTMP_FAILED = -1,               /* any failure without a code of its own */
-    RTMP_ERR_IP_ADDRESS = -73,      /* the interface has no address */
-    RTMP_ERR_LOCK_DESTROY = -76,    /* a lock could not be destroyed */
-    RTMP_ERR_UNLOCK = -77,          /* a lock could not be released */
-    RTMP_ERR_LOCK = -78,            /* a lock could not be taken */
-    RTMP_ERR_LOCK_INIT = -79,       /* a lock could not be initialised */
-    RTMP_ERR_NO_CLIENT = -82,       /* nobody is connected to the session: go on encoding */
-    RTMP_ERR_THREAD_JOIN = -83,     /* a thread could not be joined */
-    RTMP_ERR_THREAD_CREATE = -84,   /* a thread could not be started */
-    RTMP_ERR_LISTEN = -85,          /* listen failed */
-    RTMP_ERR_BIND = -86,            /* bind failed: the port is taken, or needs privileges */
-    RTMP_ERR_SOCKET = -87,          /* the listening socket could not be created */
-    RTMP_ERR_SESSION_EXISTS = -88,  /* a session of this name exists */
-    RTMP_ERR_MEMORY = -89,          /* an allocation failed */
-    RTMP_ERR_META_DATA = -91,       /* onMetaData could not be built */
-    RTMP_ERR_VIDEO_INFO = -92,      /* the video configuration was refused */
-    RTMP_ERR_AUDIO_INFO = -93,      /* the audio configuration was refused */
-    RTMP_ERR_NO_MEDIA_INFO = -97,   /* RtmpAddMediaInfo has not succeeded yet */
+    RTMP_FAILED = -1,                /* any failure without a code of its own */
+    RTMP_ERR_IP_ADDRESS = -73,       /* the interface has no address */
+    RTMP_ERR_LOCK_DESTROY = -76,     /* a lock could not be destroyed */
+    RTMP_ERR_UNLOCK = -77,           /* a lock could not be released */
+    RTMP_ERR_LOCK = -78,             /* a lock could not be taken */
+    RTMP_ERR_LOCK_INIT = -79,        /* a lock could not be initialised */
+    RTMP_ERR_NO_CLIENT = -82,        /* nobody is connected to the session: go on encoding */
+    RTMP_ERR_THREAD_JOIN = -83,      /* a thread could not be joined */
+    RTMP_ERR_THREAD_CREATE = -84,    /* a thread could not be started */
+    RTMP_ERR_LISTEN = -85,           /* listen failed */
+    RTMP_ERR_BIND = -86,             /* bind failed: the port is taken, or needs privileges */
+    RTMP_ERR_SOCKET = -87,           /* the listening socket could not be created */
+    RTMP_ERR_SESSION_EXISTS = -88,   /* a session of this name exists */
+    RTMP_ERR_MEMORY = -89,           /* an allocation failed */
+    RTMP_ERR_META_DATA = -91,        /* onMetaData could not be built */
+    RTMP_ERR_VIDEO_INFO = -92,       /* the video configuration was refused */
+    RTMP_ERR_AUDIO_INFO = -93,       /* the audio configuration was refused */
+    RTMP_ERR_NO_MEDIA_INFO = -97,    /* RtmpAddMediaInfo has not succeeded yet */
     RTMP_ERR_INVALID_ARGUMENT = -99, /* a bad argument */
     RTMP_ERR_UNSUPPORTED_MSG = -110, /* the peer sent a message that this library refuses */
     RTMP_ERR_STREAM_NOT_FOUND = -111 /* "play" named no live session */
@@ -414,8 +414,8 @@ struct RtmpSession {
     RtmpSession *PrevSession;
 
     /* the library's own */
-    RtmpMutex MemberLock;       /* leaf: the links of both client lists */
-    pthread_cond_t MemberLeft;  /* a client left */
+    RtmpMutex MemberLock;      /* leaf: the links of both client lists */
+    pthread_cond_t MemberLeft; /* a client left */
     RtmpClient *MemberHead;
     RtmpClient *MemberTail;
     struct RtmpPiece *Pieces; /* of the frame being sent; kept between frames */

@@ -150,8 +150,9 @@ TEST(Client, LeavingASessionSaysFromWhichPlace)
         ASSERT_EQ(lines.size(), 9U);
         EXPECT_EQ(lines[5], "6 INFO: DestroyRtmpClient: Removing client pointer from client list");
         EXPECT_EQ(lines[6], row.place);
-        EXPECT_EQ(lines[7], std::string("6 INFO: DestroyRtmpClient: Removed client; No. of connected clients : ") +
-                                row.remaining);
+        EXPECT_EQ(lines[7],
+                  std::string("6 INFO: DestroyRtmpClient: Removed client; No. of connected clients : ") +
+                      row.remaining);
         EXPECT_EQ(lines[8], "6 INFO: DestroyRtmpClient: Freeing RtmpClient pointer");
     }
 }
@@ -172,7 +173,8 @@ TEST(Client, AClosedSocketIsSeenByThePeerAndItsNumberIsNeverUsedAgain)
     RtmpSendPkt *message = GenerateRtmpMsg(each.client, nullptr, RTMP_MSG_STREAM_BEGIN);
     ASSERT_NE(message, nullptr);
     EXPECT_EQ(SendMsgToClient(each.client, message, RTMP_MSG_STREAM_BEGIN), -1);
-    EXPECT_TRUE(rig.log.contains("3 ERROR: RtmpSendMsgBytes: Unable to send message: 9 (Bad file descriptor)"));
+    EXPECT_TRUE(
+        rig.log.contains("3 ERROR: RtmpSendMsgBytes: Unable to send message: 9 (Bad file descriptor)"));
     EXPECT_TRUE(DrainBytes(strangers[0]).empty());
     EXPECT_TRUE(DrainBytes(strangers[1]).empty());
     EXPECT_EQ(ReadRtmpMessage(each.client), nullptr);

@@ -210,7 +210,8 @@ TEST(Server, EveryAcceptIsAnnouncedInBothLogs)
     RtmpServer *server = CreateOnFreePorts(log, "lo", false);
     ASSERT_NE(server, nullptr);
     const std::string port = std::to_string(server->RtmpPort);
-    const std::string line = "6 INFO: AcceptRtmpConnectionThread: Waiting for RTMP client connection on " + port;
+    const std::string line =
+        "6 INFO: AcceptRtmpConnectionThread: Waiting for RTMP client connection on " + port;
     EXPECT_TRUE(log.waitFor(line));
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address = {};

@@ -46,8 +46,8 @@ struct Captions {
 
 int SendVideo(SessionRig &rig, const Bytes &frame, uint64_t delta = 0)
 {
-    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0, delta,
-                                     RTMP_MSG_VIDEO);
+    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0,
+                                     delta, RTMP_MSG_VIDEO);
 }
 
 Bytes Body(const Bytes &wire)
@@ -84,8 +84,8 @@ TEST(Captions, APrefixLongerThanAChunkIsCutLikeTheRest)
     Bytes copied = Slice(frame, 0, 100);
     copied[3] = 0xEE;
     const Bytes message = Hex("27 01 000000") + copied + captions.sei + Slice(frame, 100, 50); // 175 bytes
-    EXPECT_EQ(Body(DrainBytes(player.peer)), Slice(message, 0, 64) + Hex("C5") + Slice(message, 64, 64) + Hex("C5") +
-                                                 Slice(message, 128, 47));
+    EXPECT_EQ(Body(DrainBytes(player.peer)), Slice(message, 0, 64) + Hex("C5") + Slice(message, 64, 64) +
+                                                 Hex("C5") + Slice(message, 128, 47));
 }
 
 TEST(Captions, APrefixOf1023BytesFitsAndOneMoreIsRefusedInTheLog)

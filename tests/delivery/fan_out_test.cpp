@@ -1,6 +1,6 @@
-#include "delivery/fan_out.h"
 #include "core/client.h"
 #include "core/client_state.h"
+#include "delivery/fan_out.h"
 #include "support/session_rig.h"
 
 #include <sys/mman.h>
@@ -26,14 +26,14 @@ Bytes VideoFrame(size_t length, uint8_t nalHeader)
 
 int SendVideo(SessionRig &rig, const Bytes &frame, uint64_t delta = 0, int fd = 0, uint64_t mapBase = 0)
 {
-    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), fd, mapBase,
-                                     delta, RTMP_MSG_VIDEO);
+    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), fd,
+                                     mapBase, delta, RTMP_MSG_VIDEO);
 }
 
 int SendAudio(SessionRig &rig, const Bytes &frame, uint64_t delta = 0)
 {
-    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0, delta,
-                                     RTMP_MSG_AUDIO);
+    return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0,
+                                     delta, RTMP_MSG_AUDIO);
 }
 
 Bytes U24(size_t value)
@@ -83,7 +83,8 @@ TEST(FanOut, TheFrameTypeFollowsTheFirstNalUnit)
     const struct {
         uint8_t nalHeader;
         uint8_t tag;
-    } rows[] = {{0x65, 0x17}, {0x67, 0x17}, {0x68, 0x17}, {0x41, 0x27}, {0x01, 0x27}, {0x06, 0x27}, {0x09, 0x27}};
+    } rows[] = {{0x65, 0x17}, {0x67, 0x17}, {0x68, 0x17}, {0x41, 0x27},
+                {0x01, 0x27}, {0x06, 0x27}, {0x09, 0x27}};
     for (const auto &row : rows) {
         SessionRig rig;
         const RigClient player = rig.addClient();
@@ -157,15 +158,15 @@ TEST(FanOut, ABrokenClientIsReportedAndTheNextOneIsServed)
     EXPECT_EQ(SendVideo(rig, frame), -1);
     EXPECT_EQ(DrainBytes(healthy.peer).size(), 12U + 5U + 20U);
     char line[128];
-    snprintf(line, sizeof line, "3 ERROR: SendMsgToConnectedClients: Sending data message to client {%p} failed",
+    snprintf(line, sizeof line,
+             "3 ERROR: SendMsgToConnectedClients: Sending data message to client {%p} failed",
              static_cast<void *>(broken.client));
-    EXPECT_EQ(rig.log.lines(),
-              (std::vector<std::string>{
-                  "3 ERROR: RtmpSendMsgBytes: Unable to send message: 32 (Broken pipe)",
-                  "6 INFO: RtmpSendMsgBytes: ========= Client Disconnected ========",
-                  "3 ERROR: SendMessage: SendMessage: Error occured while sending message",
-                  line,
-              }));
+    EXPECT_EQ(rig.log.lines(), (std::vector<std::string>{
+                                   "3 ERROR: RtmpSendMsgBytes: Unable to send message: 32 (Broken pipe)",
+                                   "6 INFO: RtmpSendMsgBytes: ========= Client Disconnected ========",
+                                   "3 ERROR: SendMessage: SendMessage: Error occured while sending message",
+                                   line,
+                               }));
     EXPECT_EQ(broken.client->SendPktCount, 0U); // its next frame would start with a full header again
 }
 
@@ -181,7 +182,8 @@ TEST(FanOut, AFrameInAFileGoesOutWithTheSameBytes)
         const int fd = memfd_create("frames", 0);
         ASSERT_GE(fd, 1);
         ASSERT_EQ(ftruncate(fd, 65536), 0);
-        uint8_t *map = static_cast<uint8_t *>(mmap(nullptr, 65536, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        uint8_t *map =
+            static_cast<uint8_t *>(mmap(nullptr, 65536, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
         ASSERT_NE(map, MAP_FAILED);
         memcpy(map + offset, frame.data(), frame.size());
         ASSERT_EQ(SendVideo(copying, frame), 0);
@@ -211,7 +213,8 @@ TEST(FanOut, AFileThatEndsBeforeTheFrameDoesIsAFailureAndNoHang)
     EXPECT_EQ(SendMsgToConnectedClients(rig.session, frame.data(), 200, fd,
                                         reinterpret_cast<uintptr_t>(frame.data()), 0, RTMP_MSG_VIDEO),
               -1);
-    EXPECT_TRUE(rig.log.contains("3 ERROR: SendFile: SendFile: Error occured while sending message using sendfile"));
+    EXPECT_TRUE(
+        rig.log.contains("3 ERROR: SendFile: SendFile: Error occured while sending message using sendfile"));
     EXPECT_TRUE(rig.log.contains("failed (zero copy)"));
     close(fd);
 }
@@ -234,7 +237,8 @@ TEST(FanOut, AWriteThatEndsShortGoesOnWhereItEnded)
     for (size_t at = kChunk - 5; at < frame.size(); at += kChunk) {
         expected.push_back(0xC5);
         const size_t end = std::min(frame.size(), at + kChunk);
-        expected.insert(expected.end(), frame.begin() + static_cast<long>(at), frame.begin() + static_cast<long>(end));
+        expected.insert(expected.end(), frame.begin() + static_cast<long>(at),
+                        frame.begin() + static_cast<long>(end));
     }
     EXPECT_TRUE(BehindFullHeader(received, 5, frame.size() + 5, 9) == expected);
 }
@@ -246,14 +250,16 @@ TEST(FanOut, FramesAndRepliesFromTwoThreadsNeverInterleaveOnASocket)
     constexpr int kCount = 300;
     std::thread replies([&] {
         for (int i = 0; i < kCount; i++) {
-            EXPECT_EQ(SendMsgToClient(player.client, GenerateRtmpMsg(player.client, nullptr, RTMP_MSG_STREAM_BEGIN),
+            EXPECT_EQ(SendMsgToClient(player.client,
+                                      GenerateRtmpMsg(player.client, nullptr, RTMP_MSG_STREAM_BEGIN),
                                       RTMP_MSG_STREAM_BEGIN),
                       0);
         }
     });
     Bytes received;
     std::thread reader([&] {
-        // Every message is whole: on chunk stream 5 five chunks follow each other, whatever chunk stream 2 does.
+        // Every message is whole: on chunk stream 5 five chunks follow each other, whatever chunk stream 2
+        // does.
         int frames = 0;
         int begins = 0;
         while (frames < kCount || begins < kCount) {

@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-const Bytes kRigVideoConfig = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1F, 0xDA, 0x01, 0x40,
-                               0x16, 0xE8, 0x40, 0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
+const Bytes kRigVideoConfig = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1F, 0xDA, 0x01, 0x40,
+                               0x16, 0xE8, 0x40, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
 const Bytes kRigAudioConfig = {0x12, 0x10};
 
 SessionRig::SessionRig(int32_t chunkSize, uint32_t media, uint32_t senderMode)
@@ -26,8 +26,8 @@ SessionRig::SessionRig(int32_t chunkSize, uint32_t media, uint32_t senderMode)
     server->ChunkSize = static_cast<uint32_t>(chunkSize);
     RtmpSenderSettings(session, senderMode, 0, 0, 1, 255, 5, 10, 10);
     if (media != RTMP_MEDIA_NONE) {
-        const VideoMediaInfo video = {7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()),
-                                      kRigVideoConfig.data()};
+        const VideoMediaInfo video = {
+            7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
         const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
                                       kRigAudioConfig.data()};
         if (RtmpAddMediaInfo(session, media != RTMP_MEDIA_AUDIO ? &video : nullptr,

@@ -3,7 +3,6 @@
 #include "net/serve.h"
 #include "tls_fixture.h"
 
-
 using namespace wire;
 
 namespace {

@@ -117,7 +117,7 @@ TlsConnection::TlsConnection(const TlsSetup &setup) : leaves_(setup.leaves)
     SignOneself(identity);
     Pair(librarySocket_, peerSocket_);
     Pair(plain_, plainRelay_);
-    const bool accepts = setup.library == LibraryEnd::Accepts;
+    const bool accepts = setup.role == LibraryEnd::Accepts;
     library_.reset(NewHandle(setup, accepts, identity, librarySocket_));
     peer_.reset(NewHandle(setup, !accepts, identity, peerSocket_));
     if (setup.partialWrites) {

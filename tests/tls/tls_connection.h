@@ -19,7 +19,7 @@ enum class PeerLeaves {
 };
 
 struct TlsSetup {
-    LibraryEnd library = LibraryEnd::Accepts;
+    LibraryEnd role = LibraryEnd::Accepts;
     PeerLeaves leaves = PeerLeaves::WithNotice;
     int version = TLS1_3_VERSION;
     bool partialWrites = false; // of the library's handle: SSL_write may write a part

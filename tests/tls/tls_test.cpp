@@ -181,7 +181,7 @@ TEST_P(TlsVersions, AStreamIsPublishedAndTheServiceAnswered)
     TestServer server;
     RtmpSession *session = server.session();
     TlsSetup wanted = setup();
-    wanted.library = LibraryEnd::Connects;
+    wanted.role = LibraryEnd::Connects;
     HandedClient publisher(server, wanted);
     ScriptedPeer &service = publisher.peer;
     PublishCtx context = {};
