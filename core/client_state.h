@@ -20,3 +20,10 @@ inline int SocketInUse(const RtmpClient *client)
 {
     return LoadShared(&client->SocketClosed) != 0 ? -1 : client->Socket;
 }
+
+// TlsInUse returns the client's TLS handle, or null once CloseClientSocket has closed the socket: the handle
+// holds the same number.
+inline void *TlsInUse(const RtmpClient *client)
+{
+    return LoadShared(&client->SocketClosed) != 0 ? nullptr : client->Tls;
+}

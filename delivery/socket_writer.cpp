@@ -213,7 +213,7 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
     RtmpLogger *logger = LoggerOf(client->Server);
     for (uint32_t i = 0; i < count; i++) {
         if (pieces[i].StartsChunk != 0 &&
-            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, client->Tls) != 1) {
+            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, TlsInUse(client)) != 1) {
             RtmpLogPrint(logger, RTMP_LOG_ERROR,
                          "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",
                          who);
@@ -237,7 +237,7 @@ int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, con
     const uint8_t separator = SeparatorOf(message);
     // A closed socket fails as a closed descriptor does, TLS or not: the handle's own descriptor may be
     // reused.
-    const bool overTls = client->Tls != nullptr && SocketInUse(client) != -1;
+    const bool overTls = TlsInUse(client) != nullptr;
     const int result = overTls ? WriteTls(client, pieces, count, separator)
                                : WritePlain(client, pieces, count, separator, moreFollows);
     if (result != 0) {

@@ -61,7 +61,8 @@ int32_t DigestPosition(const uint8_t *packet, uint32_t sumAt, uint32_t base)
 // One write; whatever does not go out whole has failed.
 bool SendWhole(RtmpClient *client, const uint8_t *bytes, uint32_t length)
 {
-    const int sent = RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes, length, client->Tls);
+    const int sent =
+        RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes, length, TlsInUse(client));
     return sent >= 0 && static_cast<uint32_t>(sent) == length;
 }
 
@@ -255,7 +256,7 @@ int ReadNoOfBytes(RtmpClient *client, uint8_t *buffer, uint32_t length)
     if (client->ConnType == RTMP_CONN_RTMPT) {
         return 0;
     }
-    return RtmpReadBytes(LoggerOf(client->Server), SocketInUse(client), buffer, length, client->Tls);
+    return RtmpReadBytes(LoggerOf(client->Server), SocketInUse(client), buffer, length, TlsInUse(client));
 }
 
 int PerformHandshake(RtmpClient *client)

@@ -157,6 +157,23 @@ TEST(Client, LeavingASessionSaysFromWhichPlace)
     }
 }
 
+TEST(Client, AClosedConnectionOverTlsAsksItsHandleNothingMore)
+{
+    SessionRig rig;
+    const RigClient each = rig.addClient(CLIENT_STATE_CONNECT_DONE);
+    int asked = 0;
+    HostFakes::get().sslRead = [&](void *, void *, int) { return ++asked; };
+    HostFakes::get().sslWrite = [&](void *, const void *, int) { return ++asked; };
+    each.client->Tls = &asked;
+    CloseClientSocket(each.client);
+    EXPECT_EQ(ReadRtmpMessage(each.client), nullptr);
+    EXPECT_TRUE(rig.log.contains("3 ERROR: RtmpReadBytes: Unable to read buffer: 9 (Bad file descriptor)"));
+    RtmpSendPkt *message = GenerateRtmpMsg(each.client, nullptr, RTMP_MSG_STREAM_BEGIN);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(SendMsgToClient(each.client, message, RTMP_MSG_STREAM_BEGIN), -1);
+    EXPECT_EQ(asked, 0);
+}
+
 TEST(Client, AClosedSocketIsSeenByThePeerAndItsNumberIsNeverUsedAgain)
 {
     SessionRig rig;
