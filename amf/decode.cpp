@@ -1,9 +1,9 @@
 #include "amf/decode.h"
 
 #include "amf/object.h"
-#include "core/record.h"
 #include "net/byte_order.h"
 #include "net/log.h"
+#include "net/record.h"
 
 namespace {
 

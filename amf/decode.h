@@ -4,13 +4,17 @@
 // counts as nothing to read.
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 // Objects and arrays within one another; one more is refused like any corrupted value. A level costs little
 // enough stack that this many fit a thread of 256 KiB.
 constexpr int32_t kDeepestAmf = 1024;
 
 extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API int32_t DecodeAmfBuffer(RtmpServer *server, AmfObject *out, const uint8_t *buf, uint32_t len,
+                                 uint8_t noNames);
 
 // ReadAmfProp reads one value, its name first when `noName` is 0. Bytes consumed, or -1; then the property
 // may hold a part of a nested list.

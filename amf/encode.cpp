@@ -1,9 +1,9 @@
 #include "amf/encode.h"
 
-#include "core/record.h"
-#include "core/strictness.h"
+#include "amf/object.h"
 #include "net/byte_writer.h"
 #include "net/log.h"
+#include "net/record.h"
 
 namespace {
 
@@ -190,8 +190,6 @@ void PutMember(RtmpServer *server, ByteWriter *out, const AmfObjProperty *member
         PutNumber(server, out, member->ObjVal.number);
     } else if (member->type == AMF_STRING) {
         PutString(out, &member->ObjVal.StrObj);
-    } else if (member->type == AMF_BOOLEAN && !kEncodeBooleanMembersAsName) {
-        PutBoolean(out, member->ObjVal.boolean);
     }
 }
 

@@ -5,7 +5,7 @@
 // per player, and heap allocations per frame and player.
 #include "player_process.h"
 
-#include "delivery/ring.h"
+#include "instruments/ring.h"
 #include "rtmpcast/rtmpcast.h"
 
 #include <algorithm>

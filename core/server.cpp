@@ -1,14 +1,14 @@
 #include "rtmpcast/server.h"
-
-#include "core/atomic.h"
-#include "core/record.h"
-#include "core/server_hold.h"
-#include "net/accept.h"
+#include "delivery/senders/threaded_queue.h"
+#include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/record.h"
 #include "net/socket_io.h"
 #include "rtmpcast/sender.h"
 #include "rtmpt/tunnel_accept.h"
+#include "serve/accept.h"
+#include "state/server_hold.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

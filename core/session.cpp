@@ -1,17 +1,17 @@
 #include "rtmpcast/server.h"
 
-#include "core/atomic.h"
-#include "core/client.h"
-#include "core/client_list.h"
-#include "core/record.h"
-#include "core/session_list.h"
-#include "delivery/monitor.h"
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/monitor.h"
+#include "delivery/senders/threaded_queue.h"
 #include "media/media_info.h"
+#include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/record.h"
 #include "rtmpcast/host.h"
 #include "rtmpcast/sender.h"
+#include "state/client.h"
+#include "state/client_list.h"
+#include "state/session_list.h"
 
 #include <signal.h>
 #include <time.h>

@@ -1,10 +1,12 @@
 #include "media/flv_tag.h"
 
-#include "core/record.h"
+#include "amf/encode.h"
+#include "amf/object.h"
 #include "media/parameter_sets.h"
 #include "net/byte_writer.h"
 #include "net/log.h"
-#include "rtmpcast/publish.h"
+#include "net/record.h"
+#include "rtmpcast/types.h"
 
 namespace {
 

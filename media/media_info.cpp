@@ -1,12 +1,14 @@
 #include "media/media_info.h"
 
-#include "core/atomic.h"
-#include "core/record.h"
 #include "media/flv_tag.h"
 #include "media/parameter_sets.h"
 #include "media/sps.h"
+#include "net/atomic.h"
 #include "net/log.h"
+#include "net/platform.h"
+#include "net/record.h"
 #include "net/scope.h"
+#include "rtmpcast/media.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "media/scaling_lists.h"
 
+#include "media/bit_reader.h"
+
 #include <string.h>
 
 namespace {

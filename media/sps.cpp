@@ -1,5 +1,6 @@
 #include "media/sps.h"
 
+#include "media/bit_reader.h"
 #include "media/scaling_lists.h"
 
 namespace {

@@ -1,9 +1,9 @@
 #include "message/chunk_header.h"
 
-#include "core/atomic.h"
-#include "core/record.h"
+#include "net/atomic.h"
 #include "net/byte_writer.h"
 #include "net/log.h"
+#include "net/record.h"
 
 namespace {
 
@@ -113,6 +113,13 @@ void WriteHdr(RtmpSendPkt *pkt, int hdrType, RtmpChunkHdr *hdr)
     }
 }
 
+// MoveReferenceTime makes a message the one against which the next delta of its chunk stream is taken.
+// Generators read the field on other threads.
+void MoveReferenceTime(RtmpSendPkt *reference, const RtmpSendPkt *sent)
+{
+    StoreShared(&reference->Timestamp, sent->Timestamp);
+}
+
 } // namespace
 
 int DecideMsgHdrType(RtmpSendPkt *newPkt, RtmpSendPkt *prevPkt)
@@ -121,8 +128,7 @@ int DecideMsgHdrType(RtmpSendPkt *newPkt, RtmpSendPkt *prevPkt)
         memcmp(newPkt->MsgStreamId, prevPkt->MsgStreamId, sizeof newPkt->MsgStreamId) != 0) {
         return 0;
     }
-    // The next message's delta is taken against this one. Generators read the field on other threads.
-    StoreShared(&prevPkt->Timestamp, newPkt->Timestamp);
+    MoveReferenceTime(prevPkt, newPkt);
     if (newPkt->PayloadLength != prevPkt->PayloadLength || newPkt->MsgTypeId != prevPkt->MsgTypeId) {
         return 1;
     }

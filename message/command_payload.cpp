@@ -1,8 +1,11 @@
 #include "message/command_payload.h"
 
-#include "core/record.h"
+#include "amf/encode.h"
+#include "amf/object.h"
 #include "message/send_packet.h"
 #include "net/log.h"
+#include "net/platform.h"
+#include "net/record.h"
 #include "net/scope.h"
 
 #include <stdio.h>

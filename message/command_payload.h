@@ -1,7 +1,7 @@
 // The AMF0 body of a command (RTMP 1.0, 7.2).
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
 

@@ -1,5 +1,6 @@
 #include "message/command_replies.h"
 
+#include "amf/object.h"
 #include "message/command_payload.h"
 #include "message/header_fields.h"
 #include "message/send_list.h"

@@ -1,9 +1,9 @@
 #include "message/control.h"
 
-#include "core/atomic.h"
 #include "message/header_fields.h"
 #include "message/send_list.h"
 #include "message/send_packet.h"
+#include "net/atomic.h"
 #include "net/byte_writer.h"
 
 namespace {

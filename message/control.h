@@ -1,7 +1,7 @@
 // Protocol control and user control messages (RTMP 1.0, 5.4 and 6.2), all on chunk stream 2.
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
 

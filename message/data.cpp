@@ -1,9 +1,11 @@
 #include "message/data.h"
 
-#include "core/atomic.h"
+#include "amf/encode.h"
+#include "amf/object.h"
 #include "message/header_fields.h"
 #include "message/send_list.h"
 #include "message/send_packet.h"
+#include "net/atomic.h"
 #include "net/log.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // AMF0 data messages (RTMP 1.0, 7.1.2).
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
 

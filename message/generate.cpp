@@ -1,7 +1,11 @@
 #include "message/generate.h"
 
-#include "core/atomic.h"
 #include "media/flv_tag.h"
+#include "message/command_replies.h"
+#include "message/control.h"
+#include "message/data.h"
+#include "message/media.h"
+#include "net/atomic.h"
 #include "net/log.h"
 
 namespace {

@@ -1,8 +1,10 @@
-// The generators that GenerateRtmpMsg (publish.h) dispatches to, all of them. Each returns a new message or
-// null (logged); `recvPkt` is the RtmpRecvPkt that caused it.
+// The one door to the message generators: by kind, to the room that builds it.
 #pragma once
 
-#include "message/command_replies.h"
-#include "message/control.h"
-#include "message/data.h"
-#include "message/media.h"
+#include "rtmpcast/types.h"
+
+extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API RtmpSendPkt *GenerateRtmpMsg(RtmpClient *client, void *recvPkt, uint32_t kind);
+}

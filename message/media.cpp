@@ -1,13 +1,11 @@
 #include "message/media.h"
 
-#include "core/atomic.h"
-#include "core/record.h"
-#include "delivery/monitor_records.h"
-#include "delivery/queue_records.h"
+#include "instruments/sender_clock.h"
 #include "media/flv_tag.h"
 #include "message/header_fields.h"
 #include "message/send_list.h"
 #include "net/log.h"
+#include "net/record.h"
 
 namespace {
 
@@ -39,38 +37,6 @@ int FollowFrames(RtmpClient *client, uint64_t wantedDelta, RtmpSendPkt *pkt)
     return found < 0 ? -1 : 0;
 }
 
-uint64_t *TimeInQueue(RtmpThreadedQueue *queue, bool isVideo)
-{
-    if (queue == nullptr) {
-        return nullptr;
-    }
-    return isVideo ? &queue->LastVideoRtmpTs : &queue->LastAudioRtmpTs;
-}
-
-uint64_t *TimeInMonitor(RtmpMonitor *monitor, bool isVideo)
-{
-    if (monitor == nullptr) {
-        return nullptr;
-    }
-    return isVideo ? &monitor->LastVideoRtmpTs : &monitor->LastAudioRtmpTs;
-}
-
-// The session's sender puts audio and video in order by these.
-void RecordTime(RtmpClient *client, const RtmpSendPkt *pkt)
-{
-    RtmpSession *session = LoadShared(&client->Session);
-    if (session == nullptr) {
-        return;
-    }
-    const bool isVideo = pkt->MsgKind == RTMP_MSG_VIDEO;
-    uint64_t *lastTime = LoadShared(&session->SenderMode) == RTMP_SENDER_THREADED
-                             ? TimeInQueue(LoadShared(&session->Queue), isVideo)
-                             : TimeInMonitor(LoadShared(&session->Monitor), isVideo);
-    if (lastTime != nullptr) {
-        StoreShared(lastTime, pkt->Timestamp);
-    }
-}
-
 } // namespace
 
 int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
@@ -91,7 +57,7 @@ int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uin
     if (FollowFrames(client, wantedDelta, pkt) != 0) {
         return -1;
     }
-    RecordTime(client, pkt);
+    NoteStampedTime(client, pkt);
     return 0;
 }
 

@@ -1,9 +1,13 @@
 // Audio and video messages (RTMP 1.0, 7.1.4 and 7.1.5). GenerateRtmpMediaMsg is in publish.h.
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length,
+                                           const uint8_t *data, uint64_t wantedDelta);
 
 // FillRtmpMediaMsg fills `pkt`, which is zero, as GenerateRtmpMediaMsg does, without allocating. -1 (logged):
 // the send list could not be locked, or the kind is neither video nor audio.

@@ -1,7 +1,8 @@
 #include "message/send_list.h"
 
-#include "core/atomic.h"
+#include "net/atomic.h"
 #include "net/log.h"
+#include "net/platform.h"
 #include "net/scope.h"
 
 namespace {

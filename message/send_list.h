@@ -2,9 +2,14 @@
 // types are derived. The public half is in publish.h.
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt);
+RTMP_API int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt);
+RTMP_API RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId);
 
 // FreeSendPkt frees a message that is in no list, and its payload unless that is borrowed (kinds 49, 51,
 // 52). Null is fine.

@@ -1,9 +1,10 @@
 #include "message/send_packet.h"
 
-#include "core/record.h"
+#include "amf/encode.h"
 #include "message/header_fields.h"
 #include "message/send_list.h"
 #include "net/log.h"
+#include "net/record.h"
 
 RtmpSendPkt *NewSendPkt(RtmpClient *client, uint32_t msgKind, uint32_t msgTypeId, const char *who)
 {

@@ -1,7 +1,7 @@
 // Making the record of an outgoing message. `who` is the generator on whose behalf a failure is logged.
 #pragma once
 
-#include "rtmpcast/publish.h"
+#include "rtmpcast/types.h"
 
 extern "C" {
 

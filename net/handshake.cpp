@@ -1,12 +1,11 @@
 #include "net/handshake.h"
 
-#include "core/client_state.h"
-#include "core/record.h"
-#include "core/strictness.h"
 #include "net/byte_order.h"
 #include "net/byte_writer.h"
+#include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/record.h"
 #include "net/scope.h"
 #include "net/socket_io.h"
 
@@ -96,10 +95,9 @@ void FillS1(Handshake *shake)
     }
 
     // KEPT: two words more than S1 holds are drawn, and S0 is the top byte of the second, 0 to 127, instead
-    // of the version number. Players in the field are used to it: S0 is part of what this server looks like.
+    // of the version number (RTMP 1.0, 5.2.2). Required: it is a byte on the wire.
     (void)rand();
-    const uint32_t last = static_cast<uint32_t>(rand());
-    shake->S0 = kS0CarriesRandomByte ? static_cast<uint8_t>(last >> 24) : shake->C0;
+    shake->S0 = static_cast<uint8_t>(static_cast<uint32_t>(rand()) >> 24);
 }
 
 int SignS1(RtmpClient *client, Handshake *shake, const char *who)
@@ -171,7 +169,6 @@ int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C1 packet from client\n", who);
         return -1;
     }
-    static_assert(kRequireDigestHandshake, "a C1 without a digest has no answer but this refusal");
     const int32_t offset = FindPlayerDigest(shake->Packet);
     if (offset < 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot varify the client digest\n", who);

@@ -1,6 +1,6 @@
 #include "net/log.h"
 
-#include "core/atomic.h"
+#include "net/atomic.h"
 
 #include <pthread.h>
 #include <sched.h>

@@ -1,10 +1,12 @@
 // The one way a line leaves the library.
 #pragma once
 
-#include "rtmpcast/publish.h"
 #include "rtmpcast/types.h"
 
 extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API void RtmpLogPrint(RtmpLogger *logger, uint8_t level, const char *format, ...) RTMP_PRINTF(3, 4);
 
 // LoggerOf returns what RtmpLogPrint is given for work on behalf of a server. It stays valid for as long as
 // the server record does, also after RtmpServerDestroy has let go of the host's logger.

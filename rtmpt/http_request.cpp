@@ -1,8 +1,8 @@
 #include "rtmpt/http_request.h"
 
-#include "core/client_state.h"
-#include "core/record.h"
+#include "net/client_state.h"
 #include "net/log.h"
+#include "net/record.h"
 #include "net/scope.h"
 #include "net/socket_io.h"
 

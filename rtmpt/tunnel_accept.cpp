@@ -1,10 +1,10 @@
 #include "rtmpt/tunnel_accept.h"
 
-#include "core/atomic.h"
-#include "core/client.h"
+#include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/socket_io.h"
+#include "state/client.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

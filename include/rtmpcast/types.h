@@ -319,6 +319,25 @@ struct RtmpClient {
     uint8_t SocketClosed; /* the number in Socket may already be somebody else's */
 };
 
+/**
+ * PublishCtx: the answers of a streaming service. The host allocates it zero-filled and sets it in the
+ * client record of its publishing connection; the library writes it on the thread that calls
+ * ParseRequestMsg. Texts are NUL-terminated; longer ones are cut at the end of their field.
+ */
+struct PublishCtx {
+    char ChallengeString[1024];     /* "setChallenge" */
+    char SessionIdText[1024];       /* "setChallenge", decimal */
+    double ResultTransactionId;     /* "_result" */
+    char ErrorCode[1024];           /* "_error" */
+    char ErrorDescription[1024];    /* "_error" */
+    double ErrorTransactionId;      /* "_error" */
+    char StatusLevel[1024];         /* "onStatus", "onClientLogin" */
+    char StatusCode[1024];          /* "onStatus", "onClientLogin" */
+    char StatusDescription[1024];   /* "onStatus", "onClientLogin" */
+    double StatusTransactionId;     /* "onStatus" */
+    uint64_t StatusHostContext[32]; /* the host's; its address is passed to rtmpStatusMessage */
+};
+
 /* ------------------------------------------------------------------------------------------------ media */
 
 /** VideoMediaInfo: what RtmpAddMediaInfo is told of the video. Everything is copied. */

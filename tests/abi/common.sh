@@ -37,3 +37,9 @@ located() {
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+
+# Sources and headers of every room of the library, as paths below $SOURCE. The rooms stand in the table of floors.
+library_files() {
+    (cd "$SOURCE" && sed 's/#.*//' tests/house/floors.txt | tr ' ' '\n' | grep '^[a-z]' | grep -v '^include' |
+        xargs -I{} find {} -maxdepth 1 -name "*.cpp" -o -maxdepth 1 -name "*.h" | sort)
+}

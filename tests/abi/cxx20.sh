@@ -2,7 +2,7 @@
 # Every source of the library is C++20 too.
 . "$(dirname "$0")/common.sh"
 
-mapfile -t sources < <(cd "$SOURCE" && ls {core,net,message,amf,media,rtmpt,delivery}/*.cpp)
+mapfile -t sources < <(library_files | grep '\.cpp$')
 [ "${#sources[@]}" -gt 40 ] || fail "sources not found"
 for name in "${sources[@]}"; do
     "$CXX" -std=gnu++20 -Wall -Wextra -Wshadow -Wconversion -Wformat=2 -Werror -fsyntax-only \

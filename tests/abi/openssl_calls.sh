@@ -6,7 +6,7 @@ compile() {
     "$CXX" -x c++ -std=c++17 -Wall -Wextra -Werror -fsyntax-only -DOPENSSL_API_COMPAT=0x30000000L \
         -DOPENSSL_NO_DEPRECATED -I "$HEADERS" -I "$SOURCE" "$1"
 }
-mapfile -t sources < <(cd "$SOURCE" && grep -l 'openssl/' {core,net,message,amf,media,rtmpt,delivery}/*.{cpp,h} 2>/dev/null)
+mapfile -t sources < <(library_files | (cd "$SOURCE" && xargs grep -l 'openssl/'))
 for name in net/handshake.cpp net/socket_io.cpp; do
     printf '%s\n' "${sources[@]}" | grep -qx "$name" || fail "$name does not use OpenSSL: look where it went"
 done

@@ -1,6 +1,6 @@
 #include "amf/encode.h"
 #include "amf/object.h"
-#include "core/record.h"
+#include "net/record.h"
 #include "support/amf_rows.h"
 #include "support/capture_logger.h"
 

@@ -1,5 +1,6 @@
+#include "amf/encode.h"
 #include "amf/object.h"
-#include "core/record.h"
+#include "net/record.h"
 
 #include <limits>
 

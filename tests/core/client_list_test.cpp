@@ -1,4 +1,4 @@
-#include "core/client_list.h"
+#include "state/client_list.h"
 #include "support/session_rig.h"
 
 namespace {

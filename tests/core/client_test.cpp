@@ -1,5 +1,5 @@
-#include "core/client.h"
-#include "core/client_state.h"
+#include "net/client_state.h"
+#include "state/client.h"
 #include "support/session_rig.h"
 
 #include <cerrno>

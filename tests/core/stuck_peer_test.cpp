@@ -1,10 +1,10 @@
 // Players that take nothing, and the threads that wait for them: nobody frees what such a thread still uses,
 // and no end of a session waits for a peer.
-#include "core/client.h"
-#include "core/client_state.h"
-#include "core/server_hold.h"
-#include "delivery/fan_out.h"
-#include "net/serve.h"
+#include "delivery/write/fan_out.h"
+#include "net/client_state.h"
+#include "serve/serve.h"
+#include "state/client.h"
+#include "state/server_hold.h"
 #include "support/session_rig.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "delivery/adaptive_bitrate.h"
+#include "instruments/adaptive_bitrate.h"
 
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"

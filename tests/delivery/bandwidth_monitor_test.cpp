@@ -1,4 +1,4 @@
-#include "delivery/bandwidth_monitor.h"
+#include "instruments/bandwidth_monitor.h"
 
 #include "support/host_fakes.h"
 

@@ -1,4 +1,4 @@
-#include "delivery/fan_out.h"
+#include "delivery/write/fan_out.h"
 #include "support/session_rig.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "delivery/debug_trace.h"
+#include "instruments/debug_trace.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,6 +1,6 @@
-#include "core/client.h"
-#include "core/client_state.h"
-#include "delivery/fan_out.h"
+#include "delivery/write/fan_out.h"
+#include "net/client_state.h"
+#include "state/client.h"
 #include "support/session_rig.h"
 
 #include <sys/mman.h>

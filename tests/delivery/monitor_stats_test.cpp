@@ -1,4 +1,4 @@
-#include "delivery/monitor_stats.h"
+#include "instruments/monitor_stats.h"
 #include "support/host_fakes.h"
 
 namespace {

@@ -1,5 +1,5 @@
-#include "delivery/monitor.h"
-#include "delivery/parked_audio.h"
+#include "delivery/senders/monitor.h"
+#include "instruments/parked_audio.h"
 #include "support/session_rig.h"
 
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "delivery/pieces.h"
+#include "delivery/write/pieces.h"
 #include "support/bytes.h"
 
 namespace {

@@ -1,6 +1,6 @@
-#include "delivery/ring.h"
+#include "instruments/ring.h"
 
-#include "core/atomic.h"
+#include "net/atomic.h"
 
 #include <atomic>
 #include <cstring>

@@ -1,5 +1,5 @@
-#include "delivery/monitor.h"
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/monitor.h"
+#include "delivery/senders/threaded_queue.h"
 #include "rtmpcast/rtmpcast.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"

@@ -1,6 +1,6 @@
-#include "core/client.h"
-#include "delivery/pieces.h"
-#include "delivery/socket_writer.h"
+#include "delivery/write/pieces.h"
+#include "delivery/write/socket_writer.h"
+#include "state/client.h"
 #include "support/session_rig.h"
 
 #include <csignal>

@@ -1,11 +1,11 @@
 // The threaded sender on real sockets: what players get, and its ends while a player takes nothing.
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/threaded_queue.h"
 
-#include "core/atomic.h"
-#include "core/client.h"
-#include "core/client_state.h"
-#include "delivery/ring.h"
+#include "instruments/ring.h"
+#include "net/atomic.h"
+#include "net/client_state.h"
 #include "rtmpcast/rtmpcast.h"
+#include "state/client.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 

@@ -1,6 +1,6 @@
 // Messages to a client that carries a TLS handle: piece by piece through SSL_write, whatever it answers.
-#include "core/client_state.h"
-#include "delivery/fan_out.h"
+#include "delivery/write/fan_out.h"
+#include "net/client_state.h"
 #include "support/session_rig.h"
 
 #include <sys/mman.h>

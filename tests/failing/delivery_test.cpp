@@ -1,14 +1,14 @@
 // Frames, replies and senders when memory or a lock fails: what is returned and said, and that a later try
 // finds everything in order.
-#include "core/client.h"
-#include "core/client_state.h"
-#include "delivery/client_send.h"
-#include "delivery/fan_out.h"
-#include "delivery/monitor.h"
-#include "delivery/start_sequence.h"
+#include "delivery/replies/start_sequence.h"
+#include "delivery/senders/monitor.h"
+#include "delivery/write/client_send.h"
+#include "delivery/write/fan_out.h"
 #include "failing/failing_calls.h"
 #include "failing/failing_memory.h"
-#include "net/serve.h"
+#include "net/client_state.h"
+#include "serve/serve.h"
+#include "state/client.h"
 #include "support/session_rig.h"
 
 #include "rtmpcast/rtmpcast.h"

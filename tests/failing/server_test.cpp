@@ -1,9 +1,9 @@
 // Servers and their accept threads when sockets, threads, locks or memory fail: codes, lines, and nothing
 // left behind (the leak checker is the judge of memory).
-#include "core/client.h"
 #include "failing/failing_calls.h"
 #include "failing/failing_memory.h"
 #include "net/socket_io.h"
+#include "state/client.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 

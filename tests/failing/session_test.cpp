@@ -1,11 +1,11 @@
 // Sessions and clients when memory, locks or threads fail: codes, lines, and nothing left in the lists.
-#include "core/client.h"
-#include "core/client_state.h"
-#include "core/server_hold.h"
-#include "core/session_list.h"
 #include "failing/failing_calls.h"
 #include "failing/failing_memory.h"
-#include "net/serve.h"
+#include "net/client_state.h"
+#include "serve/serve.h"
+#include "state/client.h"
+#include "state/server_hold.h"
+#include "state/session_list.h"
 #include "support/session_rig.h"
 
 #include <csignal>

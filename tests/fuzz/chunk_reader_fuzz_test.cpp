@@ -1,7 +1,7 @@
 // Seeded byte streams against the chunk reader, checked chunk by chunk against a second reader written here
 // over plain vectors.
-#include "net/chunk_reader.h"
-#include "net/recv_list.h"
+#include "message/chunk_reader.h"
+#include "message/recv_list.h"
 #include "support/socket_client.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "core/atomic.h"
+#include "net/atomic.h"
 #include "tests/media/failing_calls.h"
 #include "tests/media/media_fixture.h"
 

@@ -1,6 +1,7 @@
 #include "command_fixture.h"
 
-#include "message/user_control.h"
+#include "amf/object.h"
+#include "command/user_control.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,10 +1,10 @@
 // A client with its server and session, and command messages written out byte by byte.
 #pragma once
 
-#include "core/client.h"
-#include "core/client_list.h"
-#include "message/command.h"
+#include "command/command.h"
 #include "rtmpcast/server.h"
+#include "state/client.h"
+#include "state/client_list.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 #include "wrapped_calls.h"

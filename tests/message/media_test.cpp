@@ -1,7 +1,7 @@
 #include "message/media.h"
 
-#include "delivery/monitor_records.h"
-#include "delivery/queue_records.h"
+#include "instruments/monitor_records.h"
+#include "instruments/queue_records.h"
 #include "message_fixture.h"
 
 namespace {

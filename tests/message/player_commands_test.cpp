@@ -1,5 +1,5 @@
 #include "command_fixture.h"
-#include "core/session_list.h"
+#include "state/session_list.h"
 
 #include <cmath>
 #include <limits>

@@ -1,4 +1,5 @@
 #include "command_fixture.h"
+#include "message/send_list.h"
 
 #include <cmath>
 #include <cstring>

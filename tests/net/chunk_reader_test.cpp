@@ -1,5 +1,5 @@
-#include "net/chunk_reader.h"
-#include "net/recv_list.h"
+#include "message/chunk_reader.h"
+#include "message/recv_list.h"
 #include "support/socket_client.h"
 
 #include <thread>

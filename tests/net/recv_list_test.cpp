@@ -1,4 +1,4 @@
-#include "net/recv_list.h"
+#include "message/recv_list.h"
 #include "support/socket_client.h"
 
 #include <climits>

@@ -1,6 +1,6 @@
 #include "sender/scripted_fan_out.h"
 
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/threaded_queue.h"
 #include "net/platform.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/sender.h"

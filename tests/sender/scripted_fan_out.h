@@ -2,8 +2,8 @@
 // hands. It blocks as a real send does, in a cancellation point.
 #pragma once
 
-#include "core/atomic.h"
-#include "delivery/queue_records.h"
+#include "instruments/queue_records.h"
+#include "net/atomic.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 

@@ -1,7 +1,7 @@
 // Ends of the sender thread: at every point of its loop, however it is ended.
-#include "core/client_state.h"
-#include "delivery/ring.h"
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/threaded_queue.h"
+#include "instruments/ring.h"
+#include "net/client_state.h"
 #include "net/platform.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/sender.h"

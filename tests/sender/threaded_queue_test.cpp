@@ -1,10 +1,10 @@
 // Burn-in counter and "Buffer full" latch are the process's: every case runs in one of its own, as ctest runs
 // them.
-#include "delivery/threaded_queue.h"
+#include "delivery/senders/threaded_queue.h"
 
-#include "core/client_state.h"
-#include "delivery/adaptive_bitrate.h"
-#include "delivery/ring.h"
+#include "instruments/adaptive_bitrate.h"
+#include "instruments/ring.h"
+#include "net/client_state.h"
 #include "net/platform.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/sender.h"

@@ -1,7 +1,7 @@
 #include "support/session_rig.h"
 
-#include "core/client.h"
-#include "core/client_state.h"
+#include "net/client_state.h"
+#include "state/client.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Ends of TLS connections: peers that say so and peers that do not, and sessions that end.
-#include "core/server_hold.h"
-#include "net/serve.h"
+#include "serve/serve.h"
+#include "state/server_hold.h"
 #include "tls_fixture.h"
 
 using namespace wire;

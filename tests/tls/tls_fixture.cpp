@@ -1,8 +1,8 @@
 #include "tls_fixture.h"
 
-#include "core/client.h"
-#include "core/client_state.h"
+#include "net/client_state.h"
 #include "net/handshake.h"
+#include "state/client.h"
 
 #include <algorithm>
 #include <mutex>

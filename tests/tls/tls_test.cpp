@@ -1,5 +1,5 @@
 // The library over TLS: the same bytes as in the clear, read and written through the host's handle.
-#include "core/client_state.h"
+#include "net/client_state.h"
 #include "net/handshake.h"
 #include "tls_fixture.h"
 

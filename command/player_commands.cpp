@@ -1,0 +1,246 @@
+#include "command/player_commands.h"
+
+#include "amf/object.h"
+#include "command/received_command.h"
+#include "net/atomic.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/record.h"
+#include "net/scope.h"
+#include "state/session_list.h"
+
+#include <string.h>
+
+namespace {
+
+// Flags of audioCodecs and videoCodecs (RTMP 1.0, 7.2.1.1).
+constexpr int32_t kAllAudioCodecs = 0x0FFF;
+constexpr int32_t kAudioCodecAac = 0x0400;
+constexpr int32_t kAllVideoCodecs = 0x00FF;
+constexpr int32_t kVideoCodecH264 = 0x0080;
+
+bool HasCodec(RtmpServer *server, AmfObjProperty *property, int32_t all, int32_t codec)
+{
+    const int32_t codecs = TruncateToInt32(GetAmfPropNumber(server, property));
+    return codecs == all || (codecs & codec) != 0;
+}
+
+int CheckApp(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    RtmpServer *server = command->Client->Server;
+    if (GetAmfPropType(server, property) != AMF_STRING) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid app value\n", command->Caller);
+        return RTMP_FAILED;
+    }
+    AmfString app;
+    GetAmfPropString(server, property, &app);
+    if (memmem(TextStart(&app), app.len, "live", strlen("live")) == nullptr) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported app value\n", command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckFlashVer(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (GetAmfPropType(command->Client->Server, property) != AMF_STRING) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid flashVer value\n", command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckTcUrl(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (GetAmfPropType(command->Client->Server, property) != AMF_STRING) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid tcUrl value\n", command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckFpad(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (GetAmfPropType(command->Client->Server, property) != AMF_BOOLEAN) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid fpad value\n", command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckAudioCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    RtmpServer *server = command->Client->Server;
+    if (GetAmfPropType(server, property) != AMF_NUMBER) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid audioCodecs value\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    if (!HasCodec(server, property, kAllAudioCodecs, kAudioCodecAac)) {
+        // KEPT: this line and the one for H.264 have no line end; log readers match them so.
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Client does not support AAC audio",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckVideoCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    RtmpServer *server = command->Client->Server;
+    if (GetAmfPropType(server, property) != AMF_NUMBER) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid videoCodecs value\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    if (!HasCodec(server, property, kAllVideoCodecs, kVideoCodecH264)) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Client does not support H.264 video",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+int CheckObjectEncoding(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    RtmpServer *server = command->Client->Server;
+    if (GetAmfPropType(server, property) != AMF_NUMBER) {
+        // KEPT: the line names videoCodecs; log readers match it so.
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid videoCodecs value\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    const double encoding = GetAmfPropNumber(server, property);
+    if (encoding < 0 || encoding > 0 || encoding != encoding) { // only AMF0, which is 0
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported objectEncoding method\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    return 0;
+}
+
+struct ConnectKey {
+    const char *Key;
+    int (*Check)(const ReceivedCommand *command, AmfObjProperty *property); // null: nothing to check
+};
+
+// Tried in this order: the first key that the received one matches decides.
+constexpr ConnectKey kConnectKeys[] = {
+    {"app", CheckApp},
+    {"flashVer", CheckFlashVer},
+    {"swfUrl", nullptr},
+    {"tcUrl", CheckTcUrl},
+    {"fpad", CheckFpad},
+    {"audioCodecs", CheckAudioCodecs},
+    {"videoCodecs", CheckVideoCodecs},
+    {"pageUrl", nullptr},
+    {"objectEncoding", CheckObjectEncoding},
+};
+static_assert(sizeof kConnectKeys / sizeof kConnectKeys[0] == 9);
+
+int CheckConnectProperty(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    AmfString name;
+    GetAmfPropName(command->Client->Server, property, &name);
+    for (const ConnectKey &row : kConnectKeys) {
+        if (KeyMatches(&name, row.Key)) {
+            return row.Check != nullptr ? row.Check(command, property) : 0;
+        }
+    }
+    return 0;
+}
+
+// The serve thread is the only writer of the name, and frames are sent without it.
+int KeepStreamName(RtmpClient *client, const AmfString *name)
+{
+    char *copy = CopyOfText(TextStart(name), name->len);
+    if (copy == nullptr) {
+        return RTMP_FAILED;
+    }
+    char *previous = client->StreamName;
+    StoreShared(&client->StreamName, copy);
+    free(previous);
+    return 0;
+}
+
+// 0; RTMP_ERR_STREAM_NOT_FOUND; -1. All failures are logged.
+int PlayStream(const ReceivedCommand *command, const AmfString *name)
+{
+    if (KeepStreamName(command->Client, name) != 0) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to amfObject\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    switch (JoinStream(command->Client, command->Client->StreamName)) {
+    case 0:
+        return 0;
+    case JOIN_NOT_FOUND:
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Stream name not found\n", command->Caller);
+        return RTMP_ERR_STREAM_NOT_FOUND;
+    default:
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Adding client in client list failed\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+}
+
+// -1: the lock failed.
+int SetPauseFlag(RtmpClient *client, uint8_t flag)
+{
+    RtmpSession *session = LoadShared(&client->Session);
+    if (session == nullptr) {
+        StoreShared(&client->PauseFlag, flag);
+        return 0;
+    }
+    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+        return RTMP_FAILED;
+    }
+    StoreShared(&client->PauseFlag, flag);
+    return RtmpMutexUnlock(&session->ClientListLock);
+}
+
+} // namespace
+
+int HandleConnect(ReceivedCommand *command)
+{
+    for (AmfObjProperty *property = command->Properties.first; property != nullptr;
+         property = property->next) {
+        if (CheckConnectProperty(command, property) != 0) {
+            return RTMP_FAILED;
+        }
+    }
+    return 0;
+}
+
+int HandlePlay(ReceivedCommand *command)
+{
+    AmfString name;
+    int result = 0;
+    if (TakeString(command, &name)) {
+        result = PlayStream(command, &name);
+    }
+    if (result == RTMP_FAILED) {
+        return result;
+    }
+    // A live stream has neither a start nor an end nor a playlist to reset.
+    (void)TakeArgument(command, AMF_NUMBER);  // start
+    (void)TakeArgument(command, AMF_NUMBER);  // duration
+    (void)TakeArgument(command, AMF_BOOLEAN); // reset
+    return result;
+}
+
+int HandlePause(ReceivedCommand *command)
+{
+    AmfObjProperty *pause = TakeArgument(command, AMF_BOOLEAN);
+    if (pause == nullptr) {
+        return 0;
+    }
+    // Booleans are decoded inverted: 0 is a wire true, the request to pause.
+    if (SetPauseFlag(command->Client, GetAmfPropBoolean(command->Client->Server, pause)) != 0) {
+        RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock client list\n",
+                     command->Caller);
+        return RTMP_FAILED;
+    }
+    (void)TakeArgument(command, AMF_NUMBER); // stream time in milliseconds: a live stream has no position
+    return 0;
+}

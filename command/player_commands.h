@@ -1,0 +1,18 @@
+// The commands of a player (RTMP 1.0, 7.2.1 and 7.2.2) that carry something to check or to record.
+// 0; -1 (logged).
+#pragma once
+
+#include "command/received_command.h"
+
+extern "C" {
+
+// HandleConnect checks the command object. Nothing of it is kept.
+RTMP_STATUS int HandleConnect(ReceivedCommand *command);
+
+// HandlePlay records the stream name and joins the stream's session. RTMP_ERR_STREAM_NOT_FOUND (logged):
+// there is no such stream.
+RTMP_STATUS int HandlePlay(ReceivedCommand *command);
+
+// HandlePause records whether the player pauses (0) or resumes (1).
+RTMP_STATUS int HandlePause(ReceivedCommand *command);
+}

@@ -1,0 +1,210 @@
+#include "delivery/senders/sender_thread.h"
+
+#include "delivery/write/fan_out.h"
+#include "instruments/bandwidth_monitor.h"
+#include "instruments/debug_trace.h"
+#include "instruments/ring.h"
+#include "net/atomic.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/scope.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace {
+
+// How long a cancel of this thread may go unnoticed while it waits for the session list lock.
+constexpr long kLockSliceNanoseconds = 10 * 1000 * 1000;
+
+void RecordEnd(RtmpThreadedQueue **queue)
+{
+    StoreShared(&(*queue)->ThreadRunning, uint8_t{0});
+}
+
+// RECORD_END_AT_EXIT RtmpThreadedQueue *ending = queue; before any other guard, so that it acts last.
+#define RECORD_END_AT_EXIT __attribute__((cleanup(RecordEnd), unused))
+
+const char *PolicyName(int policy)
+{
+    switch (policy) {
+    case SCHED_OTHER:
+        return "SCHED_OTHER";
+    case SCHED_FIFO:
+        return "SCHED_FIFO";
+    case SCHED_RR:
+        return "SCHED_RR";
+    default:
+        return "???";
+    }
+}
+
+void LogStart(const RtmpThreadedQueue *queue, const char *caller)
+{
+    int policy = SCHED_OTHER;
+    struct sched_param parameters = {};
+    pthread_getschedparam(pthread_self(), &policy, &parameters);
+    RtmpLogPrint(LoggerOf(queue->Session->Server), RTMP_LOG_INFO, "INFO: %s :Sender Thread Started: %s:%d\n",
+                 caller, PolicyName(policy), parameters.sched_priority);
+}
+
+void WaitForItem(RtmpQueueBuffer *ring)
+{
+    while (sem_wait(&ring->Sem) != 0 && errno == EINTR) {
+    }
+}
+
+// The thread sanitizer of GCC 12 does not know pthread_mutex_clocklock.
+void TellSanitizerLocked([[maybe_unused]] RtmpMutex *lock)
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_mutex_pre_lock(lock, 0);
+    __tsan_mutex_post_lock(lock, 0, 0);
+#endif
+}
+
+// Takes the session list lock. RtmpSessionDestroy holds it while it cancels and joins this thread, and no
+// mutex is a cancellation point: the waiting goes on in slices.
+int LockSessionList(RtmpMutex *lock)
+{
+    for (;;) {
+        pthread_testcancel();
+        struct timespec until = {};
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_nsec += kLockSliceNanoseconds;
+        if (until.tv_nsec >= 1000000000) {
+            until.tv_nsec -= 1000000000;
+            until.tv_sec++;
+        }
+        const int result = pthread_mutex_clocklock(lock, CLOCK_MONOTONIC, &until);
+        if (result == 0) {
+            TellSanitizerLocked(lock);
+            return 0;
+        }
+        if (result != ETIMEDOUT) {
+            return -1;
+        }
+    }
+}
+
+// Milliseconds since the previous item of the kind; 0 when there was none.
+uint64_t DeltaTo(const RtmpQueueBufferItem *item, uint64_t previous)
+{
+    return previous == 0 ? 0 : item->Timestamp - previous;
+}
+
+int SendItem(const RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_t delta)
+{
+    return SendMsgToConnectedClients(queue->Session, item->Data, item->Length, item->Fd, item->MapBase, delta,
+                                     item->Type);
+}
+
+// Nobody waits for the audio ring's posts; they are taken off one by one so that a flush has few to take.
+void ReleaseAudio(RtmpQueueBuffer *ring)
+{
+    (void)RtmpQueueBufferRelease(ring); // a flush may have emptied it meanwhile
+    sem_trywait(&ring->Sem);
+}
+
+enum AudioResult { AUDIO_SENT, AUDIO_NOT_DUE, AUDIO_FAILED };
+
+// An audio frame is due when it would be stamped no later than the video frame.
+AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
+{
+    if (RtmpMutexLock(&queue->AudioBuffer->Lock) != 0) {
+        return AUDIO_FAILED;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = &queue->AudioBuffer->Lock;
+    const RtmpQueueBufferItem *item = RtmpQueueBufferTake(queue->AudioBuffer);
+    if (item == nullptr) {
+        return AUDIO_NOT_DUE;
+    }
+    const uint64_t audioDelta = DeltaTo(item, queue->LastAudioTs);
+    if (LoadShared(&queue->LastAudioRtmpTs) + audioDelta > LoadShared(&queue->LastVideoRtmpTs) + videoDelta) {
+        return AUDIO_NOT_DUE;
+    }
+    queue->LastAudioTs = item->Timestamp;
+    if (SendItem(queue, item, audioDelta) != 0) {
+        return AUDIO_FAILED; // it stays queued
+    }
+    ReleaseAudio(queue->AudioBuffer);
+    return AUDIO_SENT;
+}
+
+int SendDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
+{
+    AudioResult result = AUDIO_SENT;
+    while (result == AUDIO_SENT) {
+        result = SendNextDueAudio(queue, videoDelta);
+    }
+    return result == AUDIO_FAILED ? -1 : 0;
+}
+
+int SendVideo(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_t delta)
+{
+    queue->LastVideoTs = item->Timestamp;
+    if (SendItem(queue, item, delta) != 0) {
+        return -1;
+    }
+    (void)RtmpQueueBWMAdd(queue->Bwm, queue->Session, static_cast<uint32_t>(item->Length)); // null is fine
+    (void)RtmpQueueBufferRelease(queue->VideoBuffer); // a flush may have emptied it meanwhile
+    return 0;
+}
+
+int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
+{
+    RtmpMutex *listLock = &queue->Session->Server->LiveSessionListLock;
+    if (LockSessionList(listLock) != 0) {
+        return -1;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = listLock;
+    const uint64_t delta = DeltaTo(item, queue->LastVideoTs);
+    if (SendDueAudio(queue, delta) != 0) {
+        return -1;
+    }
+    return SendVideo(queue, item, delta);
+}
+
+// Waits for a video frame and sends it with the audio in front of it. -1: a send failed.
+int SendNextFrame(RtmpThreadedQueue *queue)
+{
+    WaitForItem(queue->VideoBuffer);
+    if (RtmpMutexLock(&queue->VideoBuffer->Lock) != 0) {
+        return -1;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = &queue->VideoBuffer->Lock;
+    const RtmpQueueBufferItem *item = RtmpQueueBufferTake(queue->VideoBuffer);
+    if (item == nullptr) {
+        return 0; // flushed after it was announced
+    }
+    const RtmpQueueTime start = WallClock();
+    if (SendInterleaved(queue, item) != 0) {
+        return -1;
+    }
+    (void)RtmpQueueDebugLog(queue, queue->LastVideoTs, RtmpQueueBufferCount(queue->VideoBuffer), start,
+                            WallClock()); // without a trace nothing is written
+    return 0;
+}
+
+} // namespace
+
+void *RtmpSenderThread(void *argument)
+{
+    RtmpThreadedQueue *queue = static_cast<RtmpThreadedQueue *>(argument);
+    RECORD_END_AT_EXIT RtmpThreadedQueue *ending = queue;
+    LogStart(queue, __func__);
+    while (SendNextFrame(queue) == 0) {
+    }
+    RtmpLogger *logger = LoggerOf(queue->Session->Server);
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ====>Threaded\n", __func__);
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ====>Sending message to connected clients failed\n",
+                 __func__);
+    StoreShared(&queue->Closed, uint8_t{1});
+    return nullptr;
+}

@@ -1,0 +1,137 @@
+#include "delivery/write/captions.h"
+
+#include "delivery/write/client_send.h"
+#include "net/atomic.h"
+#include "net/client_state.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/scope.h"
+#include "rtmpcast/host.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr const char *kFanOut = "SendMsgToConnectedClients";
+
+enum { CAPTION_IN_STREAM = 0, CAPTION_AS_MESSAGE = 1 };
+
+// Milliseconds of video since the last caption message. KEPT: one for the process, shared by all sessions.
+uint64_t timeStampDelta;
+
+// Where the SEI goes, and what it is.
+struct CaptionSei {
+    uint32_t Offset;
+    int32_t NalSizePos;
+    const uint8_t *Bytes;
+    uint32_t Length;
+};
+
+// Bytes that the SEI does not have read as zero.
+uint8_t SeiByte(const CaptionSei *sei, uint32_t index)
+{
+    return index < sei->Length ? sei->Bytes[index] : 0;
+}
+
+bool FindCaption(RtmpCaptionCtx *captions, const RtmpFrame *frame, CaptionSei *sei)
+{
+    const int32_t offset =
+        find_cc_insertion_place_in_h264_of_qbox(frame->Data, frame->Length, &sei->NalSizePos);
+    if (offset < 0 || offset > frame->Length) {
+        return false;
+    }
+    uint8_t *bytes = nullptr;
+    int32_t length = 0;
+    get_sei_packet(captions->Handle, &bytes, &length, static_cast<uint32_t>(frame->TimestampDelta));
+    sei->Offset = static_cast<uint32_t>(offset);
+    sei->Bytes = bytes;
+    sei->Length = bytes != nullptr && length > 0 ? static_cast<uint32_t>(length) : 0;
+    return true;
+}
+
+void InsertIntoFrame(RtmpSession *session, RtmpFrame *frame, const CaptionSei *sei)
+{
+    const uint64_t needed = static_cast<uint64_t>(frame->PrefixLength) + sei->Offset + sei->Length;
+    if (needed > FRAME_PREFIX_SIZE - 1) {
+        RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Not enough memory for qbox_copy (need %d bytes)\n", kFanOut,
+                     static_cast<int>(needed));
+        return;
+    }
+    memcpy(frame->Prefix + frame->PrefixLength, frame->Data, sei->Offset);
+    if (sei->Length > 0) {
+        memcpy(frame->Prefix + frame->PrefixLength + sei->Offset, sei->Bytes, sei->Length);
+    }
+    frame->PrefixLength = static_cast<uint32_t>(needed);
+    increase_nal_size(frame->Prefix + frame->HeaderLength, sei->NalSizePos,
+                      static_cast<int32_t>(sei->Length));
+    frame->Payload += sei->Offset;
+    frame->PayloadLength -= sei->Offset;
+}
+
+// payload: 00 00 00  06 C1  cc_data of the SEI, bytes 11 to 14  FF
+void FillCaptionPayload(RtmpCaptionCtx *captions, const CaptionSei *sei)
+{
+    const uint8_t payload[sizeof captions->Payload] = {
+        0x00, 0x00, 0x00, 0x06, 0xC1, SeiByte(sei, 11), SeiByte(sei, 12), SeiByte(sei, 13), SeiByte(sei, 14),
+        0xFF,
+    };
+    memcpy(captions->Payload, payload, sizeof payload);
+}
+
+bool IsEmptyCaption(const CaptionSei *sei)
+{
+    return SeiByte(sei, 13) == 0x80 && SeiByte(sei, 14) == 0x80;
+}
+
+void SendCaption(RtmpClient *client, RtmpLogger *logger)
+{
+    RtmpSendPkt *message =
+        PublishGeneratePeriodicRTMPMsg(client, RTMP_MSG_CAPTION, LoadShared(&timeStampDelta));
+    StoreShared(&timeStampDelta, static_cast<uint64_t>(0));
+    if (message == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate rtmp data message of client : %p\n",
+                     kFanOut, static_cast<void *>(client));
+        return;
+    }
+    if (SendMsgToClient(client, message, RTMP_MSG_CAPTION) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot send cc data message to server\n", kFanOut);
+    }
+}
+
+// The client list lock keeps the first client while its caption is written.
+void SendToFirstClient(RtmpSession *session, const RtmpFrame *frame, const CaptionSei *sei)
+{
+    if (RtmpMutexLockOrCancel(&session->ClientListLock) != 0) {
+        return; // the frame itself needs the lock too, and reports it
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = &session->ClientListLock;
+    RtmpClient *first = session->ClientListHead;
+    if (first == nullptr || ClientStateOf(first) != CLIENT_STATE_PLAY_DONE) {
+        return;
+    }
+    FillCaptionPayload(session->CcGen, sei);
+    AddShared(&timeStampDelta, frame->TimestampDelta);
+    if (!IsEmptyCaption(sei)) {
+        SendCaption(first, LoggerOf(session->Server));
+    }
+}
+
+} // namespace
+
+void InsertCaptions(RtmpSession *session, RtmpFrame *frame)
+{
+    RtmpCaptionCtx *captions = session->CcGen;
+    if (frame->Kind != RTMP_MSG_VIDEO || captions == nullptr || LoadShared(&captions->Enabled) == 0) {
+        return;
+    }
+    CaptionSei sei = {};
+    if (!FindCaption(captions, frame, &sei)) {
+        return;
+    }
+    if (captions->Mode == CAPTION_IN_STREAM) {
+        InsertIntoFrame(session, frame, &sei);
+    } else if (captions->Mode == CAPTION_AS_MESSAGE) {
+        SendToFirstClient(session, frame, &sei);
+    }
+}

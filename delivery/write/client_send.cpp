@@ -1,0 +1,108 @@
+#include "delivery/write/client_send.h"
+
+#include "delivery/write/pieces.h"
+#include "delivery/write/socket_writer.h"
+#include "message/chunk_header.h"
+#include "message/send_list.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "net/record.h"
+#include "net/scope.h"
+
+namespace {
+
+// Frees a chunk header with its bytes, on every way out.
+void FreeChunkHdr(RtmpChunkHdr **header)
+{
+    if (*header != nullptr) {
+        free((*header)->Data);
+        free(*header);
+    }
+}
+
+// Frees a message that no list owns, on every way out: the sender's thread may be cancelled in its write.
+void FreeOwnMessage(RtmpSendPkt **message)
+{
+    FreeSendPkt(*message);
+}
+
+// A message is in its client's send list as the reference of its chunk stream, or nobody's.
+struct Reference {
+    RtmpSendPkt *Previous; // what the list held before; null: the message itself has been stored
+    bool Stored;
+};
+
+int FindReference(RtmpClient *client, RtmpSendPkt *message, Reference *reference)
+{
+    reference->Previous = GetSendPktFromList(client, static_cast<int>(message->ChunkStreamId));
+    reference->Stored = reference->Previous == nullptr;
+    return reference->Stored ? AddSendPkt(client, message) : 0;
+}
+
+// WriteMessage logs as SendMsgToClient.
+int WriteMessage(RtmpClient *client, const RtmpSendPkt *message, const RtmpChunkHdr *header, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    const uint32_t chunkSize = OutgoingChunkSize(client->Server);
+    FREE_AT_EXIT RtmpPiece *pieces = NewArray<RtmpPiece>(PiecesFor(message->PayloadLength, chunkSize, 1));
+    if (pieces == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to chunks\n", who);
+        return -1;
+    }
+    pieces[0] = {header->Data, header->Length, 0};
+    PieceCutter cutter = CutInto(pieces, chunkSize);
+    CutPart(&cutter, message->PayloadData, message->PayloadData != nullptr ? message->PayloadLength : 0);
+    if (SendMessage(client, pieces, cutter.Count, message, false) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Failed to send message\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+// SendOwned takes the message over. `keepFailed`: a message that became a reference stays one although it
+// could not be sent.
+int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keepFailed)
+{
+    constexpr const char *who = "SendMsgToClient";
+    RtmpLogger *logger = LoggerOf(client->Server);
+    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = message;
+    (void)RtmpMutexLockOrCancel(&client->WriteLock); // a leaf that cannot fail
+    UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
+
+    Reference reference;
+    if (FindReference(client, message, &reference) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add send packet in list\n", who);
+        return -1;
+    }
+    if (reference.Stored) {
+        own = nullptr;
+    }
+    int headerType = DecideMsgHdrType(message, reference.Previous);
+    if (kind == RTMP_MSG_PING_RESPONSE) {
+        headerType = 0;
+    }
+    __attribute__((cleanup(FreeChunkHdr))) RtmpChunkHdr *header =
+        GenerateChunkHdr(client, message, kind, headerType);
+    int result = -1;
+    if (header == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Generation of chunk header failed\n", who);
+    } else {
+        result = WriteMessage(client, message, header, who);
+    }
+    if (reference.Stored && (kind == RTMP_MSG_DELETE_STREAM || (result != 0 && !keepFailed))) {
+        (void)RemoveSendPkt(client, message); // stored a moment ago
+    }
+    return result;
+}
+
+} // namespace
+
+int SendMsgToClient(RtmpClient *client, RtmpSendPkt *message, uint32_t kind)
+{
+    return SendOwned(client, message, kind, true);
+}
+
+int SendOrForget(RtmpClient *client, RtmpSendPkt *message, uint32_t kind)
+{
+    return SendOwned(client, message, kind, false);
+}

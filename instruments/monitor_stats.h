@@ -1,0 +1,16 @@
+// The packet monitor's statistics window over the last video frames.
+#pragma once
+
+#include "instruments/monitor_records.h"
+
+extern "C" {
+
+// addPacketToMonitor adds a sample taken at the given wall-clock time, and reports "rtmpBandwidth" at most
+// once every `statsInterval` seconds and "rtmpUptime" about every thirty. Null `stats`: nothing.
+void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kind, int64_t seconds,
+                        int64_t microseconds, uint32_t bytes, uint32_t statsInterval);
+
+// timeval_subtract sets `result` to x - y, microseconds 0 to 999999. 1: x is earlier than y, else 0. `y` may
+// be renormalised in place; its value stays.
+int timeval_subtract(RtmpMonitorTime *result, const RtmpMonitorTime *x, RtmpMonitorTime *y);
+}

@@ -1,0 +1,28 @@
+// The packet monitor's audio ring: frames parked until the video frame that follows them.
+#pragma once
+
+#include "instruments/monitor_records.h"
+
+extern "C" {
+
+// addRtmpPacketToBuffer parks a frame. A full ring is emptied and the frame dropped (logged). 0; -1 dropped.
+int addRtmpPacketToBuffer(RtmpMonitor *monitor, RtmpSession *session, const uint8_t *data, int32_t length,
+                          int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta, uint32_t kind,
+                          uint32_t mediaType);
+
+// copyRtmpPacketToBuffer fills a slot. 0; -1 no memory (logged).
+int copyRtmpPacketToBuffer(RtmpPacket *slot, RtmpSession *session, const uint8_t *data, int32_t length,
+                           int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta,
+                           uint32_t kind, uint32_t mediaType);
+
+// removeRtmpPacketFromBuffer frees the oldest frame's copy and takes it out. An empty ring is left alone.
+void removeRtmpPacketFromBuffer(RtmpMonitor *monitor);
+
+// TakeParkedAudio moves the oldest frame out of the ring into `taken` when `isDue` says so; its copy is then
+// the caller's to free. 1 taken, 0 not.
+int TakeParkedAudio(RtmpMonitor *monitor, uint64_t videoDelta, RtmpPacket *taken);
+
+// RtmpMonitorClear starts a fresh timeline when the last client has left: the ring is emptied, statistics
+// and timestamps go to zero. Any thread. 0.
+int RtmpMonitorClear(RtmpSession *session);
+}

@@ -1,0 +1,26 @@
+// A client's receive list: at most one packet per chunk stream, the one being assembled or the last one
+// completed, from which later headers inherit. The public half is in publish.h.
+#pragma once
+
+#include "rtmpcast/types.h"
+
+extern "C" {
+
+// Exported; documented in rtmpcast/publish.h.
+RTMP_API int AddRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
+RTMP_API int RemoveRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
+RTMP_API RtmpRecvPkt *GetRecvPktFromList(RtmpClient *client, int chunkStreamId);
+RTMP_API int IsRecvStrmPktExists(RtmpClient *client, RtmpRecvPkt *pkt);
+
+// MsgLength and MsgTypeId of the packet stored for a chunk stream; -1 when there is none.
+int32_t GetPayloadHdrSize(RtmpClient *client, int chunkStreamId);
+int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId);
+
+// FreeRecvPkt frees a packet that is in no list (AddRecvPkt did not store it), its decoded command included.
+// -1: the command could not be freed, and neither was the packet.
+RTMP_STATUS int FreeRecvPkt(RtmpServer *server, RtmpRecvPkt *pkt);
+
+// The receive list's lock, with the log line of a failure under the caller's name.
+RTMP_STATUS int LockRecvList(RtmpClient *client, const char *who);
+RTMP_STATUS int UnlockRecvList(RtmpClient *client, const char *who);
+}

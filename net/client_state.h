@@ -1,0 +1,29 @@
+// A client's state and socket, as threads that share the record read and change them.
+#pragma once
+
+#include "net/atomic.h"
+#include "rtmpcast/types.h"
+
+inline uint32_t ClientStateOf(const RtmpClient *client)
+{
+    return LoadShared(&client->State);
+}
+
+inline void SetClientState(RtmpClient *client, uint32_t state)
+{
+    StoreShared(&client->State, state);
+}
+
+// SocketInUse returns the client's descriptor, or -1 once CloseClientSocket has closed it: the number in the
+// record may by then be somebody else's.
+inline int SocketInUse(const RtmpClient *client)
+{
+    return LoadShared(&client->SocketClosed) != 0 ? -1 : client->Socket;
+}
+
+// TlsInUse returns the client's TLS handle, or null once CloseClientSocket has closed the socket: the handle
+// holds the same number.
+inline void *TlsInUse(const RtmpClient *client)
+{
+    return LoadShared(&client->SocketClosed) != 0 ? nullptr : client->Tls;
+}

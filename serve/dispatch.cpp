@@ -1,0 +1,150 @@
+#include "serve/dispatch.h"
+
+#include "command/command.h"
+#include "command/user_control.h"
+#include "net/byte_order.h"
+#include "net/client_state.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "rtmpcast/types.h"
+
+namespace {
+
+// The first four payload bytes; those that are not there read as zero.
+uint32_t ControlValue(const RtmpRecvPkt *pkt)
+{
+    uint8_t bytes[4] = {};
+    for (uint32_t i = 0; i < sizeof bytes && i < pkt->MsgLength; i++) {
+        bytes[i] = pkt->PayloadData[i];
+    }
+    return GetU32Be(bytes);
+}
+
+// StoreForClient sets a client's field under its session's client list lock, when it has joined one.
+int StoreForClient(RtmpClient *client, uint32_t *field, uint32_t value, const char *who)
+{
+    RtmpSession *session = client->Session;
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (session != nullptr && RtmpMutexLock(&session->ClientListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp client list\n", who);
+        return -1;
+    }
+    *field = value;
+    if (session != nullptr && RtmpMutexUnlock(&session->ClientListLock) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp client list\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    const uint32_t value = ControlValue(pkt);
+    switch (pkt->MsgTypeId) {
+    case RTMP_TYPE_SET_CHUNK_SIZE:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: SET CHUNK SIZE\n",
+                     who);
+        // KEPT: taken whole, unlike RTMP 1.0, 5.4.1, which reserves the top bit.
+        if (StoreForClient(client, &client->InChunkSize, value, who) != 0) {
+            return -1;
+        }
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Client to Server Chunk Size : %d\n", who,
+                     static_cast<int>(value));
+        *kind = RTMP_MSG_SET_CHUNK_SIZE;
+        return 0;
+    case RTMP_TYPE_ABORT:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ABORT\n", who);
+        *kind = RTMP_MSG_ABORT; // KEPT: the partly received message is not dropped
+        return 0;
+    case RTMP_TYPE_ACKNOWLEDGEMENT:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ACKNOWLEDGEMENT\n",
+                     who);
+        *kind = RTMP_MSG_ACKNOWLEDGEMENT;
+        return 0;
+    case RTMP_TYPE_WINDOW_ACK_SIZE:
+        RtmpLogPrint(logger, RTMP_LOG_INFO,
+                     "INFO: %s: Received Protocol control message: WIN ACKNOWLEDGEMENT SIZE\n", who);
+        if (StoreForClient(client, &client->WindowAckSize, value, who) != 0) {
+            return -1;
+        }
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Client window acknowledge size : %d\n", who,
+                     static_cast<int>(value));
+        *kind = RTMP_MSG_WINDOW_ACK_SIZE;
+        return 0;
+    default: // RTMP_TYPE_SET_PEER_BANDWIDTH
+        RtmpLogPrint(logger, RTMP_LOG_INFO,
+                     "INFO: %s: Received Protocol control message: SET PEER BANDWIDTH\n", who);
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Client peer bandwidth : %d\n", who,
+                     static_cast<int>(value));
+        *kind = RTMP_MSG_SET_PEER_BANDWIDTH;
+        return 0;
+    }
+}
+
+// Messages that a player has no business sending, and types that are not served, end the connection.
+void LogRefusedMessage(RtmpClient *client, uint32_t type, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    switch (type) {
+    case RTMP_TYPE_AUDIO:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message: Audio\n", who);
+        break;
+    case RTMP_TYPE_VIDEO:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message: Video\n", who);
+        break;
+    case RTMP_TYPE_AMF0_DATA:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message\n", who);
+        break;
+    case RTMP_TYPE_AMF0_SHARED_OBJECT:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Shared object message\n", who);
+        break;
+    case RTMP_TYPE_AGGREGATE:
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received AGGREGATE message\n", who);
+        break;
+    default:
+        break;
+    }
+}
+
+int ParseCommand(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (pkt->MsgLength < 1 || pkt->PayloadData[0] != AMF_STRING) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid AMF encoded buffer\n", who);
+        return -1;
+    }
+    const int result = ParseCmdMsgReq(client, pkt, kind);
+    if (result != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot parse command request message\n", who);
+    }
+    return result;
+}
+
+} // namespace
+
+int ParseRequestMsg(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind)
+{
+    switch (pkt->MsgTypeId) {
+    case RTMP_TYPE_SET_CHUNK_SIZE:
+    case RTMP_TYPE_ABORT:
+    case RTMP_TYPE_ACKNOWLEDGEMENT:
+    case RTMP_TYPE_WINDOW_ACK_SIZE:
+    case RTMP_TYPE_SET_PEER_BANDWIDTH:
+        return ParseProtocolControl(client, pkt, kind, __func__);
+    case RTMP_TYPE_USER_CONTROL: {
+        const int result = ParseUsrCtrlMsgReq(client, pkt, kind);
+        if (result != 0) {
+            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                         "ERROR: %s: Cannot parse user control message\n", __func__);
+        }
+        return result;
+    }
+    case RTMP_TYPE_AMF0_COMMAND:
+        return ParseCommand(client, pkt, kind, __func__);
+    default:
+        LogRefusedMessage(client, pkt->MsgTypeId, __func__);
+        *kind = RTMP_MSG_UNSUPPORTED;
+        return 0;
+    }
+}

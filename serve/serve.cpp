@@ -1,0 +1,204 @@
+#include "serve/serve.h"
+
+#include "delivery/replies/replies.h"
+#include "delivery/write/client_send.h"
+#include "message/chunk_reader.h"
+#include "message/generate.h"
+#include "message/recv_list.h"
+#include "net/atomic.h"
+#include "net/client_state.h"
+#include "net/handshake.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "serve/dispatch.h"
+#include "state/client.h"
+#include "state/server_hold.h"
+
+namespace {
+
+constexpr const char *kServe = "ServeRtmpClient";
+
+// What one round of the serve loop leads to.
+enum Round {
+    ROUND_AGAIN,
+    ROUND_ERROR,   // the connection is over: read or handshake failed
+    ROUND_DELETED, // the player sent deleteStream
+    ROUND_CLOSED,  // somebody else closed the client
+};
+
+// ReadWholeMessage reads chunks until one completes its message. `stored`: the receive list owns the packet.
+RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored)
+{
+    RtmpRecvPkt *pkt;
+    do {
+        pkt = ReadRtmpMessage(client);
+        if (pkt == nullptr) {
+            return nullptr;
+        }
+        *stored = IsRecvStrmPktExists(client, pkt) == 0 || AddRecvPkt(client, pkt) == 0;
+    } while (*stored && pkt->Complete != 1);
+    return pkt;
+}
+
+// Refuse answers a message that cannot be served, and ends the connection: the next read fails.
+void Refuse(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)
+{
+    ServeClientForError(client, pkt, code, kind);
+    CloseClientSocket(client);
+}
+
+void Dispatch(RtmpClient *client, RtmpRecvPkt *pkt)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    uint32_t kind = 0;
+    const int result = ParseRequestMsg(client, pkt, &kind);
+    if (result != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while parsing RTMP message\n", kServe);
+        Refuse(client, pkt, result, kind);
+    } else if (kind == RTMP_MSG_UNSUPPORTED) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported message type received\n", kServe);
+        Refuse(client, pkt, RTMP_ERR_UNSUPPORTED_MSG, kind);
+    } else if (ProcessSend(client, pkt, kind) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while validating RTMP message\n",
+                     kServe);
+    }
+}
+
+enum Round ServeMessage(RtmpClient *client)
+{
+    bool stored = false;
+    RtmpRecvPkt *pkt = ReadWholeMessage(client, &stored);
+    if (pkt == nullptr) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Error occured while reading RTMP message\n", kServe);
+        return ROUND_ERROR;
+    }
+    Dispatch(client, pkt);
+    if (!stored) {
+        (void)FreeRecvPkt(client->Server, pkt); // no list owns it; a failure is logged
+    }
+    return ROUND_AGAIN;
+}
+
+enum Round ServeRound(RtmpClient *client)
+{
+    const uint32_t state = ClientStateOf(client);
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Serving RTMP Client: %p : %d\n", kServe,
+                 static_cast<void *>(client), static_cast<int>(state));
+    switch (state) {
+    case CLIENT_STATE_CLOSED:
+    case CLIENT_STATE_EXIT:
+        return ROUND_CLOSED;
+    case CLIENT_STATE_DELETESTREAM:
+        return ROUND_DELETED;
+    case CLIENT_STATE_INIT:
+        if (PerformHandshake(client) != 0) {
+            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Handshaking failed\n", kServe);
+            return ROUND_ERROR;
+        }
+        SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
+        return ROUND_AGAIN;
+    default:
+        return ServeMessage(client);
+    }
+}
+
+// DetachUnlessAwaited detaches the calling thread, unless RtmpSessionDestroy has said that it will join it.
+void DetachUnlessAwaited(RtmpClient *client)
+{
+    RtmpSession *session = client->Session;
+    if (session == nullptr) {
+        RtmpThreadDetach(RtmpGetSelfThreadHandle());
+        return;
+    }
+    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
+    if (client->ThreadOwner == THREAD_OWNER_NOBODY) {
+        StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_ITSELF));
+        RtmpThreadDetach(RtmpGetSelfThreadHandle());
+    }
+    (void)RtmpMutexUnlock(&session->MemberLock);
+}
+
+void DestroyClient(RtmpClient *client)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (DestroyRtmpClient(client) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Destroying rtmp client failed\n", kServe);
+        FreeClientRecord(client);
+    }
+}
+
+// EndClient destroys the client as its last round asks. The server is held by the caller.
+void EndClient(RtmpServer *server, RtmpClient *client, enum Round round)
+{
+    RtmpLogger *logger = LoggerOf(server);
+    if (round == ROUND_ERROR) {
+        if (client->Socket != -1) {
+            DetachUnlessAwaited(client);
+        }
+        // KEPT: the socket stays open, and its number is lost. Required: the peer sees no end of its
+        // connection.
+        DestroyClient(client);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Exiting ServeRtmpClient thread\n", kServe);
+        return;
+    }
+    if (round == ROUND_DELETED) {
+        DestroyClient(client);
+    } else if (client->Session != nullptr) {
+        FreeClientRecord(
+            client); // a closed client that nobody takes out of its session would hold it for good
+    }
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Exiting Server RtmpClient thread\n", kServe);
+}
+
+// SendErrorReply returns whether the reply left.
+bool SendErrorReply(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t reply, uint32_t requestKind)
+{
+    constexpr const char *who = "ServeClientForError";
+    RtmpLogger *logger = LoggerOf(client->Server);
+    RtmpSendPkt *message = GenerateRtmpMsg(client, pkt, reply);
+    if (message == nullptr) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate RTMP response message\n", who);
+        return false;
+    }
+    if (SendMsgToClient(client, message, requestKind) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while sending error response\n", who);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+void *ServeRtmpClient(void *argument)
+{
+    if (argument == nullptr) {
+        RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Invalid thread input arguments\n", __func__);
+        RtmpThreadDetach(RtmpGetSelfThreadHandle());
+        RtmpThreadExit(RtmpGetSelfThreadHandle());
+    }
+    RtmpClient *client = static_cast<RtmpClient *>(argument);
+    RtmpServer *server = client->Server;
+    StoreShared(&client->ServeThread, RtmpGetSelfThreadHandle());
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Serve RTMP client thread created\n", __func__);
+
+    enum Round round;
+    do {
+        round = ServeRound(client);
+    } while (round == ROUND_AGAIN);
+
+    EndClient(server, client, round);
+    (void)ReleaseServer(server); // logged, and nobody is left to report to
+    RtmpThreadExit(RtmpGetSelfThreadHandle());
+}
+
+void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)
+{
+    if (code == RTMP_ERR_STREAM_NOT_FOUND) {
+        if (SendErrorReply(client, pkt, RTMP_MSG_STREAM_NOT_FOUND, kind)) {
+            (void)SendErrorReply(client, pkt, RTMP_MSG_PLAY_STOP, kind); // logged; the connection ends anyway
+        }
+    } else if (code == RTMP_ERR_UNSUPPORTED_MSG) {
+        (void)SendErrorReply(client, pkt, RTMP_MSG_CONNECT_FAILED, kind);
+    }
+}

@@ -1,0 +1,165 @@
+#include "state/session_list.h"
+
+#include "net/atomic.h"
+#include "net/log.h"
+#include "net/platform.h"
+#include "state/client.h"
+#include "state/client_list.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr long kLockSliceMilliseconds = 20;
+
+// The caller holds LiveSessionListLock. `session` receives the match, or null when the match has no media.
+int FindReadySession(RtmpServer *server, const char *name, RtmpSession **session)
+{
+    for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
+        if (strcmp(each->Name, name) != 0) {
+            continue;
+        }
+        *session = LoadShared(&each->MediaInfoAdded) == 1 ? each : nullptr;
+        return *session != nullptr ? 0 : -1;
+    }
+    return -1;
+}
+
+// LockForLookup and UnlockAfterLookup log as ValidateRtmpStreamName, whose steps they are.
+int LockForLookup(RtmpClient *client)
+{
+    constexpr const char *who = "ValidateRtmpStreamName";
+    RtmpLogger *logger = LoggerOf(client->Server);
+    if (LoadShared(&client->Server->LiveSessionCount) < 1) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: No session found\n", who);
+        return -1;
+    }
+    if (LockSessionListFor(client) != 0) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Locking failed of LiveSessionListLock\n", who);
+        return -1;
+    }
+    return 0;
+}
+
+int UnlockAfterLookup(RtmpClient *client)
+{
+    if (RtmpMutexUnlock(&client->Server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: UnLocking failed of LiveSessionListLock\n", "ValidateRtmpStreamName");
+        return -1;
+    }
+    return 0;
+}
+
+// The caller holds LiveSessionListLock.
+void JoinSession(RtmpSession *session, RtmpClient *client)
+{
+    const int32_t count = LinkClient(session, client);
+    RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_INFO,
+                 "INFO: %s: Adding client: No. of connected clients : %d\n", "AddClientInSession", count);
+}
+
+} // namespace
+
+void LinkSession(RtmpServer *server, RtmpSession *session)
+{
+    session->PrevSession = server->LiveSessionTail;
+    session->NextSession = nullptr;
+    (server->LiveSessionTail != nullptr ? server->LiveSessionTail->NextSession : server->LiveSessionHead) =
+        session;
+    server->LiveSessionTail = session;
+    AddShared(&server->LiveSessionCount, 1);
+}
+
+void UnlinkSession(RtmpServer *server, RtmpSession *session)
+{
+    RtmpSession *previous = session->PrevSession;
+    RtmpSession *next = session->NextSession;
+    (previous != nullptr ? previous->NextSession : server->LiveSessionHead) = next;
+    (next != nullptr ? next->PrevSession : server->LiveSessionTail) = previous;
+    AddShared(&server->LiveSessionCount, -1);
+}
+
+int LockSessionListFor(RtmpClient *client)
+{
+    for (;;) {
+        const int result = RtmpMutexLockFor(&client->Server->LiveSessionListLock, kLockSliceMilliseconds);
+        if (result != RTMP_MUTEX_TIME_IS_UP) {
+            return result;
+        }
+        if (LoadShared(&client->ThreadOwner) == THREAD_OWNER_SESSION) {
+            return -1;
+        }
+    }
+}
+
+int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)
+{
+    if (server == nullptr) {
+        return -1;
+    }
+    for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
+        if (each == session) {
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int IsSessionNameExists(RtmpServer *server, const char *name)
+{
+    if (server == nullptr || name == nullptr) {
+        return -1;
+    }
+    for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
+        if (strcmp(each->Name, name) == 0) {
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int ValidateRtmpStreamName(RtmpClient *client, uint32_t /*nameLength*/, const char *name,
+                           RtmpSession **session)
+{
+    if (LockForLookup(client) != 0) {
+        return -1;
+    }
+    const int result = FindReadySession(client->Server, name, session);
+    return UnlockAfterLookup(client) != 0 ? -1 : result;
+}
+
+int IsAnyClientConnected(RtmpSession *session)
+{
+    return LoadShared(&session->ClientCount) >= 1 ? 0 : -1;
+}
+
+int AddClientInSession(RtmpSession *session, RtmpClient *client)
+{
+    RtmpServer *server = session->Server;
+    if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n",
+                     __func__);
+        return -1;
+    }
+    JoinSession(session, client);
+    if (RtmpMutexUnlock(&server->LiveSessionListLock) != 0) {
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp session list\n",
+                     __func__);
+        return -1;
+    }
+    return 0;
+}
+
+int JoinStream(RtmpClient *client, const char *name)
+{
+    if (LockForLookup(client) != 0) {
+        return JOIN_NOT_FOUND;
+    }
+    RtmpSession *session = nullptr;
+    const int result = FindReadySession(client->Server, name, &session);
+    if (result == 0 && client->Session == nullptr) {
+        JoinSession(session, client);
+    }
+    return UnlockAfterLookup(client) != 0 ? JOIN_NOT_FOUND : result;
+}
