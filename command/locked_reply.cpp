@@ -5,16 +5,13 @@
 #include "net/atomic.h"
 #include "net/platform.h"
 #include "net/scope.h"
+#include "state/client_list.h"
 
 LockedReply ReplyUnderClientListLock(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
-    RtmpSession *session = LoadShared(&client->Session);
     UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
-    if (session != nullptr) {
-        if (RtmpMutexLock(&session->ClientListLock) != 0) {
-            return LOCKED_REPLY_NO_LOCK;
-        }
-        held = &session->ClientListLock;
+    if (LockClientsOf(client, &held) != 0) {
+        return LOCKED_REPLY_NO_LOCK;
     }
     RtmpSendPkt *reply = GenerateRtmpMsg(client, pkt, kind);
     if (reply == nullptr) {
@@ -23,7 +20,5 @@ LockedReply ReplyUnderClientListLock(RtmpClient *client, RtmpRecvPkt *pkt, uint3
     if (SendMsgToClient(client, reply, kind) != 0) { // the message is no longer ours in any case
         return LOCKED_REPLY_NOT_SENT;
     }
-    RtmpMutex *released = held;
-    held = nullptr;
-    return released == nullptr || RtmpMutexUnlock(released) == 0 ? LOCKED_REPLY_SENT : LOCKED_REPLY_NO_UNLOCK;
+    return UnlockClients(&held) == 0 ? LOCKED_REPLY_SENT : LOCKED_REPLY_NO_UNLOCK;
 }

@@ -7,6 +7,7 @@
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
+#include "state/client_list.h"
 #include "state/session_list.h"
 
 #include <string.h>
@@ -187,16 +188,12 @@ int PlayStream(const ReceivedCommand *command, const AmfString *name)
 // -1: the lock failed.
 int SetPauseFlag(RtmpClient *client, uint8_t flag)
 {
-    RtmpSession *session = LoadShared(&client->Session);
-    if (session == nullptr) {
-        StoreShared(&client->PauseFlag, flag);
-        return 0;
-    }
-    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+    UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
+    if (LockClientsOf(client, &held) != 0) {
         return RTMP_FAILED;
     }
     StoreShared(&client->PauseFlag, flag);
-    return RtmpMutexUnlock(&session->ClientListLock);
+    return UnlockClients(&held);
 }
 
 } // namespace

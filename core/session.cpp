@@ -7,21 +7,19 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
+#include "net/scope.h"
 #include "rtmpcast/host.h"
 #include "rtmpcast/sender.h"
 #include "state/client.h"
 #include "state/client_list.h"
+#include "state/client_signal.h"
 #include "state/session_list.h"
 
 #include <signal.h>
-#include <time.h>
 
 namespace {
 
-constexpr RtmpMutex kFreshLeafLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
-constexpr pthread_cond_t kFreshCondition = PTHREAD_COND_INITIALIZER;
-constexpr long kSignalPeriodMilliseconds = 10;
-constexpr int kPeriodsBeforeAll = 100;
+constexpr int kSlicesBeforeAll = 100;
 constexpr int32_t kPublishStateSessionGone = 8;
 
 RtmpSession *FailCreate(int code, int *err)
@@ -38,8 +36,8 @@ const char *FillSession(RtmpSession *session, RtmpServer *server, const char *na
     session->MediaKind = RTMP_MEDIA_NONE;
     session->Server = server;
     session->StartTime = RtmpGetSystemTime();
-    session->MemberLock = kFreshLeafLock;
-    session->MemberLeft = kFreshCondition;
+    session->MemberLock = kFreshMutex;
+    (void)RtmpConditionInit(&session->MemberLeft); // of valid attributes: cannot fail
     session->Name = CopyOfText(name, strlen(name));
     if (session->Name == nullptr) {
         return "ERROR: %s: Cannot allocate memory to session name\n";
@@ -60,18 +58,6 @@ void FreeSession(RtmpSession *session)
     free(session);
 }
 
-struct timespec NextSignalTime()
-{
-    struct timespec next = {};
-    clock_gettime(CLOCK_REALTIME, &next);
-    next.tv_nsec += kSignalPeriodMilliseconds * 1000000;
-    if (next.tv_nsec >= 1000000000) {
-        next.tv_sec += 1;
-        next.tv_nsec -= 1000000000;
-    }
-    return next;
-}
-
 bool IsMember(const RtmpSession *session, const RtmpClient *client)
 {
     for (const RtmpClient *each = session->MemberHead; each != nullptr; each = each->NextMember) {
@@ -82,54 +68,43 @@ bool IsMember(const RtmpSession *session, const RtmpClient *client)
     return false;
 }
 
-// The caller holds MemberLock. A member's thread has not ended yet, so its handle is good.
-void SignalMember(const RtmpClient *client)
-{
-    const RtmpThread thread = LoadShared(&client->ServeThread);
-    if (thread != 0) {
-        pthread_kill(thread, SIGUSR1);
-    }
-}
-
-// The caller holds MemberLock.
-void SignalAllMembers(const RtmpSession *session)
-{
-    for (const RtmpClient *each = session->MemberHead; each != nullptr; each = each->NextMember) {
-        SignalMember(each);
-    }
-}
-
 // LockClientList takes ClientListLock. A serve thread may hold it while it writes to a player that takes
 // nothing: a signal ends the write.
 int LockClientList(RtmpSession *session)
 {
-    for (;;) {
-        const int result = RtmpMutexLockFor(&session->ClientListLock, kSignalPeriodMilliseconds);
-        if (result != RTMP_MUTEX_TIME_IS_UP) {
-            return result;
-        }
-        (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
-        SignalAllMembers(session);
-        (void)RtmpMutexUnlock(&session->MemberLock);
+    int result = RtmpMutexLockSlice(&session->ClientListLock);
+    while (result == RTMP_WAIT_IS_UP) {
+        SignalMembers(session);
+        result = RtmpMutexLockSlice(&session->ClientListLock);
     }
+    return result;
 }
 
-// WaitUntilLeft returns when `client`, which may be freed meanwhile, is no member any more. The signal is
-// repeated: one that arrives between two reads interrupts nothing. A client that cannot leave is waiting for
-// another one that is stuck in a write, so that in the end all are signalled.
+// One slice of waiting for the client to leave. False once it has; it may then be freed.
+bool IsStillMember(RtmpSession *session, const RtmpClient *client)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
+    if (!IsMember(session, client)) {
+        return false;
+    }
+    (void)RtmpConditionWaitSlice(&session->MemberLeft, &session->MemberLock); // the look below decides
+    if (!IsMember(session, client)) {
+        return false;
+    }
+    SignalClient(client);
+    return true;
+}
+
+// WaitUntilLeft returns when the client is no member any more. The signal is repeated: one that arrives
+// between two reads interrupts nothing. A client that cannot leave is waiting for another one that is stuck
+// in a write, so that in the end all are signalled.
 void WaitUntilLeft(RtmpSession *session, const RtmpClient *client)
 {
-    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
-    for (int periods = 0; IsMember(session, client); periods++) {
-        const struct timespec next = NextSignalTime();
-        pthread_cond_timedwait(&session->MemberLeft, &session->MemberLock, &next);
-        if (periods >= kPeriodsBeforeAll) {
-            SignalAllMembers(session);
-        } else if (IsMember(session, client)) {
-            SignalMember(client);
+    for (int slices = 0; IsStillMember(session, client); slices++) {
+        if (slices >= kSlicesBeforeAll) {
+            SignalMembers(session);
         }
     }
-    (void)RtmpMutexUnlock(&session->MemberLock);
 }
 
 // PassThrough returns when whoever held the lock has let go of it.
@@ -144,13 +119,12 @@ void PassThrough(RtmpMutex *lock)
 // when the thread is on its way out by itself.
 bool ClaimThread(RtmpSession *session, RtmpClient *client)
 {
-    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
-    const bool claimed = client->ThreadOwner != THREAD_OWNER_ITSELF;
-    if (claimed) {
-        StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_SESSION));
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
+    if (client->ThreadOwner == THREAD_OWNER_ITSELF) {
+        return false;
     }
-    (void)RtmpMutexUnlock(&session->MemberLock);
-    return claimed;
+    StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_SESSION));
+    return true;
 }
 
 // EndClient ends the serve thread of the first client. The text of what failed, with its code; or null.

@@ -111,8 +111,7 @@ int addRtmpPacketToBuffer(RtmpMonitor *monitor, RtmpSession *session, const uint
                           int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta, uint32_t kind,
                           uint32_t mediaType)
 {
-    (void)RtmpMutexLock(&monitor->RingLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     if (monitor->AudioFirst != nullptr && monitor->AudioTail == monitor->AudioHead) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Audio Packet Overflow : %d Total (h:%d,t:%d)\n", __func__,
@@ -150,8 +149,7 @@ void removeRtmpPacketFromBuffer(RtmpMonitor *monitor)
 
 int TakeParkedAudio(RtmpMonitor *monitor, uint64_t videoDelta, RtmpPacket *taken)
 {
-    (void)RtmpMutexLock(&monitor->RingLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     RtmpPacket *first = monitor->AudioFirst;
     if (first == nullptr || LoadShared(&monitor->LastAudioRtmpTs) + first->Delta >=
                                 LoadShared(&monitor->LastVideoRtmpTs) + videoDelta) {
@@ -169,8 +167,7 @@ int RtmpMonitorClear(RtmpSession *session)
     if (monitor == nullptr) {
         return 0;
     }
-    (void)RtmpMutexLock(&monitor->RingLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     monitor->LastAudioTs = 0;
     monitor->LastVideoTs = 0;
     StoreShared(&monitor->LastVideoRtmpTs, static_cast<uint64_t>(0));

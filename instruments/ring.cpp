@@ -167,20 +167,20 @@ void RtmpQueueBufferDestroy(RtmpQueueBuffer *ring)
 
 void RtmpQueueBufferReset(RtmpQueueBuffer *ring)
 {
-    if (ring == nullptr || RtmpMutexLock(&ring->SlotLock) != 0) {
+    if (ring == nullptr) {
         return;
     }
-    UNLOCK_AT_EXIT RtmpMutex *held = &ring->SlotLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     DropFlushedItem(ring);
     DiscardItems(ring);
 }
 
 void RtmpQueueBufferFlush(RtmpQueueBuffer *ring)
 {
-    if (ring == nullptr || RtmpMutexLock(&ring->SlotLock) != 0) {
+    if (ring == nullptr) {
         return;
     }
-    UNLOCK_AT_EXIT RtmpMutex *held = &ring->SlotLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     DetachItemInUse(ring);
     DiscardItems(ring);
 }
@@ -213,10 +213,10 @@ int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data
 
 RtmpQueueBufferItem *RtmpQueueBufferTake(RtmpQueueBuffer *ring)
 {
-    if (ring == nullptr || RtmpMutexLock(&ring->SlotLock) != 0) {
+    if (ring == nullptr) {
         return nullptr;
     }
-    UNLOCK_AT_EXIT RtmpMutex *held = &ring->SlotLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     DropFlushedItem(ring); // of a consumer that ended before it could release it
     if (LoadShared(&ring->Count) == 0) {
         return nullptr;
@@ -228,10 +228,10 @@ RtmpQueueBufferItem *RtmpQueueBufferTake(RtmpQueueBuffer *ring)
 
 int RtmpQueueBufferRelease(RtmpQueueBuffer *ring)
 {
-    if (ring == nullptr || RtmpMutexLock(&ring->SlotLock) != 0) {
+    if (ring == nullptr) {
         return QUEUE_BUFFER_NONE;
     }
-    UNLOCK_AT_EXIT RtmpMutex *held = &ring->SlotLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     const bool flushed = ring->Use == QUEUE_USE_FLUSHED;
     DropFlushedItem(ring);
     return flushed ? QUEUE_BUFFER_OK : DropHead(ring);
@@ -239,10 +239,10 @@ int RtmpQueueBufferRelease(RtmpQueueBuffer *ring)
 
 int RtmpQueueBufferRemove(RtmpQueueBuffer *ring)
 {
-    if (ring == nullptr || RtmpMutexLock(&ring->SlotLock) != 0) {
+    if (ring == nullptr) {
         return QUEUE_BUFFER_NONE;
     }
-    UNLOCK_AT_EXIT RtmpMutex *held = &ring->SlotLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     DropFlushedItem(ring);
     return DropHead(ring);
 }

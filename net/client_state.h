@@ -2,6 +2,7 @@
 #pragma once
 
 #include "net/atomic.h"
+#include "net/platform.h"
 #include "rtmpcast/types.h"
 
 inline uint32_t ClientStateOf(const RtmpClient *client)
@@ -12,6 +13,15 @@ inline uint32_t ClientStateOf(const RtmpClient *client)
 inline void SetClientState(RtmpClient *client, uint32_t state)
 {
     StoreShared(&client->State, state);
+}
+
+// HoldForWriting takes the client's WriteLock: one message at a time reaches the socket. Whoever holds it may
+// wait for the peer, so a cancel ends the thread while it waits here. Below it only the packet lists are
+// locked.
+inline RtmpMutex *HoldForWriting(RtmpClient *client)
+{
+    (void)RtmpMutexLockOrCancel(&client->WriteLock); // made with the record, and never destroyed: cannot fail
+    return &client->WriteLock;
 }
 
 // SocketInUse returns the client's descriptor, or -1 once CloseClientSocket has closed it: the number in the

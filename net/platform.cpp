@@ -4,6 +4,10 @@
 #include <stdio.h>
 #include <time.h>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace {
 
 // perror and printf are cancellation points, and a thread cancelled inside them would leave the stream locked
@@ -24,18 +28,35 @@ void ReportClockError()
     pthread_setcancelstate(previous, nullptr);
 }
 
-// What pthread_mutex_timedlock waits until.
-struct timespec TimeAfter(long milliseconds)
+struct timespec EndOfSlice()
 {
     constexpr long nanosecondsPerSecond = 1000000000;
     struct timespec end = {};
-    clock_gettime(CLOCK_REALTIME, &end);
-    end.tv_nsec += milliseconds * 1000000;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_nsec += RTMP_WAIT_SLICE_MS * 1000000L;
     if (end.tv_nsec >= nanosecondsPerSecond) {
         end.tv_nsec -= nanosecondsPerSecond;
         end.tv_sec++;
     }
     return end;
+}
+
+// The thread sanitizer of GCC 12 does not know pthread_mutex_clocklock.
+void TellSanitizerLocked([[maybe_unused]] RtmpMutex *mutex)
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+    __tsan_mutex_post_lock(mutex, __tsan_mutex_try_lock, 0);
+#endif
+}
+
+int LockUntil(RtmpMutex *mutex, const struct timespec *end)
+{
+    const int result = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, end);
+    if (result == 0) {
+        TellSanitizerLocked(mutex);
+    }
+    return result;
 }
 
 int StatusOf(int pthreadResult)
@@ -60,26 +81,42 @@ int RtmpMutexLock(RtmpMutex *mutex)
     return StatusOf(pthread_mutex_lock(mutex));
 }
 
-int RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds)
+int RtmpMutexLockSlice(RtmpMutex *mutex)
 {
     int result = pthread_mutex_trylock(mutex);
     if (result == EBUSY) {
-        const struct timespec end = TimeAfter(milliseconds);
-        result = pthread_mutex_timedlock(mutex, &end);
+        const struct timespec end = EndOfSlice();
+        result = LockUntil(mutex, &end);
     }
-    return result == ETIMEDOUT ? RTMP_MUTEX_TIME_IS_UP : StatusOf(result);
+    return result == ETIMEDOUT ? RTMP_WAIT_IS_UP : StatusOf(result);
 }
 
 int RtmpMutexLockOrCancel(RtmpMutex *mutex)
 {
-    constexpr long slice = 10;
-    for (;;) {
-        const int result = RtmpMutexLockFor(mutex, slice);
-        if (result != RTMP_MUTEX_TIME_IS_UP) {
-            return result;
-        }
+    int result;
+    do {
         pthread_testcancel(); // no mutex is a cancellation point
+        result = RtmpMutexLockSlice(mutex);
+    } while (result == RTMP_WAIT_IS_UP);
+    return result;
+}
+
+int RtmpConditionInit(pthread_cond_t *condition)
+{
+    pthread_condattr_t attributes;
+    if (pthread_condattr_init(&attributes) != 0 ||
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC) != 0) {
+        return -1;
     }
+    const int result = pthread_cond_init(condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+    return StatusOf(result);
+}
+
+int RtmpConditionWaitSlice(pthread_cond_t *condition, RtmpMutex *mutex)
+{
+    const struct timespec end = EndOfSlice();
+    return pthread_cond_timedwait(condition, mutex, &end) == ETIMEDOUT ? RTMP_WAIT_IS_UP : 0;
 }
 
 int RtmpMutexUnlock(RtmpMutex *mutex)

@@ -13,6 +13,16 @@ inline void ReleaseScopedMutex(RtmpMutex **mutex)
     }
 }
 
+// HoldLeaf takes a leaf: a lock of the library's own under which nothing waits and no other lock is taken,
+// and that nobody destroys while it may be in use. Taking such a lock cannot fail.
+//
+//     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
+inline RtmpMutex *HoldLeaf(RtmpMutex *leaf)
+{
+    pthread_mutex_lock(leaf);
+    return leaf;
+}
+
 inline void ReleaseScopedMemory(void *pointerToPointer)
 {
     free(*static_cast<void **>(pointerToPointer));

@@ -6,7 +6,9 @@
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "rtmpcast/types.h"
+#include "state/client_list.h"
 
 namespace {
 
@@ -23,14 +25,14 @@ uint32_t ControlValue(const RtmpRecvPkt *pkt)
 // StoreForClient sets a client's field under its session's client list lock, when it has joined one.
 int StoreForClient(RtmpClient *client, uint32_t *field, uint32_t value, const char *who)
 {
-    RtmpSession *session = client->Session;
     RtmpLogger *logger = LoggerOf(client->Server);
-    if (session != nullptr && RtmpMutexLock(&session->ClientListLock) != 0) {
+    UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
+    if (LockClientsOf(client, &held) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp client list\n", who);
         return -1;
     }
     *field = value;
-    if (session != nullptr && RtmpMutexUnlock(&session->ClientListLock) != 0) {
+    if (UnlockClients(&held) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp client list\n", who);
         return -1;
     }

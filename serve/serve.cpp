@@ -10,6 +10,7 @@
 #include "net/handshake.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "serve/dispatch.h"
 #include "state/client.h"
 #include "state/server_hold.h"
@@ -111,12 +112,11 @@ void DetachUnlessAwaited(RtmpClient *client)
         RtmpThreadDetach(RtmpGetSelfThreadHandle());
         return;
     }
-    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     if (client->ThreadOwner == THREAD_OWNER_NOBODY) {
         StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_ITSELF));
         RtmpThreadDetach(RtmpGetSelfThreadHandle());
     }
-    (void)RtmpMutexUnlock(&session->MemberLock);
 }
 
 void DestroyClient(RtmpClient *client)

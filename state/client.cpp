@@ -19,7 +19,6 @@ namespace {
 
 constexpr uint32_t kProtocolChunkSize = 128; // RTMP 1.0, 5.4.1
 constexpr uint32_t kFirstStatusChunkStreamId = 4;
-constexpr RtmpMutex kFreshLeafLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 
 bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
 {
@@ -32,7 +31,7 @@ bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
         (void)RtmpMutexDestroy(&client->RecvStrmListLock); // the failure above is the one to report
         return false;
     }
-    client->WriteLock = kFreshLeafLock;
+    client->WriteLock = kFreshMutex;
     return true;
 }
 
@@ -41,16 +40,13 @@ bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
 // paused a moment ago may still be in the hands of a frame that began before.
 void LeavePlayingState(RtmpClient *client)
 {
-    RtmpSession *session = client->Session;
-    if (session == nullptr) {
+    if (client->Session == nullptr) {
         return;
     }
-    const bool locked = RtmpMutexLock(&session->ClientListLock) == 0;
+    UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
+    (void)LockClientsOf(client, &held); // leaving the session below reports lock failures
     if (ClientStateOf(client) == CLIENT_STATE_PLAY_DONE) {
         SetClientState(client, CLIENT_STATE_CLOSED);
-    }
-    if (locked) {
-        (void)RtmpMutexUnlock(&session->ClientListLock); // leaving the session below reports lock failures
     }
 }
 
@@ -211,11 +207,9 @@ void FreeClientRecord(RtmpClient *client)
 {
     RtmpSession *session = client->Session;
     if (session != nullptr) {
-        const bool locked = RtmpMutexLock(&session->ClientListLock) == 0;
+        UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
+        (void)LockClientsOf(client, &held); // nobody is left to report to
         TakeOutOfSession(session, client, PlaceInChain(session, client));
-        if (locked) {
-            (void)RtmpMutexUnlock(&session->ClientListLock); // nobody is left to report to
-        }
     }
     if (client->RecvPktCount > 0) {
         (void)RemoveRecvPkt(client, nullptr); // what is left of a failed tear-down
@@ -233,7 +227,7 @@ void CloseClientSocket(RtmpClient *client)
     // A frame that is stuck in a write to this peer is not waited for: the peer must see the end at once.
     if (pthread_mutex_trylock(&client->WriteLock) != 0) {
         shutdown(client->Socket, SHUT_RDWR);
-        (void)RtmpMutexLock(&client->WriteLock); // a leaf that cannot fail
+        (void)RtmpMutexLock(&client->WriteLock); // made with the record: cannot fail
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
     StoreShared(&client->SocketClosed, static_cast<uint8_t>(1));

@@ -123,10 +123,30 @@ void ForgetLinksTo(RtmpSession *session, const RtmpClient *gone)
 
 } // namespace
 
+int LockClientsOf(const RtmpClient *client, RtmpMutex **lock)
+{
+    RtmpSession *session = LoadShared(&client->Session);
+    *lock = nullptr;
+    if (session == nullptr) {
+        return 0;
+    }
+    if (RtmpMutexLock(&session->ClientListLock) != 0) {
+        return -1;
+    }
+    *lock = &session->ClientListLock;
+    return 0;
+}
+
+int UnlockClients(RtmpMutex **lock)
+{
+    RtmpMutex *held = *lock;
+    *lock = nullptr;
+    return held == nullptr ? 0 : RtmpMutexUnlock(held);
+}
+
 int32_t LinkClient(RtmpSession *session, RtmpClient *client)
 {
-    (void)RtmpMutexLock(&session->MemberLock); // a leaf that cannot fail: never destroyed while in use
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     if (client->IsMember == 0) {
         StoreShared(&client->Session, session);
         AppendToChain(session, client);
@@ -137,15 +157,13 @@ int32_t LinkClient(RtmpSession *session, RtmpClient *client)
 
 enum ChainPlace PlaceInChain(RtmpSession *session, const RtmpClient *client)
 {
-    (void)RtmpMutexLock(&session->MemberLock);
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     return PlaceOf(client);
 }
 
 int32_t UnlinkClient(RtmpSession *session, RtmpClient *client)
 {
-    (void)RtmpMutexLock(&session->MemberLock);
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     if (client->OutOfChain != 0) {
         RemoveFromOutside(client);
     } else {
@@ -163,7 +181,6 @@ int32_t UnlinkClient(RtmpSession *session, RtmpClient *client)
 
 RtmpClient *FirstMember(RtmpSession *session)
 {
-    (void)RtmpMutexLock(&session->MemberLock);
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     return session->ClientListHead != nullptr ? session->ClientListHead : session->MemberHead;
 }

@@ -17,6 +17,13 @@ enum ChainPlace { CHAIN_MIDDLE, CHAIN_LAST, CHAIN_FIRST, CHAIN_ONLY };
 // LinkClient appends a client and returns the new ClientCount.
 int32_t LinkClient(RtmpSession *session, RtmpClient *client);
 
+// LockClientsOf takes the ClientListLock of the client's session. A client without a session gets no frames,
+// and there is nothing to take: `lock` is then null, else what UnlockClients gives back. 0; -1 (not logged).
+RTMP_STATUS int LockClientsOf(const RtmpClient *client, RtmpMutex **lock);
+
+// UnlockClients gives back what LockClientsOf took, and makes `lock` null. 0; -1 (not logged).
+RTMP_STATUS int UnlockClients(RtmpMutex **lock);
+
 // PlaceInChain tells how a client is about to leave.
 enum ChainPlace PlaceInChain(RtmpSession *session, const RtmpClient *client);
 

@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr long kLockSliceMilliseconds = 20;
-
 // The caller holds LiveSessionListLock. `session` receives the match, or null when the match has no media.
 int FindReadySession(RtmpServer *server, const char *name, RtmpSession **session)
 {
@@ -82,15 +80,12 @@ void UnlinkSession(RtmpServer *server, RtmpSession *session)
 
 int LockSessionListFor(RtmpClient *client)
 {
-    for (;;) {
-        const int result = RtmpMutexLockFor(&client->Server->LiveSessionListLock, kLockSliceMilliseconds);
-        if (result != RTMP_MUTEX_TIME_IS_UP) {
-            return result;
-        }
-        if (LoadShared(&client->ThreadOwner) == THREAD_OWNER_SESSION) {
-            return -1;
-        }
+    RtmpMutex *lock = &client->Server->LiveSessionListLock;
+    int result = RtmpMutexLockSlice(lock);
+    while (result == RTMP_WAIT_IS_UP && LoadShared(&client->ThreadOwner) != THREAD_OWNER_SESSION) {
+        result = RtmpMutexLockSlice(lock);
     }
+    return result == 0 ? 0 : -1;
 }
 
 int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)

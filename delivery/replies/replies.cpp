@@ -9,6 +9,7 @@
 #include "net/platform.h"
 #include "net/scope.h"
 #include "rtmpcast/types.h"
+#include "state/client_list.h"
 
 namespace {
 
@@ -27,18 +28,17 @@ int Send(RtmpClient *client, RtmpRecvPkt *request, uint32_t kind)
     return SendReply(client, request, kind, kind, &kResponseFailures, kProcess);
 }
 
-// MoveTo changes the state under the session's client list lock: the fan-out reads it there. A client without
-// a session gets no frames, and there is no lock to take.
+// MoveTo changes the state under the session's client list lock: the fan-out reads it there.
 int MoveTo(RtmpClient *client, uint32_t state)
 {
-    RtmpSession *session = client->Session;
-    if (session != nullptr && RtmpMutexLock(&session->ClientListLock) != 0) {
+    UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
+    if (LockClientsOf(client, &held) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock client list\n",
                      kProcess);
         return -1;
     }
     SetClientState(client, state);
-    if (session != nullptr && RtmpMutexUnlock(&session->ClientListLock) != 0) {
+    if (UnlockClients(&held) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock client list\n",
                      kProcess);
         return -1;
@@ -50,8 +50,7 @@ int MoveTo(RtmpClient *client, uint32_t state)
 // in the playing state, so that no frame is being written against one of them.
 void ForgetReferences(RtmpClient *client)
 {
-    (void)RtmpMutexLock(&client->WriteLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
     (void)RemoveSendPkt(client, nullptr); // an empty list is logged and does no harm
 }
 

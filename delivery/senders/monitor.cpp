@@ -14,13 +14,10 @@
 
 namespace {
 
-constexpr RtmpMutex kFreshLeafLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
-
 // MoveTimeline notes the time of a frame and returns the milliseconds since the one before: 0 for the first.
 uint64_t MoveTimeline(RtmpMonitor *monitor, uint64_t *lastTimestamp, uint64_t timestamp, uint64_t *previous)
 {
-    (void)RtmpMutexLock(&monitor->RingLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     *previous = *lastTimestamp;
     *lastTimestamp = timestamp;
     return *previous == 0 ? 0 : timestamp - *previous;
@@ -52,8 +49,7 @@ void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
 {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
-    (void)RtmpMutexLock(&monitor->RingLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     addPacketToMonitor(monitor->Stats, monitor->Session, RTMP_MSG_VIDEO, now.tv_sec, now.tv_usec, bytes,
                        monitor->Session->StatsInterval);
 }
@@ -94,7 +90,7 @@ RtmpMonitor *NewMonitor(RtmpSession *session, uint32_t withStats, const char **f
     }
     monitor->Session = session;
     monitor->AudioHead = -1;
-    monitor->RingLock = kFreshLeafLock;
+    monitor->RingLock = kFreshMutex;
     monitor->AudioRing = NewArray<RtmpPacket>(MONITOR_AUDIO_SLOTS);
     if (monitor->AudioRing == nullptr) {
         *failure = "ERROR: %s: Not enough memory for AudioBuffer\n";

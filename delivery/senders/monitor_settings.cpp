@@ -33,9 +33,7 @@ int RtmpMonitorDebugInit(RtmpSession *session, uint32_t enable, uint8_t burninEn
     if (directory != nullptr) {
         memcpy(debug->Directory, directory, strnlen(directory, sizeof debug->Directory - 1));
     }
-    (void)RtmpMutexLock(
-        &monitor->RingLock); // a leaf that cannot fail; the last client that leaves clears both
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     free(monitor->DebugSettings);
     monitor->DebugSettings = debug;
     return 0;
@@ -71,9 +69,7 @@ int RtmpMonitorAdaptiveBitrateInit(RtmpSession *session, uint32_t enable, uint32
     abr->DecreasePercentHigh = OrDefault(decreasePercentHigh, 110);
     abr->DecreaseIntervalSec = OrDefault(decreaseIntervalSec, 1);
     abr->Spare = OrDefault(spare, 10);
-    (void)RtmpMutexLock(
-        &monitor->RingLock); // a leaf that cannot fail; the last client that leaves clears both
-    UNLOCK_AT_EXIT RtmpMutex *held = &monitor->RingLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     free(monitor->AbrSettings);
     monitor->AbrSettings = abr;
     return 0;

@@ -12,16 +12,8 @@
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
-
-#if defined(__SANITIZE_THREAD__)
-#include <sanitizer/tsan_interface.h>
-#endif
 
 namespace {
-
-// How long a cancel of this thread may go unnoticed while it waits for the session list lock.
-constexpr long kLockSliceNanoseconds = 10 * 1000 * 1000;
 
 void RecordEnd(RtmpThreadedQueue **queue)
 {
@@ -57,39 +49,6 @@ void LogStart(const RtmpThreadedQueue *queue, const char *caller)
 void WaitForItem(RtmpQueueBuffer *ring)
 {
     while (sem_wait(&ring->Sem) != 0 && errno == EINTR) {
-    }
-}
-
-// The thread sanitizer of GCC 12 does not know pthread_mutex_clocklock.
-void TellSanitizerLocked([[maybe_unused]] RtmpMutex *lock)
-{
-#if defined(__SANITIZE_THREAD__)
-    __tsan_mutex_pre_lock(lock, 0);
-    __tsan_mutex_post_lock(lock, 0, 0);
-#endif
-}
-
-// Takes the session list lock. RtmpSessionDestroy holds it while it cancels and joins this thread, and no
-// mutex is a cancellation point: the waiting goes on in slices.
-int LockSessionList(RtmpMutex *lock)
-{
-    for (;;) {
-        pthread_testcancel();
-        struct timespec until = {};
-        clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_nsec += kLockSliceNanoseconds;
-        if (until.tv_nsec >= 1000000000) {
-            until.tv_nsec -= 1000000000;
-            until.tv_sec++;
-        }
-        const int result = pthread_mutex_clocklock(lock, CLOCK_MONOTONIC, &until);
-        if (result == 0) {
-            TellSanitizerLocked(lock);
-            return 0;
-        }
-        if (result != ETIMEDOUT) {
-            return -1;
-        }
     }
 }
 
@@ -160,7 +119,8 @@ int SendVideo(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_
 int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
 {
     RtmpMutex *listLock = &queue->Session->Server->LiveSessionListLock;
-    if (LockSessionList(listLock) != 0) {
+    // RtmpSessionDestroy holds this lock while it cancels and joins this thread.
+    if (RtmpMutexLockOrCancel(listLock) != 0) {
         return -1;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = listLock;

@@ -31,10 +31,7 @@ constexpr int32_t kAlmostEmpty = 5; // frames
 // it alive for the look, and is never held while anything is sent.
 bool FirstClientPlays(RtmpSession *session)
 {
-    if (RtmpMutexLock(&session->MemberLock) != 0) {
-        return false;
-    }
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     const RtmpClient *first = session->ClientListHead;
     return first != nullptr && ClientStateOf(first) == CLIENT_STATE_PLAY_DONE;
 }
@@ -42,10 +39,7 @@ bool FirstClientPlays(RtmpSession *session)
 // Its serve thread leaves when it sees the state.
 void CloseFirstClient(RtmpSession *session)
 {
-    if (RtmpMutexLock(&session->MemberLock) != 0) {
-        return;
-    }
-    UNLOCK_AT_EXIT RtmpMutex *held = &session->MemberLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     RtmpClient *first = session->ClientListHead;
     if (first != nullptr && ClientStateOf(first) == CLIENT_STATE_PLAY_DONE) {
         SetClientState(first, CLIENT_STATE_CLOSED);

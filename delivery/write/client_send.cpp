@@ -4,6 +4,7 @@
 #include "delivery/write/socket_writer.h"
 #include "message/chunk_header.h"
 #include "message/send_list.h"
+#include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -66,8 +67,7 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
     constexpr const char *who = "SendMsgToClient";
     RtmpLogger *logger = LoggerOf(client->Server);
     __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = message;
-    (void)RtmpMutexLockOrCancel(&client->WriteLock); // a leaf that cannot fail
-    UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
 
     Reference reference;
     if (FindReference(client, message, &reference) != 0) {

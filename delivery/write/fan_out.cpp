@@ -158,8 +158,7 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     const RtmpFrame *frame = cut->Frame;
-    (void)RtmpMutexLockOrCancel(&client->WriteLock); // a leaf that cannot fail; a reply may be stuck in it
-    UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
     if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
         return 0; // paused while this thread waited for the lock: no frame comes behind the answer
     }

@@ -311,24 +311,3 @@ TEST(FreeAmfObject, AMillionObjectsWithinOneAnotherTakeNoStack)
     FreeAmfObject(nullptr, &list, 1);
     EXPECT_EQ(list.first, nullptr);
 }
-
-TEST(WholeNumber, TruncatesTowardsZero)
-{
-    EXPECT_EQ(WholeNumber(4095.0), 4095);
-    EXPECT_EQ(WholeNumber(1.9), 1);
-    EXPECT_EQ(WholeNumber(-1.9), -1);
-    EXPECT_EQ(WholeNumber(-0.0), 0);
-    EXPECT_EQ(WholeNumber(2147483647.0), 2147483647);
-    EXPECT_EQ(WholeNumber(2147483646.5), 2147483646);
-    EXPECT_EQ(WholeNumber(-2147483648.0), std::numeric_limits<int32_t>::min());
-}
-
-TEST(WholeNumber, WhatDoesNotFitBecomesTheNearestLimitAndNanZero)
-{
-    EXPECT_EQ(WholeNumber(2147483648.0), std::numeric_limits<int32_t>::max());
-    EXPECT_EQ(WholeNumber(1e300), std::numeric_limits<int32_t>::max());
-    EXPECT_EQ(WholeNumber(std::numeric_limits<double>::infinity()), std::numeric_limits<int32_t>::max());
-    EXPECT_EQ(WholeNumber(-2147483649.0), std::numeric_limits<int32_t>::min());
-    EXPECT_EQ(WholeNumber(-std::numeric_limits<double>::infinity()), std::numeric_limits<int32_t>::min());
-    EXPECT_EQ(WholeNumber(std::numeric_limits<double>::quiet_NaN()), 0);
-}

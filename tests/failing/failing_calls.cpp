@@ -46,7 +46,7 @@ extern "C" {
 
 int __real_RtmpMutexInit(RtmpMutex *mutex);
 int __real_RtmpMutexLock(RtmpMutex *mutex);
-int __real_RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds);
+int __real_RtmpMutexLockSlice(RtmpMutex *mutex);
 int __real_RtmpMutexLockOrCancel(RtmpMutex *mutex);
 int __real_RtmpMutexUnlock(RtmpMutex *mutex);
 int __real_RtmpMutexDestroy(RtmpMutex *mutex);
@@ -73,9 +73,9 @@ int __wrap_RtmpMutexLock(RtmpMutex *mutex)
     return MustFail(Call::MutexLock, mutex) ? -1 : __real_RtmpMutexLock(mutex);
 }
 
-int __wrap_RtmpMutexLockFor(RtmpMutex *mutex, long milliseconds)
+int __wrap_RtmpMutexLockSlice(RtmpMutex *mutex)
 {
-    return MustFail(Call::MutexLock, mutex) ? -1 : __real_RtmpMutexLockFor(mutex, milliseconds);
+    return MustFail(Call::MutexLock, mutex) ? -1 : __real_RtmpMutexLockSlice(mutex);
 }
 
 int __wrap_RtmpMutexLockOrCancel(RtmpMutex *mutex)
