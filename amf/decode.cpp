@@ -74,7 +74,7 @@ int ReadLongText(AmfReader *in, AmfObjProperty *prop)
         return -1;
     }
     // KEPT: the text is taken as if a 16-bit length stood there: as long as the upper half says, beginning
-    // with the lower half. Those who read such a text expect it so; what follows is found all the same.
+    // with the lower half. Required; changes what a command says. What follows is found all the same.
     ReadAmfString(in->Server, start, &prop->ObjVal.StrObj);
     prop->type = AMF_STRING;
     return 0;
@@ -131,7 +131,7 @@ int ReadValue(AmfReader *in, AmfObjProperty *prop)
         return ReadDate(in, prop);
     case AMF_LONG_STRING:
         return ReadLongText(in, prop);
-    case AMF_REFERENCE: // KEPT: its index stays unread and is taken for the start of the next value.
+    case AMF_REFERENCE: // KEPT: its index stays unread and is read as the next value. Required.
     case AMF_NULL:
     case AMF_UNDEFINED:
     case AMF_OBJECT_END:
@@ -185,8 +185,8 @@ int AppendNext(AmfReader *in, AmfObject *out, bool named, const char *who)
 int ReadValues(AmfReader *in, AmfObject *out, bool named)
 {
     while (in->Rest >= 1) {
-        // KEPT: also among unnamed values, where these bytes may begin a number. Writers of command bodies
-        // end lists so.
+        // KEPT: also among unnamed values, where these bytes may begin a number. Required; changes where a
+        // command ends.
         if (IsAtEndSequence(in)) {
             (void)Take(in, 3); // it is there
             return 0;
@@ -247,7 +247,7 @@ double ReadAmfNumber(RtmpServer *, const uint8_t *p)
 
 uint8_t ReadAmfBoolean(RtmpServer *, const uint8_t *p)
 {
-    // KEPT: inverted. Everybody who reads a received boolean reckons with it.
+    // KEPT: inverted. Required; hosts read it, it tells pause from resume, and it shows in a log line.
     return *p == 0 ? 1 : 0;
 }
 

@@ -30,8 +30,8 @@ int CopyText(RtmpServer *server, AmfString *out, const char *text, const char *w
                      "ERROR: %s: Cannot allocate memory to amfObjProperty->ObjVal.StrObj.StrData\n", who);
         return -1;
     }
-    // KEPT: the length is 16 bits wide and wraps; a longer text is sent as its first bytes. A long string
-    // (marker 12) would be something that no reader of these messages expects.
+    // KEPT: the length is 16 bits wide and wraps; a longer text is sent as its first bytes, never as a long
+    // string (marker 12). Required; changes bytes on the wire.
     out->len = static_cast<uint16_t>(length);
     return 0;
 }
@@ -78,7 +78,7 @@ uint32_t SizeOfText(const AmfString *text)
 }
 
 // KEPT: every member counts its marker, a boolean its byte too, though of most types only the name is
-// written. Readers of these messages know them with the zero bytes that this leaves at the end.
+// written. Required; the zero bytes that this leaves at the end are on the wire.
 uint32_t SizeOfMemberValue(const AmfObjProperty *member)
 {
     switch (member->type) {
@@ -227,7 +227,7 @@ void PutValue(RtmpServer *server, ByteWriter *out, const AmfObjProperty *prop, c
         PutU8(out, AMF_ECMA_ARRAY);
         PutU32Be(out, static_cast<uint32_t>(prop->ObjVal.object.count));
         break;
-    default: // KEPT: of any other type only the members and their end are written, counted the same way.
+    default: // KEPT: of other types only the members and their end are written. Required: bytes on the wire.
         break;
     }
     PutMembers(server, out, &prop->ObjVal.object, who);

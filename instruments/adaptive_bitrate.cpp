@@ -11,8 +11,8 @@ namespace {
 constexpr uint64_t kNever = UINT64_MAX;
 constexpr int64_t kLeastHeadroom = 1000; // bit/s
 
-// KEPT: fullness never exceeds 100, so that the defaults only ever raise. A host that wants lowering brings
-// thresholds of its own.
+// KEPT: fullness never exceeds 100, so that the defaults only ever raise. Required; changes bitrates. A host
+// that wants lowering brings thresholds of its own.
 constexpr uint32_t kStartDelayMs = 5000;
 constexpr uint32_t kIncreaseFullness = 200;
 constexpr uint32_t kIncreasePercent = 10;

@@ -21,7 +21,7 @@ void OpenTrace(RtmpQueueDebug *debug)
     if (length < 0) {
         return;
     }
-    StoreShared(&debug->File, fopen(path, "w")); // KEPT: of a path that is cut, too
+    StoreShared(&debug->File, fopen(path, "w")); // of a path that is cut, too
 }
 
 void CloseTrace(RtmpQueueDebug *debug)
@@ -38,7 +38,7 @@ int32_t TargetKbps(const RtmpQueueAdaptiveBitrate *abr)
     return abr == nullptr ? 0 : LoadShared(&abr->CurrentBitrate) / 1000;
 }
 
-// KEPT: a text that does not fit is cut; its length is the overlay's, not ours.
+// A text that does not fit is cut: the record's field has this length.
 RTMP_PRINTF(2, 3) void PrepareText(char (&text)[QUEUE_BURNIN_TEXT], const char *format, ...)
 {
     va_list arguments;
@@ -102,7 +102,7 @@ int RtmpQueueDebugInit(RtmpQueueDebug *debug, uint64_t timestamp)
     }
     StoreShared(&debug->StartTs, timestamp);
     if (LoadShared(&debug->File) == nullptr) {
-        OpenTrace(debug); // KEPT: also where only burn-in is enabled
+        OpenTrace(debug); // KEPT: also where only burn-in is enabled. Required; changes a file
     }
     return 0;
 }

@@ -63,7 +63,7 @@ void ReportUptime(RtmpMonitorStats *stats, void *hostContext, const RtmpMonitorT
     if (first) {
         stats->StartTime = *now;
     } else if (stats->LastUptimeReport.Seconds >= now->Seconds - kUptimePeriod) {
-        return; // KEPT: a second later than the threaded sender's monitor
+        return; // KEPT: a second later than the threaded sender's monitor. Required; changes a status report.
     }
     char value[24];
     snprintf(value, sizeof value, "%ld", static_cast<long>(now->Seconds - stats->StartTime.Seconds));

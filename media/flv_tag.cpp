@@ -102,8 +102,8 @@ RTMP_STATUS int AddVideoMembers(RtmpSession *session, AmfObject *members, const 
     return AddVideoCodecMembers(server, members, video, who);
 }
 
-// KEPT: "stereo" is 0 for two channels and 1 otherwise. The encoder reduces the member to its name, which is
-// all that players ever saw.
+// KEPT: "stereo" is 0 for two channels and 1 otherwise. Required. No byte shows it: of a boolean member the
+// encoder writes the name alone.
 RTMP_STATUS int AddAudioMembers(RtmpSession *session, AmfObject *members, const char *who)
 {
     RtmpServer *server = session->Server;
@@ -238,7 +238,8 @@ int GenerateFlvH264Hdr(RtmpSession * /*session*/, const uint8_t *nal, uint32_t /
 }
 
 // sound format:4 rate:2 size:1 type:1  AAC packet type:8
-// KEPT: 44.1 kHz stereo whatever the stream is. Decoders take rate and channels from the sequence header.
+// KEPT: 44.1 kHz stereo whatever the stream is. Required; changes a byte on the wire. Decoders take rate and
+// channels from the sequence header.
 int GenerateFlvAACHdr(RtmpSession * /*session*/, uint8_t *out, uint8_t isSequenceHeader)
 {
     if (out == nullptr) {

@@ -17,7 +17,8 @@ constexpr uint32_t kSoundAac = 10;
 constexpr uint64_t kPeerBandwidthMargin = 500000; // bit/s above the base
 
 // Hz by samplingFrequencyIndex (ISO/IEC 14496-3, table 1.18); 13 and 14 are reserved.
-// KEPT: an explicit frequency (15) is not read, and its stream is registered with 0 Hz.
+// KEPT: an explicit frequency (15) is not read, and its stream is registered with 0 Hz. Required; changes
+// bytes of onMetaData.
 constexpr uint32_t kSamplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
                                              16000, 12000, 11025, 8000,  7350,  0,     0,     0};
 static_assert(sizeof kSamplingFrequencies / sizeof kSamplingFrequencies[0] == 16, "the index has four bits");

@@ -69,7 +69,7 @@ const uint8_t *ExtractSpsHeader(RtmpSession *session, const uint8_t *data, int32
 }
 
 // KEPT: a PPS of at most four bytes may end the data, a longer one must be followed by a start code.
-// Encoders that relied on either were always answered so.
+// Required; changes which configurations are refused.
 const uint8_t *ExtractPpsHeader(RtmpSession *session, const uint8_t *data, int32_t len, uint32_t *ppsLen)
 {
     RtmpLogger *logger = LoggerOf(session->Server);

@@ -78,8 +78,8 @@ void DecodeScalingList(BitStructure *bits, uint8_t *list, int32_t size, const ui
     }
 }
 
-// KEPT: two 8x8 lists for every chroma format. 4:4:4 has six, and what follows its matrices is misread;
-// the picture size that players were always told depends on it.
+// KEPT: two 8x8 lists for every chroma format. 4:4:4 has six, and what follows its matrices is misread.
+// Required; changes the picture size in onMetaData.
 void DecodeScalingMatrices(BitStructure *bits, uint8_t *lists4x4, uint8_t *lists8x8)
 {
     if (BitStructureReadOne(bits) == 0) {

@@ -64,9 +64,9 @@ void StartBehindNalHeader(BitStructure *bits, const uint8_t *sps, uint32_t spsLe
 
 } // namespace
 
-// KEPT: emulation prevention bytes are read as data, every profile above 99 counts as one with chroma
-// fields, and cropping is not applied (1080 lines are reported as 1088). What players are told in
-// onMetaData rests on all three.
+// KEPT: emulation prevention bytes are read as data, every profile above 99 and no other counts as one with
+// chroma fields (44, 83 and 86 have them too), and cropping is not applied (1080 lines are reported as 1088).
+// Required; all three change the picture size in onMetaData.
 void ParseSPSHeader(const uint8_t *sps, uint32_t spsLen, VdCodecInfo *out)
 {
     BitStructure bits;

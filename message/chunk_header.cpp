@@ -20,8 +20,8 @@ bool IsHdrType(int hdrType)
 }
 
 // KEPT: chunk stream id 0 has room for two bytes of basic header, and none is written: the message header
-// starts at the first byte and the last two bytes stay zero. The empty answer to a streaming service's ping
-// travels like this.
+// starts at the first byte and the last two bytes stay zero. Required; bytes on the wire of the answer to a
+// streaming service's ping and of NetConnection.Connect.Failed.
 uint32_t BasicHdrLength(uint32_t chunkStreamId)
 {
     if (chunkStreamId == kNoBasicHdr) {
@@ -37,8 +37,8 @@ uint32_t BasicHdrLength(uint32_t chunkStreamId)
 // fmt:2  0:6   id - 64:8                        64 to 319
 // fmt:2  1:6   (id - 64) / 256:8  id - 64:8     320 to 65599
 //
-// KEPT: the three-byte form carries the high byte first, where RTMP 1.0, 5.3.1.1 has the low byte first. No
-// message of this library travels on so high an id; a host's own may, and its peer knows this order.
+// KEPT: the three-byte form carries the high byte first, where RTMP 1.0, 5.3.1.1 has the low byte first.
+// Required; changes bytes on the wire of a host's own messages. The library's use no id so high.
 void PutBasicHdr(ByteWriter *out, uint32_t hdrType, uint32_t chunkStreamId)
 {
     if (chunkStreamId == kNoBasicHdr || chunkStreamId >= kFirstInvalidId) {
@@ -77,7 +77,7 @@ const uint8_t *TimeFieldOf(const RtmpSendPkt *pkt, int hdrType)
     return hdrType == 0 ? pkt->HdrTimestamp : pkt->HdrTimestampDelta;
 }
 
-// KEPT: a type 3 header never carries the extended field, whatever the time.
+// KEPT: a type 3 header never carries the extended field, whatever the time. Required; bytes on the wire.
 uint32_t ExtendedLength(const RtmpSendPkt *pkt, int hdrType)
 {
     return hdrType != 3 && IsExtended(TimeFieldOf(pkt, hdrType)) ? 4 : 0;
@@ -133,7 +133,8 @@ int DecideMsgHdrType(RtmpSendPkt *newPkt, RtmpSendPkt *prevPkt)
         return 1;
     }
     // KEPT: only the three bytes count, so two deltas that both overflow are equal whatever they are, and
-    // the previous message's delta is that of the first message stored, not of the last one sent.
+    // the previous message's delta is that of the first message stored, not of the last one sent. Required;
+    // changes bytes on the wire.
     const bool sameDelta =
         memcmp(newPkt->HdrTimestampDelta, prevPkt->HdrTimestampDelta, sizeof newPkt->HdrTimestampDelta) == 0;
     return sameDelta ? 3 : 2;

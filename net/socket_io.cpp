@@ -26,6 +26,7 @@ int64_t ReadNothing(int fd, uint8_t *buf)
 }
 
 // One read of at most `length` bytes: what recv or SSL_read answers.
+// KEPT: neither reads nor writes have a time-out. Required; changes who stays connected.
 int64_t ReadOnce(int fd, uint8_t *buf, uint32_t length, void *tls)
 {
     if (tls == nullptr) {
@@ -141,7 +142,7 @@ int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t lengt
     }
     if (result == 0) {
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", __func__);
-        TLS_print_error(logger, tls, 0); // KEPT: on this side also without a TLS handle
+        TLS_print_error(logger, tls, 0); // KEPT: on this side also without a handle. Required
     }
     return static_cast<int>(result);
 }

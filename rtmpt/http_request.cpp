@@ -18,7 +18,7 @@ struct HttpCursor {
 };
 
 // KEPT: the bytes counted as left are two more than there are, because the spaces behind method and target
-// are not taken off. Requests whose Content-Length is a little too large show it in their header count.
+// are not taken off. Required; decides whether a Content-Length that is a little too large is accepted.
 constexpr int64_t kUncountedSpaces = 2;
 constexpr int64_t kLineEnd = 2; // CR LF
 
@@ -206,7 +206,7 @@ int ReadHttpMessage(RtmpClient *client, uint8_t *buf, uint32_t *len)
             return -1;
         }
         if (i >= 5 && memcmp(buf + i - 3, "\r\n\r\n", 4) == 0) {
-            *len = i; // KEPT: the last index, not the count; callers of this interface add one
+            *len = i; // KEPT: the last index, one less than the count. Required
             return 0;
         }
     }

@@ -91,6 +91,7 @@ void *ServeRtmptClient(void *client)
         (void)RtmpThreadDetach(RtmpGetSelfThreadHandle()); // nobody is left to be told
         RtmpThreadExit(RtmpGetSelfThreadHandle());
     }
+    // KEPT: nothing is read or answered, and neither the thread nor its connection ends. Required.
     for (;;) {
         sleep(10);
     }

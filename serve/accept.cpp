@@ -42,7 +42,7 @@ void GiveUpClient(RtmpServer *server, RtmpClient *client, int fd, const char *wh
                  who);
     if (DestroyRtmpClient(client) != 0) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Destroying rtmp client failed\n", who);
-        // KEPT: the record, whose lists are empty, is left allocated.
+        // KEPT: the record, whose lists are empty, is left allocated. Required.
     }
     (void)RtmpCloseSocket(LoggerOf(server), &fd); // logged
 }
@@ -70,12 +70,13 @@ void *AcceptRtmpConnectionThread(void *argument)
     }
     RtmpServer *server = static_cast<RtmpServer *>(argument);
     while (LoadShared(&server->RtmpSocket) != -1) {
-        // KEPT: both lines before every accept, not only at the start.
+        // KEPT: both lines before every accept, not only at the start. Required.
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Waiting for RTMP client connection on %d\n",
                      __func__, server->RtmpPort);
         KelvoraSyslog("RTMP", "RTMP server started on port %d\n", server->RtmpPort);
         const int fd = accept(LoadShared(&server->RtmpSocket), nullptr, nullptr);
         if (fd == -1) {
+            // KEPT: whatever the reason, lack of descriptors included, nobody is accepted any more. Required.
             RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Exiting RTMP connection accept thread\n",
                          __func__);
             break;

@@ -47,7 +47,8 @@ int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, c
     case RTMP_TYPE_SET_CHUNK_SIZE:
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: SET CHUNK SIZE\n",
                      who);
-        // KEPT: taken whole, unlike RTMP 1.0, 5.4.1, which reserves the top bit.
+        // KEPT: taken whole, where RTMP 1.0, 5.4.1 reserves the top bit. Required; changes a log line and how
+        // the peer's chunks are cut.
         if (StoreForClient(client, &client->InChunkSize, value, who) != 0) {
             return -1;
         }
@@ -57,7 +58,7 @@ int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, c
         return 0;
     case RTMP_TYPE_ABORT:
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ABORT\n", who);
-        *kind = RTMP_MSG_ABORT; // KEPT: the partly received message is not dropped
+        *kind = RTMP_MSG_ABORT; // KEPT: the partly received message is not dropped. Required
         return 0;
     case RTMP_TYPE_ACKNOWLEDGEMENT:
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ACKNOWLEDGEMENT\n",
@@ -84,7 +85,7 @@ int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, c
     }
 }
 
-// Messages that a player has no business sending, and types that are not served, end the connection.
+// KEPT: audio, video and data messages, and types that are not served, end the connection. Required.
 void LogRefusedMessage(RtmpClient *client, uint32_t type, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);

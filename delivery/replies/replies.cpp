@@ -146,6 +146,8 @@ int ReplyToPlay(RtmpClient *client, RtmpRecvPkt *request)
     return MoveTo(client, CLIENT_STATE_PLAY_DONE);
 }
 
+// KEPT: the state is set without the session's lock, before the answer is sent. Required; it is paused also
+// when the answer fails, and one frame more may leave in front of the answer.
 int Pause(RtmpClient *client, RtmpRecvPkt *request)
 {
     SetClientState(client, CLIENT_STATE_PAUSE_DONE);

@@ -152,7 +152,7 @@ int RtmpMonitorSendData(RtmpSession *session, const uint8_t *data, int32_t lengt
         frame.Length = length;
         frame.Fd = fd;
         frame.MapBase = mapBase;
-        return ParkAudio(monitor, &frame, timestamp);
+        return ParkAudio(monitor, &frame, timestamp); // KEPT: sound leaves in front of video only. Required
     }
     if (RtmpMutexLock(listLock) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
@@ -168,7 +168,7 @@ int RtmpMonitorSendData(RtmpSession *session, const uint8_t *data, int32_t lengt
     held = nullptr;
     if (RtmpMutexUnlock(listLock) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp session list\n", __func__);
-        return RTMP_ERR_LOCK;
+        return RTMP_ERR_LOCK; // KEPT: not RTMP_ERR_UNLOCK. Required
     }
     if (result != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Sending message to connected clients failed\n",

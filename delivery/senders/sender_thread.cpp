@@ -132,6 +132,7 @@ int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
 }
 
 // Waits for a video frame and sends it with the audio in front of it. -1: a send failed.
+// KEPT: nothing waits for audio, so that sound without video never leaves. Required.
 int SendNextFrame(RtmpThreadedQueue *queue)
 {
     WaitForItem(queue->VideoBuffer);

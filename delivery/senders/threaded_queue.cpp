@@ -27,8 +27,8 @@ constexpr int32_t kAlmostEmpty = 5; // frames
 
 // ------------------------------------------------------------------------------------- the first client
 
-// KEPT: only the first client of the list decides whether frames are queued. The session's MemberLock keeps
-// it alive for the look, and is never held while anything is sent.
+// KEPT: only the first client of the list decides whether frames are queued. Required; changes who gets
+// frames. The session's MemberLock keeps it alive for the look, and is never held while anything is sent.
 bool FirstClientPlays(RtmpSession *session)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);

@@ -17,6 +17,7 @@ constexpr const char *kFanOut = "SendMsgToConnectedClients";
 enum { CAPTION_IN_STREAM = 0, CAPTION_AS_MESSAGE = 1 };
 
 // Milliseconds of video since the last caption message. KEPT: one for the process, shared by all sessions.
+// Required; changes what the host is handed.
 uint64_t timeStampDelta;
 
 // Where the SEI goes, and what it is.

@@ -200,7 +200,9 @@ int SendToPlayingClients(RtmpSession *session, const CutFrame *cut)
     int result = 0;
     for (RtmpClient *client = session->ClientListHead; client != nullptr; client = client->NextClient) {
         if (ClientStateOf(client) == CLIENT_STATE_PLAY_DONE && SendFrameTo(client, cut) != 0) {
-            result = -1; // one broken client never stops the others
+            // KEPT: the client stays connected and is sent the next frame, too. Required. It never stops the
+            // others.
+            result = -1;
         }
     }
     return result;
