@@ -6,8 +6,8 @@
 #include "message/send_list.h"
 #include "net/platform.h"
 #include "rtmpcast/publish.h"
+#include "support/calls/wrapped_calls.h"
 #include "support/capture_logger.h"
-#include "wrapped_calls.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,5 +1,5 @@
 #!/bin/bash
-# live_host encodes, rtmpdump records, ffmpeg decodes: encode_test.sh LIVE_HOST CLIP
+# live_host encodes, rtmpdump records, ffmpeg decodes: encoding.sh LIVE_HOST CLIP
 set -u
 
 live_host=$1 clip=$2

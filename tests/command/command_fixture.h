@@ -5,9 +5,9 @@
 #include "rtmpcast/server.h"
 #include "state/client.h"
 #include "state/client_list.h"
+#include "support/calls/wrapped_calls.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
-#include "wrapped_calls.h"
 
 #include <gtest/gtest.h>
 

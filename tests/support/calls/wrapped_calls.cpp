@@ -1,4 +1,4 @@
-#include "wrapped_calls.h"
+#include "support/calls/wrapped_calls.h"
 
 #include "rtmpcast/types.h"
 
