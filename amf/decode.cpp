@@ -2,6 +2,7 @@
 
 #include "amf/object.h"
 #include "net/byte_order.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/record.h"
 

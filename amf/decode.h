@@ -6,10 +6,6 @@
 
 #include "rtmpcast/types.h"
 
-// Objects and arrays within one another; one more is refused like any corrupted value. A level costs little
-// enough stack that this many fit a thread of 256 KiB.
-constexpr int32_t kDeepestAmf = 1024;
-
 extern "C" {
 
 // Exported; documented in rtmpcast/publish.h.

@@ -1,12 +1,11 @@
 #include "amf/object.h"
 
+#include "net/limits.h"
+
 #include <stdlib.h>
 #include <string.h>
 
 namespace {
-
-// KEPT: FreeAmfObject frees no list of more values than this, neither at the top nor nested. Required.
-constexpr int32_t kLongestFreedList = 65534;
 
 bool HasName(const AmfObjProperty *prop, const AmfString *name)
 {

@@ -9,6 +9,7 @@
 #include "net/log.h"
 #include "net/log_line.h"
 #include "net/record.h"
+#include "net/refusal.h"
 
 #include <limits.h>
 
@@ -17,68 +18,57 @@ namespace {
 struct CommandRow {
     const char *Name; // exact and case-sensitive
     uint32_t Kind;
-    const char *LogLine;
+    LogText Line;
     int (*Handle)(ReceivedCommand *command); // null: nothing more than the kind
 };
 
 // clang-format off
 constexpr CommandRow kCommands[] = {
     {"connect", RTMP_MSG_CONNECT,
-     "INFO: %s: Received Command message: CONNECT\n", HandleConnect},
+     LOG_TEXT("INFO: %s: Received Command message: CONNECT\n"), HandleConnect},
     {"createStream", RTMP_MSG_CREATE_STREAM,
-     "INFO: %s: Received Command message: CREATESTREAM\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: CREATESTREAM\n"), nullptr},
     {"play", RTMP_MSG_PLAY,
-     "INFO: %s: Received Command message: PLAY\n", HandlePlay},
+     LOG_TEXT("INFO: %s: Received Command message: PLAY\n"), HandlePlay},
     {"pause", RTMP_MSG_PAUSE,
-     "INFO: %s: Received Command message: PAUSE\n", HandlePause},
+     LOG_TEXT("INFO: %s: Received Command message: PAUSE\n"), HandlePause},
     {"deleteStream", RTMP_MSG_DELETE_STREAM,
-     "INFO: %s: Received Command message: DELETESTREAM\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: DELETESTREAM\n"), nullptr},
     {"_result", RTMP_MSG_RESULT,
-     "INFO: %s: Received Command message: RESULT\n", HandleResult},
+     LOG_TEXT("INFO: %s: Received Command message: RESULT\n"), HandleResult},
     {"_error", RTMP_MSG_ERROR,
-     "INFO: %s: Received Command message: ERROR\n", HandleError},
+     LOG_TEXT("INFO: %s: Received Command message: ERROR\n"), HandleError},
     {"onBWDone", RTMP_MSG_ON_BW_DONE,
-     "INFO: %s: Received Command message: COMMAND_MSG_ON_BW_DONE\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: COMMAND_MSG_ON_BW_DONE\n"), nullptr},
     {"onStatus", RTMP_MSG_ON_STATUS,
-     "INFO: %s: Received Command message: ONSTATUS\n", HandleOnStatus},
+     LOG_TEXT("INFO: %s: Received Command message: ONSTATUS\n"), HandleOnStatus},
     {"onFCPublish", RTMP_MSG_ON_FC_PUBLISH,
-     "INFO: %s: Received Command message: onFCPublish\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: onFCPublish\n"), nullptr},
     {"moduleInfo", RTMP_MSG_UNSUPPORTED,
-     "INFO: %s: Received Command message: moduleInfo\n", HandleModuleInfo},
+     LOG_TEXT("INFO: %s: Received Command message: moduleInfo\n"), HandleModuleInfo},
     {"ping", RTMP_MSG_USTREAM_PING,
-     "INFO: %s: Received Command message: UstreamPing\n", HandlePing},
+     LOG_TEXT("INFO: %s: Received Command message: UstreamPing\n"), HandlePing},
     {"setChallenge", RTMP_MSG_SET_CHALLENGE,
-     "INFO: %s: Received Command message: COMMAND_MSG_SET_CHALLENGE\n", HandleSetChallenge},
+     LOG_TEXT("INFO: %s: Received Command message: COMMAND_MSG_SET_CHALLENGE\n"), HandleSetChallenge},
     {"onClientLogin", RTMP_MSG_ON_CLIENT_LOGIN,
-     "INFO: %s: Received Command message: ONCLIENTLOGIN\n", HandleOnClientLogin},
+     LOG_TEXT("INFO: %s: Received Command message: ONCLIENTLOGIN\n"), HandleOnClientLogin},
     {"recordStarted", RTMP_MSG_RECORD_STARTED,
-     "INFO: %s: Received Command message: USTREAM_RECORD_STARTED\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_STARTED\n"), nullptr},
     {"recordError", RTMP_MSG_RECORD_ERROR,
-     "INFO: %s: Received Command message: USTREAM_RECORD_ERROR\n", HandleRecordStop},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_ERROR\n"), HandleRecordStop},
     {"recordReady", RTMP_MSG_RECORD_READY,
-     "INFO: %s: Received Command message: USTREAM_RECORD_READY\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_READY\n"), nullptr},
     {"recordSaved", RTMP_MSG_RECORD_SAVED,
-     "INFO: %s: Received Command message: USTREAM_RECORD_SAVED\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_SAVED\n"), nullptr},
     {"recordTimerWarning", RTMP_MSG_RECORD_TIMER_WARNING,
-     "INFO: %s: Received Command message: USTREAM_RECORD_TIMER_WARNING\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_TIMER_WARNING\n"), nullptr},
     {"recordLimitExceeded", RTMP_MSG_RECORD_LIMIT_EXCEEDED,
-     "INFO: %s: Received Command message: USTREAM_RECORD_LIMIT_EXCEEDED\n", HandleRecordStop},
+     LOG_TEXT("INFO: %s: Received Command message: USTREAM_RECORD_LIMIT_EXCEEDED\n"), HandleRecordStop},
     {"_checkbw", RTMP_MSG_CHECK_BW,
-     "INFO: %s: Received Command message: CHECKBW\n", nullptr},
+     LOG_TEXT("INFO: %s: Received Command message: CHECKBW\n"), nullptr},
 };
 // clang-format on
 static_assert(sizeof kCommands / sizeof kCommands[0] == 21);
-
-constexpr bool LinesNameOnlyTheirCaller()
-{
-    for (const CommandRow &row : kCommands) {
-        if (!NamesOnlyItsCaller(row.LogLine)) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(LinesNameOnlyTheirCaller());
 
 const CommandRow *FindCommand(const AmfString *name)
 {
@@ -114,6 +104,7 @@ int ReportUnknownCommand(const ReceivedCommand *command, uint32_t *msgKind)
 {
     RtmpLogPrint(command->Logger, RTMP_LOG_INFO, "INFO: %s: Unsupported command message: %.*s\n",
                  command->Caller, TextLength(&command->Name, INT_MAX), TextStart(&command->Name));
+    NoteRefusal(command->Pkt, REFUSED_UNKNOWN_COMMAND, &command->Name);
     *msgKind = RTMP_MSG_UNSUPPORTED;
     return 0;
 }
@@ -138,7 +129,10 @@ int ParseCmdMsgReq(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *msgKind)
     if (row == nullptr) {
         return ReportUnknownCommand(&command, msgKind);
     }
-    LogLine(command.Logger, row->LogLine, __func__);
+    LogLine(command.Logger, RTMP_LOG_INFO, row->Line, __func__);
     *msgKind = row->Kind;
+    if (row->Kind == RTMP_MSG_UNSUPPORTED) {
+        NoteRefusal(pkt, REFUSED_COMMAND, &command.Name);
+    }
     return row->Handle != nullptr ? row->Handle(&command) : 0;
 }

@@ -3,6 +3,7 @@
 #include "amf/object.h"
 #include "command/received_command.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "rtmpcast/host.h"
 
@@ -27,8 +28,6 @@ constexpr ViewerCount kViewerCounts[] = {
     {"allViewers", &allViewers, "rtmpTotalViewerCount", "Total viewer count"},
 };
 static_assert(sizeof kViewerCounts / sizeof kViewerCounts[0] == 2);
-
-constexpr int kStatisticTextMost = 4095; // bytes of a key or value that are looked at
 
 // Room for "%.0f" of any double: 309 digits, a sign and the terminator.
 struct NumberText {

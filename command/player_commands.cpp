@@ -6,6 +6,7 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
+#include "net/refusal.h"
 #include "net/scope.h"
 #include "state/client_list.h"
 #include "state/session_list.h"
@@ -144,9 +145,14 @@ int CheckConnectProperty(const ReceivedCommand *command, AmfObjProperty *propert
     AmfString name;
     GetAmfPropName(command->Client->Server, property, &name);
     for (const ConnectKey &row : kConnectKeys) {
-        if (KeyMatches(&name, row.Key)) {
-            return row.Check != nullptr ? row.Check(command, property) : 0;
+        if (!KeyMatches(&name, row.Key)) {
+            continue;
         }
+        if (row.Check == nullptr || row.Check(command, property) == 0) {
+            return 0;
+        }
+        NoteRefusal(command->Pkt, REFUSED_CONNECT_PROPERTY, &name);
+        return RTMP_FAILED;
     }
     return 0;
 }
@@ -176,6 +182,7 @@ int PlayStream(const ReceivedCommand *command, const AmfString *name)
     case 0:
         return 0;
     case JOIN_NOT_FOUND:
+        NoteRefusal(command->Pkt, REFUSED_STREAM, name);
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Stream name not found\n", command->Caller);
         return RTMP_ERR_STREAM_NOT_FOUND;
     default:

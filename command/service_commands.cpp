@@ -4,6 +4,7 @@
 #include "command/locked_reply.h"
 #include "command/received_command.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "rtmpcast/host.h"
 
@@ -22,7 +23,6 @@ struct InfoKey {
     int64_t Field; // offset, or kNotKept
 };
 constexpr int64_t kNotKept = -1;
-constexpr uint64_t kInfoFieldSize = 1024;
 
 constexpr InfoKey kErrorKeys[] = {
     {"code", offsetof(PublishCtx, ErrorCode)},

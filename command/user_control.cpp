@@ -5,6 +5,7 @@
 #include "net/byte_order.h"
 #include "net/log.h"
 #include "net/log_line.h"
+#include "net/refusal.h"
 
 #include <string.h>
 
@@ -14,33 +15,22 @@ enum UserControlEvent { EVENT_SET_BUFFER_LENGTH = 3, EVENT_UNASSIGNED = 5, EVENT
 
 struct EventRow {
     uint32_t Kind;
-    const char *LogLine; // null: none
+    LogText Line;
 };
 
 // By event type (RTMP 1.0, 7.1.7).
 constexpr EventRow kEvents[] = {
-    {RTMP_MSG_STREAM_BEGIN, "INFO: %s: Received User control message: STREAM BEGIN\n"},
-    {RTMP_MSG_UNSUPPORTED, "INFO: %s: Received User control message: STREAM EOF\n"},
-    {RTMP_MSG_UNSUPPORTED, "INFO: %s: Received User control message: STREAM DRY\n"},
-    {RTMP_MSG_SET_BUFFER_LENGTH, "INFO: %s: Received User control message: SET BUFFER LEN\n"},
-    {RTMP_MSG_UNSUPPORTED, "INFO: %s: Received User control message: STREAM IS RECORDED\n"},
-    {0, nullptr}, // EVENT_UNASSIGNED
-    {RTMP_MSG_PING_REQUEST, nullptr},
-    {RTMP_MSG_PING_RESPONSE, "INFO: %s: Received User control message: PING RESPONSE\n"},
+    {RTMP_MSG_STREAM_BEGIN, LOG_TEXT("INFO: %s: Received User control message: STREAM BEGIN\n")},
+    {RTMP_MSG_UNSUPPORTED, LOG_TEXT("INFO: %s: Received User control message: STREAM EOF\n")},
+    {RTMP_MSG_UNSUPPORTED, LOG_TEXT("INFO: %s: Received User control message: STREAM DRY\n")},
+    {RTMP_MSG_SET_BUFFER_LENGTH, LOG_TEXT("INFO: %s: Received User control message: SET BUFFER LEN\n")},
+    {RTMP_MSG_UNSUPPORTED, LOG_TEXT("INFO: %s: Received User control message: STREAM IS RECORDED\n")},
+    {0, {nullptr}}, // EVENT_UNASSIGNED
+    {RTMP_MSG_PING_REQUEST, {nullptr}},
+    {RTMP_MSG_PING_RESPONSE, LOG_TEXT("INFO: %s: Received User control message: PING RESPONSE\n")},
 };
 constexpr uint32_t kEventCount = sizeof kEvents / sizeof kEvents[0];
 static_assert(kEventCount == 8);
-
-constexpr bool LinesNameOnlyTheirCaller()
-{
-    for (const EventRow &row : kEvents) {
-        if (row.LogLine != nullptr && !NamesOnlyItsCaller(row.LogLine)) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(LinesNameOnlyTheirCaller());
 
 // event type:16  event value:32  buffer length:32 (set buffer length only, not kept)
 struct EventFields {
@@ -109,8 +99,11 @@ int ParseUsrCtrlMsgReq(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *msgKind)
         pkt->Result.Event.EventValue = GetU32Be(fields.Bytes + 2);
     }
     *msgKind = kEvents[eventType].Kind;
-    if (kEvents[eventType].LogLine != nullptr) {
-        LogLine(logger, kEvents[eventType].LogLine, __func__);
+    if (*msgKind == RTMP_MSG_UNSUPPORTED) {
+        NoteRefusal(pkt, REFUSED_EVENT, nullptr);
+    }
+    if (kEvents[eventType].Line.Format != nullptr) {
+        LogLine(logger, RTMP_LOG_INFO, kEvents[eventType].Line, __func__);
     }
     return eventType == EVENT_PING_REQUEST ? AnswerPing(client, pkt, __func__) : 0;
 }

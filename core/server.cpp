@@ -1,7 +1,9 @@
 #include "rtmpcast/server.h"
 #include "delivery/senders/threaded_queue.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
+#include "net/log_line.h"
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/socket_io.h"
@@ -17,21 +19,15 @@
 
 namespace {
 
-constexpr uint32_t kBaseBandwidth = 6000000;
-constexpr uint32_t kPeerBandwidthMargin = 500000;
-constexpr uint32_t kProtocolChunkSize = 128; // RTMP 1.0, 5.4.1
-constexpr int kListenBacklog = 10;
-
 // One of the two listeners: where it lives in the server record, and what is logged when it fails.
 struct Listener {
     uint16_t RtmpServer::*Port;
     int RtmpServer::*Socket;
     RtmpThread RtmpServer::*Thread;
     RtmpThreadStart Start;
-    const char *SocketFailed;
-    const char *BindFailed;
-    const char *ThreadFailed;
-    const char *JoinFailed;
+    LogText SocketFailed;
+    LogText ThreadFailed;
+    LogText JoinFailed;
 };
 
 constexpr Listener kRtmpListener = {
@@ -39,10 +35,9 @@ constexpr Listener kRtmpListener = {
     &RtmpServer::RtmpSocket,
     &RtmpServer::RtmpAcceptThread,
     AcceptRtmpConnectionThread,
-    "ERROR: %s: Cannot create Rtmp socket of type tcp\n",
-    "ERROR: %s: Cannot bind RTMP Server Socket to port %d\n",
-    "ERROR: %s: Cannot create rtmp thread\n",
-    "ERROR: %s: Wait For RTMP Thread Completion Failed\n",
+    LOG_TEXT("ERROR: %s: Cannot create Rtmp socket of type tcp\n"),
+    LOG_TEXT("ERROR: %s: Cannot create rtmp thread\n"),
+    LOG_TEXT("ERROR: %s: Wait For RTMP Thread Completion Failed\n"),
 };
 
 constexpr Listener kRtmptListener = {
@@ -50,19 +45,23 @@ constexpr Listener kRtmptListener = {
     &RtmpServer::RtmptSocket,
     &RtmpServer::RtmptAcceptThread,
     AcceptRtmptConnectionThread,
-    "ERROR: %s: Cannot create Rtmpt socket of type tcp\n",
-    "ERROR: %s: Cannot bind RTMPT Server Socket to port %d\n",
-    "ERROR: %s: Cannot create rtmpt thread\n",
-    "ERROR: %s: Wait For RTMPT Thread Completion Failed\n",
+    LOG_TEXT("ERROR: %s: Cannot create Rtmpt socket of type tcp\n"),
+    LOG_TEXT("ERROR: %s: Cannot create rtmpt thread\n"),
+    LOG_TEXT("ERROR: %s: Wait For RTMPT Thread Completion Failed\n"),
 };
 
-// ServerFailure is what RtmpServerCreate logs on one of its ways out.
-void ServerFailure(RtmpLogger *logger, const char *format)
+// LogCreateFailure logs for RtmpServerCreate.
+void LogCreateFailure(RtmpServer *server, LogText text)
 {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the texts of the table above, each with one %s
-    RtmpLogPrint(logger, RTMP_LOG_ERROR, format, "RtmpServerCreate");
-#pragma GCC diagnostic pop
+    LogLine(LoggerOf(server), RTMP_LOG_ERROR, text, "RtmpServerCreate");
+}
+
+void LogBindFailure(RtmpServer *server, const Listener &listener)
+{
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR,
+                 &listener == &kRtmpListener ? "ERROR: %s: Cannot bind RTMP Server Socket to port %d\n"
+                                             : "ERROR: %s: Cannot bind RTMPT Server Socket to port %d\n",
+                 "RtmpServerCreate", server->*listener.Port);
 }
 
 bool IsAnyInterface(const char *name)
@@ -96,12 +95,12 @@ void SetSocketOptions(RtmpServer *server, int fd, uint8_t dscp)
 {
     const int reuse = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) != 0) {
-        ServerFailure(LoggerOf(server), "ERROR: %s: Fail to set the server socket reusable\n");
+        LogCreateFailure(server, LOG_TEXT("ERROR: %s: Fail to set the server socket reusable\n"));
     }
     // DS field (RFC 2474): the code point stands in the upper six bits; larger ones lose theirs.
     const uint8_t tos = static_cast<uint8_t>(dscp << 2);
     if (setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos) != 0) {
-        ServerFailure(LoggerOf(server), "ERROR: %s: Fail to set the server socket TOS value\n");
+        LogCreateFailure(server, LOG_TEXT("ERROR: %s: Fail to set the server socket TOS value\n"));
     }
 }
 
@@ -112,15 +111,11 @@ int BindAndListen(RtmpServer *server, const Listener &listener, int fd)
     address.sin_addr.s_addr = inet_addr(server->IpAddress);
     address.sin_port = htons(server->*listener.Port);
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) != 0) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the listener's text
-        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, listener.BindFailed, "RtmpServerCreate",
-                     server->*listener.Port);
-#pragma GCC diagnostic pop
+        LogBindFailure(server, listener);
         return RTMP_ERR_BIND;
     }
     if (listen(fd, kListenBacklog) != 0) {
-        ServerFailure(LoggerOf(server), "ERROR: %s: Listening Failed\n");
+        LogCreateFailure(server, LOG_TEXT("ERROR: %s: Listening Failed\n"));
         return RTMP_ERR_LISTEN;
     }
     return 0;
@@ -134,7 +129,7 @@ int OpenListener(RtmpServer *server, const Listener &listener, uint8_t dscp)
     }
     const int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (fd < 0) {
-        ServerFailure(LoggerOf(server), listener.SocketFailed);
+        LogCreateFailure(server, listener.SocketFailed);
         return RTMP_ERR_SOCKET;
     }
     SetSocketOptions(server, fd, dscp);
@@ -145,7 +140,7 @@ int OpenListener(RtmpServer *server, const Listener &listener, uint8_t dscp)
     }
     server->*listener.Socket = fd;
     if (RtmpThreadCreate(&(server->*listener.Thread), listener.Start, server) != 0) {
-        ServerFailure(LoggerOf(server), listener.ThreadFailed);
+        LogCreateFailure(server, listener.ThreadFailed);
         close(fd);
         server->*listener.Socket = -1;
         return RTMP_ERR_THREAD_CREATE;
@@ -169,10 +164,7 @@ int CloseListener(RtmpServer *server, const Listener &listener)
         StoreShared(&(server->*listener.Socket), -1); // a host that tries again finds nothing to close twice
     }
     if (joined != 0) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the listener's text
-        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, listener.JoinFailed, "RtmpServerDestroy");
-#pragma GCC diagnostic pop
+        LogLine(LoggerOf(server), RTMP_LOG_ERROR, listener.JoinFailed, "RtmpServerDestroy");
         return RTMP_ERR_THREAD_JOIN;
     }
     server->*listener.Thread = 0; // nor to join twice

@@ -1,6 +1,7 @@
 #include "instruments/bandwidth_monitor.h"
 
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/record.h"
 #include "net/scope.h"
 #include "rtmpcast/host.h"
@@ -9,7 +10,6 @@
 
 namespace {
 
-constexpr uint32_t kMostSamples = 1U << 20;          // of 2 GiB each: a thousand times their sum fits 64 bits
 constexpr int64_t kSecondsBetweenRateReports = 1;    // more than
 constexpr int64_t kSecondsBetweenUptimeReports = 30; // at least
 
@@ -74,7 +74,7 @@ void ReportUptime(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
 
 RtmpQueueBWM *RtmpQueueBWMCreate(uint32_t windowSize)
 {
-    if (windowSize >= kMostSamples) {
+    if (windowSize >= kMostWindowSamples) {
         return nullptr;
     }
     FREE_AT_EXIT RtmpQueueBWM *monitor = NewRecord<RtmpQueueBWM>();

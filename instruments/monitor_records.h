@@ -22,8 +22,6 @@ struct RtmpPacket {
     RtmpPacket *Next;
 };
 
-enum { MONITOR_AUDIO_SLOTS = 240, MONITOR_STATS_SAMPLES = 100 };
-
 typedef struct RtmpMonitorSample {
     uint32_t Kind;
     int64_t Seconds;
@@ -39,7 +37,7 @@ typedef struct RtmpMonitorTime {
 
 // The rate over the last video frames.
 typedef struct RtmpMonitorStats {
-    RtmpMonitorSample *Samples; // MONITOR_STATS_SAMPLES of them
+    RtmpMonitorSample *Samples; // kMonitorStatsSamples of them
     int32_t WriteIndex;
     int32_t HeadIndex; // -1 until the first sample
     int32_t Count;
@@ -91,7 +89,7 @@ struct RtmpMonitor {
     uint64_t LastVideoTs;
     uint64_t LastVideoRtmpTs; // as stamped on messages; shared with serve threads
     uint64_t LastAudioRtmpTs;
-    RtmpPacket *AudioRing; // MONITOR_AUDIO_SLOTS of them
+    RtmpPacket *AudioRing; // kMonitorAudioSlots of them
     int32_t AudioHead;     // -1: never used, or reset
     int32_t AudioTail;
     RtmpPacket *AudioFirst;

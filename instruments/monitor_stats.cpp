@@ -1,5 +1,6 @@
 #include "instruments/monitor_stats.h"
 
+#include "net/limits.h"
 #include "rtmpcast/host.h"
 
 #include <stdio.h>
@@ -16,7 +17,7 @@ void DropOldest(RtmpMonitorStats *stats)
     const RtmpMonitorSample *oldest = &stats->Samples[stats->HeadIndex];
     stats->WindowBytes -= oldest->Bytes;
     stats->SumOfTotals -= oldest->RunningTotal;
-    stats->HeadIndex = (stats->HeadIndex + 1) % MONITOR_STATS_SAMPLES;
+    stats->HeadIndex = (stats->HeadIndex + 1) % int32_t{kMonitorStatsSamples};
     stats->Count--;
 }
 
@@ -29,7 +30,7 @@ RtmpMonitorTime AddSample(RtmpMonitorStats *stats, uint32_t kind, const RtmpMoni
     if (stats->HeadIndex < 0) {
         stats->HeadIndex = 0;
     }
-    stats->WriteIndex = (stats->WriteIndex + 1) % MONITOR_STATS_SAMPLES;
+    stats->WriteIndex = (stats->WriteIndex + 1) % int32_t{kMonitorStatsSamples};
 
     RtmpMonitorTime comparison = *now;
     if (stats->WriteIndex == stats->HeadIndex) {

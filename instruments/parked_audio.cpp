@@ -1,6 +1,7 @@
 #include "instruments/parked_audio.h"
 
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -10,7 +11,7 @@ namespace {
 
 int32_t SlotAfter(int32_t slot)
 {
-    return slot + 1 == MONITOR_AUDIO_SLOTS ? 0 : slot + 1;
+    return slot + 1 == int32_t{kMonitorAudioSlots} ? 0 : slot + 1;
 }
 
 void FreeCopy(RtmpPacket *packet)

@@ -1,14 +1,12 @@
 #include "instruments/ring.h"
 
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
 
 namespace {
-
-// Days of video. A larger request is a mistake, and its slots alone would take more than a gigabyte.
-constexpr uint32_t kMostSlots = 1U << 24;
 
 // Buffers grow in steps, so that frames of about the same size soon find room in any slot.
 constexpr uint64_t kBufferStep = 1024;
@@ -132,7 +130,7 @@ int InitLocks(RtmpQueueBuffer *ring)
 
 RtmpQueueBuffer *RtmpQueueBufferCreate(uint32_t size)
 {
-    if (size >= kMostSlots) {
+    if (size >= kMostRingSlots) {
         return nullptr;
     }
     FREE_AT_EXIT RtmpQueueBuffer *ring = NewRecord<RtmpQueueBuffer>();

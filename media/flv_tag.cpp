@@ -4,14 +4,13 @@
 #include "amf/object.h"
 #include "media/parameter_sets.h"
 #include "net/byte_writer.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/record.h"
 #include "rtmpcast/types.h"
 
 namespace {
 
-constexpr uint32_t kCodecAvc = 7;
-constexpr uint32_t kSoundAac = 10;
 constexpr uint8_t kKeyFrameAvc = 0x17;
 constexpr uint8_t kInterFrameAvc = 0x27;
 constexpr uint8_t kAac44kHz16BitStereo = 0xAF;
@@ -62,7 +61,7 @@ RTMP_STATUS int AddVideoCodecMembers(RtmpServer *server, AmfObject *members, con
                                      const char *who)
 {
     RtmpLogger *logger = LoggerOf(server);
-    if (WriteAmfNumber(server, members, "videocodecid", kCodecAvc) != 0) {
+    if (WriteAmfNumber(server, members, "videocodecid", kVideoCodecAvc) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf videocodecid\n", who);
         return -1;
     }
@@ -95,7 +94,7 @@ RTMP_STATUS int AddVideoMembers(RtmpSession *session, AmfObject *members, const 
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf heigth\n", who);
         return -1;
     }
-    if (session->CodecInfo->VdCodecId != kCodecAvc) {
+    if (session->CodecInfo->VdCodecId != kVideoCodecAvc) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec not supported\n", who);
         return -1;
     }
@@ -118,11 +117,11 @@ RTMP_STATUS int AddAudioMembers(RtmpSession *session, AmfObject *members, const 
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf no. of channels\n", who);
         return -1;
     }
-    if (session->CodecInfo->AdCodecId != kSoundAac) {
+    if (session->CodecInfo->AdCodecId != kAudioCodecAac) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Audio codec not supported\n", who);
         return -1;
     }
-    if (WriteAmfNumber(server, members, "audiocodecid", kSoundAac) != 0) {
+    if (WriteAmfNumber(server, members, "audiocodecid", kAudioCodecAac) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf audio codecid\n", who);
         return -1;
     }

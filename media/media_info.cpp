@@ -4,6 +4,7 @@
 #include "media/parameter_sets.h"
 #include "media/sps.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -11,10 +12,6 @@
 #include "rtmpcast/media.h"
 
 namespace {
-
-constexpr uint32_t kCodecAvc = 7;
-constexpr uint32_t kSoundAac = 10;
-constexpr uint64_t kPeerBandwidthMargin = 500000; // bit/s above the base
 
 // Hz by samplingFrequencyIndex (ISO/IEC 14496-3, table 1.18); 13 and 14 are reserved.
 // KEPT: an explicit frequency (15) is not read, and its stream is registered with 0 Hz. Required; changes
@@ -218,7 +215,7 @@ int ParseVdConfigData(RtmpSession *session)
 {
     RtmpLogger *logger = LoggerOf(session->Server);
     const CodecInfo *codecInfo = session->CodecInfo;
-    if (codecInfo->VdCodecId != kCodecAvc) {
+    if (codecInfo->VdCodecId != kVideoCodecAvc) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", __func__);
         return -1;
     }
@@ -237,7 +234,7 @@ int ParseVdConfigData(RtmpSession *session)
 int ParseAdConfigData(RtmpSession *session)
 {
     const CodecInfo *codecInfo = session->CodecInfo;
-    if (codecInfo->AdCodecId != kSoundAac) {
+    if (codecInfo->AdCodecId != kAudioCodecAac) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR, "ERROR: %s: Unsupported audio codec\n",
                      __func__);
         return -1;

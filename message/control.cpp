@@ -5,11 +5,10 @@
 #include "message/send_packet.h"
 #include "net/atomic.h"
 #include "net/byte_writer.h"
+#include "net/limits.h"
 
 namespace {
 
-constexpr uint32_t kControlChunkStreamId = 2;
-constexpr uint32_t kDefaultChunkSize = 4096;
 constexpr uint32_t kLimitDynamic = 2; // RTMP 1.0, 5.4.5
 enum { EVENT_STREAM_BEGIN = 0, EVENT_PING_RESPONSE = 7 };
 

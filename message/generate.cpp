@@ -6,12 +6,12 @@
 #include "message/data.h"
 #include "message/media.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
 
 namespace {
 
 constexpr char kWho[] = "GenerateRtmpMsg";
-enum { VIDEO_CODEC_AVC = 7, AUDIO_CODEC_AAC = 10 }; // FLV, E.4.3.1 and E.4.2.1
 
 typedef RtmpSendPkt *(*Generator)(RtmpClient *client, void *recvPkt, uint32_t msgKind);
 
@@ -55,7 +55,7 @@ int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBod
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec information not present\n", kWho);
         return -1;
     }
-    if (codecInfo->VdCodecId != VIDEO_CODEC_AVC) {
+    if (codecInfo->VdCodecId != kVideoCodecAvc) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", kWho);
         return -1;
     }
@@ -66,7 +66,7 @@ int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBod
 int FindAacSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBody *body)
 {
     const AdCodecInfo *audio = codecInfo->AdCodecInfo;
-    if (audio == nullptr || codecInfo->AdCodecId != AUDIO_CODEC_AAC) {
+    if (audio == nullptr || codecInfo->AdCodecId != kAudioCodecAac) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Audio codec not supported\n", kWho);
         return -1;
     }

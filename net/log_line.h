@@ -1,13 +1,18 @@
-// Log lines that stand whole in a table row.
+// Log texts that stand in a table, or are chosen in one place and logged in another: one literal each,
+// exactly as it is logged, that takes the caller's name and nothing else.
 #pragma once
 
 #include "net/log.h"
 
-// NamesOnlyItsCaller tells whether a table's line takes exactly the name that LogLine passes.
-constexpr bool NamesOnlyItsCaller(const char *line)
+struct LogText {
+    const char *Format; // null: no text
+};
+
+// NamesOnlyItsCaller tells whether a text takes exactly one %s.
+constexpr bool NamesOnlyItsCaller(const char *text)
 {
     int names = 0;
-    for (const char *at = line; *at != '\0'; at++) {
+    for (const char *at = text; *at != '\0'; at++) {
         if (*at == '%') {
             names += at[1] == 's' ? 1 : 2;
         }
@@ -15,11 +20,19 @@ constexpr bool NamesOnlyItsCaller(const char *line)
     return names == 1;
 }
 
-// LogLine writes a line that NamesOnlyItsCaller has approved at compile time, at the level of information.
-inline void LogLine(RtmpLogger *logger, const char *line, const char *caller)
+// LOG_TEXT("INFO: %s: ...\n") makes a LogText; one that takes anything but its caller's name does not
+// compile.
+#define LOG_TEXT(text)                                                                                       \
+    ([] {                                                                                                    \
+        static_assert(NamesOnlyItsCaller(text), "takes exactly the caller's name");                          \
+        return LogText{text};                                                                                \
+    }())
+
+// LogLine writes a text as the procedure `caller`, whose step it is.
+inline void LogLine(RtmpLogger *logger, uint8_t level, LogText text, const char *caller)
 {
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // literals of constexpr tables, checked above
-    RtmpLogPrint(logger, RTMP_LOG_INFO, line, caller);
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // LOG_TEXT has looked at the literal
+    RtmpLogPrint(logger, level, text.Format, caller);
 #pragma GCC diagnostic pop
 }

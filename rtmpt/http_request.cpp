@@ -1,6 +1,7 @@
 #include "rtmpt/http_request.h"
 
 #include "net/client_state.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/record.h"
 #include "net/scope.h"
@@ -166,7 +167,7 @@ ParseResult ParseHeaders(HttpReqMsg *reqMsg, HttpCursor *cursor)
 {
     int64_t contentLength = 0;
     while (contentLength + kLineEnd < cursor->Rest + kUncountedSpaces) {
-        if (reqMsg->headerCount == HTTP_HEADERS_MAX) {
+        if (reqMsg->headerCount == int32_t{kHttpHeadersMost}) {
             return PARSE_ENDED;
         }
         HttpHeader *header = &reqMsg->headers[reqMsg->headerCount];
@@ -238,7 +239,7 @@ void FreeHttpReqMsg(HttpReqMsg *reqMsg)
     if (reqMsg == nullptr) {
         return;
     }
-    for (int32_t i = 0; i < HTTP_HEADERS_MAX; i++) {
+    for (int32_t i = 0; i < int32_t{kHttpHeadersMost}; i++) {
         free(reqMsg->headers[i].name);
         free(reqMsg->headers[i].value);
     }

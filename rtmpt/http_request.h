@@ -2,6 +2,7 @@
 // Nothing calls these yet: the tunnel itself is not served.
 #pragma once
 
+#include "net/limits.h"
 #include "rtmpcast/types.h"
 
 extern "C" {
@@ -13,8 +14,6 @@ typedef struct HttpHeader {
     char *value;
 } HttpHeader;
 
-enum { HTTP_HEADERS_MAX = 16 };
-
 // A parsed request. Its owner frees it with FreeHttpReqMsg.
 typedef struct HttpReqMsg {
     uint32_t sessionId; // second path segment as atoi reads it
@@ -22,7 +21,7 @@ typedef struct HttpReqMsg {
     char *uri;
     char *version;    // such as "HTTP/1.1"
     uint32_t command; // RtmptCommand
-    HttpHeader headers[HTTP_HEADERS_MAX];
+    HttpHeader headers[kHttpHeadersMost];
 } HttpReqMsg;
 
 // ReadHttpMessage reads a request's header block, up to and including its empty line, byte by byte.

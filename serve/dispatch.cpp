@@ -5,7 +5,9 @@
 #include "net/byte_order.h"
 #include "net/client_state.h"
 #include "net/log.h"
+#include "net/log_line.h"
 #include "net/platform.h"
+#include "net/refusal.h"
 #include "net/scope.h"
 #include "rtmpcast/types.h"
 #include "state/client_list.h"
@@ -85,28 +87,32 @@ int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, c
     }
 }
 
-// KEPT: audio, video and data messages, and types that are not served, end the connection. Required.
-void LogRefusedMessage(RtmpClient *client, uint32_t type, const char *who)
+struct RefusedType {
+    uint32_t MsgTypeId;
+    enum RtmpRefusalReason Reason;
+    LogText Line;
+};
+
+// KEPT: audio, video and data messages, and types that are not served, end the connection. Required. Types
+// that are not listed here are refused without a line.
+constexpr RefusedType kRefusedTypes[] = {
+    {RTMP_TYPE_AUDIO, REFUSED_MEDIA, LOG_TEXT("INFO: %s: Received Data message: Audio\n")},
+    {RTMP_TYPE_VIDEO, REFUSED_MEDIA, LOG_TEXT("INFO: %s: Received Data message: Video\n")},
+    {RTMP_TYPE_AMF0_DATA, REFUSED_DATA, LOG_TEXT("INFO: %s: Received Data message\n")},
+    {RTMP_TYPE_AMF0_SHARED_OBJECT, REFUSED_SHARED_OBJECT,
+     LOG_TEXT("INFO: %s: Received Shared object message\n")},
+    {RTMP_TYPE_AGGREGATE, REFUSED_MEDIA, LOG_TEXT("INFO: %s: Received AGGREGATE message\n")},
+};
+static_assert(sizeof kRefusedTypes / sizeof kRefusedTypes[0] == 5);
+
+void RefuseType(RtmpClient *client, RtmpRecvPkt *pkt, const char *who)
 {
-    RtmpLogger *logger = LoggerOf(client->Server);
-    switch (type) {
-    case RTMP_TYPE_AUDIO:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message: Audio\n", who);
-        break;
-    case RTMP_TYPE_VIDEO:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message: Video\n", who);
-        break;
-    case RTMP_TYPE_AMF0_DATA:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Data message\n", who);
-        break;
-    case RTMP_TYPE_AMF0_SHARED_OBJECT:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Shared object message\n", who);
-        break;
-    case RTMP_TYPE_AGGREGATE:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received AGGREGATE message\n", who);
-        break;
-    default:
-        break;
+    NoteRefusal(pkt, REFUSED_MESSAGE_TYPE, nullptr);
+    for (const RefusedType &row : kRefusedTypes) {
+        if (row.MsgTypeId == pkt->MsgTypeId) {
+            NoteRefusal(pkt, row.Reason, nullptr);
+            LogLine(LoggerOf(client->Server), RTMP_LOG_INFO, row.Line, who);
+        }
     }
 }
 
@@ -146,7 +152,7 @@ int ParseRequestMsg(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind)
     case RTMP_TYPE_AMF0_COMMAND:
         return ParseCommand(client, pkt, kind, __func__);
     default:
-        LogRefusedMessage(client, pkt->MsgTypeId, __func__);
+        RefuseType(client, pkt, __func__);
         *kind = RTMP_MSG_UNSUPPORTED;
         return 0;
     }

@@ -5,6 +5,7 @@
 #include "message/send_list.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -16,9 +17,6 @@
 #include <sys/socket.h>
 
 namespace {
-
-constexpr uint32_t kProtocolChunkSize = 128; // RTMP 1.0, 5.4.1
-constexpr uint32_t kFirstStatusChunkStreamId = 4;
 
 bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
 {

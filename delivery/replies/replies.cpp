@@ -16,8 +16,8 @@ namespace {
 constexpr const char *kProcess = "ProcessSend";
 
 constexpr ReplyFailures kPauseFailures = {
-    "ERROR: %s: Cannot generate PAUSE message\n",
-    "ERROR: %s: Cannot send PAUSE message to client\n",
+    LOG_TEXT("ERROR: %s: Cannot generate PAUSE message\n"),
+    LOG_TEXT("ERROR: %s: Cannot send PAUSE message to client\n"),
 };
 
 constexpr uint32_t kConnectReplies[] = {RTMP_MSG_WINDOW_ACK_SIZE, RTMP_MSG_SET_PEER_BANDWIDTH,

@@ -1,13 +1,14 @@
 #pragma once
 
+#include "net/log_line.h"
 #include "rtmpcast/types.h"
 
 extern "C" {
 
-// What is logged when a reply cannot be built or sent, as one literal each with one %s.
+// What is logged when a reply cannot be built or sent.
 typedef struct ReplyFailures {
-    const char *NotGenerated;
-    const char *NotSent;
+    LogText NotGenerated;
+    LogText NotSent;
 } ReplyFailures;
 
 extern const ReplyFailures kResponseFailures; // "... RTMP response message", "... response message to client"

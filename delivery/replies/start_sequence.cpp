@@ -6,13 +6,13 @@
 namespace {
 
 constexpr ReplyFailures kAvcHeaderFailures = {
-    "ERROR: %s: Cannot generate avcc data message\n",
-    "ERROR: %s: Cannot send avcc data message to client\n",
+    LOG_TEXT("ERROR: %s: Cannot generate avcc data message\n"),
+    LOG_TEXT("ERROR: %s: Cannot send avcc data message to client\n"),
 };
 
 constexpr ReplyFailures kAacHeaderFailures = {
-    "ERROR: %s: Cannot generate AAC config message\n",
-    "ERROR: %s: Cannot send AAC config message to client\n",
+    LOG_TEXT("ERROR: %s: Cannot generate AAC config message\n"),
+    LOG_TEXT("ERROR: %s: Cannot send AAC config message to client\n"),
 };
 
 constexpr uint32_t kBeforeHeaders[] = {RTMP_MSG_PLAY_START, RTMP_MSG_SAMPLE_ACCESS, RTMP_MSG_META_DATA};

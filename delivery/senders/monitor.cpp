@@ -4,7 +4,9 @@
 #include "instruments/monitor_stats.h"
 #include "instruments/parked_audio.h"
 #include "net/atomic.h"
+#include "net/limits.h"
 #include "net/log.h"
+#include "net/log_line.h"
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
@@ -63,17 +65,17 @@ void FreeStats(RtmpMonitorStats *stats)
 }
 
 // A fresh window, or null with the text of what failed.
-RtmpMonitorStats *NewStats(const char **failure)
+RtmpMonitorStats *NewStats(LogText *failure)
 {
     RtmpMonitorStats *stats = NewRecord<RtmpMonitorStats>();
     if (stats == nullptr) {
-        *failure = "ERROR: %s: Not enough memory for bandwidth monitor\n";
+        *failure = LOG_TEXT("ERROR: %s: Not enough memory for bandwidth monitor\n");
         return nullptr;
     }
     stats->HeadIndex = -1;
-    stats->Samples = NewArray<RtmpMonitorSample>(MONITOR_STATS_SAMPLES);
+    stats->Samples = NewArray<RtmpMonitorSample>(kMonitorStatsSamples);
     if (stats->Samples == nullptr) {
-        *failure = "ERROR: %s: Not enough memory for bandwidth monitor queue\n";
+        *failure = LOG_TEXT("ERROR: %s: Not enough memory for bandwidth monitor queue\n");
         free(stats);
         return nullptr;
     }
@@ -81,19 +83,19 @@ RtmpMonitorStats *NewStats(const char **failure)
 }
 
 // Null with the text of what failed.
-RtmpMonitor *NewMonitor(RtmpSession *session, uint32_t withStats, const char **failure)
+RtmpMonitor *NewMonitor(RtmpSession *session, uint32_t withStats, LogText *failure)
 {
     RtmpMonitor *monitor = NewRecord<RtmpMonitor>();
     if (monitor == nullptr) {
-        *failure = "ERROR: %s: Not enough memory for rtmpQueue\n";
+        *failure = LOG_TEXT("ERROR: %s: Not enough memory for rtmpQueue\n");
         return nullptr;
     }
     monitor->Session = session;
     monitor->AudioHead = -1;
     monitor->RingLock = kFreshMutex;
-    monitor->AudioRing = NewArray<RtmpPacket>(MONITOR_AUDIO_SLOTS);
+    monitor->AudioRing = NewArray<RtmpPacket>(kMonitorAudioSlots);
     if (monitor->AudioRing == nullptr) {
-        *failure = "ERROR: %s: Not enough memory for AudioBuffer\n";
+        *failure = LOG_TEXT("ERROR: %s: Not enough memory for AudioBuffer\n");
         free(monitor);
         return nullptr;
     }
@@ -110,13 +112,10 @@ RtmpMonitor *NewMonitor(RtmpSession *session, uint32_t withStats, const char **f
 
 RtmpMonitor *RtmpQueueInit(RtmpSession *session, uint32_t withStats)
 {
-    const char *failure = nullptr;
+    LogText failure = {};
     RtmpMonitor *monitor = NewMonitor(session, withStats, &failure);
     if (monitor == nullptr) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // one of the texts above, each with one %s
-        RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR, failure, __func__);
-#pragma GCC diagnostic pop
+        LogLine(LoggerOf(session->Server), RTMP_LOG_ERROR, failure, __func__);
     }
     return monitor;
 }

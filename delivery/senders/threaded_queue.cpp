@@ -7,6 +7,7 @@
 #include "instruments/ring.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -21,9 +22,6 @@ namespace {
 
 int32_t c = 0;            // frames since the last burn-in, of all sessions
 int32_t warning_sent = 0; // "Buffer full" is outstanding, for whichever session
-
-constexpr int32_t kFramesBetweenBurnins = 30;
-constexpr int32_t kAlmostEmpty = 5; // frames
 
 // ------------------------------------------------------------------------------------- the first client
 
@@ -170,7 +168,7 @@ void WarnOfFullness(RtmpThreadedQueue *queue, int added)
 {
     if (added == QUEUE_BUFFER_FULL && MoveWarning(0, 1)) {
         rtmpStatusMessage(queue->Session, "rtmpLowBitrate", "1", "Buffer full");
-    } else if (added == QUEUE_BUFFER_OK && RtmpQueueBufferCount(queue->VideoBuffer) < kAlmostEmpty &&
+    } else if (added == QUEUE_BUFFER_OK && RtmpQueueBufferCount(queue->VideoBuffer) < kAlmostEmptyRing &&
                MoveWarning(1, 0)) {
         rtmpStatusMessage(queue->Session, "rtmpLowBitrate", "0", "Buffer is empty");
     }

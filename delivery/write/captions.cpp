@@ -3,6 +3,7 @@
 #include "delivery/write/client_send.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/scope.h"
@@ -53,7 +54,7 @@ bool FindCaption(RtmpCaptionCtx *captions, const RtmpFrame *frame, CaptionSei *s
 void InsertIntoFrame(RtmpSession *session, RtmpFrame *frame, const CaptionSei *sei)
 {
     const uint64_t needed = static_cast<uint64_t>(frame->PrefixLength) + sei->Offset + sei->Length;
-    if (needed > FRAME_PREFIX_SIZE - 1) {
+    if (needed > kFramePrefixSize - 1) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Not enough memory for qbox_copy (need %d bytes)\n", kFanOut,
                      static_cast<int>(needed));

@@ -1,11 +1,10 @@
 // One encoded frame on its way to the players: the FLV tag header in front of it, and captions in it.
 #pragma once
 
+#include "net/limits.h"
 #include "rtmpcast/types.h"
 
 extern "C" {
-
-enum { FRAME_PREFIX_SIZE = 1024 };
 
 typedef struct RtmpFrame {
     const uint8_t *Data; // as the host gave it
@@ -17,7 +16,7 @@ typedef struct RtmpFrame {
 
     // What goes out: the prefix (tag header and, with captions, the frame's beginning and the SEI), then the
     // rest of the frame.
-    uint8_t Prefix[FRAME_PREFIX_SIZE];
+    uint8_t Prefix[kFramePrefixSize];
     uint32_t HeaderLength;
     uint32_t PrefixLength;
     const uint8_t *Payload;

@@ -1,6 +1,7 @@
 #include "delivery/write/socket_writer.h"
 
 #include "net/client_state.h"
+#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/scope.h"
@@ -14,11 +15,6 @@
 #include <time.h>
 
 namespace {
-
-// Vectors per sendmsg, far below the kernel's limit of 1024. Replies come from serve threads, whose stacks
-// are resident memory once for every player: they make do with few.
-constexpr uint32_t kVectorsOfReply = 16;
-constexpr uint32_t kVectorsOfFrame = 256;
 
 // The continuation header has one byte: chunk stream ids below 64 are all that is ever assigned.
 uint8_t SeparatorOf(const RtmpSendPkt *message)

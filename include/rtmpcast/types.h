@@ -217,6 +217,12 @@ struct AmfObjProperty {
 
 /* -------------------------------------------------------------------------------------------- messages */
 
+/** RtmpRefusal: why the library refuses a message, and which part of it. */
+typedef struct RtmpRefusal {
+    uint32_t Reason; /* 0: not refused; the library's own numbering */
+    AmfString What;  /* the command's name, or that of a property of it; borrowed from the payload */
+} RtmpRefusal;
+
 /** RtmpRecvPkt: one received message, assembled from chunks. Owned by its client's receive list. */
 struct RtmpRecvPkt {
     uint32_t ChunkStreamId;
@@ -240,6 +246,9 @@ struct RtmpRecvPkt {
     } Result;
     RtmpRecvPkt *Next;
     RtmpRecvPkt *Prev;
+
+    /* the library's own */
+    RtmpRefusal Refusal;
 };
 
 /** RtmpSendPkt: one outgoing message. */

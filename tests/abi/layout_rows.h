@@ -101,7 +101,8 @@
     FIELD(RtmpRecvPkt, uint8_t *, PayloadData)                                                               \
     FIELD(RtmpRecvPkt, AmfObject *, Result.Amf)                                                              \
     FIELD(RtmpRecvPkt, RtmpRecvPkt *, Next)                                                                  \
-    LAST(RtmpRecvPkt, RtmpRecvPkt *, Prev)                                                                   \
+    FIELD(RtmpRecvPkt, RtmpRecvPkt *, Prev)                                                                  \
+    OWN(RtmpRecvPkt)                                                                                         \
                                                                                                              \
     FIRST(RtmpSendPkt, uint32_t, ChunkStreamId)                                                              \
     FIELD(RtmpSendPkt, uint32_t, MsgTypeId)                                                                  \

@@ -1,5 +1,6 @@
 #include "amf/decode.h"
 #include "amf/object.h"
+#include "net/limits.h"
 #include "support/amf_rows.h"
 #include "support/capture_logger.h"
 

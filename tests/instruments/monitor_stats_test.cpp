@@ -1,10 +1,11 @@
 #include "instruments/monitor_stats.h"
+#include "net/limits.h"
 #include "support/host_fakes.h"
 
 namespace {
 
 struct Window {
-    std::vector<RtmpMonitorSample> samples = std::vector<RtmpMonitorSample>(MONITOR_STATS_SAMPLES);
+    std::vector<RtmpMonitorSample> samples = std::vector<RtmpMonitorSample>(kMonitorStatsSamples);
     RtmpMonitorStats stats = {};
     int context = 0;
     Window()
