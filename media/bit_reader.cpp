@@ -37,17 +37,13 @@ uint32_t BitStructureRead(BitStructure *bits, uint32_t n)
     uint32_t result = 0;
     while (n > 0 && bits->cur < bits->end) {
         const uint32_t left = static_cast<uint32_t>(bits->bitsLeft);
-        if (n <= left) {
-            result |= (*bits->cur >> (left - n)) & mask[n];
-            bits->bitsLeft -= static_cast<int32_t>(n);
-            if (bits->bitsLeft == 0) {
-                StepToNextByte(bits);
-            }
-            return result;
+        const uint32_t taken = n < left ? n : left;
+        n -= taken;
+        result |= ((*bits->cur >> (left - taken)) & mask[taken]) << n;
+        bits->bitsLeft -= static_cast<int32_t>(taken);
+        if (bits->bitsLeft == 0) {
+            StepToNextByte(bits);
         }
-        result |= (*bits->cur & mask[left]) << (n - left);
-        n -= left;
-        StepToNextByte(bits);
     }
     return result;
 }

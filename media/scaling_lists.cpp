@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr int32_t kSize4x4 = 16;
-constexpr int32_t kSize8x8 = 64;
+constexpr int64_t kSize4x4 = 16;
+constexpr int64_t kSize8x8 = 64;
 
 // Default_4x4_Intra and Default_4x4_Inter in zig-zag order (ITU-T H.264, table 7-3).
 constexpr uint8_t defaultScaling4[] = {

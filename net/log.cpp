@@ -8,7 +8,8 @@
 
 namespace {
 
-void WriteLine(RtmpLogger *logger, uint8_t level, const char *format, va_list arguments)
+__attribute__((format(printf, 3, 0))) void WriteLine(RtmpLogger *logger, uint8_t level, const char *format,
+                                                     va_list arguments)
 {
     if (logger == nullptr) {
         // One line at a time, though it takes two calls.
@@ -22,7 +23,8 @@ void WriteLine(RtmpLogger *logger, uint8_t level, const char *format, va_list ar
 }
 
 // The gate's LogFunction: whoever is counted in LogReaders may be inside the host's logger.
-void WriteThroughGate(void *context, uint8_t level, const char *format, va_list arguments)
+__attribute__((format(printf, 3, 0))) void WriteThroughGate(void *context, uint8_t level, const char *format,
+                                                            va_list arguments)
 {
     RtmpServer *server = static_cast<RtmpServer *>(context);
     __atomic_add_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);

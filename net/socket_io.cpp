@@ -103,27 +103,39 @@ int RtmpGetIP(RtmpLogger *logger, const char *name, char *out)
     return found ? 0 : -1;
 }
 
+namespace {
+
+void LogFailedRead(RtmpLogger *logger, int error, int result, const char *who)
+{
+    RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", who, error,
+                 strerror(error));
+    if (error == EINTR || error == ESPIPE) {
+        RtmpLogPrint(logger, RTMP_LOG_INFO,
+                     "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", who, error, result);
+    }
+}
+
+void LogEndOfStream(RtmpLogger *logger, void *tls, const char *who)
+{
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", who);
+    if (tls != nullptr) {
+        TLS_print_error(logger, tls, 0);
+    }
+}
+
+} // namespace
+
 int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, void *tls)
 {
     uint32_t done = 0;
     do {
         const int64_t result = ReadOnce(fd, buf + done, length - done, tls);
         if (result < 0) {
-            const int error = errno;
-            RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", __func__,
-                         error, strerror(error));
-            if (error == EINTR || error == ESPIPE) {
-                RtmpLogPrint(logger, RTMP_LOG_INFO,
-                             "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", __func__,
-                             error, static_cast<int>(result));
-            }
+            LogFailedRead(logger, errno, static_cast<int>(result), __func__);
             return -1;
         }
         if (result == 0) {
-            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", __func__);
-            if (tls != nullptr) {
-                TLS_print_error(logger, tls, 0);
-            }
+            LogEndOfStream(logger, tls, __func__);
             return -1;
         }
         done += static_cast<uint32_t>(result);

@@ -8,7 +8,8 @@ build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-de
 libswscale-dev libswresample-dev"
 demo="ffmpeg rtmpdump"
 adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
-tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3"
+tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3
+clang clang-tidy clang-format"
 
 case ${1:-all} in
 demo) packages="$build $demo" ;;

@@ -116,6 +116,16 @@ void RefuseType(RtmpClient *client, RtmpRecvPkt *pkt, const char *who)
     }
 }
 
+int ParseUserControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const char *who)
+{
+    const int result = ParseUsrCtrlMsgReq(client, pkt, kind);
+    if (result != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot parse user control message\n", who);
+    }
+    return result;
+}
+
 int ParseCommand(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
@@ -141,14 +151,8 @@ int ParseRequestMsg(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind)
     case RTMP_TYPE_WINDOW_ACK_SIZE:
     case RTMP_TYPE_SET_PEER_BANDWIDTH:
         return ParseProtocolControl(client, pkt, kind, __func__);
-    case RTMP_TYPE_USER_CONTROL: {
-        const int result = ParseUsrCtrlMsgReq(client, pkt, kind);
-        if (result != 0) {
-            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
-                         "ERROR: %s: Cannot parse user control message\n", __func__);
-        }
-        return result;
-    }
+    case RTMP_TYPE_USER_CONTROL:
+        return ParseUserControl(client, pkt, kind, __func__);
     case RTMP_TYPE_AMF0_COMMAND:
         return ParseCommand(client, pkt, kind, __func__);
     default:

@@ -9,5 +9,5 @@ extern "C" {
 // RtmpSenderThread is the thread's body; its argument is the RtmpThreadedQueue. It ends when it is cancelled
 // or a send failed; then the queue is closed. However it ends, it holds no lock, everything it owned is
 // reachable from the rings, and ThreadRunning is 0.
-void *RtmpSenderThread(void *queue);
+void *RtmpSenderThread(void *argument);
 }

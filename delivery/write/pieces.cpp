@@ -22,8 +22,8 @@ PieceCutter CutInto(RtmpPiece *pieces, uint32_t chunkSize)
 void CutPart(PieceCutter *cutter, const uint8_t *part, uint64_t length)
 {
     while (length > 0) {
-        const bool startsChunk = cutter->RoomInChunk == 0;
-        if (startsChunk) {
+        const uint8_t startsChunk = cutter->RoomInChunk == 0 ? 1 : 0;
+        if (startsChunk != 0) {
             cutter->RoomInChunk = cutter->ChunkSize;
         }
         const uint32_t size =

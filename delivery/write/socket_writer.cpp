@@ -136,6 +136,7 @@ int WriteTls(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_
 __attribute__((noipa)) ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
 {
     int previous;
+    // NOLINTNEXTLINE(concurrency-thread-canceltype-asynchronous): around one system call
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
     const ssize_t sent = sendfile(out, fd, offset, length);
     pthread_setcanceltype(previous, nullptr);
