@@ -224,7 +224,7 @@ int ReadNested(AmfReader *in, AmfObjProperty *prop)
     }
     const uint32_t marker = prop->type;
     prop->type = AMF_OBJECT;
-    // An ECMA array is an object behind a count that nobody needs.
+    // An ECMA array is an object behind a count, which is not needed to read it.
     if (marker == AMF_ECMA_ARRAY && Take(in, 4) == nullptr) {
         return -1;
     }

@@ -13,7 +13,7 @@ bool IsThreaded(const RtmpSession *session)
 }
 
 // Threads of the library may be using the sender that there is.
-bool HasSender(const RtmpSession *session)
+bool HasAnySender(const RtmpSession *session)
 {
     return session->Queue != nullptr || session->Monitor != nullptr;
 }
@@ -36,7 +36,7 @@ int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t s
     if (session->CcGen != nullptr) {
         session->CcGen->Mode = captionMode;
     }
-    if (HasSender(session)) {
+    if (HasAnySender(session)) {
         return 0;
     }
     StoreShared(&session->SenderMode, senderMode);

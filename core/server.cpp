@@ -184,14 +184,6 @@ int OpenListeners(RtmpServer *server, uint8_t dscp)
     return result;
 }
 
-RtmpServer *FailCreate(int code, int *err)
-{
-    if (err != nullptr) {
-        *err = code;
-    }
-    return nullptr;
-}
-
 void EndAuxThread(RtmpServer *server)
 {
     if (server->AuxThreadRunning == 0) {

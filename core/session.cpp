@@ -22,14 +22,6 @@ namespace {
 constexpr int kSlicesBeforeAll = 100;
 constexpr int32_t kPublishStateSessionGone = 8;
 
-RtmpSession *FailCreate(int code, int *err)
-{
-    if (err != nullptr) {
-        *err = code;
-    }
-    return nullptr;
-}
-
 // FillSession allocates what a session owns. Null, or the text of what failed; the caller frees the record.
 const char *FillSession(RtmpSession *session, RtmpServer *server, const char *name)
 {
@@ -107,7 +99,7 @@ void WaitUntilLeft(RtmpSession *session, const RtmpClient *client)
     }
 }
 
-// PassThrough returns when whoever held the lock has let go of it.
+// PassThrough returns when the thread that held the lock has released it.
 void PassThrough(RtmpMutex *lock)
 {
     if (RtmpMutexLock(lock) == 0) {
@@ -127,8 +119,8 @@ bool ClaimThread(RtmpSession *session, RtmpClient *client)
     return true;
 }
 
-// EndClient ends the serve thread of the first client. The text of what failed, with its code; or null.
-const char *EndClient(RtmpSession *session, int *code)
+// EndFirstClient ends the serve thread of the first client. The text of what failed, with its code; or null.
+const char *EndFirstClient(RtmpSession *session, int *code)
 {
     constexpr const char *who = "RtmpSessionDestroy";
     RtmpLogger *logger = LoggerOf(session->Server);
@@ -171,7 +163,7 @@ const char *EndClient(RtmpSession *session, int *code)
 const char *EndClients(RtmpSession *session, int *code)
 {
     while (FirstMember(session) != nullptr) {
-        const char *failure = EndClient(session, code);
+        const char *failure = EndFirstClient(session, code);
         if (failure != nullptr) {
             return failure;
         }
@@ -245,7 +237,7 @@ RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err)
     LinkSession(server, session);
     if (RtmpMutexUnlock(&server->LiveSessionListLock) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot unlock Rtmp session list\n", __func__);
-        UnlinkSession(server, session); // nobody may meet a freed session in the list
+        UnlinkSession(server, session); // the list must not hold a freed session
         FreeSession(session);
         return FailCreate(RTMP_ERR_UNLOCK, err);
     }

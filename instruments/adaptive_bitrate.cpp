@@ -1,5 +1,6 @@
 #include "instruments/adaptive_bitrate.h"
 
+#include "instruments/abr_defaults.h"
 #include "instruments/debug_trace.h"
 #include "net/atomic.h"
 #include "net/log.h"
@@ -10,25 +11,6 @@ namespace {
 
 constexpr uint64_t kNever = UINT64_MAX;
 constexpr int64_t kLeastHeadroom = 1000; // bit/s
-
-// KEPT: fullness never exceeds 100, so that the defaults only ever raise. Required; changes bitrates. A host
-// that wants lowering brings thresholds of its own.
-constexpr uint32_t kStartDelayMs = 5000;
-constexpr uint32_t kIncreaseFullness = 200;
-constexpr uint32_t kIncreasePercent = 10;
-constexpr uint32_t kIncreaseMinStep = 10000;
-constexpr uint32_t kIncreaseIntervalSec = 10;
-constexpr uint32_t kDecreaseFullness = 500;
-constexpr uint32_t kDecreasePercent = 50;
-constexpr uint32_t kDecreaseFullnessHigh = 1000;
-constexpr uint32_t kDecreasePercentHigh = 110;
-constexpr uint32_t kDecreaseIntervalSec = 1;
-constexpr uint32_t kSpare = 10;
-
-uint32_t OrDefault(uint32_t value, uint32_t standard)
-{
-    return value == 0 ? standard : value;
-}
 
 // More than `seconds` whole seconds have passed.
 bool HasPassed(uint64_t since, uint64_t now, uint32_t seconds)

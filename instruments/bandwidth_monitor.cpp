@@ -50,7 +50,7 @@ void Report(void *hostContext, const char *key, int64_t value, const char *descr
     rtmpStatusMessage(hostContext, key, text, description);
 }
 
-void ReportRate(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
+void ReportQueueRate(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
 {
     if (monitor->LastRateReport.Seconds < now.Seconds - kSecondsBetweenRateReports) {
         Report(hostContext, "rtmpBandwidth", static_cast<int32_t>(monitor->Kbps), "Current RTMP Bitrate");
@@ -58,7 +58,7 @@ void ReportRate(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
     }
 }
 
-void ReportUptime(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
+void ReportQueueUptime(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)
 {
     const bool first = monitor->StartTime.Seconds == 0 && monitor->StartTime.Microseconds == 0;
     if (first) {
@@ -136,8 +136,8 @@ int AddBandwidthSampleAt(RtmpQueueBWM *monitor, void *hostContext, uint32_t byte
     }
     StoreSample(monitor, bytes, now);
     MeasureRate(monitor, now);
-    ReportRate(monitor, hostContext, now);
-    ReportUptime(monitor, hostContext, now);
+    ReportQueueRate(monitor, hostContext, now);
+    ReportQueueUptime(monitor, hostContext, now);
     return 0;
 }
 

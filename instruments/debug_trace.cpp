@@ -47,7 +47,8 @@ RTMP_PRINTF(2, 3) void PrepareText(char (&text)[QUEUE_BURNIN_TEXT], const char *
     va_end(arguments);
 }
 
-void WriteLine(const RtmpThreadedQueue *queue, FILE *file, uint64_t lastVideoTs, int32_t queued, int64_t took)
+void WriteTraceLine(const RtmpThreadedQueue *queue, FILE *file, uint64_t lastVideoTs, int32_t queued,
+                    int64_t took)
 {
     const RtmpQueueDebug *debug = queue->Debug;
     WITHOUT_CANCEL int restore = ForbidCancel();
@@ -148,7 +149,7 @@ int RtmpQueueDebugLog(RtmpThreadedQueue *queue, uint64_t lastVideoTs, int32_t qu
         return 0;
     }
     if (debug->FramesSinceLine >= debug->LogEvery) {
-        WriteLine(queue, file, lastVideoTs, queued, MillisecondsBetween(start, end));
+        WriteTraceLine(queue, file, lastVideoTs, queued, MillisecondsBetween(start, end));
         debug->FramesSinceLine = 0;
     }
     debug->FramesSinceLine++;

@@ -12,22 +12,23 @@
 
 namespace {
 
-constexpr char kWho[] = "WriteCmdMsgPayload";
+constexpr char kPayloadWriter[] = "WriteCmdMsgPayload";
 
 // One failed field.
 int CannotEncode(RtmpServer *server, const char *field)
 {
-    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf %s\n", kWho, field);
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf %s\n", kPayloadWriter,
+                 field);
     return -1;
 }
 
-int PutText(RtmpServer *server, AmfObject *into, const char *name, const char *value)
+int PutTextMember(RtmpServer *server, AmfObject *into, const char *name, const char *value)
 {
     return WriteAmfString(server, into, name, value) == 0 ? 0 : CannotEncode(server, name);
 }
 
 // A number that is 0 was not given.
-int PutNumber(RtmpServer *server, AmfObject *into, const char *name, double value)
+int PutNumberMember(RtmpServer *server, AmfObject *into, const char *name, double value)
 {
     if (value == 0) {
         return 0;
@@ -51,7 +52,8 @@ int PutCommandName(RtmpServer *server, AmfObject *values, const char *command)
         return 0;
     }
     // KEPT: command and function stand in each other's place. Required; changes a log line.
-    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf %s\n", command, kWho);
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf %s\n", command,
+                 kPayloadWriter);
     return -1;
 }
 
@@ -75,13 +77,13 @@ int PutProperties(RtmpServer *server, AmfObject *values, const CmdMsgPayload *pa
     AmfObject members = {};
     int status = 0;
     if (payload->FmsVer != nullptr) {
-        status = PutText(server, &members, "fmsVer", payload->FmsVer);
+        status = PutTextMember(server, &members, "fmsVer", payload->FmsVer);
     }
     if (status == 0) {
-        status = PutNumber(server, &members, "capabilities", payload->Capabilities);
+        status = PutNumberMember(server, &members, "capabilities", payload->Capabilities);
     }
     if (status == 0) {
-        status = PutNumber(server, &members, "mode", payload->Mode);
+        status = PutNumberMember(server, &members, "mode", payload->Mode);
     }
     return HandOver(server, values, &members, status, "sub-object1");
 }
@@ -102,15 +104,15 @@ int PutStreamMembers(RtmpClient *client, AmfObject *members, const char *descrip
     FREE_AT_EXIT char *text = NewArray<char>(room);
     if (text == nullptr) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to tempBuffer\n",
-                     kWho);
+                     kPayloadWriter);
         return -1;
     }
     snprintf(text, room, "%s %s", description, client->StreamName);
-    int status = PutText(server, members, "description", text);
+    int status = PutTextMember(server, members, "description", text);
     if (status == 0) {
-        status = PutText(server, members, "details", client->StreamName);
+        status = PutTextMember(server, members, "details", client->StreamName);
     }
-    return status == 0 ? PutText(server, members, "clientid", ClientIdOf(client)) : status;
+    return status == 0 ? PutTextMember(server, members, "clientid", ClientIdOf(client)) : status;
 }
 
 int PutInformation(RtmpClient *client, AmfObject *values, const CmdMsgPayload *payload)
@@ -120,14 +122,14 @@ int PutInformation(RtmpClient *client, AmfObject *values, const CmdMsgPayload *p
     }
     RtmpServer *server = client->Server;
     AmfObject members = {};
-    int status = PutText(server, &members, "level", payload->Level);
+    int status = PutTextMember(server, &members, "level", payload->Level);
     if (status == 0) {
-        status = PutText(server, &members, "code", payload->Code);
+        status = PutTextMember(server, &members, "code", payload->Code);
     }
     if (status == 0) {
         status = client->StreamName != nullptr
                      ? PutStreamMembers(client, &members, payload->Description)
-                     : PutText(server, &members, "description", payload->Description);
+                     : PutTextMember(server, &members, "description", payload->Description);
     }
     return HandOver(server, values, &members, status, "sub-object2");
 }

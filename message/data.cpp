@@ -10,24 +10,24 @@
 
 namespace {
 
-constexpr char kWho[] = "GenerateRtmpDataMsg";
+constexpr char kDataGenerator[] = "GenerateRtmpDataMsg";
 
 // onStatus, {code: NetStream.Data.Start}
 int PutDataStart(RtmpServer *server, AmfObject *values)
 {
     RtmpLogger *logger = LoggerOf(server);
     if (WriteAmfString(server, values, nullptr, "onStatus") != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf onStatus\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf onStatus\n", kDataGenerator);
         return -1;
     }
     AmfObject members = {};
     if (WriteAmfString(server, &members, "code", "NetStream.Data.Start") != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf code\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf code\n", kDataGenerator);
         return -1;
     }
     if (WriteAmfObject(server, values, &members) != 0) {
         FreeAmfObject(server, &members, 1);
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf sub-object1\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf sub-object1\n", kDataGenerator);
         return -1;
     }
     return 0;
@@ -38,12 +38,12 @@ int PutSampleAccess(RtmpServer *server, AmfObject *values)
 {
     if (WriteAmfString(server, values, nullptr, "|RtmpSampleAccess") != 0) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf |RtmpSampleAccess\n",
-                     kWho);
+                     kDataGenerator);
         return -1;
     }
     if (WriteAmfBoolean(server, values, nullptr, 0) != 0 ||
         WriteAmfBoolean(server, values, nullptr, 0) != 0) {
-        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf\n", kWho);
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf\n", kDataGenerator);
         return -1;
     }
     return 0;
@@ -55,7 +55,7 @@ int WriteEncodedBody(RtmpClient *client, RtmpSendPkt *pkt)
     int status = pkt->MsgKind == RTMP_MSG_DATA_START ? PutDataStart(client->Server, &values)
                                                      : PutSampleAccess(client->Server, &values);
     if (status == 0) {
-        status = EncodePayload(client, pkt, &values, kWho);
+        status = EncodePayload(client, pkt, &values, kDataGenerator);
     }
     FreeAmfObject(client->Server, &values, 1);
     return status;
@@ -67,13 +67,13 @@ int ReferToMetaData(RtmpClient *client, RtmpSendPkt *pkt)
     const RtmpSession *session = LoadShared(&client->Session);
     if (session == nullptr) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
-                     "ERROR: %s: Client not connected to valid session\n", kWho);
+                     "ERROR: %s: Client not connected to valid session\n", kDataGenerator);
         return -1;
     }
     const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
     if (codecInfo == nullptr) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
-                     "ERROR: %s: Codec information not added in session\n", kWho);
+                     "ERROR: %s: Codec information not added in session\n", kDataGenerator);
         return -1;
     }
     pkt->PayloadData = codecInfo->MetaData;

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr char kWho[] = "GenerateRtmpMsg";
+constexpr char kMsgGenerator[] = "GenerateRtmpMsg";
 
 typedef RtmpSendPkt *(*Generator)(RtmpClient *client, void *recvPkt, uint32_t msgKind);
 
@@ -52,11 +52,12 @@ int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBod
 {
     const VdCodecInfo *video = codecInfo->VdCodecInfo;
     if (video == nullptr || video->AvccBox == nullptr) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec information not present\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec information not present\n",
+                     kMsgGenerator);
         return -1;
     }
     if (codecInfo->VdCodecId != kVideoCodecAvc) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", kMsgGenerator);
         return -1;
     }
     *body = {video->AvccBox, static_cast<uint32_t>(video->AvccBoxLen) - FLV_VIDEO_HDR_LEN};
@@ -67,7 +68,7 @@ int FindAacSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBod
 {
     const AdCodecInfo *audio = codecInfo->AdCodecInfo;
     if (audio == nullptr || codecInfo->AdCodecId != kAudioCodecAac) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Audio codec not supported\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Audio codec not supported\n", kMsgGenerator);
         return -1;
     }
     *body = {audio->AacSeqHdr, audio->AacSeqHdrLen - FLV_AUDIO_HDR_LEN};
@@ -80,12 +81,14 @@ int FindSequenceHeader(RtmpClient *client, uint32_t msgKind, TagBody *body)
     RtmpLogger *logger = LoggerOf(client->Server);
     const RtmpSession *session = LoadShared(&client->Session);
     if (session == nullptr) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Client is not connected to valid session\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Client is not connected to valid session\n",
+                     kMsgGenerator);
         return -1;
     }
     const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
     if (codecInfo == nullptr) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Codec information not present in session\n", kWho);
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Codec information not present in session\n",
+                     kMsgGenerator);
         return -1;
     }
     return msgKind == RTMP_MSG_VIDEO ? FindAvcSequenceHeader(logger, codecInfo, body)

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr char kWho[] = "GenerateRtmpMediaMsg";
+constexpr char kMediaGenerator[] = "GenerateRtmpMediaMsg";
 
 void AddressVideo(const RtmpClient *client, uint32_t length, RtmpSendPkt *pkt)
 {
@@ -47,7 +47,8 @@ int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uin
     } else if (msgKind == RTMP_MSG_AUDIO) {
         AddressAudio(client, length, pkt);
     } else {
-        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", kWho);
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n",
+                     kMediaGenerator);
         return -1;
     }
     pkt->MsgKind = static_cast<uint32_t>(msgKind);

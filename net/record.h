@@ -24,3 +24,12 @@ inline char *CopyOfText(const char *text, uint64_t length)
     }
     return copy;
 }
+
+// FailCreate tells the host, if it asks, why it gets no record.
+inline decltype(nullptr) FailCreate(int code, int *err)
+{
+    if (err != nullptr) {
+        *err = code;
+    }
+    return nullptr;
+}

@@ -56,7 +56,7 @@ void *AcceptRtmptConnectionThread(void *argument)
     if (server == nullptr) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Invalid thread input arguments\n",
                      __func__);
-        (void)RtmpThreadDetach(RtmpGetSelfThreadHandle()); // nobody is left to be told
+        (void)RtmpThreadDetach(RtmpGetSelfThreadHandle()); // the thread has no caller to report to
         RtmpThreadExit(RtmpGetSelfThreadHandle());
     }
 
@@ -88,7 +88,7 @@ void *ServeRtmptClient(void *client)
 {
     if (client == nullptr) {
         RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Invalid thread input arguments\n", __func__);
-        (void)RtmpThreadDetach(RtmpGetSelfThreadHandle()); // nobody is left to be told
+        (void)RtmpThreadDetach(RtmpGetSelfThreadHandle()); // the thread has no caller to report to
         RtmpThreadExit(RtmpGetSelfThreadHandle());
     }
     // KEPT: nothing is read or answered, and neither the thread nor its connection ends. Required.

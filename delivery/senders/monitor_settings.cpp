@@ -1,18 +1,10 @@
 // Settings of the trace and of the bitrate controller that a session in the packet monitor stores.
 #include "delivery/senders/monitor.h"
+#include "instruments/abr_defaults.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
-
-namespace {
-
-uint32_t OrDefault(uint32_t value, uint32_t otherwise)
-{
-    return value != 0 ? value : otherwise;
-}
-
-} // namespace
 
 int RtmpMonitorDebugInit(RtmpSession *session, uint32_t enable, uint8_t burninEnable, uint8_t logEnable,
                          const char *directory, uint32_t logEvery)
@@ -59,16 +51,16 @@ int RtmpMonitorAdaptiveBitrateInit(RtmpSession *session, uint32_t enable, uint32
     abr->MaxBitrate = -1;
     abr->CurrentBitrate = -1;
     abr->MinBitrate = static_cast<int32_t>(minBitrate);
-    abr->IncreaseFullness = OrDefault(increaseFullness, 200);
-    abr->IncreasePercent = OrDefault(increasePercent, 10);
-    abr->IncreaseMinStep = OrDefault(increaseMinStep, 10000);
-    abr->IncreaseIntervalSec = OrDefault(increaseIntervalSec, 10);
-    abr->DecreaseFullness = OrDefault(decreaseFullness, 500);
-    abr->DecreasePercent = OrDefault(decreasePercent, 50);
-    abr->DecreaseFullnessHigh = OrDefault(decreaseFullnessHigh, 1000);
-    abr->DecreasePercentHigh = OrDefault(decreasePercentHigh, 110);
-    abr->DecreaseIntervalSec = OrDefault(decreaseIntervalSec, 1);
-    abr->Spare = OrDefault(spare, 10);
+    abr->IncreaseFullness = OrDefault(increaseFullness, kIncreaseFullness);
+    abr->IncreasePercent = OrDefault(increasePercent, kIncreasePercent);
+    abr->IncreaseMinStep = OrDefault(increaseMinStep, kIncreaseMinStep);
+    abr->IncreaseIntervalSec = OrDefault(increaseIntervalSec, kIncreaseIntervalSec);
+    abr->DecreaseFullness = OrDefault(decreaseFullness, kDecreaseFullness);
+    abr->DecreasePercent = OrDefault(decreasePercent, kDecreasePercent);
+    abr->DecreaseFullnessHigh = OrDefault(decreaseFullnessHigh, kDecreaseFullnessHigh);
+    abr->DecreasePercentHigh = OrDefault(decreasePercentHigh, kDecreasePercentHigh);
+    abr->DecreaseIntervalSec = OrDefault(decreaseIntervalSec, kDecreaseIntervalSec);
+    abr->Spare = OrDefault(spare, kSpare);
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     free(monitor->AbrSettings);
     monitor->AbrSettings = abr;

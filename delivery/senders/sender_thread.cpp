@@ -96,7 +96,7 @@ AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
     return AUDIO_SENT;
 }
 
-int SendDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
+int SendAllDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
 {
     AudioResult result = AUDIO_SENT;
     while (result == AUDIO_SENT) {
@@ -125,7 +125,7 @@ int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
     }
     UNLOCK_AT_EXIT RtmpMutex *held = listLock;
     const uint64_t delta = DeltaTo(item, queue->LastVideoTs);
-    if (SendDueAudio(queue, delta) != 0) {
+    if (SendAllDueAudio(queue, delta) != 0) {
         return -1;
     }
     return SendVideo(queue, item, delta);

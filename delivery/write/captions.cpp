@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr const char *kFanOut = "SendMsgToConnectedClients";
-
 enum { CAPTION_IN_STREAM = 0, CAPTION_AS_MESSAGE = 1 };
 
 // Milliseconds of video since the last caption message. KEPT: one for the process, shared by all sessions.

@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr const char *kFanOut = "SendMsgToConnectedClients";
 constexpr int32_t kNalLengthSize = 4; // ISO/IEC 14496-15: lengthSizeMinusOne is 3
 
 // A frame cut up once for all clients: piece 0 is each client's chunk header, the prefix follows.

@@ -23,3 +23,6 @@ typedef struct RtmpFrame {
     uint32_t PayloadLength;
 } RtmpFrame;
 }
+
+// In whose name the fan-out and the captions within it log.
+constexpr const char *kFanOut = "SendMsgToConnectedClients";
