@@ -2,7 +2,13 @@
  * What the host provides: functions that the library calls and does not define. A host defines the ones
  * it has a use for and links librtmpcast_host_defaults.a behind the library for the rest.
  *
- * None of them may throw, call pthread_exit, or call back into the library beyond what its comment allows.
+ * None of them may throw, call pthread_exit, or call back into the library beyond what its comment allows;
+ * RtmpLogPrint always may be called. Where a lock is named, everybody who needs it waits until the function
+ * returns. RtmpSessionDestroy and RtmpThreadedQueueReset wait for a function that the sender thread is in.
+ *
+ * A sender thread (sender mode 1) is ended by pthread_cancel. Cancellation is switched off around
+ * rtmpStatusMessage there, and not around the caption functions: those must not reach a cancellation point
+ * (pthreads(7)) with a lock of theirs held, or switch it off themselves.
  */
 #ifndef RTMPCAST_HOST_H
 #define RTMPCAST_HOST_H
@@ -17,41 +23,51 @@ extern "C" {
  * KelvoraSyslog writes a line to the host's system log.
  *
  * Called with the tag "RTMP" when a session was created (on the creating thread) and before every accept
- * (on the accept thread). No locks are held. Default: syslog(3) at LOG_INFO, behind "<tag>: ".
+ * (on the accept thread). No locks are held. A call that blocks keeps new players waiting, and
+ * RtmpServerDestroy, which joins the accept thread. Default: syslog(3) at LOG_INFO, behind "<tag>: ".
  */
 RTMP_HOST void KelvoraSyslog(const char *tag, const char *format, ...) RTMP_PRINTF(2, 3);
 
 /**
- * cc_gen_init makes the closed-caption generator of a new session; its result is that session's handle.
- * Called by RtmpSessionCreate on its thread; the result is not checked. Default: 0.
+ * cc_gen_init makes the closed-caption generator of a new session; its result is that session's handle,
+ * which is not checked. Called by RtmpSessionCreate on its thread, no locks held. When the creation fails
+ * afterwards, cc_gen_close is not called. Default: 0.
  */
 RTMP_HOST uint64_t cc_gen_init(void);
 
 /**
- * cc_gen_close ends a session's caption generator. Called by RtmpSessionDestroy on its thread, with the
- * server's session list locked. Default: nothing.
+ * cc_gen_close ends a session's caption generator. Called once by RtmpSessionDestroy on its thread, with the
+ * server's session list lock held, when all clients have left. In mode 1 of the sender its thread has ended.
+ * Must not call the library. Default: nothing.
  */
 RTMP_HOST void cc_gen_close(uint64_t handle);
 
 /**
  * find_cc_insertion_place_in_h264_of_qbox finds where a caption SEI goes in a length-prefixed H.264 access
- * unit. Called for every video frame of a session with captions enabled, on the sending thread, with the
- * server's session list locked.
+ * unit. Called for every video frame of a session with captions enabled, on the sending thread: the one that
+ * calls RtmpSendData, or the sender thread in sender mode 1. The server's session list lock is held, by the
+ * sender thread also a lock of its ring. Must not block (every player waits), call the library, or write to
+ * `data`.
  *
- * @param nalSizePos  receives the offset of the length field of the NAL unit that will hold the SEI
- * @return the offset in `data` at which the SEI goes; negative: no captions for this frame.
- *         Default: -1.
+ * @param data        the whole frame, valid for the call
+ * @param nalSizePos  receives the offset of the length field of the NAL unit that will hold the SEI. Only
+ *                    increase_nal_size uses it
+ * @return the offset in `data` at which the SEI goes, `length` at most; negative or above `length`: no
+ *         captions for this frame. Default: -1.
  */
 RTMP_HOST int32_t find_cc_insertion_place_in_h264_of_qbox(const uint8_t *data, int32_t length,
                                                           int32_t *nalSizePos);
 
 /**
- * get_sei_packet yields the next caption SEI of a generator. Called as above, after a place was found.
+ * get_sei_packet yields the next caption SEI of a generator. Called after a place was found, on the same
+ * thread, under the same locks and rules.
  *
+ * @param handle          what cc_gen_init returned for the session
  * @param sei             receives the bytes, which stay the host's and valid until the next call with this
  *                        handle. A caption pair is read from bytes 11 to 14
- * @param seiLen          receives their count; 0: none
- * @param timestampDelta  milliseconds since the previous video frame
+ * @param seiLen          receives their count; 0 or less: none. In caption mode 0 the frame is then
+ *                        sent as it is; in mode 1 the pair reads as zeros
+ * @param timestampDelta  milliseconds since the previous video frame; 0 for the first
  *
  * Default: no bytes.
  */
@@ -59,19 +75,22 @@ RTMP_HOST void get_sei_packet(uint64_t handle, uint8_t **sei, int32_t *seiLen, u
 
 /**
  * increase_nal_size adds `bytes` to the 4-byte big-endian NAL length at `frame` + `nalSizePos`. `frame` is
- * the library's copy of the frame's beginning, up to and including the SEI. Called as above.
- * Default: nothing.
+ * the library's copy of the frame's beginning, up to and including the SEI, and may be written only there;
+ * `nalSizePos` is what find_cc_insertion_place_in_h264_of_qbox gave, unchecked. Called in caption mode 0 for
+ * frames that get the SEI, on the same thread, under the same locks and rules. Default: nothing.
  */
 RTMP_HOST void increase_nal_size(uint8_t *frame, int32_t nalSizePos, int32_t bytes);
 
 /**
  * PublishGeneratePeriodicRTMPMsg builds the caption message of a publishing connection.
  *
- * Called on the sending thread with the server's session list and the session's client list locked, for
- * the first client of a session in caption mode 1. It may use GenerateRtmpMsg and the AMF builders.
+ * Called on the sending thread with the server's session list lock and the session's client list lock held
+ * (by the sender thread also a lock of its ring), for the first client of a session in caption mode 1, when
+ * it plays. It may use GenerateRtmpMsg and the AMF builders, must not take either lock (AddClientInSession,
+ * DestroyRtmpClient, ValidateRtmpStreamName), and must not block: every player waits.
  *
  * @param kind            RTMP_MSG_CAPTION
- * @param timeStampDelta  milliseconds of video since the last caption message
+ * @param timeStampDelta  milliseconds of video since the last caption message, of whatever session
  * @return a message allocated with calloc, payload included; the library frees both. Null: nothing is
  *         sent, and an error is logged. Default: null.
  */
@@ -80,15 +99,18 @@ RTMP_HOST RtmpSendPkt *PublishGeneratePeriodicRTMPMsg(RtmpClient *client, uint32
 
 /**
  * publishChangeState tells a publishing connection that its session is going away. Called by
- * RtmpSessionDestroy with `state` 8 for each client that carries a publish context, with the server's
- * session list and the session's client list locked. Default: nothing.
+ * RtmpSessionDestroy, on its thread, with `state` 8 for each client that carries a publish context, before
+ * the client's thread is signalled. The server's session list lock and the session's client list lock are
+ * held: it must neither call DestroyRtmpClient nor wait for the thread that serves the client, but may tell
+ * that thread to leave. Default: nothing.
  */
 RTMP_HOST void publishChangeState(RtmpClient *client, int32_t state);
 
 /**
  * PublishUstreamRecord asks the host to restart recording on the streaming service: `action` is "start".
- * Called on the thread that handles the client's messages, no locks held, whoever sent the notice: check
- * `client->PublishCtx`, which is null for a player. Default: nothing.
+ * Called on the thread that handles the client's messages (ParseRequestMsg), no locks held, whoever sent the
+ * notice: check `client->PublishCtx`, which is null for a player. May block and send messages to the client;
+ * must not destroy the client or its session. Default: nothing.
  */
 RTMP_HOST void PublishUstreamRecord(RtmpClient *client, const char *action);
 
@@ -99,15 +121,22 @@ RTMP_HOST void PublishUstreamRecord(RtmpClient *client, const char *action);
  *
  * @param hostContext  delivery reports: the RtmpSession; viewer counts: PublishCtx.StatusHostContext
  *
- * Called on the thread that sends (locks held as for RtmpSendData), on the thread that calls RtmpSendData,
- * or on the thread that handles a service's messages. Must not block for long. Default: nothing.
+ * Called, by key:
+ *   - rtmpBandwidth, rtmpUptime of the packet monitor: on the thread that calls RtmpSendData, with
+ *     the server's session list lock and a leaf lock of the monitor held; of the threaded sender: on the
+ *     sender thread, with the session list lock and a lock of the ring held;
+ *   - rtmpLowBitrate: on the thread that calls RtmpSendData, no locks held;
+ *   - viewer counts: on the thread that handles a service's messages (ParseRequestMsg), no locks held.
+ * Must not block (players wait) and must not call the library. Default: nothing.
  */
 RTMP_HOST void rtmpStatusMessage(void *hostContext, const char *key, const char *value,
                                  const char *description);
 
 /**
- * rtmpSendZandBitrate sets the encoder's target bitrate in bit/s. `hostContext` is the RtmpSession. Called
- * on the thread that calls RtmpSendData, no locks held. Default: nothing.
+ * rtmpSendZandBitrate sets the encoder's target bitrate in bit/s. `hostContext` is the RtmpSession. Called by
+ * the adaptive bitrate controller on the thread that calls RtmpSendData, no locks held: RtmpSendData returns
+ * when it does. Must not call RtmpSendData, the settings or RtmpThreadedQueueReset of the session: note the
+ * target and hand it to the encoder between two frames. Default: nothing.
  */
 RTMP_HOST void rtmpSendZandBitrate(void *hostContext, int32_t bitrate);
 

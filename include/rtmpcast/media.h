@@ -16,20 +16,39 @@ enum { RTMP_FRAME_VIDEO = 0, RTMP_FRAME_AUDIO = 1 };
  * RtmpAddMediaInfo registers what the session carries and prepares what every new player receives first:
  * onMetaData, the AVC sequence header and the AAC sequence header.
  *
- * @param video  null: no video. Only AVC (codecId 7). configData holds one SPS and one PPS in Annex B
- *               form behind 4-byte start codes; the SPS must be followed by another start code, and so
- *               must a PPS of more than four bytes
- * @param audio  null: no audio. Only AAC (codecId 10). Not both may be null
+ * @param video  null: no video. Only AVC (codecId 7). configData: see below
+ * @param audio  null: no audio. Only AAC (codecId 10), configData an AudioSpecificConfig of two bytes or
+ * more. Not both may be null
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null session, no media, no configuration); RTMP_ERR_LOCK;
- *         RTMP_ERR_MEMORY; RTMP_ERR_VIDEO_INFO; RTMP_ERR_AUDIO_INFO; RTMP_ERR_META_DATA; RTMP_ERR_UNLOCK.
+ *         RTMP_ERR_MEMORY; RTMP_ERR_VIDEO_INFO (not AVC; no SPS or PPS, or one without an end; no memory);
+ *         RTMP_ERR_AUDIO_INFO (not AAC; no memory); RTMP_ERR_META_DATA (no memory); RTMP_ERR_UNLOCK.
  *         After a bad argument or a lock that could not be taken nothing has changed. After any other
  *         failure the session has no codec information, an earlier one included: playing clients get
  *         their frames, new ones are refused what needs it.
  *
- * Any host thread, one at a time per session; takes the server's session list lock. Calling it again
- * replaces the description: players that play already keep the headers they have. A video bitrate above the
- * server's bandwidth of 6000000 raises it, and what later players are told of it, also when the registration
- * fails.
+ * Any host thread that is not inside a host function, one call at a time per session. Holds the server's
+ * session list lock throughout, and may wait for it as long as a player that is written to takes nothing.
+ * Everything is copied. Calling it again replaces the description: players that play already keep the headers
+ * they have. A video bitrate above the server's bandwidth of 6000000 raises it, and what later players are
+ * told of it, also when the registration fails.
+ *
+ * What `video->configData` has to be: 00 00 00 01 SPS 00 00 00 01 PPS 00 00 00 01, and nothing more.
+ *   - Only 00 00 00 01 is a start code here. The first SPS (type 7) and the first PPS (type 8) behind
+ *     one, with a nal_ref_idc other than 0, are taken. Each ends at the next 00 00 00 01, wherever that
+ *     is: a 3-byte start code and the NAL units behind it become part of it, without an error. Encoders
+ *     write 00 00 01 behind the PPS of a key frame, so do not hand over the beginning of a stream: its
+ *     PPS would hold SEI and picture (and from 65,536 bytes on even its length is wrong), and players
+ *     cannot decode. Cut the two NAL units out, put 00 00 00 01 in front of each and one at the end.
+ *   - A zero byte in front of a start code is taken for the last byte of the NAL unit. Leave it out.
+ *   - A PPS of five bytes or more that ends the data is refused; one of four bytes or less may end it.
+ *   - The width and height of onMetaData are read from the SPS, cropping not applied, and are wrong for
+ *     profiles 44, 83 and 86; for 4:4:4 with scaling matrices in the SPS; and where emulation
+ *     prevention bytes (00 00 03) stand in front of the size, which takes picture order count type 1
+ *     with offsets of millions. Nothing is refused. The sequence header is right, and players that
+ *     believe it show the right picture. Compare session->CodecInfo->VdCodecInfo with your encoder's
+ *     size, rounded up to 16, after the call; where it differs, set the encoder to Baseline, Main or
+ *     High. Emulation prevention bytes behind the size, as in the VUI, do no harm; leave all of them
+ *     in.
  */
 RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *video,
                                   const AudioMediaInfo *audio);
@@ -46,20 +65,27 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  * @param mapBase    address at which offset 0 of `fd` is mapped
  * @param timestamp  milliseconds on the host's clock, the same clock for audio and video
  * @param mediaType  RTMP_FRAME_VIDEO or RTMP_FRAME_AUDIO; the low 32 bits count
- * @return 0 taken; RTMP_ERR_INVALID_ARGUMENT; RTMP_ERR_NO_MEDIA_INFO (register the media first) and
- *         RTMP_ERR_NO_CLIENT (go on encoding): neither is logged; RTMP_ERR_LOCK; -1 some player missed
- *         this frame and the others got it, or the session has no sender (see RtmpSenderSettings)
+ * @return 0 taken (or dropped by a threaded sender that is closed or whose first client does not play);
+ *         RTMP_ERR_INVALID_ARGUMENT; RTMP_ERR_NO_MEDIA_INFO (register the media first) and
+ *         RTMP_ERR_NO_CLIENT (go on encoding): neither is logged; RTMP_ERR_LOCK (packet monitor: the session
+ *         list lock could not be taken, and the frame is lost, or not be given back); -1 packet monitor: some
+ *         player missed this frame and the others got it; threaded sender: no memory for the copy, or no
+ *         thread; either: the session has no sender (see RtmpSenderSettings)
  *
  * Packet monitor (any sender mode but 1): a video frame is written to every player before the call
- * returns, which may block on a slow one; audio is parked until the next video frame, so a session whose
- * host sends no video sends no audio.
+ * returns, which blocks for as long as one of them takes nothing; audio is parked until the next video frame,
+ * so a session whose host sends no video sends no audio. A video frame holds the server's session list lock,
+ * then the client list lock and each player's write lock in turn; an audio frame takes a leaf lock only.
  * Threaded sender (mode 1): frames are copied into a ring, or referenced when they have a file; a full
- * ring is flushed.
+ * ring is flushed. Takes leaf locks only and never waits for a player. The sender thread writes, holding the
+ * same locks.
  * Without a file `data` may be reused as soon as the call has returned. With one, leave the bytes as they
  * are: the senders reference parked and queued frames, and the kernel sends from the file's pages until the
  * players have acknowledged them. Nobody tells when.
  *
- * One call at a time per session.
+ * Any thread of the host that is not inside a host function of this session; one call at a time per session,
+ * settings and RtmpThreadedQueueReset included. Calls rtmpStatusMessage, in mode 1 also rtmpSendZandBitrate,
+ * in the packet monitor also the caption functions.
  */
 RTMP_API int32_t RtmpSendData(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd,
                               uint64_t mapBase, uint64_t timestamp, int64_t mediaType);

@@ -26,9 +26,11 @@ extern "C" {
  * @param audioQueueSize  threaded sender: audio frames the ring holds, less one
  * @param videoQueueSize  threaded sender: video frames the ring holds, less one; for both, 16 million and
  *                        more are refused
- * @return always 0. A sender that could not be made is logged, and RtmpSendData then returns -1.
+ * @return always 0, also for a null session. A sender that could not be made is logged, and RtmpSendData
+ *         then returns -1.
  *
- * Any host thread, one at a time per session.
+ * The thread that calls RtmpSendData; takes no lock and does not block. A call while frames are being sent
+ * writes the caption mode that the sender reads: avoid it.
  */
 RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t senderParam,
                                     uint8_t senderFlag, uint32_t encoderHandle, uint8_t captionMode,
@@ -40,9 +42,12 @@ RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, u
  *
  * @param enable      0: nothing is done
  * @param windowSize  video frames, at least 1; a million and more are refused
- * @return always 0; a monitor that could not be made is logged. In other sender modes nothing is done.
+ * @return always 0; a monitor that could not be made is logged. In other sender modes, and for a null
+ * session, nothing is done.
  *
- * After RtmpSenderSettings and before the first frame.
+ * The thread that calls RtmpSendData, after RtmpSenderSettings and before the first frame. Takes no lock. A
+ * later call replaces the monitor and ends the sender thread first, as RtmpThreadedQueueReset does; the
+ * queued frames stay, and the next one starts a new thread.
  */
 RTMP_API int32_t RtmpBWMSettings(RtmpSession *session, uint32_t enable, uint32_t windowSize);
 
@@ -56,9 +61,11 @@ RTMP_API int32_t RtmpBWMSettings(RtmpSession *session, uint32_t enable, uint32_t
  *                      at most 1023 bytes, of which the first 127 bytes of the whole path count
  * @param logEvery      video frames between lines
  * @return always 0; a record that could not be made is logged. The packet monitor stores the settings and
- *         writes no trace.
+ *         writes no trace. For a null session nothing is done.
  *
- * After RtmpSenderSettings and before the first frame.
+ * The thread that calls RtmpSendData, after RtmpSenderSettings and before the first frame; a later call as
+ * for RtmpBWMSettings. Takes a leaf lock of the packet monitor, in mode 1 none. The directory is made, and
+ * the file opened, by the first frame on the thread that brings it; the sender thread writes the lines.
  */
 RTMP_API int32_t RtmpDebugSettings(RtmpSession *session, uint32_t enable, uint8_t burninEnable,
                                    uint8_t logEnable, const char *directory, uint32_t logEvery);
@@ -84,9 +91,10 @@ RTMP_API int32_t RtmpDebugSettings(RtmpSession *session, uint32_t enable, uint8_
  * @param decreaseIntervalSec   more than this between two lowerings; default 1
  * @param reserved3             stored, not read; default 10
  * @return always 0; a controller that could not be made is logged. The packet monitor stores the settings
- *         and never evaluates them.
+ *         and never evaluates them. For a null session nothing is done.
  *
- * After RtmpSenderSettings and before the first frame.
+ * The thread that calls RtmpSendData, after RtmpSenderSettings and before the first frame; a later call as
+ * for RtmpBWMSettings. Takes a leaf lock of the packet monitor, in mode 1 none.
  */
 RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enable, uint32_t reserved1,
                                              uint32_t reserved2, uint32_t minBitrate, uint32_t startDelayMs,
@@ -97,24 +105,31 @@ RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enab
                                              uint32_t decreaseIntervalSec, uint32_t reserved3);
 
 /**
- * RtmpThreadedQueueReset ends the session's sender thread, empties its rings and forgets all timing,
- * measurements and targets; the settings stay. The next frame starts a new thread, also after a failed
- * send or RtmpThreadedQueueClose.
+ * RtmpThreadedQueueReset ends the session's sender thread, drops what its rings hold and forgets all timing,
+ * measurements and targets; the settings stay. The next frame that reaches a playing first client starts a
+ * new thread, also after a failed send or RtmpThreadedQueueClose, and its timestamp is the new beginning: it
+ * stands 0 ms behind what each player got last. With a controller the encoder is set to the configured
+ * bitrate again.
  *
- * @return always 0. Sessions without a threaded sender are left alone.
+ * It is what mends, today, a sender that a failed send has ended, and the clocks after a time without viewers
+ * and after many joins (docs/manual.md, sections 4 and 5).
  *
- * The thread that calls RtmpSendData. May wait for a log or status function of the host to return, never for
- * a player: one that was being written to is left with half a message.
+ * @return always 0. Null, and sessions without a threaded sender, are left alone.
+ *
+ * The thread that calls RtmpSendData, not from within a host function. Takes leaf locks only. Waits for the
+ * sender thread, which may be inside a log, status or caption function of the host, and never for a player:
+ * one that was being written to is left with half a message.
  */
 RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
 
 /**
- * RtmpThreadedQueueClose does what RtmpThreadedQueueReset does and keeps the sender closed: further
- * frames are dropped and the first client is shown the door.
+ * RtmpThreadedQueueClose does what RtmpThreadedQueueReset does and keeps the sender closed, until the next
+ * RtmpThreadedQueueReset. Each frame is dropped meanwhile; when the first client plays, it is set to
+ * CLIENT_STATE_CLOSED, and its thread leaves once its read returns.
  *
- * @return always 0. Sessions without a threaded sender are left alone.
+ * @return always 0. Null, and sessions without a threaded sender, are left alone.
  *
- * The thread that calls RtmpSendData.
+ * Threads, locks and waiting as for RtmpThreadedQueueReset.
  */
 RTMP_API int32_t RtmpThreadedQueueClose(RtmpSession *session);
 

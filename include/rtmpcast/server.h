@@ -27,7 +27,9 @@ extern "C" {
  *                       RTMP_ERR_LISTEN or RTMP_ERR_THREAD_CREATE
  * @return the server, ended with RtmpServerDestroy; null on failure, with everything undone
  *
- * Any thread. Both ports may be 0: such a server holds sessions and serves nobody.
+ * Any thread; takes no lock and waits for nobody. The accept threads, and the threads of the connections,
+ * inherit the signal mask of the calling thread. Both ports may be 0: such a server holds sessions and serves
+ * nobody.
  */
 RTMP_API RtmpServer *RtmpServerCreate(RtmpLogger *logger, const char *interfaceName, uint16_t rtmpPort,
                                       uint16_t rtmptPort, uint8_t dscp, int32_t chunkSize, int *err);
@@ -36,14 +38,18 @@ RTMP_API RtmpServer *RtmpServerCreate(RtmpLogger *logger, const char *interfaceN
  * RtmpServerDestroy closes the listeners, destroys every session (see RtmpSessionDestroy) and frees the
  * server. The server and its sessions must not be used afterwards.
  *
- * The logger is let go before the sessions are destroyed: their lines appear on standard output behind
+ * The logger is set aside before the sessions are destroyed: their lines appear on standard output behind
  * "RTMPWriter: ". Once the call has returned, the host's logger is never called again. Connections that
  * never joined a session live on until their peers leave; what they need outlives this call.
  *
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_THREAD_JOIN (an accept thread could not be
- *         joined: nothing was freed); RTMP_ERR_LOCK_DESTROY (not freed)
+ *         joined: no session was destroyed, and the call may be repeated); RTMP_ERR_LOCK_DESTROY (the
+ *         sessions are gone, the record is not freed)
  *
- * Any thread but the library's own; not from within a host function that the library calls. The host must
+ * Any thread but the library's own; not from within a host function that the library calls, and with no
+ * other call on this server or its sessions under way. Takes the locks of RtmpSessionDestroy, for one
+ * session after the other, and repeats it for a session that could not be destroyed. Waits for the accept
+ * threads, for a host's log function that is being called, and for every client of a session. The host must
  * have a SIGUSR1 handler that returns, installed without SA_RESTART: the signal ends blocked reads.
  */
 RTMP_API int RtmpServerDestroy(RtmpServer *server);
@@ -57,20 +63,29 @@ RTMP_API int RtmpServerDestroy(RtmpServer *server);
  *              RTMP_ERR_UNLOCK
  * @return the session, owned by the server, ended with RtmpSessionDestroy; null on failure
  *
- * Any thread. Two threads that create the same name at once may both succeed: create from one thread.
+ * Any thread, while no session of this server is being destroyed. Takes the server's session list lock to
+ * link the session. Calls cc_gen_init and KelvoraSyslog with no lock held. The name is looked for before the
+ * lock is taken, so that two threads that create the same name at once may both succeed: create from one
+ * thread.
  */
 RTMP_API RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err);
 
 /**
  * RtmpSessionDestroy ends the serve threads of all clients of the session, its caption generator and its
- * sender, and frees it. It waits until every client has left; sockets of players stay open (their peers
- * see no more data) until the process ends.
+ * sender, and frees it. Sockets of players stay open (their peers see no more data) until the process ends.
  *
- * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_LOCK, RTMP_ERR_UNLOCK, RTMP_ERR_THREAD_JOIN (the
- *         session still exists); RTMP_ERR_LOCK_DESTROY (the session left the list and is not freed)
+ * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_LOCK (a list lock could not be taken) and
+ *         RTMP_ERR_THREAD_JOIN: the session still exists, with those clients that had not left;
+ *         RTMP_ERR_UNLOCK: the client list's lock could not be released and the session still exists, or the
+ *         session list's could not, and the session has left the list and is not freed;
+ *         RTMP_ERR_LOCK_DESTROY: the session has left the list and is not freed
  *
- * Any thread that is not one of the library's, with no RtmpSendData on this session under way. Needs the
- * SIGUSR1 handler that RtmpServerDestroy describes. Holds the server's session list meanwhile.
+ * A thread that serves none of the session's clients, and none of the library's other threads; with no
+ * RtmpSendData or setting of this session under way. Needs the SIGUSR1 handler that RtmpServerDestroy
+ * describes. Holds the server's session list lock until the session is gone, and takes the client list lock
+ * for moments: "play", session creation and the senders of other sessions wait meanwhile. Waits for every
+ * client to leave, without limit; each is signalled every 10 ms, and after a second all are. A client that a
+ * host made leaves by DestroyRtmpClient. Calls publishChangeState and cc_gen_close.
  */
 RTMP_API int RtmpSessionDestroy(RtmpSession *session);
 
@@ -79,7 +94,7 @@ RTMP_API int RtmpSessionDestroy(RtmpSession *session);
  *
  * @return 0 it is; -1 it is not, or `server` is null. Nothing is logged.
  *
- * Takes no lock: call it where no session is created or destroyed meanwhile.
+ * Any thread, while no session of this server is created or destroyed: takes no lock. Does not block.
  */
 RTMP_API int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session);
 
@@ -88,24 +103,35 @@ RTMP_API int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)
  *
  * @return 0 it does; -1 it does not, or an argument is null. Nothing is logged.
  *
- * Takes no lock: call it where no session is created or destroyed meanwhile.
+ * Any thread, while no session of this server is created or destroyed: takes no lock. Does not block.
  */
 RTMP_API int IsSessionNameExists(RtmpServer *server, const char *name);
 
 /**
  * ValidateRtmpStreamName finds the session that a client asks to play.
  *
+ * @param client      tells the server; not null
  * @param nameLength  not used; the name ends at its terminator
+ * @param name        not null
  * @param session     receives the session; null when the session found has no media yet; untouched when
  *                    there is none of this name
- * @return 0 found and ready to play; -1 otherwise, or a lock failed
+ * @return 0 found and ready to play; -1 the server has no session, or a lock failed (both logged), or none
+ *         of this name is ready (not logged)
  *
- * Takes the server's session list lock. The session may be destroyed as soon as the call has returned.
+ * Any thread that holds no lock of the library; takes the server's session list lock, and waits for it as
+ * long as a sender or RtmpSessionDestroy holds it. The session may be destroyed as soon as the call has
+ * returned.
  */
 RTMP_API int ValidateRtmpStreamName(RtmpClient *client, uint32_t nameLength, const char *name,
                                     RtmpSession **session);
 
-/** IsAnyClientConnected returns 0 when the session has at least one client, else -1. No lock, no log. */
+/**
+ * IsAnyClientConnected tells whether the session, which is not null, has clients, playing or not.
+ *
+ * @return 0 at least one; -1 none. Nothing is logged.
+ *
+ * Any thread, while the session exists; takes no lock, and does not block.
+ */
 RTMP_API int IsAnyClientConnected(RtmpSession *session);
 
 #ifdef __cplusplus
