@@ -81,7 +81,7 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  * same locks.
  * Without a file `data` may be reused as soon as the call has returned. With one, leave the bytes as they
  * are: the senders reference parked and queued frames, and the kernel sends from the file's pages until the
- * players have acknowledged them. Nobody tells when.
+ * players have acknowledged them. There is no notice when.
  *
  * Any thread of the host that is not inside a host function of this session; one call at a time per session,
  * settings and RtmpThreadedQueueReset included. Calls rtmpStatusMessage, in mode 1 also rtmpSendZandBitrate,

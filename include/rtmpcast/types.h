@@ -90,7 +90,7 @@ enum { RTMP_LOG_ERROR = 3, RTMP_LOG_INFO = 6 };
  */
 typedef void (*RtmpLogFunction)(void *context, uint8_t level, const char *format, va_list arguments);
 
-/** RtmpLogger is the host's. A logger with either field null swallows every line. */
+/** RtmpLogger is the host's. A logger with either field null drops every line. */
 typedef struct RtmpLogger {
     RtmpLogFunction LogFunction;
     void *LogContext;
@@ -355,7 +355,7 @@ typedef struct VideoMediaInfo {
     uint32_t bitrate;          /* bit/s; 0: unknown */
     uint32_t opaque[3];        /* stored, never interpreted */
     int32_t configLen;         /* bytes, at least 1 */
-    const uint8_t *configData; /* Annex B (ITU-T H.264): SPS and PPS behind 00 00 00 01 */
+    const uint8_t *configData; /* Annex B (ITU-T H.264) as RtmpAddMediaInfo says */
 } VideoMediaInfo;
 
 /** AudioMediaInfo: what RtmpAddMediaInfo is told of the audio. Everything is copied. */
