@@ -44,6 +44,7 @@ constexpr CommandRow kCommands[] = {
      LOG_TEXT("INFO: %s: Received Command message: ONSTATUS\n"), HandleOnStatus},
     {"onFCPublish", RTMP_MSG_ON_FC_PUBLISH,
      LOG_TEXT("INFO: %s: Received Command message: onFCPublish\n"), nullptr},
+    // KEPT: handled, and unsupported all the same. Required; whoever sends it to the serve loop is refused.
     {"moduleInfo", RTMP_MSG_UNSUPPORTED,
      LOG_TEXT("INFO: %s: Received Command message: moduleInfo\n"), HandleModuleInfo},
     {"ping", RTMP_MSG_USTREAM_PING,

@@ -91,6 +91,7 @@ RTMP_STATUS int AddVideoMembers(RtmpSession *session, AmfObject *members, const 
         return -1;
     }
     if (WriteAmfNumber(server, members, "height", video->height) != 0) {
+        // KEPT: misspelt. Required; changes a log line.
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot encode Amf heigth\n", who);
         return -1;
     }

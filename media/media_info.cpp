@@ -58,6 +58,7 @@ void FreeAudioHalf(CodecInfo *codecInfo)
 }
 
 // Accept threads and serve threads read the limits while a session is registered.
+// KEPT: raised also when the registration fails later, and never lowered. Required; bytes on the wire.
 void RaiseBandwidth(RtmpServer *server, uint32_t bitrate)
 {
     if (bitrate == 0 || LoadShared(&server->BaseBandwidth) >= bitrate) {

@@ -119,8 +119,8 @@ int WriteReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
     }
 }
 
-// AddressReply chooses chunk stream and message stream, and moves the client's counters on. They stay moved
-// when the message fails later.
+// AddressReply chooses chunk stream and message stream, and moves the client's counters on.
+// KEPT: they stay moved when the message fails later. Required; changes ids on the wire.
 void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
 {
     switch (pkt->MsgKind) {

@@ -171,6 +171,7 @@ int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
     }
     const int32_t offset = FindPlayerDigest(shake->Packet);
     if (offset < 0) {
+        // KEPT: misspelt. Required; changes a log line.
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot varify the client digest\n", who);
         return -1;
     }

@@ -18,6 +18,7 @@ __attribute__((format(printf, 3, 0))) void WriteLine(RtmpLogger *logger, uint8_t
         vprintf(format, arguments);
         funlockfile(stdout);
     } else if (logger->LogFunction != nullptr && logger->LogContext != nullptr) {
+        // KEPT: no logger prints, half a logger is silent. Required; changes where log lines go.
         logger->LogFunction(logger->LogContext, level, format, arguments);
     }
 }

@@ -211,6 +211,7 @@ int ReplyToDeleteStream(RtmpClient *client)
     if (MoveTo(client, CLIENT_STATE_DELETESTREAM) != 0) {
         return -1;
     }
+    // KEPT: the only line that names no procedure. Required.
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: Changing state to deletestream : %d\n",
                  static_cast<int>(CLIENT_STATE_DELETESTREAM));
     return 0;

@@ -16,7 +16,8 @@
 
 namespace {
 
-// The continuation header has one byte: chunk stream ids below 64 are all that is ever assigned.
+// KEPT: the continuation header has one byte whatever the chunk stream. Required; bytes on the wire. The
+// library assigns ids below 64 only.
 uint8_t SeparatorOf(const RtmpSendPkt *message)
 {
     return static_cast<uint8_t>(message->ChunkStreamId | 0xC0);
@@ -211,6 +212,7 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
     for (uint32_t i = 0; i < count; i++) {
         if (pieces[i].StartsChunk != 0 &&
             RtmpSendBytes(logger, SocketInUse(client), &separator, 1, TlsInUse(client)) != 1) {
+            // KEPT: spelt so, unlike the line below. Required.
             RtmpLogPrint(logger, RTMP_LOG_ERROR,
                          "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",
                          who);
