@@ -18,7 +18,7 @@ enum { RTMP_FRAME_VIDEO = 0, RTMP_FRAME_AUDIO = 1 };
  *
  * @param video  null: no video. Only AVC (codecId 7). configData: see below
  * @param audio  null: no audio. Only AAC (codecId 10), configData an AudioSpecificConfig of two bytes or
- * more. Not both may be null
+ *               more. Not both may be null
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null session, no media, no configuration); RTMP_ERR_LOCK;
  *         RTMP_ERR_MEMORY; RTMP_ERR_VIDEO_INFO (not AVC; no SPS or PPS, or one without an end; no memory);
  *         RTMP_ERR_AUDIO_INFO (not AAC; no memory); RTMP_ERR_META_DATA (no memory); RTMP_ERR_UNLOCK.

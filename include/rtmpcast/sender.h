@@ -43,7 +43,7 @@ RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, u
  * @param enable      0: nothing is done
  * @param windowSize  video frames, at least 1; a million and more are refused
  * @return always 0; a monitor that could not be made is logged. In other sender modes, and for a null
- * session, nothing is done.
+ *         session, nothing is done.
  *
  * The thread that calls RtmpSendData, after RtmpSenderSettings and before the first frame. Takes no lock. A
  * later call replaces the monitor and ends the sender thread first, as RtmpThreadedQueueReset does; the
@@ -112,7 +112,7 @@ RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enab
  * bitrate again.
  *
  * It is what mends, today, a sender that a failed send has ended, and the clocks after a time without viewers
- * and after many joins (docs/manual.md, sections 4 and 5).
+ * and after many joins (docs/manual.md, section 5).
  *
  * @return always 0. Null, and sessions without a threaded sender, are left alone.
  *
