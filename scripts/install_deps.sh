@@ -10,6 +10,13 @@ demo="ffmpeg rtmpdump"
 adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3
 clang clang-tidy clang-format"
+# The tests run on 64-bit ARM too. Elsewhere that takes a cross compiler, an emulator, and the libraries in both
+# architectures, side by side.
+cross="g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libssl-dev:arm64 libgtest-dev:arm64"
+
+if [ "$(dpkg --print-architecture 2>/dev/null)" != arm64 ]; then
+    tests="$tests $cross"
+fi
 
 case ${1:-all} in
 demo) packages="$build $demo" ;;
@@ -37,12 +44,20 @@ if [ -z "$missing" ]; then
     exit 0
 fi
 
+architecture=
+case $missing in
+*:arm64*) dpkg --print-foreign-architectures | grep -qx arm64 || architecture=arm64 ;;
+esac
+
 if [ "$(id -u)" -ne 0 ]; then
-    echo "install_deps.sh: not root. As root: apt-get install --no-install-recommends$missing" >&2
+    echo "install_deps.sh: not root. As root:" >&2
+    [ -z "$architecture" ] || echo "    dpkg --add-architecture $architecture" >&2
+    echo "    apt-get update && apt-get install --no-install-recommends$missing" >&2
     exit 1
 fi
 echo "== Installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
+[ -z "$architecture" ] || dpkg --add-architecture "$architecture"
 apt-get update -q
 # shellcheck disable=SC2086 # a list of words
 apt-get -o DPkg::Lock::Timeout=300 install -y -q --no-install-recommends $missing

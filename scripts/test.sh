@@ -1,14 +1,14 @@
 #!/bin/bash
-# Builds and runs all tests three times: plain, with address and undefined behaviour sanitizers, and with
-# the thread sanitizer. The last line says how many passed and failed; the exit code is 0 only when
-# every test ran and passed.
+# Builds and runs all tests: plain, with address and undefined behaviour sanitizers, with the thread sanitizer,
+# and for 64-bit ARM under an emulator, but for what tests/arm64/excluded.txt names. The last line says how many
+# passed and failed; the exit code is 0 only when every test ran and passed.
 #
-#   scripts/test.sh [PRESET...]      default: debug asan tsan
+#   scripts/test.sh [PRESET...]      default: debug asan tsan arm64
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root" || exit 1
-presets=${*:-debug asan tsan}
+presets=${*:-debug asan tsan arm64}
 passed=0
 failed=0
 
@@ -22,6 +22,12 @@ run_preset() {
     say "$preset: building"
     cmake --preset "$preset" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
     cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
+    if [ "$preset" = arm64 ]; then
+        say "arm64: size"
+        scripts/size.sh || return 1
+        say "arm64: not run under an emulator, and why"
+        grep -v '^#' tests/arm64/excluded.txt
+    fi
     say "$preset: running"
     rm -f "$report"
     ctest --preset "$preset" --output-junit "$report"

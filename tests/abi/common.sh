@@ -35,6 +35,9 @@ located() {
     echo "$file"
 }
 
+# run PROGRAM: on this machine, or on the one that is emulated here.
+run() { ${EMULATOR:-} "$@"; }
+
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

@@ -20,6 +20,7 @@ c | cpp | static)
     "$CMAKE" -G "$GENERATOR" -S "$work/source" -B "$work/build" -DCMAKE_PREFIX_PATH="$INSTALLED" \
         -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_C_FLAGS="${sanitize:-}" \
         -DCMAKE_CXX_FLAGS="${sanitize:-}" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
+        ${TOOLCHAIN:+"-DCMAKE_TOOLCHAIN_FILE=$TOOLCHAIN"} \
         -DCONSUMER_STATIC="$([ "$kind" = static ] && echo ON || echo OFF)" >"$work/log" 2>&1 &&
         "$CMAKE" --build "$work/build" >>"$work/log" 2>&1 || { cat "$work/log"; fail "building"; }
     ;;
@@ -46,7 +47,7 @@ case $kind in
     grep -qx "librtmpcast.so.$SOVERSION" "$work/needed" || fail "the shared library is not needed" ;;
 esac
 
-"$program" >"$work/printed" || fail "the host ended with $?: $(cat "$work/printed")"
+run "$program" >"$work/printed" || fail "the host ended with $?: $(cat "$work/printed")"
 # Behind "RTMPWriter: " stand lines of the library, once its server is going away.
 grep -v '^RTMPWriter: ' "$work/printed" >"$work/output" || fail "the host printed nothing"
 if [ "$kind" = cpp ]; then

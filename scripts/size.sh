@@ -1,0 +1,43 @@
+#!/bin/bash
+# Prints how large librtmpcast.so is on 64-bit ARM, stripped, at -O2 and at -Os. Builds what it needs of both.
+#
+#   scripts/size.sh
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+aim=160 # KiB stripped at -O2
+log=$(mktemp)
+stripped=$(mktemp)
+trap 'rm -f "$log" "$stripped"' EXIT
+
+# tool NAME: a program of the tool chain that the preset chose.
+tool() { sed -n "s/^CMAKE_$1:[A-Z]*=//p" build/arm64/CMakeCache.txt; }
+
+# build DIRECTORY CMAKE-ARGUMENT...
+build() {
+    local directory=$1
+    shift
+    { cmake --preset arm64 -B "$directory" "$@" &&
+        cmake --build "$directory" --target rtmpcast_shared --parallel "$(nproc)"; } >"$log" 2>&1 ||
+        { cat "$log" >&2; exit 1; }
+}
+
+# row LEVEL DIRECTORY: fills `bytes` too.
+row() {
+    "$(tool STRIP)" -o "$stripped" "$2/librtmpcast.so"
+    bytes=$(stat -c %s "$stripped")
+    printf '  %-4s %10s KiB' "$1" "$(awk "BEGIN { printf \"%.1f\", $bytes / 1024 }")"
+    "$(dirname "$(tool STRIP)")/$(basename "$(tool STRIP)" strip)size" "$stripped" |
+        awk 'NR == 2 { printf " %9d %9d %9d\n", $1, $2, $3 }'
+}
+
+build build/arm64
+build build/arm64-Os -DCMAKE_CXX_FLAGS_RELEASE='-Os -DNDEBUG' -DRTMPCAST_BUILD_TESTS=OFF
+echo "librtmpcast.so, $("$(tool CXX_COMPILER)" -dumpmachine), $("$(tool CXX_COMPILER)" -dumpfullversion):"
+printf '  %-4s %14s %9s %9s %9s\n' '' stripped text data bss
+row -Os build/arm64-Os
+row -O2 build/arm64
+if [ "$bytes" -gt $((aim * 1024)) ]; then
+    echo "  -O2 is above the aim of $aim KiB"
+fi
