@@ -2,7 +2,6 @@
 
 #include "net/byte_order.h"
 #include "net/byte_writer.h"
-#include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -60,8 +59,7 @@ int32_t DigestPosition(const uint8_t *packet, uint32_t sumAt, uint32_t base)
 // One write; whatever does not go out whole has failed.
 bool SendWhole(RtmpClient *client, const uint8_t *bytes, uint32_t length)
 {
-    const int sent =
-        RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes, length, TlsInUse(client));
+    const int sent = SendClientBytes(client, bytes, length);
     return sent >= 0 && static_cast<uint32_t>(sent) == length;
 }
 
@@ -254,7 +252,7 @@ int ReadNoOfBytes(RtmpClient *client, uint8_t *buffer, uint32_t length)
     if (client->ConnType == RTMP_CONN_RTMPT) {
         return 0;
     }
-    return RtmpReadBytes(LoggerOf(client->Server), SocketInUse(client), buffer, length, TlsInUse(client));
+    return ReadClientBytes(client, buffer, length);
 }
 
 int PerformHandshake(RtmpClient *client)

@@ -1,22 +1,21 @@
 #include "net/socket_io.h"
 
+#include "net/client_state.h"
 #include "net/log.h"
-#include "rtmpcast/host.h"
+#include "net/tls_io.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
 #include <net/if.h>
-#include <openssl/err.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
 
-struct ssl_st *TlsOf(void *tls)
-{
-    return static_cast<struct ssl_st *>(tls);
-}
+// Whose lines they are, whoever reads and sends.
+constexpr char kRead[] = "RtmpReadBytes";
+constexpr char kSend[] = "RtmpSendBytes";
 
 // A read of nothing is answered with 0 at once. Linux would wait for a byte that it then does not take.
 int64_t ReadNothing(int fd, uint8_t *buf)
@@ -27,21 +26,70 @@ int64_t ReadNothing(int fd, uint8_t *buf)
 
 // One read of at most `length` bytes: what recv or SSL_read answers.
 // KEPT: neither reads nor writes have a time-out. Required; changes who stays connected.
-int64_t ReadOnce(int fd, uint8_t *buf, uint32_t length, void *tls)
+int64_t ReadOnce(const TlsLine *line, uint8_t *buf, uint32_t length)
 {
-    if (tls == nullptr) {
-        return length > 0 ? recv(fd, buf, length, 0) : ReadNothing(fd, buf);
+    if (line->Handle != nullptr) {
+        return TlsRead(line, buf, length);
     }
-    ERR_clear_error();
-    return SSL_read(TlsOf(tls), buf, static_cast<int>(length > INT32_MAX ? INT32_MAX : length));
+    return length > 0 ? recv(line->Fd, buf, length, 0) : ReadNothing(line->Fd, buf);
 }
 
-int64_t WriteOnce(int fd, const uint8_t *buf, uint32_t length, void *tls)
+int64_t WriteOnce(const TlsLine *line, const uint8_t *buf, uint32_t length)
 {
-    if (tls == nullptr) {
-        return send(fd, buf, length, MSG_NOSIGNAL);
+    return line->Handle != nullptr ? TlsWrite(line, buf, length) : send(line->Fd, buf, length, MSG_NOSIGNAL);
+}
+
+TlsLine LineOf(RtmpClient *client)
+{
+    return {TlsInUse(client), SocketInUse(client), &client->TlsLock};
+}
+
+void LogFailedRead(RtmpLogger *logger, int error, int result)
+{
+    RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", kRead, error,
+                 strerror(error));
+    if (error == EINTR || error == ESPIPE) {
+        RtmpLogPrint(logger, RTMP_LOG_INFO,
+                     "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", kRead, error,
+                     result);
     }
-    return SSL_write(TlsOf(tls), buf, static_cast<int>(length > INT32_MAX ? INT32_MAX : length));
+}
+
+int ReadWhole(RtmpLogger *logger, const TlsLine *line, uint8_t *buf, uint32_t length)
+{
+    uint32_t done = 0;
+    do {
+        const int64_t result = ReadOnce(line, buf + done, length - done);
+        if (result < 0) {
+            LogFailedRead(logger, errno, static_cast<int>(result));
+            return -1;
+        }
+        if (result == 0) {
+            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", kRead);
+            if (line->Handle != nullptr) {
+                TlsReportEnd(line, logger);
+            }
+            return -1;
+        }
+        done += static_cast<uint32_t>(result);
+    } while (done != length);
+    return 0;
+}
+
+int SendSome(RtmpLogger *logger, const TlsLine *line, const uint8_t *buf, uint32_t length)
+{
+    const int64_t result = WriteOnce(line, buf, length);
+    if (result < 0) {
+        const int error = errno;
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send buffer: %d (%s)\n", kSend, error,
+                     strerror(error));
+        return -1;
+    }
+    if (result == 0) {
+        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", kSend);
+        TlsReportEnd(line, logger); // KEPT: on this side also without a handle. Required
+    }
+    return static_cast<int>(result);
 }
 
 } // namespace
@@ -103,60 +151,28 @@ int RtmpGetIP(RtmpLogger *logger, const char *name, char *out)
     return found ? 0 : -1;
 }
 
-namespace {
-
-void LogFailedRead(RtmpLogger *logger, int error, int result, const char *who)
-{
-    RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to read buffer: %d (%s)\n", who, error,
-                 strerror(error));
-    if (error == EINTR || error == ESPIPE) {
-        RtmpLogPrint(logger, RTMP_LOG_INFO,
-                     "INFO: %s: TCP recv function error in linux: Err :%d Retval: %d\n", who, error, result);
-    }
-}
-
-void LogEndOfStream(RtmpLogger *logger, void *tls, const char *who)
-{
-    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", who);
-    if (tls != nullptr) {
-        TLS_print_error(logger, tls, 0);
-    }
-}
-
-} // namespace
-
 int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, void *tls)
 {
-    uint32_t done = 0;
-    do {
-        const int64_t result = ReadOnce(fd, buf + done, length - done, tls);
-        if (result < 0) {
-            LogFailedRead(logger, errno, static_cast<int>(result), __func__);
-            return -1;
-        }
-        if (result == 0) {
-            LogEndOfStream(logger, tls, __func__);
-            return -1;
-        }
-        done += static_cast<uint32_t>(result);
-    } while (done != length);
-    return 0;
+    const TlsLine line = {tls, fd, nullptr};
+    return ReadWhole(logger, &line, buf, length);
 }
 
 int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t length, void *tls)
 {
-    const int64_t result = WriteOnce(fd, buf, length, tls);
-    if (result < 0) {
-        const int error = errno;
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send buffer: %d (%s)\n", __func__, error,
-                     strerror(error));
-        return -1;
-    }
-    if (result == 0) {
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", __func__);
-        TLS_print_error(logger, tls, 0); // KEPT: on this side also without a handle. Required
-    }
-    return static_cast<int>(result);
+    const TlsLine line = {tls, fd, nullptr};
+    return SendSome(logger, &line, buf, length);
+}
+
+int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length)
+{
+    const TlsLine line = LineOf(client);
+    return ReadWhole(LoggerOf(client->Server), &line, buf, length);
+}
+
+int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length)
+{
+    const TlsLine line = LineOf(client);
+    return SendSome(LoggerOf(client->Server), &line, buf, length);
 }
 
 int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags)

@@ -24,6 +24,12 @@ RTMP_STATUS int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t
 // RtmpSendBytes makes one write and returns the bytes written, 0 when the peer closed, -1 on an error.
 RTMP_STATUS int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t length, void *tls);
 
+// The same on a client's socket and TLS handle, and what they log is the same. The calls of the handle are
+// made under the client's TlsLock; RtmpReadBytes and RtmpSendBytes make them without it, for a handle that no
+// other thread uses.
+RTMP_STATUS int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length);
+RTMP_STATUS int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length);
+
 // RtmpSendMsgBytes makes one sendmsg and returns the bytes sent or -1. Never TLS.
 RTMP_STATUS int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags);
 }

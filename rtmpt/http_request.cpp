@@ -1,6 +1,5 @@
 #include "rtmpt/http_request.h"
 
-#include "net/client_state.h"
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/record.h"
@@ -201,7 +200,7 @@ void LogRequestLineFailure(RtmpLogger *logger, ParseResult result, const char *c
 int ReadHttpMessage(RtmpClient *client, uint8_t *buf, uint32_t *len)
 {
     for (uint32_t i = 0;; i++) {
-        if (RtmpReadBytes(LoggerOf(client->Server), SocketInUse(client), buf + i, 1, client->Tls) != 0) {
+        if (ReadClientBytes(client, buf + i, 1) != 0) {
             RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Rtmp read bytes failed\n",
                          __func__);
             return -1;

@@ -30,6 +30,7 @@ bool InitClientLocks(RtmpClient *client, RtmpLogger *logger, const char *who)
         return false;
     }
     client->WriteLock = kFreshMutex;
+    client->TlsLock = kFreshMutex;
     return true;
 }
 

@@ -107,8 +107,7 @@ int64_t WriteTlsPiece(RtmpClient *client, const uint8_t *bytes, uint32_t length)
 {
     int64_t written = 0;
     while (written < length) {
-        const int result = RtmpSendBytes(LoggerOf(client->Server), SocketInUse(client), bytes + written,
-                                         length - static_cast<uint32_t>(written), client->Tls);
+        const int result = SendClientBytes(client, bytes + written, length - static_cast<uint32_t>(written));
         if (result <= 0) {
             return written + result;
         }
@@ -210,8 +209,7 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     for (uint32_t i = 0; i < count; i++) {
-        if (pieces[i].StartsChunk != 0 &&
-            RtmpSendBytes(logger, SocketInUse(client), &separator, 1, TlsInUse(client)) != 1) {
+        if (pieces[i].StartsChunk != 0 && SendClientBytes(client, &separator, 1) != 1) {
             // KEPT: spelt so, unlike the line below. Required.
             RtmpLogPrint(logger, RTMP_LOG_ERROR,
                          "ERROR: %s: SendFIle: Error occured while sending message using RtmpSendBytes\n",

@@ -140,9 +140,39 @@ RTMP_HOST void rtmpStatusMessage(void *hostContext, const char *key, const char 
  */
 RTMP_HOST void rtmpSendZandBitrate(void *hostContext, int32_t bitrate);
 
-/*
- * Byte I/O of a client that carries a TLS handle. SSL_read and SSL_write are OpenSSL's own: link libssl in
- * front of the defaults, which fail every call.
+/**
+ * SSL_read and SSL_write carry the bytes of a client that has a TLS handle (RtmpClient.Tls). They are
+ * OpenSSL's own: link libssl in front of the defaults, which fail every call. The library calls no other
+ * function of libssl, and before each SSL_read it clears the calling thread's error queue (ERR_clear_error).
+ *
+ * Threads: SSL_read is called by the thread that reads the client (ReadRtmpMessage, or a serve thread),
+ * SSL_write by every thread that sends to it: that one, for replies; the one that calls RtmpSendData or
+ * SendMsgToClient; the sender thread of a session in mode 1. While the client exists the handle is the
+ * library's: no other function of it may be called, on any thread, but from inside TLS_print_error.
+ *
+ * Locks: each call, and TLS_print_error, is made under a lock of the connection, RtmpClient.TlsLock, so that
+ * the handle has one call at a time; renewals of keys (SSL_key_update, TLS 1.3) need that. A write also
+ * holds the client's WriteLock, and a frame the server's session list and the session's client list. The
+ * calls must not call back into the library. The calling thread is not cancelled inside them.
+ *
+ * The socket: the handle reads and writes RtmpClient.Socket itself (SSL_set_fd), and its handshake is done.
+ * Outside of the calls the descriptor blocks, as the host has made it. For the length of each call the
+ * library sets O_NONBLOCK on it. A call that would have to wait for the peer then answers -1 and leaves
+ * EAGAIN in errno, as SSL_read and SSL_write of OpenSSL do; the library waits without the lock and repeats
+ * the call with the same arguments. SO_RCVTIMEO, SO_SNDTIMEO and signals end that wait as they would end
+ * recv and send. On a descriptor that the host has made non-blocking nothing is waited for: EAGAIN fails
+ * the read or write. With a Socket that is no open descriptor, the functions are called without lock and
+ * without waiting, and must take care of threads themselves.
+ *
+ * Modes: SSL_MODE_AUTO_RETRY must be on, as it is by default since OpenSSL 1.1.1: without it a read that
+ * finds a session ticket or a key update fails. SSL_MODE_ENABLE_PARTIAL_WRITE and read-ahead are free.
+ * Renewals of keys by the peer are answered by OpenSSL, from 1.1.1c on with the next write. Renegotiation
+ * (TLS 1.2 and before) is not supported beside frames; turn it off with SSL_OP_NO_RENEGOTIATION.
+ *
+ * SIGPIPE must be ignored (HandleSignal): libssl writes without MSG_NOSIGNAL.
+ *
+ * The handle stays the host's. The library never calls SSL_shutdown or SSL_free; free it when no thread
+ * reads the client or sends to it any more and DestroyRtmpClient has returned.
  */
 struct ssl_st;
 RTMP_HOST int SSL_read(struct ssl_st *ssl, void *buf, int num);
@@ -150,8 +180,8 @@ RTMP_HOST int SSL_write(struct ssl_st *ssl, const void *buf, int num);
 
 /**
  * TLS_print_error reports the TLS error state after a read or write returned 0. `tls` is the client's TLS
- * handle; null when a plain connection's write returned 0. Called on the reading or writing thread.
- * Default: nothing.
+ * handle; null when a plain connection's write returned 0. Called on the reading or writing thread, with
+ * the locks of SSL_read and SSL_write. It may ask the handle (SSL_get_error) and log. Default: nothing.
  */
 RTMP_HOST void TLS_print_error(RtmpLogger *logger, void *tls, int result);
 

@@ -290,7 +290,7 @@ struct RtmpClient {
     char *ClientIP;
     uint32_t ConnType; /* RTMP_CONN_RTMP or RTMP_CONN_RTMPT */
     int Socket;
-    void *Tls;     /* SSL* of the host; null: plain TCP */
+    void *Tls;     /* SSL* of the host over Socket, see SSL_read in host.h; null: plain TCP */
     uint16_t Port; /* network byte order */
     uint32_t State;
     RtmpThread ServeThread;
@@ -326,6 +326,7 @@ struct RtmpClient {
     uint8_t OutOfChain;   /* fell out of the forward chain of NextClient */
     uint8_t ThreadOwner;  /* RtmpThreadOwner: who ends the serve thread */
     uint8_t SocketClosed; /* the number in Socket may already be somebody else's */
+    RtmpMutex TlsLock;    /* leaf: one call of Tls at a time; never held while the peer is waited for */
 };
 
 /**

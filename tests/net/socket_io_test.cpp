@@ -298,6 +298,23 @@ TEST(RtmpReadBytes, ThroughTlsTheHostReportsAClosedConnection)
     EXPECT_EQ(HostFakes::get().tlsErrors(), (std::vector<std::pair<void *, int>>{{&log, 0}}));
 }
 
+// A TLS library would wait for a record.
+TEST(RtmpReadBytes, ThroughTlsAReadOfNothingAnswersAtOnce)
+{
+    CaptureLogger log;
+    int asked = 0;
+    HostFakes::get().reset();
+    HostFakes::get().sslRead = [&](void *, void *, int) {
+        ++asked;
+        return -1;
+    };
+    uint8_t byte;
+    EXPECT_EQ(RtmpReadBytes(log.get(), -1, &byte, 0, &log), -1);
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(log.lines(), Lines{"6 INFO: RtmpReadBytes: Connection was closed by peer"});
+    EXPECT_EQ(HostFakes::get().tlsErrors(), (std::vector<std::pair<void *, int>>{{&log, 0}}));
+}
+
 TEST(RtmpReadBytes, ThroughTlsAnErrorIsLogged)
 {
     const struct {

@@ -1,6 +1,7 @@
 #include "rtmpt/http_request.h"
 
 #include "support/capture_logger.h"
+#include "support/host_fakes.h"
 
 #include <cstring>
 #include <functional>
@@ -360,4 +361,23 @@ TEST_F(HttpReader, APeerThatLeavesEndsTheReading)
     EXPECT_EQ(length, 77U);
     EXPECT_EQ(log_.lines(), (std::vector<std::string>{"6 INFO: RtmpReadBytes: Connection was closed by peer",
                                                       "3 ERROR: ReadHttpMessage: Rtmp read bytes failed"}));
+}
+
+TEST_F(HttpRequest, AClosedConnectionOverTlsAsksItsHandleNothingMore)
+{
+    int asked = 0;
+    HostFakes::get().reset();
+    HostFakes::get().sslRead = [&](void *, void *, int) {
+        ++asked;
+        return -1;
+    };
+    client_.Tls = &asked;
+    client_.SocketClosed = 1;
+    uint8_t buf[10];
+    uint32_t length = 0;
+    EXPECT_EQ(ReadHttpMessage(&client_, buf, &length), -1);
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(log_.lines(), (std::vector<std::string>{
+                                "3 ERROR: RtmpReadBytes: Unable to read buffer: 9 (Bad file descriptor)",
+                                "3 ERROR: ReadHttpMessage: Rtmp read bytes failed"}));
 }

@@ -111,7 +111,7 @@ void CloseOnce(int &descriptor)
 
 } // namespace
 
-TlsConnection::TlsConnection(const TlsSetup &setup) : leaves_(setup.leaves)
+TlsConnection::TlsConnection(const TlsSetup &setup) : leaves_(setup.leaves), renewEvery_(setup.renewEvery)
 {
     Identity identity;
     SignOneself(identity);
@@ -205,9 +205,28 @@ bool TlsConnection::toTls()
         return true;
     }
     if (got > 0) {
+        renewKeys();
         writeTls(bytes, static_cast<size_t>(got));
     }
     return got > 0;
+}
+
+// The peer's next write renews its keys, and asks the library's end to renew its own.
+void TlsConnection::renewKeys()
+{
+    if (renewEvery_ == 0 || ++writes_ % renewEvery_ != 0) {
+        return;
+    }
+    if (SSL_key_update(peer_.get(), SSL_KEY_UPDATE_REQUESTED) == 1) {
+        ++renewals_;
+    }
+}
+
+void TlsConnection::sendRaw(const void *bytes, size_t count)
+{
+    if (send(peerSocket_, bytes, count, MSG_NOSIGNAL) != static_cast<ssize_t>(count)) {
+        throw std::runtime_error("send");
+    }
 }
 
 void TlsConnection::writeTls(const uint8_t *bytes, size_t count)

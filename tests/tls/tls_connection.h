@@ -6,6 +6,7 @@
 
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -23,6 +24,7 @@ struct TlsSetup {
     PeerLeaves leaves = PeerLeaves::WithNotice;
     int version = TLS1_3_VERSION;
     bool partialWrites = false; // of the library's handle: SSL_write may write a part
+    int renewEvery = 0;         // writes of the peer: its keys, and the library's, are renewed (TLS 1.3)
 };
 
 class TlsConnection {
@@ -41,8 +43,13 @@ class TlsConnection {
     {
         return librarySocket_;
     }
-    wire::Connected takePlain();  // at most once
-    void waitUntilPeerVanished(); // WithoutNotice only, once its plain socket is closed
+    wire::Connected takePlain();                   // at most once
+    void waitUntilPeerVanished();                  // WithoutNotice only, once its plain socket is closed
+    void sendRaw(const void *bytes, size_t count); // past the peer's handle, while it has nothing to write
+    int renewals() const
+    {
+        return renewals_;
+    }
 
   private:
     struct Free {
@@ -55,10 +62,14 @@ class TlsConnection {
     void relay();
     bool toPlain();
     bool toTls();
+    void renewKeys();
     void writeTls(const uint8_t *bytes, size_t count);
     void leave();
 
     PeerLeaves leaves_;
+    int renewEvery_;
+    int writes_ = 0;
+    std::atomic<int> renewals_ = 0;
     Handle library_, peer_;
     int librarySocket_ = -1, peerSocket_ = -1;
     int plain_ = -1;      // the test's end
