@@ -39,7 +39,8 @@ RTMP_API void (*HandleSignal(void))(int);
  * @param socket         connected socket; stays the caller's to close
  * @param peerAddress    dotted IPv4 text, not null; copied
  * @param peerPort       network byte order
- * @param tls            SSL* for every read and write, or null; stays the caller's
+ * @param tls            SSL* for every read and write, as SSL_read in host.h asks for, or null; stays the
+ *                       caller's
  * @return the client, ended with DestroyRtmpClient; null when memory or a lock is not to be had (logged)
  *
  * Any thread; takes no lock and does not block.

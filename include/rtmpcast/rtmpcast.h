@@ -12,7 +12,8 @@
  *     list lock (ClientListLock), leaf locks. "Takes" means that the call may wait for the lock. The first
  *     two are held while players are written to: waiting for one may last as long as a player takes nothing.
  *     Leaf locks are held for moments, but for two of a client: its write lock (WriteLock) while one message
- *     is written, and its receive list lock (RecvStrmListLock) while the next chunk of a message is read.
+ *     is written, and its receive list lock (RecvStrmListLock) while the next chunk of a message is read. The
+ *     lock of a TLS connection (TlsLock) is below them all, and held for one call of the handle.
  *   - SIGPIPE is never raised by a plain connection's writes, frames from files included. A host that brings
  *     TLS ignores the signal (see HandleSignal): the TLS library writes by itself.
  *   - A host must install a SIGUSR1 handler that returns, without SA_RESTART, before it destroys a session
