@@ -23,14 +23,37 @@ __attribute__((format(printf, 3, 0))) void WriteLine(RtmpLogger *logger, uint8_t
     }
 }
 
-// The gate's LogFunction: whoever is counted in LogReaders may be inside the host's logger.
+RtmpLogger *LoggerBehindGate(RtmpServer *server)
+{
+    return __atomic_load_n(&server->Logger, __ATOMIC_SEQ_CST);
+}
+
+// EnterLogger returns the host's logger and counts the caller in LogReaders, or null. Lines for standard
+// output are not counted: whoever closes the gate waits for the host's logger only. A reader counts itself
+// first and looks again, so that either it sees the closed gate or the gate sees it.
+RtmpLogger *EnterLogger(RtmpServer *server)
+{
+    if (LoggerBehindGate(server) == nullptr) {
+        return nullptr;
+    }
+    __atomic_add_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);
+    RtmpLogger *logger = LoggerBehindGate(server);
+    if (logger == nullptr) {
+        __atomic_sub_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);
+    }
+    return logger;
+}
+
+// The gate's LogFunction.
 __attribute__((format(printf, 3, 0))) void WriteThroughGate(void *context, uint8_t level, const char *format,
                                                             va_list arguments)
 {
     RtmpServer *server = static_cast<RtmpServer *>(context);
-    __atomic_add_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);
-    WriteLine(__atomic_load_n(&server->Logger, __ATOMIC_SEQ_CST), level, format, arguments);
-    __atomic_sub_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);
+    RtmpLogger *logger = EnterLogger(server);
+    WriteLine(logger, level, format, arguments);
+    if (logger != nullptr) {
+        __atomic_sub_fetch(&server->LogReaders, 1, __ATOMIC_SEQ_CST);
+    }
 }
 
 } // namespace
