@@ -4,6 +4,7 @@
 #include "net/log.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/server.h"
+#include "state/frame_under_way.h"
 #include "state/session_list.h"
 
 namespace {
@@ -20,6 +21,14 @@ bool HasSender(const RtmpSession *session)
                                                        : session->Monitor != nullptr;
 }
 
+void EndScopedFrame(RtmpSession **session)
+{
+    EndFrame(*session);
+}
+
+// END_FRAME_AT_EXIT RtmpSession *underWay = session; also when the host cancels its thread.
+#define END_FRAME_AT_EXIT __attribute__((cleanup(EndScopedFrame), unused))
+
 } // namespace
 
 int32_t RtmpSendData(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd, uint64_t mapBase,
@@ -35,6 +44,10 @@ int32_t RtmpSendData(RtmpSession *session, const uint8_t *data, int32_t length, 
     if (IsAnyClientConnected(session) != 0) {
         return RTMP_ERR_NO_CLIENT;
     }
+    if (BeginFrame(session) != 0) {
+        return RTMP_ERR_NO_CLIENT; // the session is being destroyed
+    }
+    END_FRAME_AT_EXIT RtmpSession *underWay = session;
     RtmpLogger *logger = LoggerOf(session->Server);
     int32_t result;
     if (!HasSender(session)) {

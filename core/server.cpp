@@ -1,5 +1,6 @@
 #include "rtmpcast/server.h"
-#include "delivery/senders/threaded_queue.h"
+
+#include "core/session_end.h"
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
@@ -10,6 +11,7 @@
 #include "rtmpcast/sender.h"
 #include "rtmpt/tunnel_accept.h"
 #include "serve/accept.h"
+#include "state/frame_under_way.h"
 #include "state/server_hold.h"
 
 #include <arpa/inet.h>
@@ -87,6 +89,7 @@ RtmpServer *NewServer(RtmpLogger *logger, const char *address, uint16_t rtmpPort
     server->RtmptSocket = -1;
     server->Logger = logger;
     server->Holders = 1;
+    server->LinkLock = kFreshMutex;
     OpenLogGate(server);
     return server;
 }
@@ -197,12 +200,29 @@ void EndAuxThread(RtmpServer *server)
     server->AuxThreadCancel = 0;
 }
 
-// A sender thread that is stuck in a write to a player holds the list of all sessions. The host creates and
-// destroys none meanwhile.
-void CloseSenders(RtmpServer *server)
+// One slice of waiting for the frames that are under way. False once there is none.
+bool PressFrames(RtmpServer *server, int slices)
+{
+    bool underWay = false;
+    for (RtmpSession *session = server->LiveSessionHead; session != nullptr; session = session->NextSession) {
+        underWay = PressFrame(session, slices) || underWay;
+    }
+    return underWay;
+}
+
+// EndSenders sees everybody out who sends frames: whoever is stuck in a write to a player holds the list of
+// all sessions, and others may be waiting for it. The host creates and destroys none meanwhile.
+void EndSenders(RtmpServer *server)
 {
     for (RtmpSession *session = server->LiveSessionHead; session != nullptr; session = session->NextSession) {
-        (void)RtmpThreadedQueueClose(session); // always 0; sessions without one are left alone
+        RefuseFrames(session);
+    }
+    for (RtmpSession *session = server->LiveSessionHead; session != nullptr; session = session->NextSession) {
+        if (session->SenderMode == RTMP_SENDER_THREADED) {
+            StopFrames(session); // such a frame waits for no player
+        }
+    }
+    for (int slices = 0; PressFrames(server, slices); slices++) {
     }
 }
 
@@ -259,7 +279,7 @@ int RtmpServerDestroy(RtmpServer *server)
     // KEPT: the logger goes first; what the sessions say while they end appears on standard output. Required;
     // changes where log lines go.
     CloseLogGate(server);
-    CloseSenders(server);
+    EndSenders(server);
     while (server->LiveSessionHead != nullptr) {
         if (RtmpSessionDestroy(server->LiveSessionHead) != 0) {
             RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Can not destroy RTMP session\n", __func__);

@@ -1,5 +1,6 @@
 #include "rtmpcast/server.h"
 
+#include "core/session_end.h"
 #include "delivery/senders/monitor.h"
 #include "delivery/senders/threaded_queue.h"
 #include "media/media_info.h"
@@ -7,20 +8,11 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
-#include "net/scope.h"
 #include "rtmpcast/host.h"
-#include "rtmpcast/sender.h"
-#include "state/client.h"
-#include "state/client_list.h"
-#include "state/client_signal.h"
+#include "state/frame_under_way.h"
 #include "state/session_list.h"
 
-#include <signal.h>
-
 namespace {
-
-constexpr int kSlicesBeforeAll = 100;
-constexpr int32_t kPublishStateSessionGone = 8;
 
 // FillSession allocates what a session owns. Null, or the text of what failed; the caller frees the record.
 const char *FillSession(RtmpSession *session, RtmpServer *server, const char *name)
@@ -48,130 +40,6 @@ void FreeSession(RtmpSession *session)
     free(session->CcGen);
     free(session->Name);
     free(session);
-}
-
-bool IsMember(const RtmpSession *session, const RtmpClient *client)
-{
-    for (const RtmpClient *each = session->MemberHead; each != nullptr; each = each->NextMember) {
-        if (each == client) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// LockClientList takes ClientListLock. A serve thread may hold it while it writes to a player that takes
-// nothing: a signal ends the write.
-int LockClientList(RtmpSession *session)
-{
-    int result = RtmpMutexLockSlice(&session->ClientListLock);
-    while (result == RTMP_WAIT_IS_UP) {
-        SignalMembers(session);
-        result = RtmpMutexLockSlice(&session->ClientListLock);
-    }
-    return result;
-}
-
-// One slice of waiting for the client to leave. False once it has; it may then be freed.
-bool IsStillMember(RtmpSession *session, const RtmpClient *client)
-{
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
-    if (!IsMember(session, client)) {
-        return false;
-    }
-    (void)RtmpConditionWaitSlice(&session->MemberLeft, &session->MemberLock); // the look below decides
-    if (!IsMember(session, client)) {
-        return false;
-    }
-    SignalClient(client);
-    return true;
-}
-
-// WaitUntilLeft returns when the client is no member any more. The signal is repeated: one that arrives
-// between two reads interrupts nothing. A client that cannot leave is waiting for another one that is stuck
-// in a write, so that in the end all are signalled.
-void WaitUntilLeft(RtmpSession *session, const RtmpClient *client)
-{
-    for (int slices = 0; IsStillMember(session, client); slices++) {
-        if (slices >= kSlicesBeforeAll) {
-            SignalMembers(session);
-        }
-    }
-}
-
-// PassThrough returns when the thread that held the lock has released it.
-void PassThrough(RtmpMutex *lock)
-{
-    if (RtmpMutexLock(lock) == 0) {
-        (void)RtmpMutexUnlock(lock); // taken a moment ago
-    }
-}
-
-// ClaimThread decides who ends the client's thread: true when it is this session, which then joins it; false
-// when the thread is on its way out by itself.
-bool ClaimThread(RtmpSession *session, RtmpClient *client)
-{
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
-    if (client->ThreadOwner == THREAD_OWNER_ITSELF) {
-        return false;
-    }
-    StoreShared(&client->ThreadOwner, static_cast<uint8_t>(THREAD_OWNER_SESSION));
-    return true;
-}
-
-// EndFirstClient ends the serve thread of the first client. The text of what failed, with its code; or null.
-const char *EndFirstClient(RtmpSession *session, int *code)
-{
-    constexpr const char *who = "RtmpSessionDestroy";
-    RtmpLogger *logger = LoggerOf(session->Server);
-    if (LockClientList(session) != 0) {
-        *code = RTMP_ERR_LOCK;
-        return "ERROR: %s: Cannot lock Rtmp client list\n";
-    }
-    RtmpClient *client = FirstMember(session); // it may have left since the caller looked
-    RtmpThread thread = 0;
-    bool claimed = false;
-    if (client != nullptr) {
-        thread = LoadShared(&client->ServeThread);
-        if (client->PublishCtx != nullptr) {
-            publishChangeState(client, kPublishStateSessionGone);
-        }
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Sending SIGUSR1 to Client Thread\n", who);
-        claimed = ClaimThread(session, client);
-        if (thread != 0) {
-            pthread_kill(thread, SIGUSR1);
-        }
-    }
-    if (RtmpMutexUnlock(&session->ClientListLock) != 0) {
-        *code = RTMP_ERR_UNLOCK;
-        return "ERROR: %s: Cannot unlock Rtmp client list\n";
-    }
-    if (client == nullptr) {
-        return nullptr;
-    }
-    if (thread != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Waiting for Thread Completion\n", who);
-    }
-    WaitUntilLeft(session, client);
-    if (claimed && RtmpWaitForThreadCompletion(thread) != 0) {
-        *code = RTMP_ERR_THREAD_JOIN;
-        return "ERROR: %s: Wait For serve client thread Failed\n";
-    }
-    return nullptr;
-}
-
-const char *EndClients(RtmpSession *session, int *code)
-{
-    while (FirstMember(session) != nullptr) {
-        const char *failure = EndFirstClient(session, code);
-        if (failure != nullptr) {
-            return failure;
-        }
-    }
-    // The last to leave may not have given the locks back yet.
-    PassThrough(&session->ClientListLock);
-    PassThrough(&session->MemberLock);
-    return nullptr;
 }
 
 void EndMediaAndSender(RtmpSession *session)
@@ -254,12 +122,11 @@ int RtmpSessionDestroy(RtmpSession *session)
     }
     RtmpServer *server = session->Server;
     RtmpLogger *logger = LoggerOf(server);
-    // The session's own sender thread may be stuck in a write to a player that takes nothing, and it holds
-    // the session list meanwhile.
-    if (session->SenderMode == RTMP_SENDER_THREADED) {
-        (void)RtmpThreadedQueueClose(session); // always 0
-    }
+    // Whoever sends frames may be stuck in a write to a player that takes nothing, and holds the session list
+    // meanwhile.
+    StopFrames(session);
     if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
+        AllowFrames(session);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
         return RTMP_ERR_LOCK;
     }
@@ -268,6 +135,7 @@ int RtmpSessionDestroy(RtmpSession *session)
     if (failure != nullptr) {
         LogFailure(server, failure, __func__);
         (void)RtmpMutexUnlock(&server->LiveSessionListLock); // the failure above is the one to report
+        AllowFrames(session);
         return code;
     }
     EndMediaAndSender(session);

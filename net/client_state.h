@@ -37,3 +37,10 @@ inline void *TlsInUse(const RtmpClient *client)
 {
     return LoadShared(&client->SocketClosed) != 0 ? nullptr : client->Tls;
 }
+
+// IsToldToLeave: somebody has closed the client or waits for its thread. Whatever it reads from now on fails
+// as an interrupted read does, also when the peer never stops sending.
+inline bool IsToldToLeave(const RtmpClient *client)
+{
+    return LoadShared(&client->ToldToLeave) != 0;
+}

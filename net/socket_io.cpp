@@ -34,6 +34,23 @@ int64_t ReadOnce(const TlsLine *line, uint8_t *buf, uint32_t length)
     return length > 0 ? recv(line->Fd, buf, length, 0) : ReadNothing(line->Fd, buf);
 }
 
+int64_t Interrupted()
+{
+    errno = EINTR;
+    return -1;
+}
+
+// ReadOnceFor is ReadOnce for a client, or for nobody in particular. A client that is told to leave may have
+// been told between two reads, where a signal interrupts nothing, or by the end of its reading side.
+int64_t ReadOnceFor(const RtmpClient *client, const TlsLine *line, uint8_t *buf, uint32_t length)
+{
+    if (client != nullptr && IsToldToLeave(client)) {
+        return Interrupted();
+    }
+    const int64_t result = ReadOnce(line, buf, length);
+    return result <= 0 && client != nullptr && IsToldToLeave(client) ? Interrupted() : result;
+}
+
 int64_t WriteOnce(const TlsLine *line, const uint8_t *buf, uint32_t length)
 {
     return line->Handle != nullptr ? TlsWrite(line, buf, length) : send(line->Fd, buf, length, MSG_NOSIGNAL);
@@ -55,11 +72,12 @@ void LogFailedRead(RtmpLogger *logger, int error, int result)
     }
 }
 
-int ReadWhole(RtmpLogger *logger, const TlsLine *line, uint8_t *buf, uint32_t length)
+int ReadWhole(const RtmpClient *client, RtmpLogger *logger, const TlsLine *line, uint8_t *buf,
+              uint32_t length)
 {
     uint32_t done = 0;
     do {
-        const int64_t result = ReadOnce(line, buf + done, length - done);
+        const int64_t result = ReadOnceFor(client, line, buf + done, length - done);
         if (result < 0) {
             LogFailedRead(logger, errno, static_cast<int>(result));
             return -1;
@@ -154,7 +172,7 @@ int RtmpGetIP(RtmpLogger *logger, const char *name, char *out)
 int RtmpReadBytes(RtmpLogger *logger, int fd, uint8_t *buf, uint32_t length, void *tls)
 {
     const TlsLine line = {tls, fd, nullptr};
-    return ReadWhole(logger, &line, buf, length);
+    return ReadWhole(nullptr, logger, &line, buf, length);
 }
 
 int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t length, void *tls)
@@ -166,7 +184,7 @@ int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t lengt
 int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length)
 {
     const TlsLine line = LineOf(client);
-    return ReadWhole(LoggerOf(client->Server), &line, buf, length);
+    return ReadWhole(client, LoggerOf(client->Server), &line, buf, length);
 }
 
 int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length)

@@ -53,7 +53,7 @@ void StartServing(RtmpServer *server, RtmpClient *client, const char *who)
     RtmpThread thread;
     HoldServer(server);
     // The thread stores its own handle: once it runs, the record may be gone at any time.
-    if (RtmpThreadCreate(&thread, ServeRtmpClient, client) != 0) {
+    if (RtmpThreadCreate(&thread, ServeAcceptedClient, client) != 0) {
         GiveUpClient(server, client, fd, who);
         (void)ReleaseServer(server); // never the last: the server's creator waits for this thread
     }

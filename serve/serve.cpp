@@ -129,14 +129,14 @@ void DestroyClient(RtmpClient *client)
     }
 }
 
-// EndClient destroys the client as its last round asks. The server is held by the caller.
-void EndClient(RtmpServer *server, RtmpClient *client, enum Round round)
+// LeaveLoop destroys the client as its last round asks. The server is held by the caller.
+void LeaveLoop(RtmpServer *server, RtmpClient *client, enum Round round)
 {
     RtmpLogger *logger = LoggerOf(server);
+    if (round != ROUND_ERROR || client->Socket != -1) {
+        DetachUnlessAwaited(client);
+    }
     if (round == ROUND_ERROR) {
-        if (client->Socket != -1) {
-            DetachUnlessAwaited(client);
-        }
         // KEPT: the socket stays open, and its number is lost. Required: the peer sees no end of its
         // connection.
         DestroyClient(client);
@@ -151,6 +151,22 @@ void EndClient(RtmpServer *server, RtmpClient *client, enum Round round)
             client); // a closed client that nobody takes out of its session would hold it for good
     }
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Exiting Server RtmpClient thread\n", kServe);
+}
+
+// ServeHeld is the thread's body once the server is held. It gives that hold back.
+[[noreturn]] void ServeHeld(RtmpClient *client)
+{
+    RtmpServer *server = client->Server;
+    StoreShared(&client->ServeThread, RtmpGetSelfThreadHandle());
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Serve RTMP client thread created\n", kServe);
+    enum Round round;
+    do {
+        round = ServeRound(client);
+    } while (round == ROUND_AGAIN);
+
+    LeaveLoop(server, client, round);
+    (void)ReleaseServer(server); // logged, and nobody is left to report to
+    RtmpThreadExit(RtmpGetSelfThreadHandle());
 }
 
 // SendErrorReply returns whether the reply left.
@@ -180,18 +196,13 @@ void *ServeRtmpClient(void *argument)
         RtmpThreadExit(RtmpGetSelfThreadHandle());
     }
     RtmpClient *client = static_cast<RtmpClient *>(argument);
-    RtmpServer *server = client->Server;
-    StoreShared(&client->ServeThread, RtmpGetSelfThreadHandle());
-    RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Serve RTMP client thread created\n", __func__);
+    HoldServer(client->Server);
+    ServeHeld(client);
+}
 
-    enum Round round;
-    do {
-        round = ServeRound(client);
-    } while (round == ROUND_AGAIN);
-
-    EndClient(server, client, round);
-    (void)ReleaseServer(server); // logged, and nobody is left to report to
-    RtmpThreadExit(RtmpGetSelfThreadHandle());
+void *ServeAcceptedClient(void *argument)
+{
+    ServeHeld(static_cast<RtmpClient *>(argument));
 }
 
 void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)

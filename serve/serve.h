@@ -5,8 +5,12 @@
 extern "C" {
 
 // ServeRtmpClient is the body of a client's serve thread; its argument is the RtmpClient, which it destroys.
-// The starter has taken a hold of the server (HoldServer) that the thread releases.
+// The server must not be destroyed before the thread runs; from then on the thread holds it.
 void *ServeRtmpClient(void *argument);
+
+// ServeAcceptedClient is the same for the accept thread, which has taken the hold (HoldServer) that the
+// thread gives back: it may end, and the server go, before the new thread has run.
+void *ServeAcceptedClient(void *argument);
 
 // ServeClientForError sends the replies that belong to a refused request of kind `kind`.
 void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind);

@@ -129,6 +129,14 @@ int TearDownSendList(RtmpClient *client, RtmpLogger *logger, const char *who)
     return 0;
 }
 
+// MemberLock keeps others from shutting a socket down whose number may be somebody else's by then.
+void MarkSocketClosed(RtmpClient *client)
+{
+    RtmpSession *session = client->Session;
+    UNLOCK_AT_EXIT RtmpMutex *held = session != nullptr ? HoldLeaf(&session->MemberLock) : nullptr;
+    StoreShared(&client->SocketClosed, static_cast<uint8_t>(1));
+}
+
 // TearDown is DestroyRtmpClient; the caller holds the server, which may go with the client's session.
 int TearDown(RtmpClient *client, const char *who)
 {
@@ -230,6 +238,6 @@ void CloseClientSocket(RtmpClient *client)
         (void)RtmpMutexLock(&client->WriteLock); // made with the record: cannot fail
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &client->WriteLock;
-    StoreShared(&client->SocketClosed, static_cast<uint8_t>(1));
+    MarkSocketClosed(client);
     (void)RtmpCloseSocket(LoggerOf(client->Server), &client->Socket); // logged; the connection is over anyway
 }

@@ -1,8 +1,10 @@
 #include "state/session_list.h"
 
 #include "net/atomic.h"
+#include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "state/client.h"
 #include "state/client_list.h"
 
@@ -61,6 +63,7 @@ void JoinSession(RtmpSession *session, RtmpClient *client)
 
 void LinkSession(RtmpServer *server, RtmpSession *session)
 {
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&server->LinkLock);
     session->PrevSession = server->LiveSessionTail;
     session->NextSession = nullptr;
     (server->LiveSessionTail != nullptr ? server->LiveSessionTail->NextSession : server->LiveSessionHead) =
@@ -71,6 +74,7 @@ void LinkSession(RtmpServer *server, RtmpSession *session)
 
 void UnlinkSession(RtmpServer *server, RtmpSession *session)
 {
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&server->LinkLock);
     RtmpSession *previous = session->PrevSession;
     RtmpSession *next = session->NextSession;
     (previous != nullptr ? previous->NextSession : server->LiveSessionHead) = next;
@@ -82,7 +86,7 @@ int LockSessionListFor(RtmpClient *client)
 {
     RtmpMutex *lock = &client->Server->LiveSessionListLock;
     int result = RtmpMutexLockSlice(lock);
-    while (result == RTMP_WAIT_IS_UP && LoadShared(&client->ThreadOwner) != THREAD_OWNER_SESSION) {
+    while (result == RTMP_WAIT_IS_UP && !IsToldToLeave(client)) {
         result = RtmpMutexLockSlice(lock);
     }
     return result == 0 ? 0 : -1;
@@ -93,6 +97,7 @@ int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)
     if (server == nullptr) {
         return -1;
     }
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&server->LinkLock);
     for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
         if (each == session) {
             return 0;
@@ -106,6 +111,7 @@ int IsSessionNameExists(RtmpServer *server, const char *name)
     if (server == nullptr || name == nullptr) {
         return -1;
     }
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&server->LinkLock);
     for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
         if (strcmp(each->Name, name) == 0) {
             return 0;

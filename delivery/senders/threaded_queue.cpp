@@ -15,6 +15,7 @@
 #include "rtmpcast/host.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/sender.h"
+#include "state/client_signal.h"
 
 #include <pthread.h>
 
@@ -34,13 +35,14 @@ bool FirstClientPlays(RtmpSession *session)
     return first != nullptr && ClientStateOf(first) == CLIENT_STATE_PLAY_DONE;
 }
 
-// Its serve thread leaves when it sees the state.
+// Its serve thread sits in a read as a rule, and leaves out of it.
 void CloseFirstClient(RtmpSession *session)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     RtmpClient *first = session->ClientListHead;
     if (first != nullptr && ClientStateOf(first) == CLIENT_STATE_PLAY_DONE) {
         SetClientState(first, CLIENT_STATE_CLOSED);
+        EndReading(first);
     }
 }
 
@@ -361,6 +363,14 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         FlushAudio(queue, __func__);
     }
     return 0;
+}
+
+void RtmpThreadedQueueStop(RtmpSession *session)
+{
+    RtmpThreadedQueue *queue = QueueOf(session);
+    if (queue != nullptr) {
+        StopSender(queue);
+    }
 }
 
 int RtmpThreadedQueueReset(RtmpSession *session)

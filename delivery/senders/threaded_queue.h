@@ -37,6 +37,10 @@ RTMP_STATUS int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *d
                                           int32_t fd, uint64_t mapBase, uint64_t timestamp,
                                           int64_t mediaType);
 
+// RtmpThreadedQueueStop ends the sender thread, if there is one. Queue and frames stay; the next frame starts
+// another thread.
+void RtmpThreadedQueueStop(RtmpSession *session);
+
 // RtmpThreadedQueueDestroy ends the sender thread and frees the queue with all that hangs on it. 0.
 int RtmpThreadedQueueDestroy(RtmpSession *session);
 }

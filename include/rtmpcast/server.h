@@ -40,17 +40,20 @@ RTMP_API RtmpServer *RtmpServerCreate(RtmpLogger *logger, const char *interfaceN
  *
  * The logger is set aside before the sessions are destroyed: their lines appear on standard output behind
  * "RTMPWriter: ". Once the call has returned, the host's logger is never called again. Connections that
- * never joined a session live on until their peers leave; what they need outlives this call.
+ * never joined a session live on until their peers leave; what they need outlives this call. A frame that
+ * another thread is sending is ended, as RtmpSessionDestroy says.
  *
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_THREAD_JOIN (an accept thread could not be
  *         joined: no session was destroyed, and the call may be repeated); RTMP_ERR_LOCK_DESTROY (the
  *         sessions are gone, the record is not freed)
  *
  * Any thread but the library's own; not from within a host function that the library calls, and with no
- * other call on this server or its sessions under way. Takes the locks of RtmpSessionDestroy, for one
- * session after the other, and repeats it for a session that could not be destroyed. Waits for the accept
- * threads, for a host's log function that is being called, and for every client of a session. The host must
- * have a SIGUSR1 handler that returns, installed without SA_RESTART: the signal ends blocked reads.
+ * other call on this server or its sessions under way but RtmpSendData. Takes the locks of
+ * RtmpSessionDestroy, for one session after the other, and repeats it for a session that could not be
+ * destroyed. Waits for the accept threads, for a host's log function that is being called, for RtmpSendData,
+ * and for every client of a session. The host must have a SIGUSR1 handler that returns, installed without
+ * SA_RESTART: the signal ends writes to players that take nothing. Where it does not, because the handler
+ * lets calls go on or the signal is blocked, such connections are shut down after a second.
  */
 RTMP_API int RtmpServerDestroy(RtmpServer *server);
 
@@ -75,17 +78,20 @@ RTMP_API RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, in
  * sender, and frees it. Sockets of players stay open (their peers see no more data) until the process ends.
  *
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_LOCK (a list lock could not be taken) and
- *         RTMP_ERR_THREAD_JOIN: the session still exists, with those clients that had not left;
+ *         RTMP_ERR_THREAD_JOIN (also on the thread that serves one of the session's own clients): the session
+ *         still exists, with those clients that had not left, and frames flow on;
  *         RTMP_ERR_UNLOCK: the client list's lock could not be released and the session still exists, or the
  *         session list's could not, and the session has left the list and is not freed;
  *         RTMP_ERR_LOCK_DESTROY: the session has left the list and is not freed
  *
- * A thread that serves none of the session's clients, and none of the library's other threads; with no
- * RtmpSendData or setting of this session under way. Needs the SIGUSR1 handler that RtmpServerDestroy
- * describes. Holds the server's session list lock until the session is gone, and takes the client list lock
- * for moments: "play", session creation and the senders of other sessions wait meanwhile. Waits for every
- * client to leave, without limit; each is signalled every 10 ms, and after a second all are. A client that a
- * host made leaves by DestroyRtmpClient. Calls publishChangeState and cc_gen_close.
+ * A thread that is none of the library's own; with no setting of this session under way. An RtmpSendData of
+ * this session that another thread is in is ended, in the middle of a write if need be, and returns first;
+ * one that begins meanwhile returns RTMP_ERR_NO_CLIENT; none may begin afterwards. Needs the SIGUSR1 handler
+ * that RtmpServerDestroy describes. Holds the server's session list lock until the session is gone, and takes
+ * the client list lock for moments: "play", session creation and the senders of other sessions wait
+ * meanwhile. Waits for every client to leave, without limit: their reads fail at once, and each is signalled
+ * every 10 ms, after half a second all are. A client that a host made leaves by DestroyRtmpClient. Calls
+ * publishChangeState and cc_gen_close.
  */
 RTMP_API int RtmpSessionDestroy(RtmpSession *session);
 
@@ -94,7 +100,7 @@ RTMP_API int RtmpSessionDestroy(RtmpSession *session);
  *
  * @return 0 it is; -1 it is not, or `server` is null. Nothing is logged.
  *
- * Any thread, while no session of this server is created or destroyed: takes no lock. Does not block.
+ * Any thread, also while sessions are created and destroyed: takes a lock of its own for a moment.
  */
 RTMP_API int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session);
 
@@ -103,7 +109,7 @@ RTMP_API int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)
  *
  * @return 0 it does; -1 it does not, or an argument is null. Nothing is logged.
  *
- * Any thread, while no session of this server is created or destroyed: takes no lock. Does not block.
+ * Any thread, also while sessions are created and destroyed: takes a lock of its own for a moment.
  */
 RTMP_API int IsSessionNameExists(RtmpServer *server, const char *name);
 

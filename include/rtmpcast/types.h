@@ -326,6 +326,7 @@ struct RtmpClient {
     uint8_t OutOfChain;   /* fell out of the forward chain of NextClient */
     uint8_t ThreadOwner;  /* RtmpThreadOwner: who ends the serve thread */
     uint8_t SocketClosed; /* the number in Socket may already be somebody else's */
+    uint8_t ToldToLeave;  /* reads for the client fail as interrupted ones do */
     RtmpMutex TlsLock;    /* leaf: one call of Tls at a time; never held while the peer is waited for */
 };
 
@@ -450,6 +451,8 @@ struct RtmpSession {
     struct RtmpPiece *Pieces; /* of the frame being sent; kept between frames */
     uint32_t PieceCapacity;
     struct CodecInfo *RetiredCodecInfo; /* earlier registrations: messages under way may use their bodies */
+    RtmpThread FrameThread;             /* the thread that is in RtmpSendData; guarded by MemberLock */
+    uint8_t FramesRefused;              /* the session is being destroyed; guarded by MemberLock */
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */
@@ -478,6 +481,7 @@ struct RtmpServer {
     RtmpLogger LogGate; /* finds Logger at the moment a line is written */
     int32_t LogReaders; /* threads inside Logger right now */
     int32_t Holders;    /* the host, every serve thread, and clients that are being destroyed */
+    RtmpMutex LinkLock; /* leaf: the links of the session list, for whoever looks without the lock above */
 };
 
 #ifdef __cplusplus

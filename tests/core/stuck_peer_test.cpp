@@ -4,7 +4,6 @@
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
-#include "state/server_hold.h"
 #include "support/session_rig.h"
 
 #include <atomic>
@@ -56,7 +55,6 @@ struct OwnClient {
     }
     void serve()
     {
-        HoldServer(client->Server);
         pthread_t thread;
         ASSERT_EQ(pthread_create(&thread, nullptr, ServeRtmpClient, client), 0);
     }

@@ -1,6 +1,5 @@
 // Ends of TLS connections: peers that say so and peers that do not, and sessions that end.
 #include "serve/serve.h"
-#include "state/server_hold.h"
 #include "tls_fixture.h"
 
 using namespace wire;
@@ -14,7 +13,6 @@ const std::string kReadFailed = "3 ERROR: ReadRtmpMessage: Reading bytes failed"
 void StartServing(TestServer &server, HandedClient &player)
 {
     pthread_t thread;
-    HoldServer(server.server);
     ASSERT_EQ(pthread_create(&thread, nullptr, ServeRtmpClient, player.giveAway()), 0);
 }
 
