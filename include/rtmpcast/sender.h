@@ -125,7 +125,7 @@ RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
 /**
  * RtmpThreadedQueueClose does what RtmpThreadedQueueReset does and keeps the sender closed, until the next
  * RtmpThreadedQueueReset. Each frame is dropped meanwhile; when the first client plays, it is set to
- * CLIENT_STATE_CLOSED, and its thread leaves once its read returns.
+ * CLIENT_STATE_CLOSED, and its thread is woken and leaves.
  *
  * @return always 0. Null, and sessions without a threaded sender, are left alone.
  *

@@ -66,7 +66,7 @@ RTMP_API int RtmpServerDestroy(RtmpServer *server);
  *              RTMP_ERR_UNLOCK
  * @return the session, owned by the server, ended with RtmpSessionDestroy; null on failure
  *
- * Any thread, while no session of this server is being destroyed. Takes the server's session list lock to
+ * Any thread, also while other sessions are created and destroyed. Takes the server's session list lock to
  * link the session. Calls cc_gen_init and KelvoraSyslog with no lock held. The name is looked for before the
  * lock is taken, so that two threads that create the same name at once may both succeed: create from one
  * thread.
