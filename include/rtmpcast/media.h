@@ -68,9 +68,9 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  * @return 0 taken (or dropped by a threaded sender that is closed or whose first client does not play);
  *         RTMP_ERR_INVALID_ARGUMENT; RTMP_ERR_NO_MEDIA_INFO (register the media first) and
  *         RTMP_ERR_NO_CLIENT (go on encoding; also while the session is destroyed): neither is logged;
- * RTMP_ERR_LOCK (packet monitor: the session list lock could not be taken, and the frame is lost, or not be
- * given back); -1 packet monitor: some player missed this frame and the others got it; threaded sender: no
- * memory for the copy, or no thread; either: the session has no sender (see RtmpSenderSettings)
+ *         RTMP_ERR_LOCK (packet monitor: the session list lock could not be taken, and the frame is lost, or
+ *         not be given back); -1 packet monitor: some player missed this frame and the others got it;
+ *         threaded sender: no memory for the copy, or no thread; either: the session has no sender
  *
  * Packet monitor (any sender mode but 1): a video frame is written to every player before the call
  * returns, which blocks for as long as one of them takes nothing; audio is parked until the next video frame,
