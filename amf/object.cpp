@@ -140,3 +140,10 @@ int32_t FreeAmfObject(RtmpServer *, AmfObject *obj, uint8_t freeStrings)
     obj->first = nullptr;
     return 0;
 }
+
+int32_t FreeDecodedAmfObject(RtmpServer *, AmfObject *obj)
+{
+    FreeAmfProps(obj->first, 0, INT32_MAX);
+    obj->first = nullptr;
+    return 0;
+}

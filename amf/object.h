@@ -19,4 +19,8 @@ RTMP_API int32_t FreeAmfObject(RtmpServer *server, AmfObject *obj, uint8_t freeS
 // FreeAmfProps frees a chain of properties and the objects nested in it, without recursion. Nested lists of
 // more than `longest` values are left alone.
 void FreeAmfProps(AmfObjProperty *first, uint8_t freeStrings, int32_t longest);
+
+// FreeDecodedAmfObject frees all properties of a decoded list of the library's own, however many they are: a
+// peer decides how long it is. Always 0, as FreeAmfObject.
+int32_t FreeDecodedAmfObject(RtmpServer *server, AmfObject *obj);
 }

@@ -6,6 +6,7 @@
 #include "command/player_commands.h"
 #include "command/received_command.h"
 #include "command/service_commands.h"
+#include "message/recv_packet.h"
 #include "net/log.h"
 #include "net/log_line.h"
 #include "net/record.h"
@@ -93,7 +94,7 @@ AmfObject *DecodePayload(RtmpClient *client, const RtmpRecvPkt *pkt, const char 
     if (DecodeAmfBuffer(client->Server, values, pkt->PayloadData, pkt->MsgLength, 1) < 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot decode AMF buffer\n",
                      caller);
-        (void)FreeAmfObject(client->Server, values, 0); // always 0
+        (void)FreeDecodedAmfObject(client->Server, values); // always 0
         free(values);
         return nullptr;
     }
@@ -114,6 +115,7 @@ int ReportUnknownCommand(const ReceivedCommand *command, uint32_t *msgKind)
 
 int ParseCmdMsgReq(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *msgKind)
 {
+    (void)FreeDecodedCommand(client->Server, pkt); // of an earlier call for this packet; it never fails
     AmfObject *values = DecodePayload(client, pkt, __func__);
     if (values == nullptr) {
         return RTMP_FAILED;

@@ -1,6 +1,7 @@
 #include "message/chunk_reader.h"
 
 #include "message/recv_list.h"
+#include "message/recv_packet.h"
 #include "net/byte_order.h"
 #include "net/handshake.h"
 #include "net/log.h"
@@ -16,6 +17,15 @@ constexpr uint32_t kHeaderMax = 3 + 11 + 4; // basic header, message header, ext
 constexpr uint32_t kNoField = 0xFFFFFF;     // in place of a timestamp: the extended timestamp follows
 constexpr uint8_t kMessageHeaderLength[] = {11, 7, 3, 0};
 static_assert(sizeof kMessageHeaderLength == 4, "one for each header type");
+
+// How far memory may run ahead of what has arrived, within the one chunk that is being read.
+constexpr uint32_t kLeastAhead = 4096;
+
+enum ReadResult {
+    READ_DONE,
+    READ_FAILED, // the connection is over
+    READ_NO_MEMORY,
+};
 
 // A chunk header as it was read.
 struct ChunkHeader {
@@ -73,22 +83,52 @@ int ReadChunkHeader(RtmpClient *client, uint8_t *bytes, ChunkHeader *header)
     return 0;
 }
 
+uint32_t Smaller(uint32_t a, uint32_t b)
+{
+    return a < b ? a : b;
+}
+
+uint32_t Larger(uint32_t a, uint32_t b)
+{
+    return a > b ? a : b;
+}
+
+// ReadIntoPayload reads a chunk's payload behind what the message has. Memory follows what has arrived: a
+// chunk costs little before its bytes are there.
+ReadResult ReadIntoPayload(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t piece)
+{
+    uint32_t end = pkt->ReceivedBytes;
+    uint32_t rest = piece;
+    do { // a chunk of no bytes is read, too: that ends the connection
+        const uint32_t slice = Smaller(rest, Larger(PayloadRoom(pkt) - end, kLeastAhead));
+        if (GrowPayload(pkt, end + slice) != 0) {
+            return READ_NO_MEMORY;
+        }
+        if (ReadNoOfBytes(client, pkt->PayloadData + end, slice) != 0) {
+            return READ_FAILED;
+        }
+        end += slice;
+        rest -= slice;
+    } while (rest > 0);
+    pkt->ReceivedBytes = end;
+    return READ_DONE;
+}
+
 // ReadNextPiece appends this chunk's payload to a stored message.
-int ReadNextPiece(RtmpClient *client, RtmpRecvPkt *pkt)
+ReadResult ReadNextPiece(RtmpClient *client, RtmpRecvPkt *pkt)
 {
     const uint32_t remaining = pkt->MsgLength - pkt->ReceivedBytes;
     const bool fullChunk = client->InChunkSize <= remaining;
-    const uint32_t piece = fullChunk ? client->InChunkSize : remaining;
-    if (ReadNoOfBytes(client, pkt->PayloadData + pkt->ReceivedBytes, piece) != 0) {
-        return -1;
+    const ReadResult result = ReadIntoPayload(client, pkt, fullChunk ? client->InChunkSize : remaining);
+    if (result != READ_DONE) {
+        return result;
     }
-    pkt->ReceivedBytes += piece;
     // KEPT: a chunk that is full does not complete its message, also when it brings the last byte. The next
     // chunk of the stream then asks for nothing, which ends the connection. Required.
     if (!fullChunk) {
         pkt->Complete = 1;
     }
-    return 0;
+    return READ_DONE;
 }
 
 RtmpRecvPkt *ContinueMessage(RtmpClient *client, RtmpRecvPkt *pkt, const char *who)
@@ -98,16 +138,23 @@ RtmpRecvPkt *ContinueMessage(RtmpClient *client, RtmpRecvPkt *pkt, const char *w
     }
     // A thread that is cancelled in the read leaves the list unlocked.
     UNLOCK_AT_EXIT RtmpMutex *held = &client->RecvStrmListLock;
-    const int status = ReadNextPiece(client, pkt);
+    const ReadResult result = ReadNextPiece(client, pkt);
     held = nullptr;
     if (UnlockRecvList(client, who) != 0) {
         return nullptr;
     }
-    if (status != 0) {
+    switch (result) {
+    case READ_DONE:
+        return pkt;
+    case READ_FAILED:
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Reading bytes failed\n", who);
         return nullptr;
+    case READ_NO_MEMORY:
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to tmpRecvStrmPkt->PayloadData\n", who);
+        return nullptr;
     }
-    return pkt;
+    return nullptr;
 }
 
 // MessageLengthOf returns the length of a new message: its own, or that of its chunk stream's last message;
@@ -120,16 +167,24 @@ int32_t MessageLengthOf(RtmpClient *client, const uint8_t *bytes, const ChunkHea
     return GetPayloadHdrSize(client, static_cast<int>(header->ChunkStreamId));
 }
 
-// ReadFirstPiece grows the chunk buffer by the payload of a message's first chunk and reads it. -1: no
-// memory; -2: the read failed.
-int ReadFirstPiece(RtmpClient *client, uint8_t **chunk, uint32_t headerLength, uint32_t piece)
+// ReadFirstPiece reads the payload of a message's first chunk behind its header. As in ReadIntoPayload, the
+// buffer grows with what arrives.
+ReadResult ReadFirstPiece(RtmpClient *client, uint8_t **chunk, uint32_t headerLength, uint32_t piece)
 {
-    uint8_t *grown = static_cast<uint8_t *>(realloc(*chunk, static_cast<uint64_t>(headerLength) + piece));
-    if (grown == nullptr) {
-        return -1;
-    }
-    *chunk = grown;
-    return ReadNoOfBytes(client, grown + headerLength, piece) == 0 ? 0 : -2;
+    uint32_t done = 0;
+    do {
+        const uint32_t slice = Smaller(piece - done, Larger(done, kLeastAhead));
+        uint8_t *grown = static_cast<uint8_t *>(realloc(*chunk, headerLength + uint64_t{done} + slice));
+        if (grown == nullptr) {
+            return READ_NO_MEMORY;
+        }
+        *chunk = grown;
+        if (ReadNoOfBytes(client, grown + headerLength + done, slice) != 0) {
+            return READ_FAILED;
+        }
+        done += slice;
+    } while (done < piece);
+    return READ_DONE;
 }
 
 RtmpRecvPkt *BeginMessage(RtmpClient *client, uint8_t **chunk, const ChunkHeader *header, const char *who)
@@ -141,13 +196,13 @@ RtmpRecvPkt *BeginMessage(RtmpClient *client, uint8_t **chunk, const ChunkHeader
         return nullptr;
     }
     const uint32_t messageLength = static_cast<uint32_t>(length);
-    const uint32_t piece = client->InChunkSize < messageLength ? client->InChunkSize : messageLength;
-    const int status = ReadFirstPiece(client, chunk, header->Length, piece);
-    if (status == -1) {
+    const uint32_t piece = Smaller(client->InChunkSize, messageLength);
+    const ReadResult result = ReadFirstPiece(client, chunk, header->Length, piece);
+    if (result == READ_NO_MEMORY) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to dataBuff\n", who);
         return nullptr;
     }
-    if (status != 0) {
+    if (result != READ_DONE) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Reading bytes failed\n", who);
         return nullptr;
     }
@@ -199,15 +254,15 @@ int InheritTypeId(RtmpClient *client, RtmpRecvPkt *pkt, const char *who)
 int StorePayload(RtmpClient *client, RtmpRecvPkt *pkt, const uint8_t *payload, uint32_t bytes,
                  const char *who)
 {
-    pkt->PayloadData = NewArray<uint8_t>(pkt->MsgLength);
-    if (pkt->PayloadData == nullptr) {
+    const uint32_t received = Smaller(bytes, pkt->MsgLength);
+    if (NewPayload(pkt, received) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Cannot allocate memory to tmpRecvStrmPkt->PayloadData\n", who);
         return -1;
     }
-    pkt->ReceivedBytes = bytes < pkt->MsgLength ? bytes : pkt->MsgLength;
-    memcpy(pkt->PayloadData, payload, pkt->ReceivedBytes);
-    pkt->Complete = pkt->MsgLength == pkt->ReceivedBytes ? 1 : 0;
+    memcpy(pkt->PayloadData, payload, received);
+    pkt->ReceivedBytes = received;
+    pkt->Complete = pkt->MsgLength == received ? 1 : 0;
     return 0;
 }
 

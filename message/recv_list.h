@@ -12,13 +12,12 @@ RTMP_API int RemoveRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
 RTMP_API RtmpRecvPkt *GetRecvPktFromList(RtmpClient *client, int chunkStreamId);
 RTMP_API int IsRecvStrmPktExists(RtmpClient *client, RtmpRecvPkt *pkt);
 
+// IsKnownRecvPktStored is IsRecvStrmPktExists without a walk, for a packet that is known to be there.
+RTMP_STATUS int IsKnownRecvPktStored(RtmpClient *client, const RtmpRecvPkt *pkt);
+
 // MsgLength and MsgTypeId of the packet stored for a chunk stream; -1 when there is none.
 int32_t GetPayloadHdrSize(RtmpClient *client, int chunkStreamId);
 int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId);
-
-// FreeRecvPkt frees a packet that is in no list (AddRecvPkt did not store it), its decoded command included.
-// -1: the command could not be freed, and neither was the packet.
-RTMP_STATUS int FreeRecvPkt(RtmpServer *server, RtmpRecvPkt *pkt);
 
 // The receive list's lock, with the log line of a failure under the caller's name.
 RTMP_STATUS int LockRecvList(RtmpClient *client, const char *who);

@@ -37,7 +37,8 @@ RtmpSendPkt *FindByChunkStream(const RtmpClient *client, uint32_t chunkStreamId)
     return pkt;
 }
 
-bool IsStored(const RtmpClient *client, const RtmpSendPkt *wanted)
+// IsListed tells whether `wanted` is in the list by its address alone: the caller may hold one that is gone.
+bool IsListed(const RtmpClient *client, const RtmpSendPkt *wanted)
 {
     const RtmpSendPkt *pkt = client->SendPktHead;
     while (pkt != nullptr && pkt != wanted) {
@@ -57,6 +58,7 @@ void Append(RtmpClient *client, RtmpSendPkt *pkt)
     }
     client->SendPktTail = pkt;
     client->SendPktCount++;
+    pkt->Stored = 1;
 }
 
 void Unlink(RtmpClient *client, RtmpSendPkt *pkt)
@@ -67,6 +69,7 @@ void Unlink(RtmpClient *client, RtmpSendPkt *pkt)
     *fromBehind = pkt->Prev;
     pkt->Next = nullptr;
     pkt->Prev = nullptr;
+    pkt->Stored = 0;
     client->SendPktCount--;
 }
 
@@ -101,12 +104,15 @@ void FreeSendPkt(RtmpSendPkt *pkt)
 
 int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
 {
+    // Whoever hears of a failure still owns the message, and may free it. One that is in the list already is
+    // the list's, whatever its lock says.
     if (LockSendList(client, __func__) != 0) {
-        return -1;
+        return pkt->Stored != 0 ? 0 : -1;
     }
     RtmpSendPkt *replaced = FindByChunkStream(client, pkt->ChunkStreamId);
     if (replaced == pkt) {
-        return UnlockSendList(client, __func__);
+        (void)UnlockSendList(client, __func__); // logged
+        return 0;
     }
     if (replaced != nullptr) {
         Unlink(client, replaced);
@@ -114,7 +120,7 @@ int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
     }
     Append(client, pkt);
     if (UnlockSendList(client, __func__) != 0) {
-        Unlink(client, pkt); // a message that was not added stays its caller's
+        Unlink(client, pkt);
         return -1;
     }
     return 0;
@@ -133,7 +139,7 @@ int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
     }
     if (pkt == nullptr) {
         FreeAll(client);
-    } else if (IsStored(client, pkt)) {
+    } else if (IsListed(client, pkt)) {
         Unlink(client, pkt);
         FreeSendPkt(pkt);
     } else {

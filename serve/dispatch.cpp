@@ -2,6 +2,7 @@
 
 #include "command/command.h"
 #include "command/user_control.h"
+#include "message/recv_packet.h"
 #include "net/byte_order.h"
 #include "net/client_state.h"
 #include "net/log.h"
@@ -144,6 +145,12 @@ int ParseCommand(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const cha
 
 int ParseRequestMsg(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind)
 {
+    // Also a message that could not be stored and stays incomplete is handled: what has not arrived is zero.
+    if (GrowPayload(pkt, pkt->MsgLength) != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to tmpRecvStrmPkt->PayloadData\n", __func__);
+        return -1;
+    }
     switch (pkt->MsgTypeId) {
     case RTMP_TYPE_SET_CHUNK_SIZE:
     case RTMP_TYPE_ABORT:

@@ -52,12 +52,24 @@ int WriteMessage(RtmpClient *client, const RtmpSendPkt *message, const RtmpChunk
     }
     pieces[0] = {header->Data, header->Length, 0};
     PieceCutter cutter = CutInto(pieces, chunkSize);
-    CutPart(&cutter, message->PayloadData, message->PayloadData != nullptr ? message->PayloadLength : 0);
+    CutPart(&cutter, message->PayloadData, message->PayloadLength);
     if (SendMessage(client, pieces, cutter.Count, message, false) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Failed to send message\n", who);
         return -1;
     }
     return 0;
+}
+
+// A message that a host has stored itself is its list's already, and never freed here.
+RtmpSendPkt *UnlessListed(RtmpSendPkt *message)
+{
+    return message != nullptr && message->Stored == 0 ? message : nullptr;
+}
+
+// A header that announces bytes which do not follow would make the peer take the next message for them.
+bool CanBeWritten(const RtmpSendPkt *message)
+{
+    return message != nullptr && (message->PayloadLength == 0 || message->PayloadData != nullptr);
 }
 
 // SendOwned takes the message over. `keepFailed`: a message that became a reference stays one although it
@@ -66,7 +78,11 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
 {
     constexpr const char *who = "SendMsgToClient";
     RtmpLogger *logger = LoggerOf(client->Server);
-    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = message;
+    __attribute__((cleanup(FreeOwnMessage), unused)) RtmpSendPkt *own = UnlessListed(message);
+    if (!CanBeWritten(message)) {
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", who);
+        return -1;
+    }
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
 
     Reference reference;
@@ -74,9 +90,7 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add send packet in list\n", who);
         return -1;
     }
-    if (reference.Stored) {
-        own = nullptr;
-    }
+    own = reference.Stored || reference.Previous == message ? nullptr : message;
     int headerType = DecideMsgHdrType(message, reference.Previous);
     if (kind == RTMP_MSG_PING_RESPONSE) {
         headerType = 0;

@@ -82,7 +82,8 @@ RTMP_API int AddClientInSession(RtmpSession *session, RtmpClient *client);
  *
  * @return the message that the chunk belongs to: a new one, not yet in the receive list (see
  *         IsRecvStrmPktExists and AddRecvPkt), or the stored one of its chunk stream. Complete is 1 once
- *         the whole message has arrived. Null: the connection is over, or memory or a lock failed (logged).
+ *         the whole message has arrived; before that PayloadData holds ReceivedBytes bytes and no more, and
+ *         may move with the next chunk. Null: the connection is over, or memory or a lock failed (logged).
  *
  * The thread that serves the client. Blocks until the chunk has arrived, without limit; a signal whose
  * handler returns ends the wait with null. Takes the client's receive list lock, and holds it while it reads
@@ -112,6 +113,9 @@ RTMP_API int RemoveRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
  * GetRecvPktFromList returns the stored packet of a chunk stream; it stays the list's. Null: none, or a lock
  * failed (logged).
  *
+ * Of a message that is not Complete there are ReceivedBytes bytes in PayloadData and no more, and the next
+ * chunk may move them.
+ *
  * The thread that serves the client. Takes the receive list lock, a leaf; does not block.
  */
 RTMP_API RtmpRecvPkt *GetRecvPktFromList(RtmpClient *client, int chunkStreamId);
@@ -125,8 +129,8 @@ RTMP_API RtmpRecvPkt *GetRecvPktFromList(RtmpClient *client, int chunkStreamId);
 RTMP_API int IsRecvStrmPktExists(RtmpClient *client, RtmpRecvPkt *pkt);
 
 /**
- * ParseRequestMsg handles one complete received message by its type, once per packet: decoded values stay
- * with it and are freed with it.
+ * ParseRequestMsg handles one complete received message by its type: decoded values stay with it and are
+ * freed with it, those of an earlier call for the same packet before it is handled again.
  *
  * @param pkt   a packet whose Complete is 1
  * @param kind  receives its RtmpMsgKind; RTMP_MSG_UNSUPPORTED for what the library refuses; left alone
@@ -203,7 +207,8 @@ RTMP_API RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint
  * @param message  taken over in every case: freed, or kept as the reference of its chunk stream. Its
  *                 payload has as many bytes as its length says
  * @param kind     RtmpMsgKind; 42 always gets a full header
- * @return 0 written whole; -1 the write failed, or memory or a lock (logged): part of it may have left
+ * @return 0 written whole; -1 the write failed, or memory or a lock (logged): part of it may have left; also
+ *         for null, and for a length without a payload (logged): nothing has left
  *
  * Any thread, while the client exists; one message at a time reaches the socket. Takes the client's write
  * lock and holds it while it writes, which blocks as long as the peer takes nothing, without limit; and the

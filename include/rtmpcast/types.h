@@ -236,7 +236,7 @@ struct RtmpRecvPkt {
     uint8_t ExtendedTimestamp[4];
     uint8_t MsgStreamId[4]; /* as on the wire, little-endian */
     uint32_t MsgLength;
-    uint8_t *PayloadData; /* MsgLength bytes */
+    uint8_t *PayloadData; /* MsgLength bytes once Complete is 1; before that ReceivedBytes bytes */
     union {
         AmfObject *Amf; /* commands (type 20): the decoded values, freed with the packet */
         struct {
@@ -249,6 +249,9 @@ struct RtmpRecvPkt {
 
     /* the library's own */
     RtmpRefusal Refusal;
+    uint32_t PayloadRoom;   /* bytes of PayloadData; 0: a host made the packet, and all MsgLength are there */
+    RtmpRecvPkt *Branch[2]; /* the receive list by chunk stream id: see RtmpClient.RecvPktRoot */
+    RtmpRecvPkt **Place;    /* what points to it there; null: not in a list */
 };
 
 /** RtmpSendPkt: one outgoing message. */
@@ -266,6 +269,9 @@ struct RtmpSendPkt {
     uint8_t *PayloadData; /* freed with the packet, except for kinds 49, 51 and 52 */
     RtmpSendPkt *Next;
     RtmpSendPkt *Prev;
+
+    /* the library's own */
+    uint8_t Stored; /* in a send list, which owns it */
 };
 
 /* --------------------------------------------------------------------------------------------- clients */
@@ -323,11 +329,12 @@ struct RtmpClient {
     RtmpClient *NextMember; /* exact membership of the session, whatever the links above say */
     RtmpClient *PrevMember;
     uint8_t IsMember;
-    uint8_t OutOfChain;   /* fell out of the forward chain of NextClient */
-    uint8_t ThreadOwner;  /* RtmpThreadOwner: who ends the serve thread */
-    uint8_t SocketClosed; /* the number in Socket may already be somebody else's */
-    uint8_t ToldToLeave;  /* reads for the client fail as interrupted ones do */
-    RtmpMutex TlsLock;    /* leaf: one call of Tls at a time; never held while the peer is waited for */
+    uint8_t OutOfChain;       /* fell out of the forward chain of NextClient */
+    uint8_t ThreadOwner;      /* RtmpThreadOwner: who ends the serve thread */
+    uint8_t SocketClosed;     /* the number in Socket may already be somebody else's */
+    uint8_t ToldToLeave;      /* reads for the client fail as interrupted ones do */
+    RtmpMutex TlsLock;        /* leaf: one call of Tls at a time; never held while the peer is waited for */
+    RtmpRecvPkt *RecvPktRoot; /* the receive list as a tree, by the bits of the chunk stream id */
 };
 
 /**

@@ -116,7 +116,8 @@
     FIELD(RtmpSendPkt, uint32_t, PayloadLength)                                                              \
     FIELD(RtmpSendPkt, uint8_t *, PayloadData)                                                               \
     FIELD(RtmpSendPkt, RtmpSendPkt *, Next)                                                                  \
-    LAST(RtmpSendPkt, RtmpSendPkt *, Prev)                                                                   \
+    FIELD(RtmpSendPkt, RtmpSendPkt *, Prev)                                                                  \
+    OWN(RtmpSendPkt)                                                                                         \
                                                                                                              \
     FIRST(PublishCtx, TEXT(1024), ChallengeString)                                                           \
     FIELD(PublishCtx, TEXT(1024), SessionIdText)                                                             \

@@ -2,6 +2,7 @@
 #include "failing/failing_calls.h"
 #include "failing/failing_memory.h"
 #include "message/recv_list.h"
+#include "message/recv_packet.h"
 #include "net/handshake.h"
 #include "support/socket_client.h"
 

@@ -1,4 +1,5 @@
 #include "message/recv_list.h"
+#include "message/recv_packet.h"
 #include "support/socket_client.h"
 
 #include <climits>
