@@ -3,9 +3,9 @@
 #include "amf/object.h"
 #include "command/received_command.h"
 #include "net/atomic.h"
+#include "net/host_call.h"
 #include "net/limits.h"
 #include "net/log.h"
-#include "rtmpcast/host.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -49,7 +49,7 @@ void ReportViewerCount(PublishCtx *context, const AmfString *name, double number
         const int32_t count = TruncateToInt32(number);
         if (TextEquals(name, row.Key) && count != LoadShared(row.Last)) {
             StoreShared(row.Last, count);
-            rtmpStatusMessage(context->StatusHostContext, row.StatusKey, valueText, row.Label);
+            ReportStatus(context->StatusHostContext, row.StatusKey, valueText, row.Label);
         }
     }
 }

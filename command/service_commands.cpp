@@ -6,6 +6,7 @@
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
+#include "net/scope.h"
 #include "rtmpcast/host.h"
 
 #include <limits.h>
@@ -175,6 +176,7 @@ int HandlePing(ReceivedCommand *command)
 
 int HandleRecordStop(ReceivedCommand *command)
 {
+    WITHOUT_CANCEL int restore = ForbidCancel();
     PublishUstreamRecord(command->Client, "start");
     return 0;
 }

@@ -30,11 +30,11 @@ int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t s
     session->SenderParam = senderParam;
     session->SenderFlag = senderFlag;
     session->EncoderHandle = encoderHandle;
-    session->StatsInterval = statsInterval;
+    StoreShared(&session->StatsInterval, statsInterval); // frames may be on their way, here and below
     session->AudioQueueSize = audioQueueSize;
     session->VideoQueueSize = videoQueueSize;
     if (session->CcGen != nullptr) {
-        session->CcGen->Mode = captionMode;
+        StoreShared(&session->CcGen->Mode, captionMode);
     }
     if (HasAnySender(session)) {
         return 0;

@@ -8,6 +8,7 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
+#include "net/scope.h"
 #include "rtmpcast/host.h"
 #include "state/frame_under_way.h"
 #include "state/session_list.h"
@@ -30,6 +31,7 @@ const char *FillSession(RtmpSession *session, RtmpServer *server, const char *na
     if (session->CcGen == nullptr) {
         return "ERROR: %s: Cannot allocate memory for CC\n";
     }
+    WITHOUT_CANCEL int restore = ForbidCancel();
     session->CcGen->Handle = cc_gen_init();
     return nullptr;
 }
@@ -45,6 +47,7 @@ void FreeSession(RtmpSession *session)
 void EndMediaAndSender(RtmpSession *session)
 {
     if (session->CcGen != nullptr) {
+        WITHOUT_CANCEL int restore = ForbidCancel();
         cc_gen_close(session->CcGen->Handle);
         free(session->CcGen);
         session->CcGen = nullptr;
@@ -110,6 +113,7 @@ RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err)
         return FailCreate(RTMP_ERR_UNLOCK, err);
     }
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Session Created with name '%s'\n", __func__, name);
+    WITHOUT_CANCEL int restore = ForbidCancel();
     KelvoraSyslog("RTMP", "Session Created with name '%s'\n", name);
     return session;
 }

@@ -122,6 +122,7 @@ EndingClient TellToLeave(RtmpSession *session, RtmpClient *client)
     EndingClient ending = {client, LoadShared(&client->ServeThread), false, false};
     ending.IsCaller = ending.Thread != 0 && pthread_equal(ending.Thread, pthread_self()) != 0;
     if (client->PublishCtx != nullptr) {
+        WITHOUT_CANCEL int restore = ForbidCancel();
         publishChangeState(client, kPublishStateSessionGone);
     }
     RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_INFO, "INFO: %s: Sending SIGUSR1 to Client Thread\n",

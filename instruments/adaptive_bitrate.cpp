@@ -3,9 +3,9 @@
 #include "instruments/abr_defaults.h"
 #include "instruments/debug_trace.h"
 #include "net/atomic.h"
+#include "net/host_call.h"
 #include "net/log.h"
 #include "net/record.h"
-#include "rtmpcast/host.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ bool IsTimeToLower(const RtmpQueueAdaptiveBitrate *abr, int64_t fullness, uint64
 void ReportRecovery(RtmpQueueAdaptiveBitrate *abr, int64_t bitrate, void *hostContext)
 {
     if (abr->AtMinimum != 0 && bitrate > static_cast<int64_t>(abr->MinBitrate) * 3 / 2) {
-        rtmpStatusMessage(hostContext, "rtmpLowBitrate", "0", "Bitrate is recovering");
+        ReportStatus(hostContext, "rtmpLowBitrate", "0", "Bitrate is recovering");
         abr->AtMinimum = 0;
     }
 }
@@ -83,7 +83,7 @@ void ReportRecovery(RtmpQueueAdaptiveBitrate *abr, int64_t bitrate, void *hostCo
 void ReportMinimum(RtmpQueueAdaptiveBitrate *abr, int64_t bitrate, void *hostContext)
 {
     if (abr->AtMinimum == 0 && bitrate < static_cast<int64_t>(abr->MinBitrate) * 5 / 4) {
-        rtmpStatusMessage(hostContext, "rtmpLowBitrate", "1", "Bitrate is at minimum");
+        ReportStatus(hostContext, "rtmpLowBitrate", "1", "Bitrate is at minimum");
         abr->AtMinimum = 1;
     }
 }
@@ -203,7 +203,7 @@ int RtmpQueueAdaptiveBitrateUpdate(RtmpQueueAdaptiveBitrate *abr, int32_t bwmKbp
     }
     RtmpLogPrint(abr->Logger, RTMP_LOG_INFO, "INFO: %s:   Fullness: %d%% (%d/%d)\n", __func__,
                  static_cast<int>(fullness), queued, slots);
-    rtmpSendZandBitrate(hostContext, abr->CurrentBitrate);
+    SetEncoderBitrate(hostContext, abr->CurrentBitrate);
     abr->LastIncreaseTime = now; // a lowering restarts the raise timer too
     (void)RtmpQueueDebugBurnin(debug, hostContext, -1, bwmKbps, abr->CurrentBitrate); // null is fine
     return 0;

@@ -1,10 +1,10 @@
 #include "instruments/bandwidth_monitor.h"
 
 #include "net/atomic.h"
+#include "net/host_call.h"
 #include "net/limits.h"
 #include "net/record.h"
 #include "net/scope.h"
-#include "rtmpcast/host.h"
 
 #include <sys/time.h>
 
@@ -46,8 +46,7 @@ void Report(void *hostContext, const char *key, int64_t value, const char *descr
 {
     char text[24];
     snprintf(text, sizeof text, "%ld", static_cast<long>(value));
-    WITHOUT_CANCEL int restore = ForbidCancel();
-    rtmpStatusMessage(hostContext, key, text, description);
+    ReportStatus(hostContext, key, text, description);
 }
 
 void ReportQueueRate(RtmpQueueBWM *monitor, void *hostContext, RtmpQueueTime now)

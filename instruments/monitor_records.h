@@ -50,6 +50,14 @@ typedef struct RtmpMonitorStats {
     RtmpMonitorTime LastUptimeReport;
 } RtmpMonitorStats;
 
+// What the host is to be told after a frame.
+typedef struct RtmpMonitorReports {
+    uint8_t RateIsDue;
+    uint8_t UptimeIsDue;
+    uint32_t Kbps;
+    int64_t Uptime; // seconds
+} RtmpMonitorReports;
+
 // Stored by RtmpDebugSettings; this path writes no trace.
 typedef struct RtmpMonitorDebug {
     uint64_t StartTs;

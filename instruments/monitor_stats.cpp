@@ -1,7 +1,7 @@
 #include "instruments/monitor_stats.h"
 
+#include "net/host_call.h"
 #include "net/limits.h"
-#include "rtmpcast/host.h"
 
 #include <stdio.h>
 
@@ -46,19 +46,18 @@ RtmpMonitorTime AddSample(RtmpMonitorStats *stats, uint32_t kind, const RtmpMoni
     return comparison;
 }
 
-void ReportRate(RtmpMonitorStats *stats, void *hostContext, const RtmpMonitorTime *now,
-                uint32_t statsInterval)
+void DecideRate(RtmpMonitorStats *stats, const RtmpMonitorTime *now, uint32_t statsInterval,
+                RtmpMonitorReports *due)
 {
     if (stats->LastRateReport.Seconds >= now->Seconds - static_cast<int64_t>(statsInterval) + 1) {
         return;
     }
-    char value[16];
-    snprintf(value, sizeof value, "%d", static_cast<int>(stats->Kbps));
-    rtmpStatusMessage(hostContext, "rtmpBandwidth", value, "Current RTMP Bitrate");
+    due->RateIsDue = 1;
+    due->Kbps = stats->Kbps;
     stats->LastRateReport = *now;
 }
 
-void ReportUptime(RtmpMonitorStats *stats, void *hostContext, const RtmpMonitorTime *now)
+void DecideUptime(RtmpMonitorStats *stats, const RtmpMonitorTime *now, RtmpMonitorReports *due)
 {
     const bool first = stats->StartTime.Seconds == 0 && stats->StartTime.Microseconds == 0;
     if (first) {
@@ -66,9 +65,8 @@ void ReportUptime(RtmpMonitorStats *stats, void *hostContext, const RtmpMonitorT
     } else if (stats->LastUptimeReport.Seconds >= now->Seconds - kUptimePeriod) {
         return; // KEPT: a second later than the threaded sender's monitor. Required; changes a status report.
     }
-    char value[24];
-    snprintf(value, sizeof value, "%ld", static_cast<long>(now->Seconds - stats->StartTime.Seconds));
-    rtmpStatusMessage(hostContext, "rtmpUptime", value, "Broadcast Duration");
+    due->UptimeIsDue = 1;
+    due->Uptime = now->Seconds - stats->StartTime.Seconds;
     stats->LastUptimeReport = *now;
 }
 
@@ -92,9 +90,10 @@ int timeval_subtract(RtmpMonitorTime *result, const RtmpMonitorTime *x, RtmpMoni
     return x->Seconds < y->Seconds ? 1 : 0;
 }
 
-void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kind, int64_t seconds,
-                        int64_t microseconds, uint32_t bytes, uint32_t statsInterval)
+void AddSampleToMonitor(RtmpMonitorStats *stats, uint32_t kind, int64_t seconds, int64_t microseconds,
+                        uint32_t bytes, uint32_t statsInterval, RtmpMonitorReports *due)
 {
+    *due = {};
     if (stats == nullptr) {
         return;
     }
@@ -107,7 +106,28 @@ void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kin
         // mean bytes per ms, in units of 1024 bit/s: mean / span * 8 * 1000 / 1024
         const uint64_t spanMilliseconds = static_cast<uint64_t>(spanMicroseconds) / 1000;
         stats->Kbps = static_cast<uint32_t>(stats->Mean * 125 / (spanMilliseconds * 16));
-        ReportRate(stats, hostContext, &now, statsInterval);
+        DecideRate(stats, &now, statsInterval, due);
     }
-    ReportUptime(stats, hostContext, &now);
+    DecideUptime(stats, &now, due);
+}
+
+void SendMonitorReports(void *hostContext, const RtmpMonitorReports *due)
+{
+    char value[24];
+    if (due->RateIsDue != 0) {
+        snprintf(value, sizeof value, "%d", static_cast<int>(due->Kbps));
+        ReportStatus(hostContext, "rtmpBandwidth", value, "Current RTMP Bitrate");
+    }
+    if (due->UptimeIsDue != 0) {
+        snprintf(value, sizeof value, "%ld", static_cast<long>(due->Uptime));
+        ReportStatus(hostContext, "rtmpUptime", value, "Broadcast Duration");
+    }
+}
+
+void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kind, int64_t seconds,
+                        int64_t microseconds, uint32_t bytes, uint32_t statsInterval)
+{
+    RtmpMonitorReports due;
+    AddSampleToMonitor(stats, kind, seconds, microseconds, bytes, statsInterval, &due);
+    SendMonitorReports(hostContext, &due);
 }

@@ -10,6 +10,12 @@ extern "C" {
 void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kind, int64_t seconds,
                         int64_t microseconds, uint32_t bytes, uint32_t statsInterval);
 
+// Its two steps, for a window that is shared: the sample is added, and what is due decided, under the lock;
+// the host is told when the lock has been given back.
+void AddSampleToMonitor(RtmpMonitorStats *stats, uint32_t kind, int64_t seconds, int64_t microseconds,
+                        uint32_t bytes, uint32_t statsInterval, RtmpMonitorReports *due);
+void SendMonitorReports(void *hostContext, const RtmpMonitorReports *due);
+
 // timeval_subtract sets `result` to x - y, microseconds 0 to 999999. 1: x is earlier than y, else 0. `y` may
 // be renormalised in place; its value stays.
 int timeval_subtract(RtmpMonitorTime *result, const RtmpMonitorTime *x, RtmpMonitorTime *y);

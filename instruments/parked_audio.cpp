@@ -64,9 +64,29 @@ void ClearSettings(RtmpMonitor *monitor)
     }
 }
 
-// The caller holds RingLock.
-void AppendSlot(RtmpMonitor *monitor, RtmpPacket *slot)
+// What an overflow is logged with.
+struct Overflow {
+    int32_t Count;
+    int32_t Head;
+    int32_t Tail;
+};
+
+bool EmptyIfFull(RtmpMonitor *monitor, Overflow *overflow)
 {
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
+    if (monitor->AudioFirst == nullptr || monitor->AudioTail != monitor->AudioHead) {
+        return false;
+    }
+    *overflow = {monitor->AudioCount, monitor->AudioHead, monitor->AudioTail};
+    EmptyRing(monitor);
+    return true;
+}
+
+void Append(RtmpMonitor *monitor, const RtmpPacket *packet)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
+    RtmpPacket *slot = &monitor->AudioRing[monitor->AudioTail];
+    *slot = *packet;
     slot->Next = nullptr;
     slot->Prev = monitor->AudioLast;
     if (monitor->AudioLast != nullptr) {
@@ -112,20 +132,21 @@ int addRtmpPacketToBuffer(RtmpMonitor *monitor, RtmpSession *session, const uint
                           int32_t fd, uint64_t mapBase, uint64_t prevTimestamp, uint64_t delta, uint32_t kind,
                           uint32_t mediaType)
 {
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
-    if (monitor->AudioFirst != nullptr && monitor->AudioTail == monitor->AudioHead) {
+    // The host's logger is called without the lock, which the last client that leaves waits for. Frames are
+    // added by one thread, so that a ring that was not full is not full when the copy has been made.
+    Overflow overflow;
+    if (EmptyIfFull(monitor, &overflow)) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR,
-                     "ERROR: %s: Audio Packet Overflow : %d Total (h:%d,t:%d)\n", __func__,
-                     monitor->AudioCount, monitor->AudioHead, monitor->AudioTail);
-        EmptyRing(monitor);
+                     "ERROR: %s: Audio Packet Overflow : %d Total (h:%d,t:%d)\n", __func__, overflow.Count,
+                     overflow.Head, overflow.Tail);
         return -1;
     }
-    RtmpPacket *slot = &monitor->AudioRing[monitor->AudioTail];
-    if (copyRtmpPacketToBuffer(slot, session, data, length, fd, mapBase, prevTimestamp, delta, kind,
+    RtmpPacket packet = {};
+    if (copyRtmpPacketToBuffer(&packet, session, data, length, fd, mapBase, prevTimestamp, delta, kind,
                                mediaType) != 0) {
         return -1;
     }
-    AppendSlot(monitor, slot);
+    Append(monitor, &packet);
     return 0;
 }
 

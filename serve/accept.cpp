@@ -3,6 +3,7 @@
 #include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "net/socket_io.h"
 #include "rtmpcast/host.h"
 #include "serve/serve.h"
@@ -59,6 +60,14 @@ void StartServing(RtmpServer *server, RtmpClient *client, const char *who)
     }
 }
 
+void AnnounceListening(RtmpServer *server, const char *who)
+{
+    RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Waiting for RTMP client connection on %d\n", who,
+                 server->RtmpPort);
+    WITHOUT_CANCEL int restore = ForbidCancel();
+    KelvoraSyslog("RTMP", "RTMP server started on port %d\n", server->RtmpPort);
+}
+
 } // namespace
 
 void *AcceptRtmpConnectionThread(void *argument)
@@ -71,9 +80,7 @@ void *AcceptRtmpConnectionThread(void *argument)
     RtmpServer *server = static_cast<RtmpServer *>(argument);
     while (LoadShared(&server->RtmpSocket) != -1) {
         // KEPT: both lines before every accept, not only at the start. Required.
-        RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Waiting for RTMP client connection on %d\n",
-                     __func__, server->RtmpPort);
-        KelvoraSyslog("RTMP", "RTMP server started on port %d\n", server->RtmpPort);
+        AnnounceListening(server, __func__);
         const int fd = accept(LoadShared(&server->RtmpSocket), nullptr, nullptr);
         if (fd == -1) {
             // KEPT: whatever the reason, lack of descriptors included, nobody is accepted any more. Required.

@@ -47,13 +47,22 @@ void SendDueAudio(RtmpMonitor *monitor, uint64_t videoDelta)
     }
 }
 
-void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
+RtmpMonitorReports AddSample(RtmpMonitor *monitor, uint32_t bytes)
 {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
+    const uint32_t statsInterval = LoadShared(&monitor->Session->StatsInterval);
+    RtmpMonitorReports due;
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
-    addPacketToMonitor(monitor->Stats, monitor->Session, RTMP_MSG_VIDEO, now.tv_sec, now.tv_usec, bytes,
-                       monitor->Session->StatsInterval);
+    AddSampleToMonitor(monitor->Stats, RTMP_MSG_VIDEO, now.tv_sec, now.tv_usec, bytes, statsInterval, &due);
+    return due;
+}
+
+// The host is told without the lock, which the last client that leaves waits for.
+void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
+{
+    const RtmpMonitorReports due = AddSample(monitor, bytes);
+    SendMonitorReports(monitor->Session, &due);
 }
 
 void FreeStats(RtmpMonitorStats *stats)

@@ -35,6 +35,7 @@ uint8_t SeiByte(const CaptionSei *sei, uint32_t index)
 
 bool FindCaption(RtmpCaptionCtx *captions, const RtmpFrame *frame, CaptionSei *sei)
 {
+    WITHOUT_CANCEL int restore = ForbidCancel();
     const int32_t offset =
         find_cc_insertion_place_in_h264_of_qbox(frame->Data, frame->Length, &sei->NalSizePos);
     if (offset < 0 || offset > frame->Length) {
@@ -63,6 +64,7 @@ void InsertIntoFrame(RtmpSession *session, RtmpFrame *frame, const CaptionSei *s
         memcpy(frame->Prefix + frame->PrefixLength + sei->Offset, sei->Bytes, sei->Length);
     }
     frame->PrefixLength = static_cast<uint32_t>(needed);
+    WITHOUT_CANCEL int restore = ForbidCancel();
     increase_nal_size(frame->Prefix + frame->HeaderLength, sei->NalSizePos,
                       static_cast<int32_t>(sei->Length));
     frame->Payload += sei->Offset;
@@ -79,15 +81,21 @@ void FillCaptionPayload(RtmpCaptionCtx *captions, const CaptionSei *sei)
     memcpy(captions->Payload, payload, sizeof payload);
 }
 
+// No SEI at all says as little as an empty pair.
 bool IsEmptyCaption(const CaptionSei *sei)
 {
-    return SeiByte(sei, 13) == 0x80 && SeiByte(sei, 14) == 0x80;
+    return sei->Length == 0 || (SeiByte(sei, 13) == 0x80 && SeiByte(sei, 14) == 0x80);
+}
+
+RtmpSendPkt *CaptionMessage(RtmpClient *client, uint64_t delta)
+{
+    WITHOUT_CANCEL int restore = ForbidCancel();
+    return PublishGeneratePeriodicRTMPMsg(client, RTMP_MSG_CAPTION, delta);
 }
 
 void SendCaption(RtmpClient *client, RtmpLogger *logger)
 {
-    RtmpSendPkt *message =
-        PublishGeneratePeriodicRTMPMsg(client, RTMP_MSG_CAPTION, LoadShared(&timeStampDelta));
+    RtmpSendPkt *message = CaptionMessage(client, LoadShared(&timeStampDelta));
     StoreShared(&timeStampDelta, static_cast<uint64_t>(0));
     if (message == nullptr) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate rtmp data message of client : %p\n",
@@ -129,9 +137,10 @@ void InsertCaptions(RtmpSession *session, RtmpFrame *frame)
     if (!FindCaption(captions, frame, &sei)) {
         return;
     }
-    if (captions->Mode == CAPTION_IN_STREAM) {
+    const uint8_t mode = LoadShared(&captions->Mode);
+    if (mode == CAPTION_IN_STREAM) {
         InsertIntoFrame(session, frame, &sei);
-    } else if (captions->Mode == CAPTION_AS_MESSAGE) {
+    } else if (mode == CAPTION_AS_MESSAGE) {
         SendToFirstClient(session, frame, &sei);
     }
 }

@@ -1,6 +1,9 @@
 #include "delivery/write/fan_out.h"
 #include "support/session_rig.h"
 
+#include <atomic>
+#include <thread>
+
 namespace {
 
 // A fake generator: an SEI of 20 bytes whose caption pair stands in bytes 13 and 14, inserted at offset 10.
@@ -163,6 +166,46 @@ TEST(Captions, AnEmptyPairSendsNothingAndItsTimeIsCarriedOn)
     ASSERT_EQ(SendVideo(rig, Counting(30), 5), 0);
     EXPECT_EQ(captions.messageDeltas, (std::vector<uint64_t>{80, 5}));
     DrainBytes(player.peer);
+}
+
+TEST(Captions, AGeneratorWithoutAnSeiIsNotAskedForAMessageAndItsTimeIsCarriedOn)
+{
+    SessionRig rig;
+    Captions captions(rig, 1);
+    const RigClient player = rig.addClient();
+    const Bytes sei = captions.sei;
+    captions.sei.clear();
+    rig.log.clear();
+    ASSERT_EQ(SendVideo(rig, Counting(30), 40), 0);
+    ASSERT_EQ(SendVideo(rig, Counting(30), 33), 0);
+    EXPECT_TRUE(captions.messageDeltas.empty());
+    EXPECT_TRUE(rig.log.lines().empty());
+    EXPECT_EQ(captions.asked.size(), 2U);
+    captions.sei = sei;
+    ASSERT_EQ(SendVideo(rig, Counting(30), 7), 0);
+    EXPECT_EQ(captions.messageDeltas, std::vector<uint64_t>{80});
+    DrainBytes(player.peer);
+}
+
+// Held together by the thread sanitizer.
+TEST(Captions, TheModeMayChangeWhileFramesAreSent)
+{
+    SessionRig rig;
+    Captions captions(rig, 0);
+    const RigClient player = rig.addClient();
+    std::atomic<bool> done{false};
+    std::thread host([&] {
+        for (uint8_t i = 0; !done; i++) {
+            RtmpSenderSettings(rig.session, 0, 0, 0, 1, i % 3, 5, 10, 10);
+        }
+    });
+    for (int i = 0; i < 300; i++) {
+        const Bytes frame = Counting(30);
+        EXPECT_EQ(RtmpSendData(rig.session, frame.data(), 30, 0, 0, 1000, RTMP_FRAME_VIDEO), 0);
+        DrainBytes(player.peer);
+    }
+    done = true;
+    host.join();
 }
 
 TEST(Captions, OnlyAPlayingFirstClientGetsMessages)

@@ -17,6 +17,7 @@ void HostFakes::reset()
     getSei = nullptr;
     increaseNalSize = nullptr;
     captionMessage = nullptr;
+    status = nullptr;
     sslRead = nullptr;
     sslWrite = nullptr;
     status_.clear();
@@ -129,7 +130,11 @@ void HostFakes::recordStatus(StatusReport report)
 
     void rtmpStatusMessage(void *hostContext, const char *key, const char *value, const char *description)
     {
-        HostFakes::get().recordStatus({hostContext, key, value, description});
+        HostFakes &fakes = HostFakes::get();
+        fakes.recordStatus({hostContext, key, value, description});
+        if (fakes.status) {
+            fakes.status();
+        }
     }
 
     void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
