@@ -33,8 +33,9 @@ typedef struct RtmpQueueBufferItem {
 // What RtmpQueueBufferTake gave out.
 enum RtmpQueueUse {
     QUEUE_USE_NOTHING = 0,
-    QUEUE_USE_HEAD = 1,   // the item at ReadPos
-    QUEUE_USE_FLUSHED = 2 // an item that a flush took out of the ring meanwhile: InUse owns its buffer
+    QUEUE_USE_HEAD = 1,    // the item at ReadPos
+    QUEUE_USE_SENDING = 2, // the same, and players may have got it
+    QUEUE_USE_FLUSHED = 3  // an item that a flush took out of the ring meanwhile: InUse owns its buffer
 };
 
 // One producer adds, resets and flushes; one consumer takes and releases.

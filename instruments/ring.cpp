@@ -85,6 +85,12 @@ int DropHead(RtmpQueueBuffer *ring)
     return QUEUE_BUFFER_OK;
 }
 
+void TakeAllPosts(RtmpQueueBuffer *ring)
+{
+    while (sem_trywait(&ring->Sem) == 0) {
+    }
+}
+
 // SlotLock is held.
 void DiscardItems(RtmpQueueBuffer *ring)
 {
@@ -94,14 +100,22 @@ void DiscardItems(RtmpQueueBuffer *ring)
     StoreShared(&ring->Count, 0);
     StoreShared(&ring->ReadPos, 0);
     StoreShared(&ring->WritePos, 0);
-    while (sem_trywait(&ring->Sem) == 0) {
+    TakeAllPosts(ring);
+}
+
+// One post for each item that is held.
+void MatchPosts(RtmpQueueBuffer *ring)
+{
+    TakeAllPosts(ring);
+    for (int32_t left = LoadShared(&ring->Count); left > 0; left--) {
+        sem_post(&ring->Sem);
     }
 }
 
 // The consumer goes on with the item it took, and with its buffer. SlotLock is held.
 void DetachItemInUse(RtmpQueueBuffer *ring)
 {
-    if (ring->Use == QUEUE_USE_HEAD) {
+    if (ring->Use == QUEUE_USE_HEAD || ring->Use == QUEUE_USE_SENDING) {
         RtmpQueueBufferItem *head = &ring->Items[LoadShared(&ring->ReadPos)];
         head->Buffer = nullptr;
         head->Capacity = 0;
@@ -222,6 +236,25 @@ RtmpQueueBufferItem *RtmpQueueBufferTake(RtmpQueueBuffer *ring)
     ring->InUse = ring->Items[LoadShared(&ring->ReadPos)];
     ring->Use = QUEUE_USE_HEAD;
     return &ring->InUse;
+}
+
+void RtmpQueueBufferBeginSend(RtmpQueueBuffer *ring)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
+    if (ring->Use == QUEUE_USE_HEAD) {
+        ring->Use = QUEUE_USE_SENDING;
+    }
+}
+
+void RtmpQueueBufferRecover(RtmpQueueBuffer *ring)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
+    const bool wasBeingSent = ring->Use == QUEUE_USE_SENDING;
+    DropFlushedItem(ring);
+    if (wasBeingSent) {
+        (void)DropHead(ring); // it is there: a flush would have taken it out
+    }
+    MatchPosts(ring);
 }
 
 int RtmpQueueBufferRelease(RtmpQueueBuffer *ring)

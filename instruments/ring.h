@@ -1,7 +1,8 @@
 // The bounded ring between the host's thread and the sender thread.
 //
-// Add, Reset and Flush belong to the producer, Take and Release to the consumer. Slots keep their buffers
-// between uses, so that a warm ring allocates nothing; a reset or a flush frees them.
+// Add, Reset, Flush and Recover belong to the producer, Take, BeginSend and Release to the consumer.
+// Slots keep their buffers between uses, so that a warm ring allocates nothing; a reset or a flush frees
+// them.
 #pragma once
 
 #include "instruments/queue_records.h"
@@ -31,6 +32,11 @@ void RtmpQueueBufferReset(RtmpQueueBuffer *ring);
 // that one's data stays alive until it is released.
 void RtmpQueueBufferFlush(RtmpQueueBuffer *ring);
 
+// RtmpQueueBufferRecover sets right what a consumer left that ended wherever it was; the next one begins
+// after it. An item whose sending had begun is dropped: some players have got it, and nobody gets it twice.
+// One that had only been taken stays. The semaphore has one post for each item again.
+void RtmpQueueBufferRecover(RtmpQueueBuffer *ring);
+
 // RtmpQueueBufferAdd copies a frame into the ring, or references it when it has a file (`fd` 1 or more).
 // QUEUE_BUFFER_OK, _NONE, _FULL or _NO_MEMORY.
 int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data, int32_t length, int32_t fd,
@@ -39,6 +45,9 @@ int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data
 // RtmpQueueBufferTake returns the oldest item, or null when the ring is empty. It stays in the ring, and the
 // record returned stays valid until it is released or the next one is taken.
 RtmpQueueBufferItem *RtmpQueueBufferTake(RtmpQueueBuffer *ring);
+
+// RtmpQueueBufferBeginSend tells that players may get the item taken from here on.
+void RtmpQueueBufferBeginSend(RtmpQueueBuffer *ring);
 
 // RtmpQueueBufferRelease drops the oldest item; when a flush discarded the item taken, only what is left of
 // that. QUEUE_BUFFER_OK, _NONE or _EMPTY.

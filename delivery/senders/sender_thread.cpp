@@ -88,6 +88,7 @@ AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
     if (LoadShared(&queue->LastAudioRtmpTs) + audioDelta > LoadShared(&queue->LastVideoRtmpTs) + videoDelta) {
         return AUDIO_NOT_DUE;
     }
+    RtmpQueueBufferBeginSend(queue->AudioBuffer);
     queue->LastAudioTs = item->Timestamp;
     if (SendItem(queue, item, audioDelta) != 0) {
         return AUDIO_FAILED; // it stays queued
@@ -107,6 +108,7 @@ int SendAllDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
 
 int SendVideo(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_t delta)
 {
+    RtmpQueueBufferBeginSend(queue->VideoBuffer);
     queue->LastVideoTs = item->Timestamp;
     if (SendItem(queue, item, delta) != 0) {
         return -1;

@@ -7,12 +7,12 @@
 #include "instruments/ring.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/host_call.h"
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
-#include "rtmpcast/host.h"
 #include "rtmpcast/media.h"
 #include "rtmpcast/sender.h"
 #include "state/client_signal.h"
@@ -74,9 +74,11 @@ bool IsSenderAlive(RtmpThreadedQueue *queue)
     return false;
 }
 
-// The thread inherits its creator's scheduling.
+// The thread inherits its creator's scheduling, and goes on where the one before it was ended.
 int StartSender(RtmpThreadedQueue *queue)
 {
+    RtmpQueueBufferRecover(queue->VideoBuffer);
+    RtmpQueueBufferRecover(queue->AudioBuffer);
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
         return -1;
@@ -139,7 +141,7 @@ void StartController(RtmpThreadedQueue *queue)
     }
     (void)RtmpQueueAdaptiveBitrateInit(queue->Abr, bitrate);                               // not null
     (void)RtmpQueueDebugBurnin(queue->Debug, queue->Session, -1, bitrate / 1000, bitrate); // null is fine
-    rtmpSendZandBitrate(queue->Session, bitrate);
+    SetEncoderBitrate(queue->Session, bitrate);
 }
 
 void RunController(RtmpThreadedQueue *queue, uint64_t timestamp)
@@ -169,10 +171,10 @@ bool MoveWarning(int32_t from, int32_t to)
 void WarnOfFullness(RtmpThreadedQueue *queue, int added)
 {
     if (added == QUEUE_BUFFER_FULL && MoveWarning(0, 1)) {
-        rtmpStatusMessage(queue->Session, "rtmpLowBitrate", "1", "Buffer full");
+        ReportStatus(queue->Session, "rtmpLowBitrate", "1", "Buffer full");
     } else if (added == QUEUE_BUFFER_OK && RtmpQueueBufferCount(queue->VideoBuffer) < kAlmostEmptyRing &&
                MoveWarning(1, 0)) {
-        rtmpStatusMessage(queue->Session, "rtmpLowBitrate", "0", "Buffer is empty");
+        ReportStatus(queue->Session, "rtmpLowBitrate", "0", "Buffer is empty");
     }
 }
 

@@ -221,6 +221,44 @@ TEST(Ring, WhatAConsumerLeftBehindIsFreed)
     RtmpQueueBufferFlush(ring.get());
 }
 
+TEST(Ring, AnItemWhoseSendingHadBegunIsNotSentAgain)
+{
+    const Ring ring = MakeRing(3);
+    AddText(ring, "one");
+    AddText(ring, "two");
+    sem_wait(&ring->Sem);
+    ASSERT_NE(RtmpQueueBufferTake(ring.get()), nullptr);
+    RtmpQueueBufferBeginSend(ring.get());
+    RtmpQueueBufferRecover(ring.get());
+    EXPECT_EQ(Posts(ring), 1);
+    EXPECT_EQ(TakeText(ring), "two");
+}
+
+TEST(Ring, AnItemThatWasOnlyTakenGetsItsPostBack)
+{
+    const Ring ring = MakeRing(3);
+    AddText(ring, "one");
+    AddText(ring, "two");
+    sem_wait(&ring->Sem);
+    ASSERT_NE(RtmpQueueBufferTake(ring.get()), nullptr);
+    RtmpQueueBufferRecover(ring.get());
+    EXPECT_EQ(Posts(ring), 2);
+    EXPECT_EQ(TakeText(ring), "one");
+}
+
+TEST(Ring, WhatAFlushTookFromTheSenderIsFreedAndNothingElseIsDropped)
+{
+    const Ring ring = MakeRing(3);
+    AddText(ring, "one");
+    ASSERT_NE(RtmpQueueBufferTake(ring.get()), nullptr);
+    RtmpQueueBufferBeginSend(ring.get());
+    RtmpQueueBufferFlush(ring.get());
+    AddText(ring, "two");
+    RtmpQueueBufferRecover(ring.get());
+    EXPECT_EQ(Posts(ring), 1);
+    EXPECT_EQ(TakeText(ring), "two");
+}
+
 TEST(Ring, NoRingAndNoFrameAreAnswered)
 {
     const Ring ring = MakeRing(1);

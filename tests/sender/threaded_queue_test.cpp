@@ -314,6 +314,59 @@ TEST(ThreadedQueue, ASenderThatWasCancelledFromOutsideIsReplaced)
     EXPECT_EQ(rig.log.lines(), (Texts{kStarted, kStarted}));
 }
 
+// By then some players have got it.
+TEST(ThreadedQueue, AFrameInTheMiddleOfWhichSettingsEndTheSenderIsNotSentAgainAndDelaysNoOther)
+{
+    SenderRig rig;
+    rig.video("zero", 1000);
+    ASSERT_TRUE(fanOut().waitForSent(1));
+    fanOut().hold();
+    rig.video("one", 1033);
+    ASSERT_TRUE(fanOut().waitForCallInside());
+    ASSERT_EQ(RtmpThreadedQueueBWMInit(&rig.session, 1, 30), 0);
+    EXPECT_EQ(rig.queue()->ThreadRunning, 0);
+    fanOut().reset();
+    rig.video("two", 1066);
+    ASSERT_TRUE(WaitUntil([&] { return RtmpQueueBufferCount(rig.queue()->VideoBuffer) == 0; }));
+    EXPECT_EQ(fanOut().texts(), Texts{"V two 33"});
+    rig.video("three", 1100);
+    ASSERT_TRUE(fanOut().waitForSent(2));
+    EXPECT_EQ(fanOut().texts(), (Texts{"V two 33", "V three 34"}));
+}
+
+TEST(ThreadedQueue, AnAudioFrameInTheMiddleOfWhichSettingsEndTheSenderIsNotSentAgain)
+{
+    SenderRig rig;
+    fanOut().hold();
+    rig.audio("one", 1000);
+    rig.audio("later", 5000);
+    rig.video("video", 1000);
+    ASSERT_TRUE(fanOut().waitForCallInside());
+    ASSERT_EQ(RtmpThreadedQueueBWMInit(&rig.session, 1, 30), 0);
+    fanOut().reset();
+    rig.video("next", 1033);
+    ASSERT_TRUE(fanOut().waitForSent(2));
+    EXPECT_EQ(fanOut().texts(), (Texts{"V video 0", "V next 33"})); // of the video nothing had left
+    EXPECT_EQ(RtmpQueueBufferCount(rig.queue()->AudioBuffer), 1);
+}
+
+TEST(ThreadedQueue, AFrameThatHadNotBegunToLeaveWaitsForTheNextSender)
+{
+    SenderRig rig;
+    ASSERT_EQ(RtmpMutexLock(&rig.server.LiveSessionListLock), 0);
+    rig.video("one", 1000);
+    ASSERT_TRUE(WaitUntil([&] {
+        int posts = 1;
+        sem_getvalue(&rig.queue()->VideoBuffer->Sem, &posts);
+        return posts == 0;
+    }));
+    ASSERT_EQ(RtmpThreadedQueueBWMInit(&rig.session, 1, 30), 0);
+    ASSERT_EQ(RtmpMutexUnlock(&rig.server.LiveSessionListLock), 0);
+    rig.video("two", 1033);
+    ASSERT_TRUE(fanOut().waitForSent(2));
+    EXPECT_EQ(fanOut().texts(), (Texts{"V one 0", "V two 33"}));
+}
+
 TEST(ThreadedQueue, CloseKeepsTheSenderAway)
 {
     SenderRig rig;
