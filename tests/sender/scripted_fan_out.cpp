@@ -11,6 +11,7 @@
 std::atomic<bool> g_refuseThreads{false};
 std::atomic<int> g_reallocsUntilRefusal{-1};
 std::atomic<int> g_callocsUntilRefusal{-1};
+std::atomic<time_t> g_secondsAhead{0};
 
 namespace {
 
@@ -59,6 +60,16 @@ void *__real_calloc(size_t, size_t);
 void *__wrap_calloc(size_t count, size_t size)
 {
     return IsRefused(g_callocsUntilRefusal) ? nullptr : __real_calloc(count, size);
+}
+
+int __real_clock_gettime(clockid_t, timespec *);
+int __wrap_clock_gettime(clockid_t clock, timespec *now)
+{
+    const int result = __real_clock_gettime(clock, now);
+    if (clock == CLOCK_REALTIME) {
+        now->tv_sec += g_secondsAhead;
+    }
+    return result;
 }
 
 int __wrap_SendMsgToConnectedClients(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd,

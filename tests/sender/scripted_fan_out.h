@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <mutex>
 #include <set>
 #include <string>
@@ -57,6 +58,10 @@ class FanOut {
 extern std::atomic<bool> g_refuseThreads;
 extern std::atomic<int> g_reallocsUntilRefusal; // negative: none is refused
 extern std::atomic<int> g_callocsUntilRefusal;
+
+// The wall clock as the library reads it runs this far ahead of the system's: to whoever measures a wait by
+// it, the system's clock seems set back.
+extern std::atomic<time_t> g_secondsAhead;
 
 // A server, a session with one playing client, and a queue. No thread but the sender's.
 class SenderRig {
