@@ -195,16 +195,21 @@ int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length)
 
 int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags)
 {
-    const int64_t result = sendmsg(fd, msg, flags | MSG_NOSIGNAL);
-    if (result < 0) {
+    struct mmsghdr counted = {*msg, 0};
+    return SendCountedBytes(logger, fd, &counted, flags);
+}
+
+int SendCountedBytes(RtmpLogger *logger, int fd, struct mmsghdr *msg, int flags)
+{
+    constexpr const char *who = "RtmpSendMsgBytes";
+    if (sendmmsg(fd, msg, 1, flags | MSG_NOSIGNAL) < 0) {
         const int error = errno;
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send message: %d (%s)\n", __func__, error,
+        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send message: %d (%s)\n", who, error,
                      strerror(error));
         if (error == EPIPE) {
-            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ========= Client Disconnected ========\n",
-                         __func__);
+            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: ========= Client Disconnected ========\n", who);
         }
         return -1;
     }
-    return static_cast<int>(result);
+    return static_cast<int>(msg->msg_len);
 }

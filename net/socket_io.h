@@ -33,4 +33,8 @@ RTMP_STATUS int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t
 
 // RtmpSendMsgBytes makes one sendmsg and returns the bytes sent or -1. Never TLS.
 RTMP_STATUS int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags);
+
+// SendCountedBytes does the same, and what it logs is the same. The bytes sent are in `msg->msg_len` too,
+// also for a thread that is cancelled in the call: the kernel stores them there.
+RTMP_STATUS int SendCountedBytes(RtmpLogger *logger, int fd, struct mmsghdr *msg, int flags);
 }

@@ -53,7 +53,7 @@ int WriteMessage(RtmpClient *client, const RtmpSendPkt *message, const RtmpChunk
     pieces[0] = {header->Data, header->Length, 0};
     PieceCutter cutter = CutInto(pieces, chunkSize);
     CutPart(&cutter, message->PayloadData, message->PayloadLength);
-    if (SendMessage(client, pieces, cutter.Count, message, false) != 0) {
+    if (SendMessage(client, pieces, cutter.Count, message, NOTHING_FOLLOWS) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Failed to send message\n", who);
         return -1;
     }

@@ -90,8 +90,9 @@ int WriteFromMemory(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *
 {
     // Audio only ever leaves in front of a video frame: the kernel may put both into one packet, which saves
     // the player a wake-up and the sender most of a write.
-    const bool videoFollows = cut->Frame->Kind == RTMP_MSG_AUDIO;
-    if (SendMessage(client, cut->Pieces, cut->Count, message, videoFollows) != 0) {
+    const enum RtmpFollowing following =
+        cut->Frame->Kind == RTMP_MSG_AUDIO ? MESSAGE_FOLLOWS : NOTHING_FOLLOWS;
+    if (SendMessage(client, cut->Pieces, cut->Count, message, following) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Sending data message to client {%p} failed\n", kFanOut,
                      static_cast<void *>(client));
@@ -102,8 +103,8 @@ int WriteFromMemory(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *
 
 int WriteFromFile(RtmpClient *client, const CutFrame *cut, const RtmpSendPkt *message)
 {
-    const bool moreFollows = cut->Count > cut->PrefixCount;
-    if (SendMessage(client, cut->Pieces, cut->PrefixCount, message, moreFollows) != 0) {
+    const enum RtmpFollowing following = cut->Count > cut->PrefixCount ? REST_FOLLOWS : NOTHING_FOLLOWS;
+    if (SendMessage(client, cut->Pieces, cut->PrefixCount, message, following) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Sending data message to client {%p} failed (zero copy)\n", kFanOut,
                      static_cast<void *>(client));
@@ -136,6 +137,22 @@ RtmpSendPkt *StoreReference(RtmpClient *client, const RtmpSendPkt *message)
     return copy;
 }
 
+// A reference that nobody has been sent is forgotten on every way out, so that the next frame starts with a
+// full header again.
+struct NewReference {
+    RtmpClient *Client;
+    RtmpSendPkt *Stored; // null: there was one, or the frame is out
+};
+
+void ForgetReference(NewReference *reference)
+{
+    if (reference->Stored != nullptr) {
+        (void)RemoveSendPkt(reference->Client, reference->Stored);
+    }
+}
+
+#define FORGET_AT_EXIT __attribute__((cleanup(ForgetReference)))
+
 // WriteFrame writes header and body of a message whose reference is settled.
 int WriteFrame(RtmpClient *client, const CutFrame *cut, RtmpSendPkt *message, int headerType)
 {
@@ -161,6 +178,9 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
     if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
         return 0; // paused while this thread waited for the lock: no frame comes behind the answer
     }
+    if (client->MessageState == MESSAGE_CUT) {
+        return 0; // the connection has been ended, and its thread is leaving
+    }
 
     RtmpSendPkt message = {};
     const uint32_t mediaLength = frame->PrefixLength - frame->HeaderLength + frame->PayloadLength;
@@ -171,20 +191,18 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
         return -1;
     }
     RtmpSendPkt *previous = GetSendPktFromList(client, static_cast<int>(message.ChunkStreamId));
-    RtmpSendPkt *stored = nullptr;
+    FORGET_AT_EXIT NewReference added = {client, nullptr};
     if (previous == nullptr) {
-        stored = StoreReference(client, &message);
-        if (stored == nullptr) {
+        added.Stored = StoreReference(client, &message);
+        if (added.Stored == nullptr) {
             RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add send packet in list\n", kFanOut);
             return -1;
         }
     }
     if (WriteFrame(client, cut, &message, DecideMsgHdrType(&message, previous)) != 0) {
-        if (stored != nullptr) {
-            (void)RemoveSendPkt(client, stored); // the next frame starts with a full header again
-        }
         return -1;
     }
+    added.Stored = nullptr;
     return 0;
 }
 

@@ -41,39 +41,76 @@ uint32_t FillVectors(struct iovec *vectors, uint32_t capacity, const RtmpPiece *
     return filled;
 }
 
-// A write may end short: go on where it ended.
-int WriteVectors(RtmpClient *client, struct iovec *vectors, uint32_t count, int flags)
+// The rest of an open message will not come. A guard does this, though guards otherwise only unlock and free:
+// no other way out of a cancelled write is left, shutdown is no cancellation point, and the client's
+// WriteLock is given back later.
+void CutOpenMessage(RtmpClient **client)
 {
-    struct msghdr message = {};
-    message.msg_iov = vectors;
-    message.msg_iovlen = count;
-    while (message.msg_iovlen > 0) {
-        const int sent = RtmpSendMsgBytes(LoggerOf(client->Server), SocketInUse(client), &message, flags);
-        if (sent < 0) {
+    if (*client != nullptr && (*client)->MessageState == MESSAGE_OPEN) {
+        (*client)->MessageState = MESSAGE_CUT;
+        (void)shutdown(SocketInUse(*client), SHUT_RDWR); // the peer may have gone first
+    }
+}
+
+// CUT_AT_EXIT RtmpClient *unfinished = client; ... `unfinished = nullptr` leaves the message open.
+#define CUT_AT_EXIT __attribute__((cleanup(CutOpenMessage), unused))
+
+// A gathered write, repeated until its vectors are out.
+struct GatheredWrite {
+    RtmpClient *Client;
+    struct mmsghdr Call; // msg_len: what the call has put out, and has not been accounted for
+    bool EndsMessage;
+};
+
+// Account moves the vectors behind what is out, and notes how far the message is. It is also a guard: a
+// thread that is cancelled in the call may have written something.
+void Account(GatheredWrite *write)
+{
+    struct msghdr *left = &write->Call.msg_hdr;
+    uint64_t out = write->Call.msg_len;
+    if (out == 0) {
+        return;
+    }
+    write->Call.msg_len = 0;
+    while (left->msg_iovlen > 0 && out >= left->msg_iov->iov_len) {
+        out -= left->msg_iov->iov_len;
+        left->msg_iov++;
+        left->msg_iovlen--;
+    }
+    if (left->msg_iovlen > 0) {
+        left->msg_iov->iov_base = static_cast<uint8_t *>(left->msg_iov->iov_base) + out;
+        left->msg_iov->iov_len -= out;
+    }
+    const bool isWhole = left->msg_iovlen == 0 && write->EndsMessage;
+    write->Client->MessageState = isWhole ? MESSAGE_WHOLE : MESSAGE_OPEN;
+}
+
+#define ACCOUNT_AT_EXIT __attribute__((cleanup(Account)))
+
+// A write may end short: go on where it ended.
+int WriteVectors(RtmpClient *client, struct iovec *vectors, uint32_t count, int flags, bool endsMessage)
+{
+    ACCOUNT_AT_EXIT GatheredWrite write = {client, {}, endsMessage};
+    write.Call.msg_hdr.msg_iov = vectors;
+    write.Call.msg_hdr.msg_iovlen = count;
+    while (write.Call.msg_hdr.msg_iovlen > 0) {
+        if (SendCountedBytes(LoggerOf(client->Server), SocketInUse(client), &write.Call, flags) < 0) {
             return -1;
         }
-        uint64_t rest = static_cast<uint64_t>(sent);
-        while (message.msg_iovlen > 0 && rest >= message.msg_iov->iov_len) {
-            rest -= message.msg_iov->iov_len;
-            message.msg_iov++;
-            message.msg_iovlen--;
-        }
-        if (message.msg_iovlen > 0) {
-            message.msg_iov->iov_base = static_cast<uint8_t *>(message.msg_iov->iov_base) + rest;
-            message.msg_iov->iov_len -= rest;
-        }
+        Account(&write);
     }
     return 0;
 }
 
 int WriteThrough(struct iovec *vectors, uint32_t capacity, RtmpClient *client, const RtmpPiece *pieces,
-                 uint32_t count, uint8_t separator, bool moreFollows)
+                 uint32_t count, uint8_t separator, enum RtmpFollowing following)
 {
     uint32_t next = 0;
     while (next < count) {
         const uint32_t filled = FillVectors(vectors, capacity, pieces, count, &next, &separator);
-        const int flags = moreFollows || next < count ? MSG_MORE : 0;
-        if (WriteVectors(client, vectors, filled, flags) != 0) {
+        const int flags = following != NOTHING_FOLLOWS || next < count ? MSG_MORE : 0;
+        const bool endsMessage = following != REST_FOLLOWS && next == count;
+        if (WriteVectors(client, vectors, filled, flags, endsMessage) != 0) {
             return -1;
         }
     }
@@ -82,24 +119,37 @@ int WriteThrough(struct iovec *vectors, uint32_t capacity, RtmpClient *client, c
 
 // Not inlined, so that a short message does not pay for a long one's stack.
 __attribute__((noinline)) int WriteLong(RtmpClient *client, const RtmpPiece *pieces, uint32_t count,
-                                        uint8_t separator, bool moreFollows)
+                                        uint8_t separator, enum RtmpFollowing following)
 {
     struct iovec vectors[kVectorsOfFrame];
-    return WriteThrough(vectors, kVectorsOfFrame, client, pieces, count, separator, moreFollows);
+    return WriteThrough(vectors, kVectorsOfFrame, client, pieces, count, separator, following);
 }
 
 __attribute__((noinline)) int WriteShort(RtmpClient *client, const RtmpPiece *pieces, uint32_t count,
-                                         uint8_t separator, bool moreFollows)
+                                         uint8_t separator, enum RtmpFollowing following)
 {
     struct iovec vectors[kVectorsOfReply];
-    return WriteThrough(vectors, kVectorsOfReply, client, pieces, count, separator, moreFollows);
+    return WriteThrough(vectors, kVectorsOfReply, client, pieces, count, separator, following);
 }
 
 int WritePlain(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator,
-               bool moreFollows)
+               enum RtmpFollowing following)
 {
-    return count <= kVectorsOfReply / 2 ? WriteShort(client, pieces, count, separator, moreFollows)
-                                        : WriteLong(client, pieces, count, separator, moreFollows);
+    return count <= kVectorsOfReply / 2 ? WriteShort(client, pieces, count, separator, following)
+                                        : WriteLong(client, pieces, count, separator, following);
+}
+
+// What a call through the handle leaves out is not known before it has come back: a cancel may end it in the
+// middle of a record.
+int SendThroughHandle(RtmpClient *client, const uint8_t *bytes, uint32_t length)
+{
+    const uint8_t before = client->MessageState;
+    client->MessageState = MESSAGE_OPEN;
+    const int result = SendClientBytes(client, bytes, length);
+    if (result <= 0) {
+        client->MessageState = before;
+    }
+    return result;
 }
 
 // WriteTlsPiece returns the bytes written, or the negative or zero result that ended the piece early.
@@ -107,7 +157,8 @@ int64_t WriteTlsPiece(RtmpClient *client, const uint8_t *bytes, uint32_t length)
 {
     int64_t written = 0;
     while (written < length) {
-        const int result = SendClientBytes(client, bytes + written, length - static_cast<uint32_t>(written));
+        const int result =
+            SendThroughHandle(client, bytes + written, length - static_cast<uint32_t>(written));
         if (result <= 0) {
             return written + result;
         }
@@ -121,19 +172,25 @@ int64_t WriteTlsPiece(RtmpClient *client, const uint8_t *bytes, uint32_t length)
 int WriteTls(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_t separator)
 {
     int64_t total = 0;
+    int64_t wanted = 0;
     for (uint32_t i = 0; i < count; i++) {
         if (pieces[i].StartsChunk != 0) {
             total += WriteTlsPiece(client, &separator, 1);
+            wanted++;
         }
         total += WriteTlsPiece(client, pieces[i].Address, pieces[i].Length);
+        wanted += pieces[i].Length;
+    }
+    if (total == wanted) {
+        client->MessageState = MESSAGE_WHOLE;
     }
     return total < 0 ? -1 : 0;
 }
 
 // SendFileAsCancellationPoint is sendfile, which is no cancellation point: a sender that waits in it for a
 // player that takes nothing could not be ended. Only the system call runs while a cancel may strike at any
-// moment. `noipa`: the callers must not take this for a function that nothing is thrown through.
-__attribute__((noipa)) ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
+// moment.
+ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
 {
     int previous;
     // NOLINTNEXTLINE(concurrency-thread-canceltype-asynchronous): around one system call
@@ -143,18 +200,39 @@ __attribute__((noipa)) ssize_t SendFileAsCancellationPoint(int out, int fd, off_
     return sent;
 }
 
+// The C library declares that sendfile throws nothing. A compiler that saw it called would leave the guards
+// of the callers out of the way that a cancel takes, and the process would end there. What a volatile pointer
+// leads to, none can see.
+ssize_t (*volatile sendFile)(int out, int fd, off_t *offset, uint32_t length) = SendFileAsCancellationPoint;
+
+// A piece on its way out of a file. The kernel moves Offset, also for a thread that is cancelled in the call.
+struct FilePiece {
+    RtmpClient *Client;
+    off_t Offset;
+    off_t End;
+    bool EndsMessage;
+};
+
+void AccountForFile(FilePiece *piece)
+{
+    if (piece->Offset == piece->End && piece->EndsMessage) {
+        piece->Client->MessageState = MESSAGE_WHOLE;
+    }
+}
+
+#define ACCOUNT_FOR_FILE_AT_EXIT __attribute__((cleanup(AccountForFile)))
+
 // SendFromFile writes one piece. A file that ends before the piece does is a failure: nothing else could take
 // the missing bytes' place in the chunk.
-int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t mapBase)
+int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t mapBase, bool endsMessage)
 {
-    off_t offset = static_cast<off_t>(reinterpret_cast<uintptr_t>(piece->Address) - mapBase);
-    uint32_t rest = piece->Length;
-    while (rest > 0) {
-        const ssize_t sent = SendFileAsCancellationPoint(SocketInUse(client), fd, &offset, rest);
-        if (sent <= 0) {
+    const off_t start = static_cast<off_t>(reinterpret_cast<uintptr_t>(piece->Address) - mapBase);
+    ACCOUNT_FOR_FILE_AT_EXIT FilePiece way = {client, start, start + piece->Length, endsMessage};
+    while (way.Offset < way.End) {
+        const uint32_t rest = static_cast<uint32_t>(way.End - way.Offset);
+        if (sendFile(SocketInUse(client), fd, &way.Offset, rest) <= 0) {
             return -1;
         }
-        rest -= static_cast<uint32_t>(sent);
     }
     return 0;
 }
@@ -216,7 +294,7 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
                          who);
             return -1;
         }
-        if (SendFromFile(client, &pieces[i], fd, mapBase) != 0) {
+        if (SendFromFile(client, &pieces[i], fd, mapBase, i + 1 == count) != 0) {
             ReportSendfileError();
             RtmpLogPrint(logger, RTMP_LOG_ERROR,
                          "ERROR: %s: SendFile: Error occured while sending message using sendfile\n", who);
@@ -229,17 +307,20 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
 } // namespace
 
 int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message,
-                bool moreFollows)
+                enum RtmpFollowing following)
 {
+    CUT_AT_EXIT RtmpClient *unfinished = client;
     const uint8_t separator = SeparatorOf(message);
     // A closed socket fails as a closed descriptor does, TLS or not: the handle's own descriptor may be
-    // reused.
-    const bool overTls = TlsInUse(client) != nullptr;
+    // reused. And the handle would write to a socket that has been shut down, signal or not.
+    const bool overTls = TlsInUse(client) != nullptr && client->MessageState != MESSAGE_CUT;
     const int result = overTls ? WriteTls(client, pieces, count, separator)
-                               : WritePlain(client, pieces, count, separator, moreFollows);
+                               : WritePlain(client, pieces, count, separator, following);
     if (result != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: SendMessage: Error occured while sending message\n", __func__);
+    } else if (following == REST_FOLLOWS) {
+        unfinished = nullptr;
     }
     return result;
 }
@@ -247,6 +328,7 @@ int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, con
 int SendFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message, int fd,
              uint64_t mapBase)
 {
+    CUT_AT_EXIT RtmpClient *unfinished = client;
     const HeldSigpipe held = HoldSigpipe();
     const int result = SendPiecesFromFile(client, pieces, count, SeparatorOf(message), fd, mapBase, __func__);
     LetGoSigpipe(&held);

@@ -6,8 +6,8 @@
  * RtmpLogPrint always may be called. Where a lock is named, everybody who needs it waits until the function
  * returns. RtmpSessionDestroy and RtmpThreadedQueueReset wait for a function that the sender thread is in.
  *
- * A sender thread (sender mode 1) is ended by pthread_cancel, and a host may cancel threads of its own. None is
- * cancelled inside one of these functions: cancellation is switched off around each, and acts afterwards.
+ * A sender thread (sender mode 1) is ended by pthread_cancel, and a host may cancel threads of its own. None
+ * is cancelled inside one of these functions: cancellation is switched off around each, and acts afterwards.
  */
 #ifndef RTMPCAST_HOST_H
 #define RTMPCAST_HOST_H

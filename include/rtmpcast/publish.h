@@ -207,8 +207,9 @@ RTMP_API RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint
  * @param message  taken over in every case: freed, or kept as the reference of its chunk stream. Its
  *                 payload has as many bytes as its length says
  * @param kind     RtmpMsgKind; 42 always gets a full header
- * @return 0 written whole; -1 the write failed, or memory or a lock (logged): part of it may have left; also
- *         for null, and for a length without a payload (logged): nothing has left
+ * @return 0 written whole; -1 the write failed, or memory or a lock (logged); also for null, and for a length
+ *         without a payload (logged): nothing has left. A message of which a part has left is the
+ *         connection's last: its socket is shut down
  *
  * Any thread, while the client exists; one message at a time reaches the socket. Takes the client's write
  * lock and holds it while it writes, which blocks as long as the peer takes nothing, without limit; and the

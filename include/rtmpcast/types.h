@@ -335,6 +335,7 @@ struct RtmpClient {
     uint8_t ToldToLeave;      /* reads for the client fail as interrupted ones do */
     RtmpMutex TlsLock;        /* leaf: one call of Tls at a time; never held while the peer is waited for */
     RtmpRecvPkt *RecvPktRoot; /* the receive list as a tree, by the bits of the chunk stream id */
+    uint8_t MessageState;     /* RtmpMessageState of the last message; guarded by WriteLock */
 };
 
 /**

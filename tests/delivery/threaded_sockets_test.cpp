@@ -1,6 +1,7 @@
 // The threaded sender on real sockets: what players get, and its ends while a player takes nothing.
 #include "delivery/senders/threaded_queue.h"
 
+#include "delivery/write/socket_writer.h"
 #include "instruments/ring.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
@@ -241,12 +242,15 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
     ASSERT_EQ(ftruncate(fd, kSize), 0);
     void *mapped = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ASSERT_NE(mapped, MAP_FAILED);
-    const Player player = join(session_);
-    std::thread reader([&] {
+    // A player whose frame is ended in the middle is ended with it; another one joins.
+    Player player = join(session_);
+    const auto readToEnd = [](int peer) {
         std::vector<uint8_t> sink(65536);
-        while (recv(player.peer, sink.data(), sink.size(), 0) > 0) {
+        while (recv(peer, sink.data(), sink.size(), 0) > 0) {
         }
-    });
+    };
+    std::thread reader(readToEnd, player.peer);
+    int ended = 0;
     std::mt19937 random(7);
     for (uint64_t round = 0; round < 300; round++) {
         for (uint64_t i = 0; i < 3; i++) {
@@ -261,9 +265,18 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
         ASSERT_EQ(RtmpThreadedQueueReset(session_), 0);
         ASSERT_EQ(session_->Queue->ThreadRunning, 0);
         expectLocksFree(session_);
+        if (player.client->MessageState == MESSAGE_CUT) {
+            ended++;
+            reader.join();
+            leave(player);
+            player = join(session_);
+            reader = std::thread(readToEnd, player.peer);
+        }
     }
     shutdown(player.socket, SHUT_RDWR);
     reader.join();
+    EXPECT_GT(ended, 0);
+    EXPECT_LT(ended, 300);
     munmap(mapped, kSize);
     close(fd);
 }

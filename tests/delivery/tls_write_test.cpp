@@ -1,9 +1,11 @@
 // Messages to a client that carries a TLS handle: piece by piece through SSL_write, whatever it answers.
+#include "delivery/write/client_send.h"
 #include "delivery/write/fan_out.h"
 #include "net/client_state.h"
 #include "support/session_rig.h"
 
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -43,6 +45,12 @@ class TlsWrite : public testing::Test {
                  "3 ERROR: SendMsgToConnectedClients: Sending data message to client {%p} failed",
                  static_cast<void *>(player.client));
         return text;
+    }
+
+    bool peerSeesEnd() const
+    {
+        char byte;
+        return recv(player.peer, &byte, 1, MSG_DONTWAIT) == 0;
     }
 
     SessionRig rig;
@@ -94,17 +102,22 @@ TEST_F(TlsWrite, FailuresAreMaskedUntilTheyOutnumberTheBytes)
         return call == 3 ? 1 : -1; // the first separator is written, six pieces fail
     };
     EXPECT_EQ(send(), -1);
-    rig.log.clear();
-    calls.clear();
+}
+
+TEST_F(TlsWrite, FiveBytesDoNotMaskSixFailures)
+{
     answer = [](size_t call, int length) {
         errno = EIO;
-        return call == 1 ? length : -1; // five bytes of the tag, six failures
+        return call == 1 ? length : -1; // the tag is written
     };
     EXPECT_EQ(send(), -1);
-    calls.clear();
+}
+
+TEST_F(TlsWrite, TwelveBytesMaskSixFailures)
+{
     answer = [](size_t call, int length) {
         errno = EIO;
-        return call == 0 ? length : -1; // twelve bytes of the header, six failures
+        return call == 0 ? length : -1; // the header is written
     };
     EXPECT_EQ(send(), 0);
 }
@@ -121,6 +134,40 @@ TEST_F(TlsWrite, NothingWrittenAtAllIsAFailure)
     lines.push_back(failedSend());
     EXPECT_EQ(rig.log.lines(), lines);
     EXPECT_EQ(player.client->SendPktCount, 0U) << "the next frame starts with a full header";
+}
+
+// Whatever the result says: the peer would take the next message for the piece that is missing.
+TEST_F(TlsWrite, AMessageWithAMissingPieceIsTheLast)
+{
+    answer = [](size_t call, int length) {
+        errno = EIO;
+        return call == 4 ? -1 : length;
+    };
+    EXPECT_EQ(send(), 0);
+    EXPECT_TRUE(peerSeesEnd());
+    calls.clear();
+    EXPECT_EQ(send(), 0);
+    EXPECT_TRUE(calls.empty()) << "no frame follows";
+    RtmpSendPkt *reply = static_cast<RtmpSendPkt *>(calloc(1, sizeof(RtmpSendPkt)));
+    reply->ChunkStreamId = 3;
+    EXPECT_EQ(SendMsgToClient(player.client, reply, RTMP_MSG_CONNECT), -1);
+    EXPECT_TRUE(calls.empty()) << "nor a reply";
+    EXPECT_TRUE(rig.log.contains("3 ERROR: RtmpSendMsgBytes: Unable to send message: 32 (Broken pipe)"));
+}
+
+TEST_F(TlsWrite, AMessageOfWhichNothingIsOutIsJustMissed)
+{
+    answer = [](size_t, int) {
+        errno = EPIPE;
+        return -1;
+    };
+    EXPECT_EQ(send(), -1);
+    EXPECT_FALSE(peerSeesEnd());
+    calls.clear();
+    answer = nullptr;
+    EXPECT_EQ(send(), 0);
+    EXPECT_EQ(calls.size(), 7U);
+    EXPECT_FALSE(peerSeesEnd());
 }
 
 // A handle that says 0 has been closed by the peer. The sum is 0, and that is no failure.

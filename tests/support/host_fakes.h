@@ -25,7 +25,7 @@ class HostFakes {
     std::function<void(uint64_t, uint8_t **, int32_t *, uint32_t)> getSei;
     std::function<void(uint8_t *, int32_t, int32_t)> increaseNalSize;
     std::function<RtmpSendPkt *(RtmpClient *, uint32_t, uint64_t)> captionMessage;
-    std::function<void()> status; // runs inside rtmpStatusMessage
+    std::function<void()> status;                    // runs inside rtmpStatusMessage
     std::function<int(void *, void *, int)> sslRead; // only where libssl is not linked
     std::function<int(void *, const void *, int)> sslWrite;
 
