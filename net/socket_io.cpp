@@ -72,6 +72,14 @@ void LogFailedRead(RtmpLogger *logger, int error, int result)
     }
 }
 
+void LogEndOfStream(RtmpLogger *logger, const TlsLine *line)
+{
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", kRead);
+    if (line->Handle != nullptr) {
+        TlsReportEnd(line, logger);
+    }
+}
+
 int ReadWhole(const RtmpClient *client, RtmpLogger *logger, const TlsLine *line, uint8_t *buf,
               uint32_t length)
 {
@@ -83,10 +91,7 @@ int ReadWhole(const RtmpClient *client, RtmpLogger *logger, const TlsLine *line,
             return -1;
         }
         if (result == 0) {
-            RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Connection was closed by peer\n", kRead);
-            if (line->Handle != nullptr) {
-                TlsReportEnd(line, logger);
-            }
+            LogEndOfStream(logger, line);
             return -1;
         }
         done += static_cast<uint32_t>(result);

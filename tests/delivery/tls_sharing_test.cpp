@@ -133,6 +133,11 @@ class TlsSharing : public testing::Test {
     std::atomic<size_t> taken = 0; // bytes of records
 };
 
+#ifdef __SANITIZE_THREAD__
+constexpr bool kUnderThreadSanitizer = true;
+#else
+constexpr bool kUnderThreadSanitizer = false;
+#endif
 constexpr size_t kFrameOnTheWire = 12 + 5 + 300 + 2;
 const std::string kReadInterrupted =
     "3 ERROR: RtmpReadBytes: Unable to read buffer: 4 (Interrupted system call)";
@@ -243,7 +248,8 @@ TEST_F(TlsSharing, ASignalWhoseHandlerRestartsCallsEndsNothing)
     for (std::thread *thread : {&reader, &sender, &reader, &sender, &reader, &sender}) {
         const int before = handled;
         pthread_kill(thread->native_handle(), SIGUSR1);
-        EXPECT_TRUE(WaitUntil([&] { return handled > before; }));
+        // The thread sanitizer runs a handler when the thread calls something else than it was waiting in.
+        EXPECT_TRUE(kUnderThreadSanitizer || WaitUntil([&] { return handled > before; }));
     }
     feed(Hex("01"));
     reader.join();
