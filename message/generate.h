@@ -1,4 +1,4 @@
-// The one door to the message generators: by kind, to the room that builds it.
+// A message of any kind, built by the generator of that kind.
 #pragma once
 
 #include "rtmpcast/types.h"

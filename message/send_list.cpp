@@ -28,7 +28,7 @@ int UnlockSendList(RtmpClient *client, const char *who)
 
 // The procedures below are called with the list locked.
 
-RtmpSendPkt *FindByChunkStream(const RtmpClient *client, uint32_t chunkStreamId)
+RtmpSendPkt *FindSent(const RtmpClient *client, uint32_t chunkStreamId)
 {
     RtmpSendPkt *pkt = client->SendPktCount > 0 ? client->SendPktHead : nullptr;
     while (pkt != nullptr && pkt->ChunkStreamId != chunkStreamId) {
@@ -47,7 +47,7 @@ bool IsListed(const RtmpClient *client, const RtmpSendPkt *wanted)
     return pkt != nullptr;
 }
 
-void Append(RtmpClient *client, RtmpSendPkt *pkt)
+void AppendSent(RtmpClient *client, RtmpSendPkt *pkt)
 {
     pkt->Next = nullptr;
     pkt->Prev = client->SendPktTail;
@@ -61,7 +61,7 @@ void Append(RtmpClient *client, RtmpSendPkt *pkt)
     pkt->Stored = 1;
 }
 
-void Unlink(RtmpClient *client, RtmpSendPkt *pkt)
+void UnlinkSent(RtmpClient *client, RtmpSendPkt *pkt)
 {
     RtmpSendPkt **fromBefore = pkt->Prev != nullptr ? &pkt->Prev->Next : &client->SendPktHead;
     RtmpSendPkt **fromBehind = pkt->Next != nullptr ? &pkt->Next->Prev : &client->SendPktTail;
@@ -73,11 +73,11 @@ void Unlink(RtmpClient *client, RtmpSendPkt *pkt)
     client->SendPktCount--;
 }
 
-void FreeAll(RtmpClient *client)
+void FreeAllSent(RtmpClient *client)
 {
     while (client->SendPktHead != nullptr) {
         RtmpSendPkt *pkt = client->SendPktHead;
-        Unlink(client, pkt);
+        UnlinkSent(client, pkt);
         FreeSendPkt(pkt);
     }
 }
@@ -109,18 +109,18 @@ int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
     if (LockSendList(client, __func__) != 0) {
         return pkt->Stored != 0 ? 0 : -1;
     }
-    RtmpSendPkt *replaced = FindByChunkStream(client, pkt->ChunkStreamId);
+    RtmpSendPkt *replaced = FindSent(client, pkt->ChunkStreamId);
     if (replaced == pkt) {
         (void)UnlockSendList(client, __func__); // logged
         return 0;
     }
     if (replaced != nullptr) {
-        Unlink(client, replaced);
+        UnlinkSent(client, replaced);
         FreeSendPkt(replaced);
     }
-    Append(client, pkt);
+    AppendSent(client, pkt);
     if (UnlockSendList(client, __func__) != 0) {
-        Unlink(client, pkt);
+        UnlinkSent(client, pkt);
         return -1;
     }
     return 0;
@@ -138,9 +138,9 @@ int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
         return -1;
     }
     if (pkt == nullptr) {
-        FreeAll(client);
+        FreeAllSent(client);
     } else if (IsListed(client, pkt)) {
-        Unlink(client, pkt);
+        UnlinkSent(client, pkt);
         FreeSendPkt(pkt);
     } else {
         return -1;
@@ -154,7 +154,7 @@ RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId)
     if (LockSendList(client, __func__) != 0) {
         return nullptr;
     }
-    RtmpSendPkt *pkt = FindByChunkStream(client, static_cast<uint32_t>(chunkStreamId));
+    RtmpSendPkt *pkt = FindSent(client, static_cast<uint32_t>(chunkStreamId));
     return UnlockSendList(client, __func__) == 0 ? pkt : nullptr;
 }
 
@@ -165,7 +165,7 @@ int StoredTimestamp(RtmpClient *client, uint32_t chunkStreamId, uint64_t *timest
     if (LockSendList(client, kWho) != 0) {
         return -1;
     }
-    const RtmpSendPkt *pkt = FindByChunkStream(client, chunkStreamId);
+    const RtmpSendPkt *pkt = FindSent(client, chunkStreamId);
     if (pkt != nullptr) {
         *timestamp = LoadShared(&pkt->Timestamp); // senders move it on without this lock
     }

@@ -9,7 +9,7 @@ extern "C" {
 RTMP_API void RtmpLogPrint(RtmpLogger *logger, uint8_t level, const char *format, ...) RTMP_PRINTF(3, 4);
 
 // LoggerOf returns what RtmpLogPrint is given for work on behalf of a server. It stays valid for as long as
-// the server record does, also after RtmpServerDestroy has let go of the host's logger.
+// the server record does, also after RtmpServerDestroy has taken the host's logger away.
 RtmpLogger *LoggerOf(RtmpServer *server);
 
 // OpenLogGate makes `server` look its Logger up at the moment a line is written.

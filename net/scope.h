@@ -9,7 +9,7 @@
 inline void ReleaseScopedMutex(RtmpMutex **mutex)
 {
     if (*mutex != nullptr) {
-        (void)RtmpMutexUnlock(*mutex); // a guard has nobody to report to
+        (void)RtmpMutexUnlock(*mutex); // a guard reports nothing
     }
 }
 

@@ -170,7 +170,7 @@ void LeaveLoop(RtmpServer *server, RtmpClient *client, enum Round round)
     } while (round == ROUND_AGAIN);
 
     LeaveLoop(server, client, round);
-    (void)ReleaseServer(server); // logged, and nobody is left to report to
+    (void)ReleaseServer(server); // a failure is logged
     RtmpThreadExit(RtmpGetSelfThreadHandle());
 }
 

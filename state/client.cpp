@@ -216,7 +216,7 @@ void FreeClientRecord(RtmpClient *client)
     RtmpSession *session = client->Session;
     if (session != nullptr) {
         UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
-        (void)LockClientsOf(client, &held); // nobody is left to report to
+        (void)LockClientsOf(client, &held); // the record goes in any case
         TakeOutOfSession(session, client, PlaceInChain(session, client));
     }
     if (client->RecvPktCount > 0) {

@@ -1,5 +1,6 @@
-// The host's thread that is in RtmpSendData, known for as long as it is: whoever destroys the session sees it
-// out. It may be stuck in a write to a player that takes nothing, with the list of all sessions in its hands.
+// The host's thread that is in RtmpSendData, known for as long as it is: whoever destroys the session waits
+// for its end. It may be stuck in a write to a player that takes nothing, with the list of all sessions in
+// its hands.
 #pragma once
 
 #include "rtmpcast/types.h"

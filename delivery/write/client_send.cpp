@@ -27,7 +27,7 @@ void FreeOwnMessage(RtmpSendPkt **message)
     FreeSendPkt(*message);
 }
 
-// A message is in its client's send list as the reference of its chunk stream, or nobody's.
+// Whether a message is in its client's send list, as the reference of its chunk stream.
 struct Reference {
     RtmpSendPkt *Previous; // what the list held before; null: the message itself has been stored
     bool Stored;
