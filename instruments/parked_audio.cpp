@@ -82,7 +82,7 @@ bool EmptyIfFull(RtmpMonitor *monitor, Overflow *overflow)
     return true;
 }
 
-void Append(RtmpMonitor *monitor, const RtmpPacket *packet)
+void LinkParked(RtmpMonitor *monitor, const RtmpPacket *packet)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
     RtmpPacket *slot = &monitor->AudioRing[monitor->AudioTail];
@@ -146,7 +146,7 @@ int addRtmpPacketToBuffer(RtmpMonitor *monitor, RtmpSession *session, const uint
                                mediaType) != 0) {
         return -1;
     }
-    Append(monitor, &packet);
+    LinkParked(monitor, &packet);
     return 0;
 }
 

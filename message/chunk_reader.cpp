@@ -5,6 +5,7 @@
 #include "net/byte_order.h"
 #include "net/handshake.h"
 #include "net/log.h"
+#include "net/number.h"
 #include "net/record.h"
 #include "net/scope.h"
 
@@ -81,16 +82,6 @@ int ReadChunkHeader(RtmpClient *client, uint8_t *bytes, ChunkHeader *header)
         header->Length += 4;
     }
     return 0;
-}
-
-uint32_t Smaller(uint32_t a, uint32_t b)
-{
-    return a < b ? a : b;
-}
-
-uint32_t Larger(uint32_t a, uint32_t b)
-{
-    return a > b ? a : b;
 }
 
 // ReadIntoPayload reads a chunk's payload behind what the message has. Memory follows what has arrived: a

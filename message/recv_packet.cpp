@@ -2,16 +2,12 @@
 
 #include "amf/object.h"
 #include "net/log.h"
+#include "net/number.h"
 #include "net/record.h"
 
 namespace {
 
 constexpr uint64_t kLeastRoom = 64; // short messages get their whole room at once
-
-uint64_t Larger(uint64_t a, uint64_t b)
-{
-    return a > b ? a : b;
-}
 
 // A message never needs more than its length, whatever is wanted.
 uint32_t RoomWithin(const RtmpRecvPkt *pkt, uint64_t wanted)
@@ -23,7 +19,7 @@ uint32_t RoomWithin(const RtmpRecvPkt *pkt, uint64_t wanted)
 
 int NewPayload(RtmpRecvPkt *pkt, uint32_t bytes)
 {
-    const uint32_t room = RoomWithin(pkt, Larger(uint64_t{2} * bytes, kLeastRoom));
+    const uint32_t room = RoomWithin(pkt, Larger<uint64_t>(uint64_t{2} * bytes, kLeastRoom));
     pkt->PayloadData = NewArray<uint8_t>(room);
     if (pkt->PayloadData == nullptr) {
         return -1;
@@ -44,7 +40,7 @@ int GrowPayload(RtmpRecvPkt *pkt, uint32_t bytes)
         return 0;
     }
     // Twice as much each time: the copies of a message that grows to its end cost no more than its length.
-    const uint32_t grown = RoomWithin(pkt, Larger(uint64_t{2} * room, bytes));
+    const uint32_t grown = RoomWithin(pkt, Larger<uint64_t>(uint64_t{2} * room, bytes));
     uint8_t *payload = static_cast<uint8_t *>(realloc(pkt->PayloadData, grown));
     if (payload == nullptr) {
         return -1;

@@ -37,8 +37,9 @@ RtmpSendPkt *FindSent(const RtmpClient *client, uint32_t chunkStreamId)
     return pkt;
 }
 
-// IsListed tells whether `wanted` is in the list by its address alone: the caller may hold one that is gone.
-bool IsListed(const RtmpClient *client, const RtmpSendPkt *wanted)
+// IsSentListed tells whether `wanted` is in the list by its address alone: the caller may hold one that is
+// gone.
+bool IsSentListed(const RtmpClient *client, const RtmpSendPkt *wanted)
 {
     const RtmpSendPkt *pkt = client->SendPktHead;
     while (pkt != nullptr && pkt != wanted) {
@@ -139,7 +140,7 @@ int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
     }
     if (pkt == nullptr) {
         FreeAllSent(client);
-    } else if (IsListed(client, pkt)) {
+    } else if (IsSentListed(client, pkt)) {
         UnlinkSent(client, pkt);
         FreeSendPkt(pkt);
     } else {

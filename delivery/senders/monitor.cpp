@@ -47,7 +47,7 @@ void SendDueAudio(RtmpMonitor *monitor, uint64_t videoDelta)
     }
 }
 
-RtmpMonitorReports AddSample(RtmpMonitor *monitor, uint32_t bytes)
+RtmpMonitorReports CountFrameLocked(RtmpMonitor *monitor, uint32_t bytes)
 {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
@@ -61,7 +61,7 @@ RtmpMonitorReports AddSample(RtmpMonitor *monitor, uint32_t bytes)
 // The host is told without the lock, which the last client that leaves waits for.
 void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
 {
-    const RtmpMonitorReports due = AddSample(monitor, bytes);
+    const RtmpMonitorReports due = CountFrameLocked(monitor, bytes);
     SendMonitorReports(monitor->Session, &due);
 }
 

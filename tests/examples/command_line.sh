@@ -45,10 +45,7 @@ expect 0 'while nobody watched' --rtmp-port 0 --session a --session b --zero-cop
 for signal in INT TERM; do
     "$live_host" --rtmp-port 0 >"$work/out" 2>&1 &
     host=$!
-    for _ in $(seq 100); do
-        grep -q '^viewers' "$work/out" && break
-        sleep 0.1
-    done
+    timeout 20 grep -qm1 '^viewers' <(tail -n +1 -f --pid="$host" "$work/out")
     kill -"$signal" "$host"
     wait "$host"
     code=$?

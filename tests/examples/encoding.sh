@@ -25,10 +25,7 @@ check() {
     port=$(free_port)
     "$live_host" --interface lo --rtmp-port "$port" --duration 60 --encode "$@" >"$work/$name.log" 2>&1 &
     host=$!
-    for _ in $(seq 200); do
-        grep -q '^serving ' "$work/$name.log" && break
-        sleep 0.1
-    done
+    timeout 30 grep -qm1 '^serving ' <(tail -n +1 -f --pid="$host" "$work/$name.log")
     timeout --signal=INT 5 rtmpdump -q -r "rtmp://127.0.0.1:$port/live/stream" -w "$(printf '%064d' 0)" -x 1 \
         -o "$work/$name.flv" >"$work/$name.player" 2>&1
     kill -TERM "$host"
