@@ -1,3 +1,4 @@
+#include "net/log_line.h"
 #include "rtmpcast/server.h"
 
 #include "core/session_end.h"
@@ -15,8 +16,8 @@
 
 namespace {
 
-// FillSession allocates what a session owns. Null, or the text of what failed; the caller frees the record.
-const char *FillSession(RtmpSession *session, RtmpServer *server, const char *name)
+// FillSession allocates what a session owns. No text, or that of what failed; the caller frees the record.
+LogText FillSession(RtmpSession *session, RtmpServer *server, const char *name)
 {
     session->MediaKind = RTMP_MEDIA_NONE;
     session->Server = server;
@@ -25,15 +26,15 @@ const char *FillSession(RtmpSession *session, RtmpServer *server, const char *na
     (void)RtmpConditionInit(&session->MemberLeft); // of valid attributes: cannot fail
     session->Name = CopyOfText(name, strlen(name));
     if (session->Name == nullptr) {
-        return "ERROR: %s: Cannot allocate memory to session name\n";
+        return LOG_TEXT("ERROR: %s: Cannot allocate memory to session name\n");
     }
     session->CcGen = NewRecord<RtmpCaptionCtx>();
     if (session->CcGen == nullptr) {
-        return "ERROR: %s: Cannot allocate memory for CC\n";
+        return LOG_TEXT("ERROR: %s: Cannot allocate memory for CC\n");
     }
     WITHOUT_CANCEL int restore = ForbidCancel();
     session->CcGen->Handle = cc_gen_init();
-    return nullptr;
+    return {};
 }
 
 void FreeSession(RtmpSession *session)
@@ -63,14 +64,6 @@ void EndMediaAndSender(RtmpSession *session)
     }
 }
 
-void LogFailure(RtmpServer *server, const char *format, const char *who)
-{
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // one of the texts above, each with one %s
-    RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, format, who);
-#pragma GCC diagnostic pop
-}
-
 } // namespace
 
 RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err)
@@ -89,9 +82,9 @@ RtmpSession *RtmpSessionCreate(RtmpServer *server, const char *name, int *err)
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to rtmpSession\n", __func__);
         return FailCreate(RTMP_ERR_MEMORY, err);
     }
-    const char *failure = FillSession(session, server, name);
-    if (failure != nullptr) {
-        LogFailure(server, failure, __func__);
+    const LogText failure = FillSession(session, server, name);
+    if (failure.Format != nullptr) {
+        LogLine(logger, RTMP_LOG_ERROR, failure, __func__);
         FreeSession(session);
         return FailCreate(RTMP_ERR_MEMORY, err);
     }
@@ -135,9 +128,9 @@ int RtmpSessionDestroy(RtmpSession *session)
         return RTMP_ERR_LOCK;
     }
     int code = 0;
-    const char *failure = EndClients(session, &code);
-    if (failure != nullptr) {
-        LogFailure(server, failure, __func__);
+    const LogText failure = EndClients(session, &code);
+    if (failure.Format != nullptr) {
+        LogLine(logger, RTMP_LOG_ERROR, failure, __func__);
         (void)RtmpMutexUnlock(&server->LiveSessionListLock); // the failure above is the one to report
         AllowFrames(session);
         return code;

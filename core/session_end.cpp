@@ -3,6 +3,7 @@
 #include "delivery/senders/threaded_queue.h"
 #include "net/atomic.h"
 #include "net/log.h"
+#include "net/log_line.h"
 #include "net/platform.h"
 #include "net/scope.h"
 #include "rtmpcast/host.h"
@@ -136,8 +137,8 @@ EndingClient TellToLeave(RtmpSession *session, RtmpClient *client)
     return ending;
 }
 
-// Null, or the text of what failed, with its code.
-const char *WaitForThread(RtmpSession *session, const EndingClient *ending, int *code)
+// No text, or that of what failed, with its code.
+LogText WaitForThread(RtmpSession *session, const EndingClient *ending, int *code)
 {
     if (ending->Thread != 0) {
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_INFO, "INFO: %s: Waiting for Thread Completion\n",
@@ -150,17 +151,17 @@ const char *WaitForThread(RtmpSession *session, const EndingClient *ending, int 
     const bool joins = ending->Claimed || ending->IsCaller;
     if (joins && RtmpWaitForThreadCompletion(ending->Thread) != 0) {
         *code = RTMP_ERR_THREAD_JOIN;
-        return "ERROR: %s: Wait For serve client thread Failed\n";
+        return LOG_TEXT("ERROR: %s: Wait For serve client thread Failed\n");
     }
-    return nullptr;
+    return {};
 }
 
 // EndFirstClient ends the serve thread of the first client. Null, or the text of what failed, with its code.
-const char *EndFirstClient(RtmpSession *session, int *code)
+LogText EndFirstClient(RtmpSession *session, int *code)
 {
     if (LockClientList(session) != 0) {
         *code = RTMP_ERR_LOCK;
-        return "ERROR: %s: Cannot lock Rtmp client list\n";
+        return LOG_TEXT("ERROR: %s: Cannot lock Rtmp client list\n");
     }
     EndingClient ending = {};
     RtmpClient *first = FirstMember(session); // it may have left since the caller looked
@@ -170,9 +171,9 @@ const char *EndFirstClient(RtmpSession *session, int *code)
     if (RtmpMutexUnlock(&session->ClientListLock) != 0) {
         LetGoOfThread(session, &ending);
         *code = RTMP_ERR_UNLOCK;
-        return "ERROR: %s: Cannot unlock Rtmp client list\n";
+        return LOG_TEXT("ERROR: %s: Cannot unlock Rtmp client list\n");
     }
-    return first != nullptr ? WaitForThread(session, &ending, code) : nullptr;
+    return first != nullptr ? WaitForThread(session, &ending, code) : LogText{};
 }
 
 } // namespace
@@ -187,16 +188,16 @@ void StopFrames(RtmpSession *session)
     }
 }
 
-const char *EndClients(RtmpSession *session, int *code)
+LogText EndClients(RtmpSession *session, int *code)
 {
     while (FirstMember(session) != nullptr) {
-        const char *failure = EndFirstClient(session, code);
-        if (failure != nullptr) {
+        const LogText failure = EndFirstClient(session, code);
+        if (failure.Format != nullptr) {
             return failure;
         }
     }
     // The last to leave may not have given the locks back yet.
     PassThrough(&session->ClientListLock);
     PassThrough(&session->MemberLock);
-    return nullptr;
+    return {};
 }
