@@ -7,7 +7,6 @@
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
-#include "state/server_hold.h"
 #include "support/session_rig.h"
 #include "support/socket_client.h"
 #include "support/wait.h"
@@ -68,7 +67,6 @@ struct Served {
     }
     void start()
     {
-        HoldServer(rig.server);
         pthread_t thread;
         ASSERT_EQ(pthread_create(&thread, nullptr, Serve, this), 0);
     }

@@ -2,7 +2,6 @@
 // encoder's thread sends frames.
 #include "net/handshake.h"
 #include "serve/serve.h"
-#include "state/server_hold.h"
 #include "tls_fixture.h"
 
 #include <limits>
@@ -118,7 +117,6 @@ TEST_P(TlsSharing, FramesGoOutWhileThePlayerPingsAndItsKeysAreRenewed)
     RtmpSession *session = server.session();
     HandedClient player(server, setup);
     pthread_t thread;
-    HoldServer(server.server);
     ASSERT_EQ(pthread_create(&thread, nullptr, ServeRtmpClient, player.giveAway()), 0);
     player.peer.socket.keepRecord(false);
     player.peer.playing("cam");

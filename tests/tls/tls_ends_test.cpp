@@ -10,7 +10,7 @@ const std::string kClosed = "6 INFO: RtmpReadBytes: Connection was closed by pee
 const std::string kReadFailed = "3 ERROR: ReadRtmpMessage: Reading bytes failed";
 
 // What the accept thread does with its connections; the thread ends the client.
-void StartServing(TestServer &server, HandedClient &player)
+void StartServing(HandedClient &player)
 {
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, ServeRtmpClient, player.giveAway()), 0);
@@ -111,7 +111,7 @@ TEST(TlsLeaving, AServeThreadEndsWithItsPeer)
     HandedClient player(server, TlsSetup{});
     void *handle = player.tls->handle();
     server.log.clear();
-    StartServing(server, player);
+    StartServing(player);
     player.peer.connected();
     player.peer.socket.finish();
     ASSERT_TRUE(server.waitForClientsToEnd());
@@ -140,7 +140,7 @@ TEST(TlsLeaving, AnEndingSessionInterruptsTheRead)
     TestServer server;
     RtmpSession *session = server.session();
     HandedClient player(server, TlsSetup{});
-    StartServing(server, player);
+    StartServing(player);
     player.peer.playing("cam");
     server.log.clear();
     EXPECT_EQ(RtmpSessionDestroy(session), 0);

@@ -80,16 +80,10 @@ constexpr Step kSteps[] = {
         peer.command(PauseCommand(true)), peer.command(PauseCommand(false));
     },
     [](ScriptedPeer &peer) { Playing(peer), peer.command(PlayCommand("cam")); },
+    [](ScriptedPeer &peer) { Playing(peer), peer.command(DeleteStreamCommand()); },
     [](ScriptedPeer &peer) { Playing(peer), peer.send({.payload = {1}, .type = 9}); },
 };
 constexpr size_t kStepCount = sizeof kSteps / sizeof kSteps[0];
-
-// A joinable thread's stack stays mapped until the process ends, so this step has a smaller share.
-void Deleted(ScriptedPeer &peer)
-{
-    Playing(peer);
-    peer.command(DeleteStreamCommand());
-}
 
 void RunConnections(uint16_t port, size_t worker, std::atomic<size_t> &failures)
 {
@@ -97,7 +91,7 @@ void RunConnections(uint16_t port, size_t worker, std::atomic<size_t> &failures)
         try {
             ScriptedPeer peer(port);
             peer.socket.keepRecord(false);
-            i % 200 == 199 ? Deleted(peer) : kSteps[i % kStepCount](peer);
+            kSteps[i % kStepCount](peer);
             i / kStepCount % 2 == 0 ? peer.socket.leave() : peer.socket.reset();
         } catch (const PeerError &error) {
             ++failures;
