@@ -56,8 +56,19 @@ int LockClientList(RtmpSession *session)
     return result;
 }
 
+// PressClient makes what the client's thread waits in fail. A thread of the host's own, whose handle the
+// record does not have, has been told of the end of its session, and ends its reads itself. The caller holds
+// MemberLock.
+void PressClient(RtmpClient *client)
+{
+    if (LoadShared(&client->ServeThread) != 0) {
+        EndReading(client);
+        SignalClient(client);
+    }
+}
+
 // One slice of waiting for the client to leave. False once it has; it may then be freed.
-bool IsStillMember(RtmpSession *session, const RtmpClient *client)
+bool IsStillMember(RtmpSession *session, RtmpClient *client)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
     if (!IsMember(session, client)) {
@@ -67,14 +78,14 @@ bool IsStillMember(RtmpSession *session, const RtmpClient *client)
     if (!IsMember(session, client)) {
         return false;
     }
-    SignalClient(client);
+    PressClient(client);
     return true;
 }
 
 // WaitUntilLeft returns when the client is no member any more. Its reads have ended; a write that blocks is
 // ended by a signal, which is repeated: one that arrives between two calls interrupts nothing. A client that
 // cannot leave is waiting for another one that is stuck in a write, so that in the end all are signalled.
-void WaitUntilLeft(RtmpSession *session, const RtmpClient *client)
+void WaitUntilLeft(RtmpSession *session, RtmpClient *client)
 {
     for (int slices = 0; IsStillMember(session, client); slices++) {
         if (slices >= kSlicesBeforeAll) {
@@ -129,11 +140,13 @@ EndingClient TellToLeave(RtmpSession *session, RtmpClient *client)
     RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_INFO, "INFO: %s: Sending SIGUSR1 to Client Thread\n",
                  kDestroy);
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
-    if (!ending.IsCaller) {
-        ending.Claimed = ClaimThread(client, ending.Thread);
-        EndReading(client);
+    if (ending.IsCaller) {
+        SignalClient(client);
+        return ending;
     }
-    SignalClient(client);
+    ending.Claimed = ClaimThread(client, ending.Thread);
+    StoreShared(&client->Awaited, static_cast<uint8_t>(1));
+    PressClient(client);
     return ending;
 }
 

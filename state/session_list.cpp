@@ -86,7 +86,7 @@ int LockSessionListFor(RtmpClient *client)
 {
     RtmpMutex *lock = &client->Server->LiveSessionListLock;
     int result = RtmpMutexLockSlice(lock);
-    while (result == RTMP_WAIT_IS_UP && !IsToldToLeave(client)) {
+    while (result == RTMP_WAIT_IS_UP && !IsToldToLeave(client) && LoadShared(&client->Awaited) == 0) {
         result = RtmpMutexLockSlice(lock);
     }
     return result == 0 ? 0 : -1;

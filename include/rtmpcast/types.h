@@ -333,6 +333,7 @@ struct RtmpClient {
     uint8_t ThreadOwner;      /* RtmpThreadOwner: who ends the serve thread */
     uint8_t SocketClosed;     /* the number in Socket may already be somebody else's */
     uint8_t ToldToLeave;      /* reads for the client fail as interrupted ones do */
+    uint8_t Awaited;          /* RtmpSessionDestroy waits for the client to leave */
     RtmpMutex TlsLock;        /* leaf: one call of Tls at a time; never held while the peer is waited for */
     RtmpRecvPkt *RecvPktRoot; /* the receive list as a tree, by the bits of the chunk stream id */
     uint8_t MessageState;     /* RtmpMessageState of the last message; guarded by WriteLock */

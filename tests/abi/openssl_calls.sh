@@ -7,7 +7,7 @@ compile() {
         -DOPENSSL_NO_DEPRECATED -I "$HEADERS" -I "$SOURCE" "$1"
 }
 mapfile -t sources < <(library_files | (cd "$SOURCE" && xargs grep -l 'openssl/'))
-for name in net/handshake.cpp net/socket_io.cpp; do
+for name in net/handshake.cpp net/tls_io.cpp; do
     printf '%s\n' "${sources[@]}" | grep -qx "$name" || fail "$name does not use OpenSSL: look where it went"
 done
 for name in "${sources[@]}"; do

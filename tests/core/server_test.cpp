@@ -246,7 +246,7 @@ TEST(Server, SessionsThatGoWithTheServerSpeakOnStandardOutput)
     testing::internal::CaptureStdout();
     // No thread serves this client: it leaves when its owner takes it out.
     std::thread owner([&] {
-        WaitUntil([&] { return __atomic_load_n(&client->ToldToLeave, __ATOMIC_ACQUIRE) != 0; });
+        WaitUntil([&] { return __atomic_load_n(&client->Awaited, __ATOMIC_ACQUIRE) != 0; });
         DestroyRtmpClient(client);
     });
     EXPECT_EQ(RtmpServerDestroy(server), 0);
