@@ -298,16 +298,3 @@ TEST(FreeAmfObject, ANestedListOf65535ValuesStaysWhileTheRestGoes)
     EXPECT_EQ(GetAmfPropType(nullptr, nested.last), static_cast<uint32_t>(AMF_NULL));
     FreeAmfProps(nested.first, 0, 0);
 }
-
-TEST(FreeAmfObject, AMillionObjectsWithinOneAnotherTakeNoStack)
-{
-    AmfObject list = {};
-    ASSERT_EQ(WriteAmfNull(nullptr, &list), 0);
-    for (int i = 0; i < 1000000; i++) {
-        AmfObject around = {};
-        ASSERT_EQ(WriteAmfObject(nullptr, &around, &list), 0);
-        list = around;
-    }
-    FreeAmfObject(nullptr, &list, 1);
-    EXPECT_EQ(list.first, nullptr);
-}

@@ -219,7 +219,7 @@ TEST(Server, EveryAcceptIsAnnouncedInBothLogs)
     address.sin_port = htons(server->RtmpPort);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    EXPECT_TRUE(WaitUntil([&] { return log.count(line) == 2; }));
+    EXPECT_TRUE(log.waitForCount(line, 2));
     close(fd);
     EXPECT_TRUE(log.waitFor("3 ERROR: ServeRtmpClient: Exiting ServeRtmpClient thread"));
     EXPECT_EQ(RtmpServerDestroy(server), 0);

@@ -120,6 +120,7 @@ class ThreadedSender : public testing::Test {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         int32_t previous = -1;
         auto since = std::chrono::steady_clock::now();
+        Backoff backoff;
         while (std::chrono::steady_clock::now() < deadline) {
             const int32_t count = RtmpQueueBufferCount(session->Queue->VideoBuffer);
             if (count != previous) {
@@ -129,7 +130,7 @@ class ThreadedSender : public testing::Test {
             if (count > 0 && std::chrono::steady_clock::now() - since > std::chrono::milliseconds(200)) {
                 return testing::AssertionSuccess();
             }
-            std::this_thread::yield();
+            backoff.pause();
         }
         return testing::AssertionFailure() << "the sender went on";
     }

@@ -296,7 +296,7 @@ TEST(AcceptFailing, AConnectionThatCannotBeTakenIsClosedAndTheNextOneIsServed)
             EXPECT_TRUE(failing.cameToIt());
             ::close(fd);
         }
-        ASSERT_TRUE(WaitUntil([&] { return rig.log.count(kWaiting) == 2; }));
+        ASSERT_TRUE(rig.log.waitForCount(kWaiting, 2));
         Lines lines = {kWaiting};
         lines.insert(lines.end(), row.lines.begin(), row.lines.end());
         lines.push_back(kWaiting);
@@ -324,7 +324,7 @@ TEST(AcceptFailing, AClientWithoutAThreadIsClosedAndItsRecordStaysAllocated)
         EXPECT_TRUE(failing.cameToIt());
         ::close(fd);
     }
-    ASSERT_TRUE(WaitUntil([&] { return rig.log.count(kWaiting) == 2; }));
+    ASSERT_TRUE(rig.log.waitForCount(kWaiting, 2));
     const Lines lines = rig.log.lines();
     const Lines expected = {
         kWaiting,
@@ -362,7 +362,7 @@ TEST(AcceptFailing, ATunnelConnectionThatCannotBeTakenIsClosed)
         EXPECT_TRUE(PeerClosed(fd));
         EXPECT_TRUE(failing.cameToIt());
         ::close(fd);
-        EXPECT_TRUE(WaitUntil([&] { return rig.log.count(waiting) == 2; }));
+        EXPECT_TRUE(rig.log.waitForCount(waiting, 2));
         EXPECT_EQ(rig.log.count(row.line), 1U);
         EXPECT_EQ(RtmpServerDestroy(rig.server), 0);
     }

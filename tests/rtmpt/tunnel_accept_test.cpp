@@ -106,7 +106,7 @@ TEST_F(RtmptPort, AConnectionStaysOpenAndSilentWhateverIsSent)
 {
     const int peer = Connect(port_);
     ASSERT_NE(peer, -1);
-    ASSERT_TRUE(WaitUntil([&] { return log_.count(waiting()) == 2; }));
+    ASSERT_TRUE(log_.waitForCount(waiting(), 2));
     const std::string request = "POST /open/1 HTTP/1.1\r\nContent-Length: 1\r\n\r\n\0";
     ASSERT_EQ(send(peer, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
     EXPECT_TRUE(StaysSilent(peer, 1500));
@@ -125,7 +125,7 @@ TEST_F(RtmptPort, EveryConnectionKeepsOneThreadAndOneSocket)
         peers.push_back(Connect(port_));
         ASSERT_NE(peers.back(), -1);
     }
-    ASSERT_TRUE(WaitUntil([&] { return log_.count(waiting()) == 1 + kConnections; }));
+    ASSERT_TRUE(log_.waitForCount(waiting(), 1 + kConnections));
     EXPECT_EQ(Threads(), threads + kConnections);
     EXPECT_EQ(Descriptors(), descriptors + 2 * kConnections); // both ends are ours
     for (const int peer : peers) {
@@ -135,7 +135,7 @@ TEST_F(RtmptPort, EveryConnectionKeepsOneThreadAndOneSocket)
     // Nobody reads: that the peers have left changes nothing.
     const int last = Connect(port_);
     ASSERT_NE(last, -1);
-    ASSERT_TRUE(WaitUntil([&] { return log_.count(waiting()) == 2 + kConnections; }));
+    ASSERT_TRUE(log_.waitForCount(waiting(), 2 + kConnections));
     EXPECT_EQ(Threads(), threads + kConnections + 1);
     EXPECT_EQ(Descriptors(), descriptors + kConnections + 2);
     close(last);
@@ -145,7 +145,7 @@ TEST_F(RtmptPort, ASignalWakesNoThreadForGood)
 {
     const int peer = Connect(port_);
     ASSERT_NE(peer, -1);
-    ASSERT_TRUE(WaitUntil([&] { return log_.count(waiting()) == 2; }));
+    ASSERT_TRUE(log_.waitForCount(waiting(), 2));
     const size_t threads = Threads();
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
         const pid_t id = std::stoi(task.path().filename());
@@ -162,7 +162,7 @@ TEST_F(RtmptPort, DestroyingTheServerEndsTheAcceptThreadAndLeavesTheConnections)
 {
     const int peer = Connect(port_);
     ASSERT_NE(peer, -1);
-    ASSERT_TRUE(WaitUntil([&] { return log_.count(waiting()) == 2; }));
+    ASSERT_TRUE(log_.waitForCount(waiting(), 2));
     EXPECT_EQ(RtmpServerDestroy(server_), 0);
     server_ = nullptr;
     EXPECT_TRUE(log_.contains("6 INFO: AcceptRtmptConnectionThread: Exiting RTMPT connection accept thread"));

@@ -6,12 +6,37 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct StatusReport {
     void *context;
     std::string key, value, description;
     bool operator==(const StatusReport &) const = default;
+};
+
+// What was recorded, in the order in which it came; any thread may add, and a reader gets a copy.
+template <typename Item> class Recorded {
+  public:
+    void add(Item item)
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        items_.push_back(std::move(item));
+    }
+    std::vector<Item> operator()() const
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        return items_;
+    }
+    void clear()
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        items_.clear();
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<Item> items_;
 };
 
 class HostFakes {
@@ -29,30 +54,12 @@ class HostFakes {
     std::function<int(void *, void *, int)> sslRead; // only where libssl is not linked
     std::function<int(void *, const void *, int)> sslWrite;
 
-    // Records, copied out under the lock.
-    std::vector<StatusReport> statusReports() const;
-    std::vector<std::pair<void *, int32_t>> bitrates() const;
-    std::vector<std::string> syslog() const; // "tag|text"
-    std::vector<uint64_t> closedCaptionHandles() const;
-    std::vector<std::pair<RtmpClient *, int32_t>> publishStates() const;
-    std::vector<std::pair<RtmpClient *, std::string>> recordActions() const;
-    std::vector<std::pair<void *, int>> tlsErrors() const;
-
-    void recordStatus(StatusReport report);
-    void recordBitrate(void *context, int32_t bitrate);
-    void recordSyslog(std::string line);
-    void recordClosedCaption(uint64_t handle);
-    void recordPublishState(RtmpClient *client, int32_t state);
-    void recordAction(RtmpClient *client, std::string action);
-    void recordTlsError(void *tls, int result);
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<StatusReport> status_;
-    std::vector<std::pair<void *, int32_t>> bitrates_;
-    std::vector<std::string> syslog_;
-    std::vector<uint64_t> closed_;
-    std::vector<std::pair<RtmpClient *, int32_t>> states_;
-    std::vector<std::pair<RtmpClient *, std::string>> actions_;
-    std::vector<std::pair<void *, int>> tlsErrors_;
+    // What the host was told.
+    Recorded<StatusReport> statusReports;
+    Recorded<std::pair<void *, int32_t>> bitrates;
+    Recorded<std::string> syslog; // "tag|text"
+    Recorded<uint64_t> closedCaptionHandles;
+    Recorded<std::pair<RtmpClient *, int32_t>> publishStates;
+    Recorded<std::pair<RtmpClient *, std::string>> recordActions;
+    Recorded<std::pair<void *, int>> tlsErrors;
 };

@@ -72,8 +72,12 @@ void TestServer::Relay(void *context, uint8_t level, const char *format, va_list
     const bool ended = text.find("Exiting ServeRtmpClient thread") != text.npos ||
                        text.find("Exiting Server RtmpClient thread") != text.npos;
     self->logger_->LogFunction(self->logger_->LogContext, level, format, arguments);
-    self->started_ += started;
-    self->ended_ += ended;
+    if (started || ended) {
+        const std::lock_guard<std::mutex> held(self->mutex_);
+        self->started_ += started;
+        self->ended_ += ended;
+        self->ended_one_.notify_all();
+    }
 }
 
 int TestServer::destroy()
@@ -105,7 +109,9 @@ RtmpSession *TestServer::session(const std::string &name, const SessionSetup &se
 
 bool TestServer::waitForClientsToEnd()
 {
-    return WaitUntil([this] { return ended_ == started_; });
+    std::unique_lock<std::mutex> held(mutex_);
+    return ended_one_.wait_for(held, std::chrono::milliseconds(CaptureLogger::kDeadline),
+                               [this] { return ended_ == started_; });
 }
 
 // SPS: profile 66, constraints C0, level 31, then sps id 0, log2_max_frame_num 4, picture order count type 2,

@@ -6,8 +6,9 @@
 #include "support/capture_logger.h"
 #include "support/wire_bytes.h"
 
-#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 namespace wire {
@@ -53,8 +54,10 @@ class TestServer {
 
     RtmpLogger *logger_;
     RtmpLogger relay_;
-    std::atomic<size_t> started_ = 0; // serve threads
-    std::atomic<size_t> ended_ = 0;
+    std::mutex mutex_; // of the two counts
+    std::condition_variable ended_one_;
+    size_t started_ = 0; // serve threads
+    size_t ended_ = 0;
 };
 
 int SendVideo(RtmpSession *session, const Bytes &frame, uint64_t timestamp);

@@ -30,13 +30,12 @@ class Watched {
     // Lets the server keep up with `count` connections: its backlog is short, and a full one costs a second.
     void keepPace(size_t count)
     {
-        EXPECT_TRUE(
-            WaitUntil([&] { return server.log.count("Exiting ServeRtmpClient thread") + 8 > count; }));
+        EXPECT_TRUE(server.log.waitForAtLeast("Exiting ServeRtmpClient thread", count < 8 ? 0 : count - 7));
     }
     // Everybody but the player has gone, with `reason` in the log once for each of `count`.
     void expectGone(const std::string &reason, size_t count)
     {
-        EXPECT_TRUE(WaitUntil([&] { return server.log.count("Exiting ServeRtmpClient thread") == count; }))
+        EXPECT_TRUE(server.log.waitForCount("Exiting ServeRtmpClient thread", count))
             << server.log.count("Exiting ServeRtmpClient thread") << " of " << count;
         EXPECT_EQ(server.log.count(reason), count) << reason;
     }
@@ -152,7 +151,7 @@ TEST(WireBadInput, EveryHeaderFormIsReadWhenItIsWhole)
         peer.send(first);
         peer.send(form);
         heard += 2;
-        ASSERT_TRUE(WaitUntil([&] { return watched.server.log.count("message: ACKNOWLEDGEMENT") == heard; }))
+        ASSERT_TRUE(watched.server.log.waitForCount("message: ACKNOWLEDGEMENT", heard))
             << "type " << form.headerType << ", basic header of " << form.basicForm;
     }
     watched.expectFrame();
@@ -190,8 +189,7 @@ TEST(WireBadInput, ShortHeadersOfUnknownChunkStreams)
             peer.send(
                 {.payload = {1}, .chunkStream = chunkStream == 3 ? 6 : chunkStream, .headerType = type});
             ++peers;
-            ASSERT_TRUE(WaitUntil(
-                [&] { return watched.server.log.count("Exiting ServeRtmpClient thread") == peers; }));
+            ASSERT_TRUE(watched.server.log.waitForCount("Exiting ServeRtmpClient thread", peers));
         }
     }
     watched.expectGone("3 ERROR: ReadRtmpMessage: Getting payload header size failed", peers);
@@ -293,7 +291,7 @@ TEST(WireBadInput, CommandsWithOneByteChanged)
             // refused already
         }
     }
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(watched.server.log.waitFor([&] {
         return watched.server.log.count("Exiting ServeRtmpClient thread") +
                    watched.server.log.count("Exiting Server RtmpClient thread") ==
                kPeers;

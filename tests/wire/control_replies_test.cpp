@@ -163,9 +163,7 @@ TEST(WireUserControl, EventsThatAreHeardAndForgottenKeepTheConnection)
     peer.send(UserControl(0xFFFF, {}));
     EXPECT_TRUE(peer.settle().empty());
     // The last five, and the ping after each of the three steps, are of no interest to the replies.
-    EXPECT_TRUE(WaitUntil([&] {
-        return server.log.count("3 ERROR: ServeRtmpClient: Error occured while validating") == 5 + 3;
-    }));
+    EXPECT_TRUE(server.log.waitForCount("3 ERROR: ServeRtmpClient: Error occured while validating", 5 + 3));
     EXPECT_EQ(server.log.count("Received User control message: SET BUFFER LEN"), 2U);
 }
 

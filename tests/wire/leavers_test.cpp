@@ -124,24 +124,28 @@ TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMis
     std::atomic<size_t> failures = 0;
     std::atomic<uint32_t> sent = 0, received = 0;
     std::thread host([&] {
+        Backoff ahead;
         while (!done) {
             if (sent - received < kFramesAhead) {
                 const int result = SendVideo(session, NumberedFrame(sent), 1000 + uint64_t{sent} * 20);
                 ASSERT_TRUE(result == 0 || result == -1) << result; // -1: one of the leavers
                 ++sent;
+                ahead.reset();
             } else {
-                std::this_thread::yield();
+                ahead.pause();
             }
         }
     });
     std::thread watching([&] {
+        Backoff behind;
         while (!lastIsSent || received < sent) {
             if (received < sent) {
                 const Message message = player.read();
                 ASSERT_TRUE(Same(Slice(message.payload, 5, 700), NumberedFrame(received)));
                 ++received;
+                behind.reset();
             } else {
-                std::this_thread::yield();
+                behind.pause();
             }
         }
     });

@@ -146,9 +146,7 @@ TEST(WireSessionDestroy, EndsItsPlayersInEveryStateAndNobodyElse)
         members += stage.joined;
     }
     EXPECT_EQ(server.log.count("Removed client"), members);
-    EXPECT_TRUE(WaitUntil([&] {
-        return server.log.count("3 ERROR: ServeRtmpClient: Exiting ServeRtmpClient thread") == members;
-    }));
+    EXPECT_TRUE(server.log.waitForCount("3 ERROR: ServeRtmpClient: Exiting ServeRtmpClient thread", members));
     EXPECT_EQ(ValidateRtmpSessionHandle(server.server, session), -1);
     EXPECT_EQ(ValidateRtmpSessionHandle(server.server, other), 0);
     EXPECT_EQ(SendVideo(other, VideoFrame(20), 1000), 0);
@@ -191,7 +189,7 @@ TEST(WireSessionDestroy, RacesWithPlayWithoutHanging)
             peer->command(PlayCommand("cam"));
         }
         const size_t heard = static_cast<size_t>(round % 5);
-        ASSERT_TRUE(WaitUntil([&] { return server.log.count("message: PLAY") >= heard; }));
+        ASSERT_TRUE(server.log.waitForAtLeast("message: PLAY", heard));
         EXPECT_EQ(RtmpSessionDestroy(session), 0);
     }
 }
@@ -209,7 +207,7 @@ TEST(WireSessionDestroy, RacesWithARepeatedPlayWithoutHanging)
             player->command(PlayCommand("cam"));
         }
         const size_t heard = static_cast<size_t>(round % 4);
-        ASSERT_TRUE(WaitUntil([&] { return server.log.count("message: PLAY") >= heard; }));
+        ASSERT_TRUE(server.log.waitForAtLeast("message: PLAY", heard));
         EXPECT_EQ(RtmpSessionDestroy(session), 0);
     }
 }
@@ -350,7 +348,7 @@ TEST(WireClientList, TheThirdOfThreeIsCutOffByANewcomerAfterTheFirstHasLeft)
     server.log.clear();
     EXPECT_EQ(RtmpSessionDestroy(session), 0);
     EXPECT_TRUE(server.log.contains("Removed client; No. of connected clients : 0"));
-    EXPECT_TRUE(WaitUntil([&] { return server.log.count("Exiting ServeRtmpClient thread") == 3; }));
+    EXPECT_TRUE(server.log.waitForCount("Exiting ServeRtmpClient thread", 3));
 }
 
 TEST(WireClientList, TheOneThatWasCutOffLeavesWithoutHarm)
@@ -363,9 +361,9 @@ TEST(WireClientList, TheOneThatWasCutOffLeavesWithoutHarm)
     players.push_back(std::make_unique<ScriptedPeer>(server.port));
     players[3]->playing("cam");
     players[1].reset(); // the neighbour that it was linked with
-    ASSERT_TRUE(WaitUntil([&] { return server.log.count("Removed client") == 2; }));
+    ASSERT_TRUE(server.log.waitForCount("Removed client", 2));
     players[2].reset();
-    ASSERT_TRUE(WaitUntil([&] { return server.log.count("Removed client") == 3; }));
+    ASSERT_TRUE(server.log.waitForCount("Removed client", 3));
     EXPECT_EQ(SendVideo(session, VideoFrame(30), 1000), 0);
     EXPECT_TRUE(Gets(*players[3], VideoFrame(30))) << "the newcomer is still reached";
     players.push_back(std::make_unique<ScriptedPeer>(server.port));
@@ -384,7 +382,7 @@ TEST(WireDescriptors, ConnectionsThatEndByAReadErrorLeaveTheirsOpen)
             ScriptedPeer peer(server.port);
             peer.connected();
         }
-        ASSERT_TRUE(WaitUntil([&] { return server.log.count("Exiting ServeRtmpClient thread") == gone; }));
+        ASSERT_TRUE(server.log.waitForCount("Exiting ServeRtmpClient thread", gone));
         EXPECT_EQ(OpenDescriptors(), before + gone);
     }
 }
