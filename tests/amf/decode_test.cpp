@@ -32,7 +32,7 @@ TEST_F(AmfReaderTest, EveryRowIsReadAsItsSentenceSays)
 {
     for (const AmfRow &row : AmfRows()) {
         SCOPED_TRACE(row.sentence);
-        const Bytes bytes = BytesOf(row.picture);
+        const Bytes bytes = Hex(row.picture);
         const DecodedAmf decoded(&server, bytes, bytes.size());
         EXPECT_EQ(decoded.consumed, static_cast<int32_t>(bytes.size()));
         EXPECT_EQ(Describe(decoded.list), row.values);
@@ -43,7 +43,7 @@ TEST_F(AmfReaderTest, EveryRowIsReadAsItsSentenceSays)
 TEST_F(AmfReaderTest, EveryRowCutAtEveryByteIsWholeOnlyWhereAValueEnds)
 {
     for (const AmfRow &row : AmfRows()) {
-        const Bytes bytes = BytesOf(row.picture);
+        const Bytes bytes = Hex(row.picture);
         for (size_t cut = 0; cut <= bytes.size(); cut++) {
             SCOPED_TRACE(row.sentence + (" cut at " + std::to_string(cut)));
             const bool whole =
@@ -60,7 +60,7 @@ TEST_F(AmfReaderTest, EveryRefusedRowIsRefusedWithItsLines)
 {
     for (const RefusedAmfRow &row : RefusedAmfRows()) {
         SCOPED_TRACE(row.sentence);
-        const Bytes bytes = BytesOf(row.picture);
+        const Bytes bytes = Hex(row.picture);
         log.clear();
         const DecodedAmf decoded(&server, bytes, bytes.size());
         EXPECT_EQ(decoded.consumed, -1);
@@ -71,7 +71,7 @@ TEST_F(AmfReaderTest, EveryRefusedRowIsRefusedWithItsLines)
 TEST_F(AmfReaderTest, EveryRefusedRowCutAtEveryByteStaysWithinItsBytes)
 {
     for (const RefusedAmfRow &row : RefusedAmfRows()) {
-        const Bytes bytes = BytesOf(row.picture);
+        const Bytes bytes = Hex(row.picture);
         for (size_t cut = 0; cut < bytes.size(); cut++) {
             SCOPED_TRACE(row.sentence + (" cut at " + std::to_string(cut)));
             const DecodedAmf decoded(&server, bytes, cut);
@@ -93,7 +93,7 @@ TEST_F(DecodeAmfBufferTest, NothingDecodesToNothing)
 TEST_F(DecodeAmfBufferTest, TheEndSequenceAloneIsConsumedInBothModes)
 {
     for (const uint8_t noNames : {0, 1}) {
-        const DecodedAmf decoded(&server, BytesOf("000009"), 3, noNames);
+        const DecodedAmf decoded(&server, Hex("000009"), 3, noNames);
         EXPECT_EQ(decoded.consumed, 3);
         EXPECT_EQ(decoded.list.count, 0);
         EXPECT_EQ(decoded.list.first, nullptr);
@@ -102,14 +102,14 @@ TEST_F(DecodeAmfBufferTest, TheEndSequenceAloneIsConsumedInBothModes)
 
 TEST_F(DecodeAmfBufferTest, WhatFollowsTheEndSequenceIsLeft)
 {
-    const DecodedAmf decoded(&server, BytesOf("000009 05 05"), 5);
+    const DecodedAmf decoded(&server, Hex("000009 05 05"), 5);
     EXPECT_EQ(decoded.consumed, 3);
     EXPECT_EQ(decoded.list.count, 0);
 }
 
 TEST_F(DecodeAmfBufferTest, AConnectCommandIsThreeValues)
 {
-    const Bytes bytes = BytesOf("02 0007 'connect' 00 3FF0000000000000 05");
+    const Bytes bytes = Hex("02 0007 'connect' 00 3FF0000000000000 05");
     const DecodedAmf decoded(&server, bytes, bytes.size());
     ASSERT_EQ(decoded.list.count, 3);
     EXPECT_EQ(decoded.consumed, 20);
@@ -125,7 +125,7 @@ TEST_F(DecodeAmfBufferTest, AConnectCommandIsThreeValues)
 
 TEST_F(DecodeAmfBufferTest, AnObjectIsOneValueAndItsNamesAreBorrowed)
 {
-    const Bytes bytes = BytesOf("03 0003 'app' 02 0004 'live' 000009");
+    const Bytes bytes = Hex("03 0003 'app' 02 0004 'live' 000009");
     const DecodedAmf decoded(&server, bytes, bytes.size());
     EXPECT_EQ(decoded.consumed, static_cast<int32_t>(bytes.size()));
     ASSERT_EQ(decoded.list.count, 1);
@@ -139,7 +139,7 @@ TEST_F(DecodeAmfBufferTest, AnObjectIsOneValueAndItsNamesAreBorrowed)
 
 TEST_F(DecodeAmfBufferTest, NamedModeReadsMembersUpToTheirEnd)
 {
-    const Bytes bytes = BytesOf("0003 'app' 02 0004 'live' 0001 'n' 05 000009 05");
+    const Bytes bytes = Hex("0003 'app' 02 0004 'live' 0001 'n' 05 000009 05");
     const DecodedAmf decoded(&server, bytes, bytes.size(), 0);
     EXPECT_EQ(decoded.consumed, static_cast<int32_t>(bytes.size()) - 1);
     EXPECT_EQ(Describe(decoded.list), "app=\"live\" n=null");
@@ -147,7 +147,7 @@ TEST_F(DecodeAmfBufferTest, NamedModeReadsMembersUpToTheirEnd)
 
 TEST_F(DecodeAmfBufferTest, ANumberThatBeginsLikeAnEndSequenceEndsTheList)
 {
-    const Bytes bytes = BytesOf("05 00 0009000000000000 06");
+    const Bytes bytes = Hex("05 00 0009000000000000 06");
     const DecodedAmf decoded(&server, bytes, bytes.size());
     EXPECT_EQ(decoded.consumed, 4);
     EXPECT_EQ(Describe(decoded.list), "null");
@@ -155,14 +155,14 @@ TEST_F(DecodeAmfBufferTest, ANumberThatBeginsLikeAnEndSequenceEndsTheList)
 
 TEST_F(DecodeAmfBufferTest, AnEmptyStringHasNoBytesToPointAt)
 {
-    const DecodedAmf decoded(&server, BytesOf("02 0000 05"), 4);
+    const DecodedAmf decoded(&server, Hex("02 0000 05"), 4);
     EXPECT_EQ(decoded.list.first->ObjVal.StrObj.StrData, nullptr);
     EXPECT_EQ(decoded.list.first->ObjVal.StrObj.len, 0);
 }
 
 TEST_F(DecodeAmfBufferTest, ValuesReadBeforeAFailureStay)
 {
-    const DecodedAmf decoded(&server, BytesOf("05 06 04"), 3);
+    const DecodedAmf decoded(&server, Hex("05 06 04"), 3);
     EXPECT_EQ(decoded.consumed, -1);
     EXPECT_EQ(Describe(decoded.list), "null undefined");
     EXPECT_EQ(decoded.list.count, 2);
@@ -171,7 +171,7 @@ TEST_F(DecodeAmfBufferTest, ValuesReadBeforeAFailureStay)
 
 TEST_F(DecodeAmfBufferTest, ValuesAreAppendedToWhatIsThere)
 {
-    const Bytes bytes = BytesOf("05");
+    const Bytes bytes = Hex("05");
     AmfObject list = {};
     EXPECT_EQ(DecodeAmfBuffer(&server, &list, bytes.data(), 1, 1), 1);
     EXPECT_EQ(DecodeAmfBuffer(&server, &list, bytes.data(), 1, 1), 1);
@@ -199,7 +199,7 @@ TEST_F(DecodeAmfBufferTest, ALengthWithTheSignBitIsNothingToRead)
 TEST_F(DecodeAmfBufferTest,
        AMegabyteOfValuesThatIsRefusedAtItsEndLeavesNothing) // the leak checker is the judge
 {
-    Bytes bytes = BytesOf("0A 7FFFFFFF");
+    Bytes bytes = Hex("0A 7FFFFFFF");
     bytes.resize(1 << 20, AMF_NULL);
     const DecodedAmf decoded(&server, bytes, bytes.size());
     EXPECT_EQ(decoded.consumed, -1);
@@ -209,7 +209,7 @@ TEST_F(DecodeAmfBufferTest,
 
 TEST_F(DecodeAmfBufferTest, ALongStringOf65536BytesAndMoreIsReadFromItsLengthOn)
 {
-    Bytes bytes = BytesOf("0C 00020003");
+    Bytes bytes = Hex("0C 00020003");
     bytes.resize(5 + 0x20003, 'x');
     bytes.push_back(AMF_NULL);
     const DecodedAmf decoded(&server, bytes, bytes.size());
@@ -222,7 +222,7 @@ TEST_F(DecodeAmfBufferTest, ALongStringOf65536BytesAndMoreIsReadFromItsLengthOn)
 
 TEST_F(ReadAmfPropTest, NeedsBytes)
 {
-    const Bytes bytes = BytesOf("05");
+    const Bytes bytes = Hex("05");
     AmfObjProperty prop = {};
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 0, 1), -1);
     EXPECT_EQ(ReadAmfProp(&server, &prop, nullptr, 1, 1), -1);
@@ -233,7 +233,7 @@ TEST_F(ReadAmfPropTest, NeedsBytes)
 
 TEST_F(ReadAmfPropTest, ANamedValueTakesAtLeastFourBytes)
 {
-    const Bytes bytes = BytesOf("0000 05 00");
+    const Bytes bytes = Hex("0000 05 00");
     AmfObjProperty prop = {};
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 3, 0), -1);
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 4, 0), 3);
@@ -244,7 +244,7 @@ TEST_F(ReadAmfPropTest, ANamedValueTakesAtLeastFourBytes)
 
 TEST_F(ReadAmfPropTest, ANameMayEndOneByteBeforeTheMarkerAndNoLater)
 {
-    const Bytes bytes = BytesOf("0004 'code' 05");
+    const Bytes bytes = Hex("0004 'code' 05");
     for (size_t length = 4; length <= bytes.size(); length++) {
         AmfObjProperty prop = {};
         EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), static_cast<uint32_t>(length), 0),
@@ -254,7 +254,7 @@ TEST_F(ReadAmfPropTest, ANameMayEndOneByteBeforeTheMarkerAndNoLater)
 
 TEST_F(ReadAmfPropTest, OneValueIsConsumedAndNotTheNext)
 {
-    const Bytes bytes = BytesOf("02 0001 'x' 05");
+    const Bytes bytes = Hex("02 0001 'x' 05");
     AmfObjProperty prop = {};
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 5, 1), 4);
     EXPECT_EQ(Describe({1, &prop, &prop}), "\"x\"");
@@ -262,7 +262,7 @@ TEST_F(ReadAmfPropTest, OneValueIsConsumedAndNotTheNext)
 
 TEST_F(ReadAmfPropTest, AStringEndsAtTheBufferAndNotOneByteBeyond)
 {
-    const Bytes bytes = BytesOf("02 0004 'live'");
+    const Bytes bytes = Hex("02 0004 'live'");
     AmfObjProperty prop = {};
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 7, 1), 7);
     EXPECT_EQ(ReadAmfProp(&server, &prop, bytes.data(), 6, 1), -1);
@@ -284,7 +284,7 @@ TEST_F(ReadAmfPropTest, MarkersAreRefusedSilentlyOrByName)
 
 TEST_F(ReadAmfStrictArrayTest, TheCountIsConsumedWithTheValues)
 {
-    const Bytes bytes = BytesOf("00000002 05 06 05");
+    const Bytes bytes = Hex("00000002 05 06 05");
     AmfObject list = {};
     EXPECT_EQ(ReadAmfStrictArray(&server, &list, bytes.data(), 7), 6);
     EXPECT_EQ(Describe(list), "null undefined");
@@ -296,14 +296,14 @@ TEST_F(ReadAmfStrictArrayTest, CountsOfZeroAndLessAreEmpty)
 {
     for (const char *picture : {"00000000", "FFFFFFFF", "80000000"}) {
         AmfObject list = {};
-        EXPECT_EQ(ReadAmfStrictArray(&server, &list, BytesOf(picture).data(), 4), 4);
+        EXPECT_EQ(ReadAmfStrictArray(&server, &list, Hex(picture).data(), 4), 4);
         EXPECT_EQ(list.count, 0);
     }
 }
 
 TEST_F(ReadAmfStrictArrayTest, ACountThatIsNotThereIsRefusedSilently)
 {
-    const Bytes bytes = BytesOf("000000");
+    const Bytes bytes = Hex("000000");
     AmfObject list = {};
     for (uint32_t length = 0; length < 4; length++) {
         EXPECT_EQ(ReadAmfStrictArray(&server, &list, bytes.data(), length), -1);
@@ -313,7 +313,7 @@ TEST_F(ReadAmfStrictArrayTest, ACountThatIsNotThereIsRefusedSilently)
 
 TEST_F(ReadAmfStrictArrayTest, ElementsReadBeforeAFailureStay)
 {
-    const Bytes bytes = BytesOf("00000003 05 06");
+    const Bytes bytes = Hex("00000003 05 06");
     AmfObject list = {};
     EXPECT_EQ(ReadAmfStrictArray(&server, &list, bytes.data(), 6), -1);
     EXPECT_EQ(Describe(list), "null undefined");
@@ -324,7 +324,7 @@ TEST_F(ReadAmfStrictArrayTest, ElementsReadBeforeAFailureStay)
 
 TEST_F(ReadAmfStrictArrayTest, AnEndSequenceIsNoEndHere)
 {
-    const Bytes bytes = BytesOf("00000001 00 0009000000000000");
+    const Bytes bytes = Hex("00000001 00 0009000000000000");
     AmfObject list = {};
     EXPECT_EQ(ReadAmfStrictArray(&server, &list, bytes.data(), 13), 13);
     EXPECT_EQ(list.first->type, static_cast<uint32_t>(AMF_NUMBER));
@@ -333,9 +333,9 @@ TEST_F(ReadAmfStrictArrayTest, AnEndSequenceIsNoEndHere)
 
 TEST(AmfScalars, ReadBigEndianDoubles)
 {
-    EXPECT_EQ(ReadAmfNumber(nullptr, BytesOf("3FF0000000000000").data()), 1.0);
-    EXPECT_EQ(ReadAmfNumber(nullptr, BytesOf("40FE3F0400000000").data()), 123888.25);
-    EXPECT_EQ(ReadAmfNumber(nullptr, BytesOf("0000000000000001").data()), 4.9406564584124654e-324);
+    EXPECT_EQ(ReadAmfNumber(nullptr, Hex("3FF0000000000000").data()), 1.0);
+    EXPECT_EQ(ReadAmfNumber(nullptr, Hex("40FE3F0400000000").data()), 123888.25);
+    EXPECT_EQ(ReadAmfNumber(nullptr, Hex("0000000000000001").data()), 4.9406564584124654e-324);
 }
 
 TEST(AmfScalars, BooleansAreInverted)
@@ -349,7 +349,7 @@ TEST(AmfScalars, BooleansAreInverted)
 
 TEST(AmfScalars, StringsPointBehindTheirLength)
 {
-    const Bytes bytes = BytesOf("0104 'x'");
+    const Bytes bytes = Hex("0104 'x'");
     AmfString text = {};
     ReadAmfString(nullptr, bytes.data(), &text);
     EXPECT_EQ(text.len, 0x104);

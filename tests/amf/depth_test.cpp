@@ -3,6 +3,7 @@
 // (optimised.amf.*), where the thread they run on has the stack of a small device.
 #include "amf/decode.h"
 #include "amf/object.h"
+#include "net/limits.h"
 #include "support/amf_rows.h"
 #include "support/capture_logger.h"
 
@@ -29,21 +30,12 @@ struct AmfDepth : testing::Test {
     RtmpServer server = {};
 };
 
-Bytes Repeated(const Bytes &piece, size_t times)
-{
-    Bytes all;
-    for (size_t i = 0; i < times; i++) {
-        all.insert(all.end(), piece.begin(), piece.end());
-    }
-    return all;
-}
-
 // `depth` objects within one another: the first without a name, the others named "n".
 Bytes NestedObjects(size_t depth)
 {
-    Bytes all = BytesOf("03");
-    const Bytes inner = Repeated(BytesOf("0001 'n' 03"), depth - 1);
-    const Bytes ends = Repeated(BytesOf("000009"), depth);
+    Bytes all = Hex("03");
+    const Bytes inner = Repeated(Hex("0001 'n' 03"), depth - 1);
+    const Bytes ends = Repeated(Hex("000009"), depth);
     all.insert(all.end(), inner.begin(), inner.end());
     all.insert(all.end(), ends.begin(), ends.end());
     return all;
@@ -51,15 +43,15 @@ Bytes NestedObjects(size_t depth)
 
 Bytes NestedEcmaArrays(size_t depth)
 {
-    Bytes all = BytesOf("08 00000001");
-    const Bytes inner = Repeated(BytesOf("0001 'n' 08 00000001"), depth - 1);
+    Bytes all = Hex("08 00000001");
+    const Bytes inner = Repeated(Hex("0001 'n' 08 00000001"), depth - 1);
     all.insert(all.end(), inner.begin(), inner.end());
     return all;
 }
 
 Bytes NestedStrictArrays(size_t depth)
 {
-    Bytes all = Repeated(BytesOf("0A 00000001"), depth);
+    Bytes all = Repeated(Hex("0A 00000001"), depth);
     all.push_back(AMF_NULL);
     return all;
 }
@@ -146,13 +138,13 @@ TEST_F(AmfDepth, OneMoreArrayIsRefusedAlike)
 
 TEST_F(AmfDepth, AWholeMessageOfOpeningsIsRefusedOnASmallStack)
 {
-    const Bytes bytes = Repeated(BytesOf("0A 00000001"), 3 << 20);
+    const Bytes bytes = Repeated(Hex("0A 00000001"), 3 << 20);
     EXPECT_EQ(RunOnThreadStack(&server, bytes).consumed, -1);
 }
 
 TEST_F(AmfDepth, ObjectsSideBySideAreNotDeep)
 {
-    const Bytes bytes = Repeated(BytesOf("03 0001 'o' 03 000009 000009"), 5000);
+    const Bytes bytes = Repeated(Hex("03 0001 'o' 03 000009 000009"), 5000);
     const DecodedAmf decoded(&server, bytes, bytes.size());
     EXPECT_EQ(decoded.consumed, static_cast<int32_t>(bytes.size()));
     EXPECT_EQ(decoded.list.count, 5000);

@@ -58,7 +58,7 @@ TEST_F(AmfWriterTest, EveryRowThatCanBeBuiltIsWrittenAsItsBytes)
         }
         SCOPED_TRACE(row.sentence);
         row.build(&list);
-        EXPECT_EQ(Encoded(), BytesOf(row.picture));
+        EXPECT_EQ(Encoded(), Hex(row.picture));
         FreeAmfObject(&server, &list, 1);
         list = {};
         built++;
@@ -81,7 +81,7 @@ TEST_F(EncodeAmfBufferTest, AReplyOfStringNumberAndNullHasItsSize)
     ASSERT_EQ(WriteAmfNumber(&server, &list, nullptr, 1), 0);
     ASSERT_EQ(WriteAmfNull(&server, &list), 0);
     EXPECT_EQ(GetAmfEncBuffSize(&server, &list), 20U);
-    EXPECT_EQ(Encoded(), BytesOf("02 0007 '_result' 00 3FF0000000000000 05"));
+    EXPECT_EQ(Encoded(), Hex("02 0007 '_result' 00 3FF0000000000000 05"));
 }
 
 TEST_F(EncodeAmfBufferTest, AnArrayCountsItsMembers)
@@ -90,8 +90,8 @@ TEST_F(EncodeAmfBufferTest, AnArrayCountsItsMembers)
     ASSERT_EQ(WriteAmfNumber(&server, &members, "width", 1280), 0);
     ASSERT_EQ(WriteAmfNumber(&server, &members, "height", 720), 0);
     ASSERT_EQ(WriteAmfArray(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("08 00000002 0005 'width' 00 4094000000000000"
-                                 "0006 'height' 00 4086800000000000 000009"));
+    EXPECT_EQ(Encoded(), Hex("08 00000002 0005 'width' 00 4094000000000000"
+                             "0006 'height' 00 4086800000000000 000009"));
     FreeAmfObject(&server, &members, 1);
 }
 
@@ -100,7 +100,7 @@ TEST_F(EncodeAmfBufferTest, TopLevelNamesAreNotWritten)
     ASSERT_EQ(WriteAmfNumber(&server, &list, "number", 1), 0);
     ASSERT_EQ(WriteAmfBoolean(&server, &list, "boolean", 1), 0);
     ASSERT_EQ(WriteAmfString(&server, &list, "string", "x"), 0);
-    EXPECT_EQ(Encoded(), BytesOf("00 3FF0000000000000 01 01 02 0001 'x'"));
+    EXPECT_EQ(Encoded(), Hex("00 3FF0000000000000 01 01 02 0001 'x'"));
 }
 
 TEST_F(EncodeAmfBufferTest, ABooleanIsWrittenAsItIsStored)
@@ -108,16 +108,16 @@ TEST_F(EncodeAmfBufferTest, ABooleanIsWrittenAsItIsStored)
     ASSERT_EQ(WriteAmfBoolean(&server, &list, nullptr, 0), 0);
     ASSERT_EQ(WriteAmfBoolean(&server, &list, nullptr, 1), 0);
     ASSERT_EQ(WriteAmfBoolean(&server, &list, nullptr, 7), 0);
-    EXPECT_EQ(Encoded(), BytesOf("01 00 01 01 01 07"));
+    EXPECT_EQ(Encoded(), Hex("01 00 01 01 01 07"));
 }
 
 TEST_F(EncodeAmfBufferTest, AReceivedBooleanGoesBackInverted)
 {
-    const Bytes wire = BytesOf("01 01 01 00");
+    const Bytes wire = Hex("01 01 01 00");
     AmfObject received = {};
     ASSERT_EQ(DecodeAmfBuffer(&server, &received, wire.data(), 4, 1), 4);
     uint8_t *payload = EncodeAmfBuffer(&server, 4, &received);
-    EXPECT_EQ(Bytes(payload, payload + 4), BytesOf("01 00 01 01"));
+    EXPECT_EQ(Bytes(payload, payload + 4), Hex("01 00 01 01"));
     free(payload);
     FreeAmfObject(&server, &received, 0);
 }
@@ -127,7 +127,7 @@ TEST_F(EncodeAmfBufferTest, OtherTypesAtTheTopAreAnEndSequenceWithoutAMarker)
     for (const uint32_t type : {6, 7, 9, 13, 40}) {
         AddAmfProp(&server, &list, NewMember(type, ""));
     }
-    EXPECT_EQ(Encoded(), BytesOf("000009 000009 000009 000009 000009"));
+    EXPECT_EQ(Encoded(), Hex("000009 000009 000009 000009 000009"));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
@@ -138,18 +138,18 @@ TEST_F(EncodeAmfBufferTest, OtherTypesAtTheTopWriteTheMembersOfTheListTheyHold)
     AmfObjProperty *prop = NewMember(AMF_UNSUPPORTED, "");
     prop->ObjVal.object = members;
     AddAmfProp(&server, &list, prop);
-    EXPECT_EQ(Encoded(), BytesOf("0001 'n' 00 3FF0000000000000 000009"));
+    EXPECT_EQ(Encoded(), Hex("0001 'n' 00 3FF0000000000000 000009"));
     FreeAmfObject(&server, &members, 1);
 }
 
 TEST_F(EncodeAmfBufferTest, AReceivedDateIsAnEndSequence)
 {
-    const Bytes wire = BytesOf("0B 40FE3F04 12345678 FFC4");
+    const Bytes wire = Hex("0B 40FE3F04 12345678 FFC4");
     AmfObject received = {};
     ASSERT_EQ(DecodeAmfBuffer(&server, &received, wire.data(), 11, 1), 11);
     ASSERT_EQ(GetAmfEncBuffSize(&server, &received), 3U);
     uint8_t *payload = EncodeAmfBuffer(&server, 3, &received);
-    EXPECT_EQ(Bytes(payload, payload + 3), BytesOf("000009"));
+    EXPECT_EQ(Bytes(payload, payload + 3), Hex("000009"));
     free(payload);
     FreeAmfObject(&server, &received, 0);
 }
@@ -158,7 +158,7 @@ TEST_F(EncodeAmfBufferTest, TheRestOfALargerBufferIsZero)
 {
     ASSERT_EQ(WriteAmfNull(&server, &list), 0);
     uint8_t *payload = EncodeAmfBuffer(&server, 4, &list);
-    EXPECT_EQ(Bytes(payload, payload + 4), BytesOf("05 00 00 00"));
+    EXPECT_EQ(Bytes(payload, payload + 4), Hex("05 00 00 00"));
     free(payload);
 }
 
@@ -183,7 +183,7 @@ TEST_F(AmfMembers, ABooleanIsReducedToItsNameAndTwoZeroBytesAtTheEnd)
     AmfObject members = {};
     ASSERT_EQ(WriteAmfBoolean(&server, &members, "stereo", 1), 0);
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0006 'stereo' 000009 0000"));
+    EXPECT_EQ(Encoded(), Hex("03 0006 'stereo' 000009 0000"));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
@@ -194,7 +194,7 @@ TEST_F(AmfMembers, NullUndefinedReferenceAndArrayAreReducedToTheirNamesSilently)
         AddAmfProp(&server, &members, NewMember(type, "m"));
     }
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0001 'm' 0001 'm' 0001 'm' 0001 'm' 000009 00000000"));
+    EXPECT_EQ(Encoded(), Hex("03 0001 'm' 0001 'm' 0001 'm' 0001 'm' 000009 00000000"));
     EXPECT_EQ(log.lines(), Lines{});
 }
 
@@ -207,7 +207,7 @@ TEST_F(AmfMembers, AnObjectIsReducedToItsNameAndBothPassesSaySo)
     AmfObject members = {};
     AddAmfProp(&server, &members, member);
     ASSERT_EQ(WriteAmfArray(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("08 00000001 0004 'info' 000009 00"));
+    EXPECT_EQ(Encoded(), Hex("08 00000001 0004 'info' 000009 00"));
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: GetAmfEncBuffSize: Unsupported AMF data type",
                                   "3 ERROR: EncodeAmfBuffer: Unsupported AMF data type"}));
     FreeAmfObject(&server, &members, 1);
@@ -236,7 +236,7 @@ TEST_F(AmfMembers, WritingGoesOnBehindAMemberThatIsReduced)
     ASSERT_EQ(WriteAmfString(&server, &members, "s", "x"), 0);
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
     ASSERT_EQ(WriteAmfNull(&server, &list), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0001 'b' 0001 'd' 0001 's' 02 0001 'x' 000009 05 000000"));
+    EXPECT_EQ(Encoded(), Hex("03 0001 'b' 0001 'd' 0001 's' 02 0001 'x' 000009 05 000000"));
 }
 
 TEST_F(AmfMembers, AMemberWithoutANameHasAnEmptyOne)
@@ -244,7 +244,7 @@ TEST_F(AmfMembers, AMemberWithoutANameHasAnEmptyOne)
     AmfObject members = {};
     ASSERT_EQ(WriteAmfString(&server, &members, nullptr, "x"), 0);
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0000 02 0001 'x' 000009"));
+    EXPECT_EQ(Encoded(), Hex("03 0000 02 0001 'x' 000009"));
 }
 
 TEST_F(AmfMembers, MembersAddedBehindTheBackOfAnObjectAreNotWritten)
@@ -253,7 +253,7 @@ TEST_F(AmfMembers, MembersAddedBehindTheBackOfAnObjectAreNotWritten)
     ASSERT_EQ(WriteAmfNumber(&server, &members, "a", 1), 0);
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
     ASSERT_EQ(WriteAmfNumber(&server, &members, "b", 2), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0001 'a' 00 3FF0000000000000 000009"));
+    EXPECT_EQ(Encoded(), Hex("03 0001 'a' 00 3FF0000000000000 000009"));
 }
 
 TEST_F(AmfBuilders, PropertiesOwnTerminatedCopies)
@@ -316,7 +316,7 @@ TEST_F(AmfBuilders, ATextOf65535BytesIsWrittenWhole)
 {
     const std::string text(65535, 'x');
     ASSERT_EQ(WriteAmfString(&server, &list, nullptr, text.c_str()), 0);
-    Bytes expected = BytesOf("02 FFFF");
+    Bytes expected = Hex("02 FFFF");
     expected.resize(3 + 65535, 'x');
     EXPECT_EQ(Encoded(), expected);
 }
@@ -326,7 +326,7 @@ TEST_F(AmfBuilders, ALongerTextKeepsItsCopyAndWrapsItsLength)
     const std::string text = "abc" + std::string(65536, 'x');
     ASSERT_EQ(WriteAmfString(&server, &list, nullptr, text.c_str()), 0);
     EXPECT_EQ(std::string(list.first->ObjVal.StrObj.StrData), text);
-    EXPECT_EQ(Encoded(), BytesOf("02 0003 'abc'"));
+    EXPECT_EQ(Encoded(), Hex("02 0003 'abc'"));
 }
 
 TEST_F(AmfBuilders, ALongerNameWrapsItsLengthToo)
@@ -335,16 +335,16 @@ TEST_F(AmfBuilders, ALongerNameWrapsItsLengthToo)
     AmfObject members = {};
     ASSERT_EQ(WriteAmfNumber(&server, &members, name.c_str(), 1), 0);
     ASSERT_EQ(WriteAmfObject(&server, &list, &members), 0);
-    EXPECT_EQ(Encoded(), BytesOf("03 0001 'n' 00 3FF0000000000000 000009"));
+    EXPECT_EQ(Encoded(), Hex("03 0001 'n' 00 3FF0000000000000 000009"));
 }
 
 TEST(WriteDouble, StoresTheMostSignificantByteFirst)
 {
     uint8_t out[8];
     WriteDouble(nullptr, out, 1.0);
-    EXPECT_EQ(Bytes(out, out + 8), BytesOf("3FF0000000000000"));
+    EXPECT_EQ(Bytes(out, out + 8), Hex("3FF0000000000000"));
     WriteDouble(nullptr, out, -2.5);
-    EXPECT_EQ(Bytes(out, out + 8), BytesOf("C004000000000000"));
+    EXPECT_EQ(Bytes(out, out + 8), Hex("C004000000000000"));
     WriteDouble(nullptr, out, 4.9406564584124654e-324);
-    EXPECT_EQ(Bytes(out, out + 8), BytesOf("0000000000000001"));
+    EXPECT_EQ(Bytes(out, out + 8), Hex("0000000000000001"));
 }

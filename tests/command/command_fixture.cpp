@@ -10,96 +10,6 @@
 
 namespace received {
 
-namespace {
-
-std::string U16(size_t value)
-{
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
-
-std::string U32(size_t value)
-{
-    return U16(value >> 16) + U16(value);
-}
-
-const std::string kObjectEnd("\0\0\x09", 3);
-
-Amf Members(const std::string &head, std::initializer_list<std::pair<std::string, Amf>> members)
-{
-    Amf out = {head, {head.size()}};
-    for (const std::pair<std::string, Amf> &member : members) {
-        out.bytes += U16(member.first.size()) + member.first;
-        for (const size_t whole : member.second.wholeAt) {
-            out.wholeAt.push_back(out.bytes.size() + whole);
-        }
-        out.bytes += member.second.bytes;
-    }
-    out.bytes += kObjectEnd;
-    out.wholeAt.push_back(out.bytes.size());
-    return out;
-}
-
-Amf Whole(const std::string &bytes)
-{
-    return {bytes, {bytes.size()}};
-}
-
-} // namespace
-
-Amf Number(double value)
-{
-    uint64_t bits;
-    static_assert(sizeof bits == sizeof value);
-    memcpy(&bits, &value, sizeof bits);
-    return Whole(std::string(1, '\0') + U32(bits >> 32) + U32(bits & 0xFFFFFFFF));
-}
-
-Amf Boolean(bool value)
-{
-    return Whole({'\x01', value ? '\x01' : '\0'});
-}
-
-Amf String(const std::string &text)
-{
-    return Whole('\x02' + U16(text.size()) + text);
-}
-
-Amf Null()
-{
-    return Whole("\x05");
-}
-
-Amf Object(std::initializer_list<std::pair<std::string, Amf>> members)
-{
-    return Members("\x03", members);
-}
-
-Amf EcmaArray(std::initializer_list<std::pair<std::string, Amf>> members)
-{
-    return Members('\x08' + U32(members.size()), members);
-}
-
-Amf StrictArray(std::initializer_list<Amf> elements)
-{
-    std::string bytes = '\x0A' + U32(elements.size());
-    for (const Amf &element : elements) {
-        bytes += element.bytes;
-    }
-    return Whole(bytes);
-}
-
-Amf Message(std::initializer_list<Amf> values)
-{
-    Amf out = {"", {0}};
-    for (const Amf &value : values) {
-        for (const size_t whole : value.wholeAt) {
-            out.wholeAt.push_back(out.bytes.size() + whole);
-        }
-        out.bytes += value.bytes;
-    }
-    return out;
-}
-
 bool IsZero(const PublishCtx &context)
 {
     const PublishCtx zero = {};
@@ -108,17 +18,10 @@ bool IsZero(const PublishCtx &context)
 
 CommandFixture::CommandFixture()
 {
-    HostFakes::get().reset();
-    wrapped::Reset();
-    server.Logger = log.get();
+    calls::reset();
     server.ChunkSize = 4096;
-    server.LiveSessionListLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
     session.Name = strdup("live");
     session.MediaInfoAdded = 1;
-    session.Server = &server;
-    session.ClientListLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
-    session.MemberLock = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
-    session.MemberLeft = PTHREAD_COND_INITIALIZER;
     server.LiveSessionHead = &session;
     server.LiveSessionTail = &session;
     server.LiveSessionCount = 1;
@@ -133,7 +36,7 @@ CommandFixture::CommandFixture()
 
 CommandFixture::~CommandFixture()
 {
-    wrapped::Reset();
+    calls::reset();
     const int ours = client->Socket;
     if (client->Session != nullptr) {
         (void)UnlinkClient(&session, client);
@@ -157,7 +60,7 @@ void CommandFixture::joinSession()
     (void)LinkClient(&session, client);
 }
 
-Parsed CommandFixture::run(const std::string &payload, uint32_t type)
+Parsed CommandFixture::run(const Bytes &payload, uint32_t type)
 {
     RtmpRecvPkt pkt = {};
     pkt.MsgTypeId = type;
@@ -183,26 +86,26 @@ Parsed CommandFixture::run(const std::string &payload, uint32_t type)
     return out;
 }
 
-Parsed CommandFixture::parse(const std::string &payload)
+Parsed CommandFixture::parse(const Bytes &payload)
 {
     return run(payload, RTMP_TYPE_AMF0_COMMAND);
 }
 
-Parsed CommandFixture::parse(std::initializer_list<Amf> values)
+Parsed CommandFixture::parse(std::initializer_list<amf0::Value> values)
 {
-    return parse(Message(values).bytes);
+    return parse(amf0::Values(values).bytes);
 }
 
-Parsed CommandFixture::parseEvent(const std::string &payload)
+Parsed CommandFixture::parseEvent(const Bytes &payload)
 {
     return run(payload, RTMP_TYPE_USER_CONTROL);
 }
 
-std::string CommandFixture::sent()
+Bytes CommandFixture::sent()
 {
-    char buffer[4096];
+    uint8_t buffer[4096];
     const ssize_t count = recv(peer, buffer, sizeof buffer, MSG_DONTWAIT);
-    return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : "";
+    return count > 0 ? Bytes(buffer, buffer + count) : Bytes();
 }
 
 std::string CommandFixture::error(const std::string &text)

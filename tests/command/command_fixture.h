@@ -1,38 +1,23 @@
-// A client with its server and session, and command messages written out byte by byte.
+// A client with its server and session, and parsers that are given command messages byte by byte.
 #pragma once
 
 #include "command/command.h"
 #include "rtmpcast/server.h"
 #include "state/client.h"
 #include "state/client_list.h"
-#include "support/calls/wrapped_calls.h"
-#include "support/capture_logger.h"
+#include "support/amf_bytes.h"
+#include "support/calls.h"
 #include "support/host_fakes.h"
+#include "support/records.h"
 
 #include <gtest/gtest.h>
 
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace received {
-
-// AMF0 bytes, and the lengths to which they may be cut so that only whole values are left.
-struct Amf {
-    std::string bytes;
-    std::vector<size_t> wholeAt;
-};
-
-Amf Number(double value);
-Amf Boolean(bool value); // as on the wire
-Amf String(const std::string &text);
-Amf Null();
-Amf Object(std::initializer_list<std::pair<std::string, Amf>> members);
-Amf EcmaArray(std::initializer_list<std::pair<std::string, Amf>> members);
-Amf StrictArray(std::initializer_list<Amf> elements);
-Amf Message(std::initializer_list<Amf> values);
 
 struct Parsed {
     int result;
@@ -46,7 +31,7 @@ constexpr uint32_t kUntouched = 777;
 // IsZero tells whether nothing was stored in a publish context.
 bool IsZero(const PublishCtx &context);
 
-class CommandFixture : public testing::Test {
+class CommandFixture : public testing::Test, protected Records {
   protected:
     CommandFixture();
     ~CommandFixture() override;
@@ -55,25 +40,22 @@ class CommandFixture : public testing::Test {
     void joinSession(); // makes the client a member of "live"
 
     // Each parses a payload that lies in a buffer of exactly its size.
-    Parsed parse(const std::string &payload);
-    Parsed parse(std::initializer_list<Amf> values);
-    Parsed parseEvent(const std::string &payload);
+    Parsed parse(const Bytes &payload);
+    Parsed parse(std::initializer_list<amf0::Value> values);
+    Parsed parseEvent(const Bytes &payload);
 
-    std::string sent(); // what has arrived at the peer, without waiting
+    Bytes sent(); // what has arrived at the peer, without waiting
 
     // "3 ERROR: ParseCmdMsgReq: <text>" and "6 INFO: ParseCmdMsgReq: <text>"
     static std::string error(const std::string &text);
     static std::string info(const std::string &text);
 
-    CaptureLogger log;
-    RtmpServer server = {};
-    RtmpSession session = {};
     RtmpClient *client = nullptr;
     PublishCtx *context = nullptr;
     int peer = -1;
 
   private:
-    Parsed run(const std::string &payload, uint32_t type);
+    Parsed run(const Bytes &payload, uint32_t type);
     std::unique_ptr<PublishCtx> contextStorage_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+using namespace amf0;
 using namespace received;
 
 namespace {
@@ -87,7 +88,7 @@ TEST_F(CommandDispatch, NamesCompareExactly)
 
 TEST_F(CommandDispatch, ANameThatIsNoStringIsEmpty)
 {
-    for (const Amf &first : {Number(4.7), Null(), Object({{"connect", String("live")}}), Boolean(true)}) {
+    for (const Value &first : {Number(4.7), Null(), Object({{"connect", String("live")}}), Boolean(true)}) {
         log.clear();
         EXPECT_EQ(parse({first, Number(1)}).kind, 53U);
         EXPECT_EQ(log.lines(), Lines{info("Unsupported command message: ")});
@@ -96,7 +97,7 @@ TEST_F(CommandDispatch, ANameThatIsNoStringIsEmpty)
 
 TEST_F(CommandDispatch, AnEmptyPayloadHasNoName)
 {
-    const Parsed parsed = parse(std::string());
+    const Parsed parsed = parse(Bytes());
     EXPECT_EQ(parsed.result, 0);
     EXPECT_EQ(parsed.kind, 53U);
     EXPECT_EQ(parsed.values, 0);
@@ -110,7 +111,7 @@ TEST_F(CommandDispatch, TheDecodedValuesAreAttachedToThePacket)
 
 TEST_F(CommandDispatch, APayloadThatDoesNotDecodeFailsAndAttachesNothing)
 {
-    const Parsed parsed = parse(Message({String("createStream"), Number(2)}).bytes + '\x02');
+    const Parsed parsed = parse(Values({String("createStream"), Number(2)}).bytes + Hex("02"));
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, kUntouched);
     EXPECT_EQ(parsed.values, -1);
@@ -120,7 +121,7 @@ TEST_F(CommandDispatch, APayloadThatDoesNotDecodeFailsAndAttachesNothing)
 
 TEST_F(CommandDispatch, WithoutMemoryForTheListNothingIsDecoded)
 {
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     const Parsed parsed = parse({String("createStream"), Number(2)});
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, kUntouched);
@@ -138,48 +139,48 @@ TEST_F(CommandDispatch, WithoutALoggerLinesGoToStandardOutput)
 }
 
 // One rich message for every command. "ping" is left out of the session so that it needs no lock.
-const std::vector<Amf> &RichMessages()
+const std::vector<Value> &RichMessages()
 {
-    static const std::vector<Amf> messages = {
-        Message({String("connect"), Number(1),
-                 Object({{"app", String("live")},
-                         {"flashVer", String("LNX")},
-                         {"tcUrl", String("rtmp://h/live")},
-                         {"fpad", Boolean(false)},
-                         {"audioCodecs", Number(3575)},
-                         {"videoCodecs", Number(252)},
-                         {"objectEncoding", Number(0)}})}),
-        Message({String("createStream"), Number(2), Null()}),
-        Message({String("play"), Number(0), Null(), String("live"), Number(-2), Number(-1), Boolean(true)}),
-        Message({String("pause"), Number(0), Null(), Boolean(true), Number(1000)}),
-        Message({String("deleteStream"), Number(0), Null(), Number(1)}),
-        Message({String("_result"), Number(5), Null(), String("text")}),
-        Message({String("_error"), Number(6), Null(),
-                 Object({{"code", String("c")}, {"description", String("d")}, {"level", String("error")}})}),
-        Message({String("onBWDone"), Number(0), Null()}),
-        Message({String("onStatus"), Number(7), Null(),
-                 Object({{"level", String("status")},
-                         {"code", String("c")},
-                         {"description", String("d")},
-                         {"clientid", Number(9)}})}),
-        Message({String("onFCPublish"), Number(0), Null()}),
-        Message({String("moduleInfo"), Number(0), Null(),
-                 Object({{"viewers", Number(3)},
-                         {"allViewers", Number(4)},
-                         {"b", Boolean(true)},
-                         {"s", String("x")},
-                         {"o", Object({{"i", Number(1)}})},
-                         {"n", Null()}})}),
-        Message({String("ping"), Number(0), Null()}),
-        Message({String("setChallenge"), Number(0), Null(), Number(77), String("abc")}),
-        Message({String("onClientLogin"), Number(0), Null(), Object({{"level", String("status")}})}),
-        Message({String("recordStarted"), Number(0), Null()}),
-        Message({String("recordError"), Number(0), Null()}),
-        Message({String("recordReady"), Number(0), Null()}),
-        Message({String("recordSaved"), Number(0), Null()}),
-        Message({String("recordTimerWarning"), Number(0), Null()}),
-        Message({String("recordLimitExceeded"), Number(0), Null()}),
-        Message({String("_checkbw"), Number(0), Null()}),
+    static const std::vector<Value> messages = {
+        Values({String("connect"), Number(1),
+                Object({{"app", String("live")},
+                        {"flashVer", String("LNX")},
+                        {"tcUrl", String("rtmp://h/live")},
+                        {"fpad", Boolean(false)},
+                        {"audioCodecs", Number(3575)},
+                        {"videoCodecs", Number(252)},
+                        {"objectEncoding", Number(0)}})}),
+        Values({String("createStream"), Number(2), Null()}),
+        Values({String("play"), Number(0), Null(), String("live"), Number(-2), Number(-1), Boolean(true)}),
+        Values({String("pause"), Number(0), Null(), Boolean(true), Number(1000)}),
+        Values({String("deleteStream"), Number(0), Null(), Number(1)}),
+        Values({String("_result"), Number(5), Null(), String("text")}),
+        Values({String("_error"), Number(6), Null(),
+                Object({{"code", String("c")}, {"description", String("d")}, {"level", String("error")}})}),
+        Values({String("onBWDone"), Number(0), Null()}),
+        Values({String("onStatus"), Number(7), Null(),
+                Object({{"level", String("status")},
+                        {"code", String("c")},
+                        {"description", String("d")},
+                        {"clientid", Number(9)}})}),
+        Values({String("onFCPublish"), Number(0), Null()}),
+        Values({String("moduleInfo"), Number(0), Null(),
+                Object({{"viewers", Number(3)},
+                        {"allViewers", Number(4)},
+                        {"b", Boolean(true)},
+                        {"s", String("x")},
+                        {"o", Object({{"i", Number(1)}})},
+                        {"n", Null()}})}),
+        Values({String("ping"), Number(0), Null()}),
+        Values({String("setChallenge"), Number(0), Null(), Number(77), String("abc")}),
+        Values({String("onClientLogin"), Number(0), Null(), Object({{"level", String("status")}})}),
+        Values({String("recordStarted"), Number(0), Null()}),
+        Values({String("recordError"), Number(0), Null()}),
+        Values({String("recordReady"), Number(0), Null()}),
+        Values({String("recordSaved"), Number(0), Null()}),
+        Values({String("recordTimerWarning"), Number(0), Null()}),
+        Values({String("recordLimitExceeded"), Number(0), Null()}),
+        Values({String("_checkbw"), Number(0), Null()}),
     };
     return messages;
 }
@@ -190,12 +191,12 @@ TEST_F(CommandDispatch, CutAtEveryByteDecodesExactlyWhereValuesAreWhole)
         if (publishing) {
             withContext();
         }
-        for (const Amf &message : RichMessages()) {
+        for (const Value &message : RichMessages()) {
             for (size_t cut = 0; cut <= message.bytes.size(); cut++) {
-                SCOPED_TRACE(message.bytes.substr(3, 8) + " cut at " + std::to_string(cut));
+                SCOPED_TRACE(ToHex(Slice(message.bytes, 3, 8)) + " cut at " + std::to_string(cut));
                 const bool whole =
                     std::find(message.wholeAt.begin(), message.wholeAt.end(), cut) != message.wholeAt.end();
-                const Parsed parsed = parse(message.bytes.substr(0, cut));
+                const Parsed parsed = parse(Slice(message.bytes, 0, cut));
                 EXPECT_EQ(parsed.result, whole ? 0 : -1);
                 EXPECT_EQ(parsed.values >= 0, whole);
             }

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+using namespace amf0;
 using namespace received;
 
 namespace {
@@ -29,16 +30,16 @@ Lines Statistics(std::initializer_list<std::string> texts)
 
 TEST_F(ModuleInfoCommand, LogsEveryPropertyByItsType)
 {
-    const Amf statistics = Object({{"name", String("channel one")},
-                                   {"empty", String("")},
-                                   {"on", Boolean(true)},
-                                   {"off", Boolean(false)},
-                                   {"inner", Object({{"viewers", Number(1)}})},
-                                   {"list", StrictArray({Number(1)})},
-                                   {"count", Number(12.6)},
-                                   {"negative", Number(-1)},
-                                   {"nothing", Null()},
-                                   {"", Number(0)}});
+    const Value statistics = Object({{"name", String("channel one")},
+                                     {"empty", String("")},
+                                     {"on", Boolean(true)},
+                                     {"off", Boolean(false)},
+                                     {"inner", Object({{"viewers", Number(1)}})},
+                                     {"list", StrictArray({Number(1)})},
+                                     {"count", Number(12.6)},
+                                     {"negative", Number(-1)},
+                                     {"nothing", Null()},
+                                     {"", Number(0)}});
     const Lines expected =
         Statistics({"name -> channel one", "empty -> ", "on -> false", "off -> true", "inner -> {OBJECT}",
                     "list -> {OBJECT}", "count -> 13", "negative -> ", "nothing -> ", " -> 0"});
@@ -71,7 +72,7 @@ TEST_F(ModuleInfoCommand, AnythingElseIsPassedOver)
 TEST_F(ModuleInfoCommand, TheFirstViewerCountReachesTheHostEvenWhenItIsZero)
 {
     withContext();
-    const Amf statistics = Object({{"viewers", Number(0)}, {"allViewers", Number(0)}});
+    const Value statistics = Object({{"viewers", Number(0)}, {"allViewers", Number(0)}});
     EXPECT_EQ(parse({String("moduleInfo"), Number(0), Null(), statistics}).result, 0);
     const std::vector<StatusReport> once = {
         {context->StatusHostContext, "rtmpCurrentViewerCount", "0", "Current viewer count"},
@@ -141,7 +142,7 @@ TEST_F(ModuleInfoCommand, OnlyANumberOfExactlyThatNameIsAViewerCount)
 
 TEST_F(ModuleInfoCommand, WithoutAContextNoCountIsTouched)
 {
-    const Amf statistics = Object({{"viewers", Number(41)}, {"allViewers", Number(42)}});
+    const Value statistics = Object({{"viewers", Number(41)}, {"allViewers", Number(42)}});
     EXPECT_EQ(parse({String("moduleInfo"), Number(0), Null(), statistics}).kind, 53U);
     EXPECT_EQ(log.lines(), Statistics({"viewers -> 41", "allViewers -> 42"}));
     EXPECT_TRUE(HostFakes::get().statusReports().empty());

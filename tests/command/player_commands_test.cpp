@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 
+using namespace amf0;
 using namespace received;
 
 namespace {
@@ -23,7 +24,7 @@ class PauseCommand : public CommandFixture {};
 struct ConnectRow {
     const char *sentence;
     std::string key;
-    Amf value;
+    Value value;
     const char *failure; // null: passes; "\\" at the end: the line has no line end
 };
 
@@ -154,9 +155,9 @@ TEST_F(ConnectCommand, ArraysCountAsObjects)
 
 TEST_F(PlayCommand, WithoutANameLeavesTheClientWithoutASession)
 {
-    const Amf head[] = {String("play"), Number(0), Null()};
-    const std::string start = head[0].bytes + head[1].bytes + head[2].bytes;
-    for (const std::string &payload :
+    const Value head[] = {String("play"), Number(0), Null()};
+    const Bytes start = head[0].bytes + head[1].bytes + head[2].bytes;
+    for (const Bytes &payload :
          {head[0].bytes, head[0].bytes + head[1].bytes, start, start + Number(-2).bytes,
           start + Null().bytes + String("live").bytes, start + Boolean(true).bytes}) {
         const Parsed parsed = parse(payload);
@@ -183,10 +184,10 @@ TEST_F(PlayCommand, JoinsTheSessionOfItsName)
 
 TEST_F(PlayCommand, ReadsTheOptionalArgumentsAndKeepsNone)
 {
-    for (const std::string &more : {Number(-2).bytes, Number(-2).bytes + Number(-1).bytes,
-                                    Number(-2).bytes + Number(-1).bytes + Boolean(true).bytes,
-                                    Boolean(true).bytes, Null().bytes + Number(1).bytes}) {
-        EXPECT_EQ(parse(Message({String("play"), Number(0), Null(), String("live")}).bytes + more).result, 0);
+    for (const Bytes &more : {Number(-2).bytes, Number(-2).bytes + Number(-1).bytes,
+                              Number(-2).bytes + Number(-1).bytes + Boolean(true).bytes, Boolean(true).bytes,
+                              Null().bytes + Number(1).bytes}) {
+        EXPECT_EQ(parse(Values({String("play"), Number(0), Null(), String("live")}).bytes + more).result, 0);
     }
     EXPECT_EQ(session.ClientCount, 1);
 }
@@ -245,7 +246,7 @@ TEST_F(PlayCommand, AgainKeepsTheSessionAndReplacesTheName)
 
 TEST_F(PlayCommand, AFailedAddingFailsTheCommand)
 {
-    wrapped::joinResult = JOIN_FAILED;
+    calls::failAlways(Call::JoinStream);
     EXPECT_EQ(parse({String("play"), Number(0), Null(), String("live")}).result, -1);
     EXPECT_EQ(log.lines(), (Lines{info(kPlayLine), error("Adding client in client list failed")}));
 }
@@ -254,7 +255,7 @@ TEST_F(PlayCommand, WithoutMemoryForTheNameFailsAndKeepsTheOldOne)
 {
     EXPECT_EQ(parse({String("play"), Number(0), Null(), String("live")}).result, 0);
     log.clear();
-    wrapped::failAllocation = 6; // the list's head and its four values come first
+    calls::failNext(Call::Calloc, 6); // the list's head and its four values come first
     EXPECT_EQ(parse({String("play"), Number(0), Null(), String("other")}).result, -1);
     EXPECT_STREQ(client->StreamName, "live");
     EXPECT_EQ(log.lines(), (Lines{info(kPlayLine), error("Cannot allocate memory to amfObject")}));
@@ -279,6 +280,7 @@ TEST_F(PauseCommand, TrueOnTheWireClearsTheFlagAndFalseSetsIt)
         EXPECT_EQ(log.lines(), Lines(2, info(kPauseLine)));
     }
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0); // released again
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(PauseCommand, WithoutABooleanLeavesTheFlag)
@@ -295,13 +297,13 @@ TEST_F(PauseCommand, LockFailuresAreReportedWithOneText)
 {
     joinSession();
     client->PauseFlag = 7;
-    wrapped::brokenLock = &session.ClientListLock;
+    calls::failAlways(Call::MutexLock, &session.ClientListLock);
     const Parsed parsed = parse({String("pause"), Number(0), Null(), Boolean(true)});
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, 10U);
     EXPECT_EQ(client->PauseFlag, 7);
-    wrapped::Reset();
-    wrapped::brokenUnlock = &session.ClientListLock;
+    calls::reset();
+    calls::failAlways(Call::MutexUnlock, &session.ClientListLock);
     EXPECT_EQ(parse({String("pause"), Number(0), Null(), Boolean(true)}).result, -1);
     EXPECT_EQ(client->PauseFlag, 0);
     EXPECT_EQ(log.lines(), (Lines{info(kPauseLine), error("Cannot lock client list"), info(kPauseLine),

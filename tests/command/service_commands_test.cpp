@@ -7,6 +7,7 @@
 
 #include <sys/socket.h>
 
+using namespace amf0;
 using namespace received;
 
 namespace {
@@ -63,9 +64,8 @@ TEST_F(ResultCommand, AnEmptyStringIsLogged)
 TEST_F(ResultCommand, ATransactionIdThatIsNoNumberIsStoredAsZero)
 {
     withContext();
-    for (const std::string &payload :
-         {String("_result").bytes, Message({String("_result"), String("1")}).bytes,
-          Message({String("_result"), Boolean(true)}).bytes}) {
+    for (const Bytes &payload : {String("_result").bytes, Values({String("_result"), String("1")}).bytes,
+                                 Values({String("_result"), Boolean(true)}).bytes}) {
         context->ResultTransactionId = 9;
         EXPECT_EQ(parse(payload).result, 0);
         EXPECT_EQ(context->ResultTransactionId, 0);
@@ -76,10 +76,10 @@ TEST_F(ResultCommand, ATransactionIdThatIsNoNumberIsStoredAsZero)
 
 // ---------------------------------------------------------------------------------------------- _error
 
-const Amf kErrorInfo = Object({{"level", String("error")},
-                               {"code", String("NetConnection.Connect.Rejected")},
-                               {"description", String("no such channel")},
-                               {"number", Number(1)}});
+const Value kErrorInfo = Object({{"level", String("error")},
+                                 {"code", String("NetConnection.Connect.Rejected")},
+                                 {"description", String("no such channel")},
+                                 {"number", Number(1)}});
 
 TEST_F(ErrorCommand, StoresCodeDescriptionAndTransactionId)
 {
@@ -126,10 +126,10 @@ TEST_F(ErrorCommand, OnlyStringsOfAnObjectAreStored)
 
 // ------------------------------------------------------------------------------ onStatus, onClientLogin
 
-const Amf kStatusInfo = Object({{"level", String("status")},
-                                {"code", String("NetStream.Publish.Start")},
-                                {"description", String("publishing")},
-                                {"clientid", Number(1)}});
+const Value kStatusInfo = Object({{"level", String("status")},
+                                  {"code", String("NetStream.Publish.Start")},
+                                  {"description", String("publishing")},
+                                  {"clientid", Number(1)}});
 
 TEST_F(StatusCommand, StoresThreeTextsAndTheTransactionId)
 {
@@ -216,12 +216,11 @@ TEST_F(StatusCommand, TextsAreCutAtTheEndOfTheirField)
 
 // timestamp:24  length:24  type:8  stream id:32. The chunk stream is 0, so there is no basic header, and the
 // two bytes of room for it stay behind as zeros.
-const std::string kPong("\x00\x12\x34\x00\x00\x00\x14\x00\x00\x00\x00\x00\x00", 13);
+const Bytes kPong = Hex("00 12 34 00 00 00 14 00 00 00 00 00 00");
 
 TEST_F(ServicePing, IsAnsweredByAnEmptyCommand)
 {
-    wrapped::clockStands = true;
-    wrapped::now = client->CreateTime + 0x1234;
+    calls::setClock(client->CreateTime + 0x1234);
     for (const bool joined : {false, true}) {
         if (joined) {
             joinSession();
@@ -235,6 +234,7 @@ TEST_F(ServicePing, IsAnsweredByAnEmptyCommand)
         EXPECT_EQ(sent(), kPong);
     }
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0); // released again
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ServicePing, AgainAndAgainLosesNothing)
@@ -251,22 +251,23 @@ TEST_F(ServicePing, AgainAndAgainLosesNothing)
 TEST_F(ServicePing, FailsWithoutTheLock)
 {
     joinSession();
-    wrapped::brokenLock = &session.ClientListLock;
+    calls::failAlways(Call::MutexLock, &session.ClientListLock);
     const Parsed parsed = parse({String("ping"), Number(0), Null()});
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, 22U);
-    EXPECT_EQ(sent(), "");
+    EXPECT_EQ(sent(), Bytes());
     EXPECT_EQ(log.lines(), (Lines{info(Received("UstreamPing")), error("Cannot lock client list")}));
 }
 
 TEST_F(ServicePing, FailsWithoutAMessage)
 {
     joinSession();
-    wrapped::failGenerate = true;
+    calls::failAlways(Call::GenerateMsg);
     EXPECT_EQ(parse({String("ping"), Number(0), Null()}).result, -1);
     EXPECT_EQ(log.lines(),
               (Lines{info(Received("UstreamPing")), error("Cannot generate RTMP USTREAM PONG message")}));
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0);
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ServicePing, FailsWhenTheConnectionIsGone)
@@ -277,12 +278,13 @@ TEST_F(ServicePing, FailsWhenTheConnectionIsGone)
     EXPECT_EQ(log.lines().back(), error("Cannot send USTREAM PONG message to server"));
     EXPECT_EQ(log.count("ParseCmdMsgReq"), 2U);
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0);
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ServicePing, ReportsAnUnlockThatFails)
 {
     joinSession();
-    wrapped::brokenUnlock = &session.ClientListLock;
+    calls::failAlways(Call::MutexUnlock, &session.ClientListLock);
     EXPECT_EQ(parse({String("ping"), Number(0), Null()}).result, -1);
     EXPECT_EQ(sent().size(), kPong.size());
     EXPECT_EQ(log.lines(), (Lines{info(Received("UstreamPing")), error("Cannot unlock client list")}));

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+using namespace amf0;
 using namespace received;
 
 namespace {
@@ -16,12 +17,12 @@ class ReceivedUserControl : public CommandFixture {
     }
 };
 
-std::string Event(uint8_t type, const std::string &rest)
+Bytes Event(uint8_t type, const Bytes &rest)
 {
-    return std::string(1, '\0') + static_cast<char>(type) + rest;
+    return BigEndian(type, 2) + rest;
 }
 
-const std::string kValue("\x00\x01\x23\x45", 4);
+const Bytes kValue = Hex("00 01 23 45");
 
 struct EventRow {
     uint8_t type;
@@ -55,11 +56,11 @@ TEST_F(ReceivedUserControl, EveryEventIsRecordedLoggedAndReported)
 
 TEST_F(ReceivedUserControl, SetBufferLengthIsReadOnlyWhenItIsLongerThanEightBytes)
 {
-    const std::string whole = Event(3, std::string("\0\0\0\x01\0\0\x0B\xB8", 8));
+    const Bytes whole = Event(3, Hex("00 00 00 01 00 00 0B B8"));
     for (size_t length = 2; length <= whole.size(); length++) {
         SCOPED_TRACE(length);
         log.clear();
-        const Parsed parsed = parseEvent(whole.substr(0, length));
+        const Parsed parsed = parseEvent(Slice(whole, 0, length));
         EXPECT_EQ(parsed.result, 0);
         EXPECT_EQ(parsed.kind, 39U);
         EXPECT_EQ(parsed.event, 3U);
@@ -71,9 +72,8 @@ TEST_F(ReceivedUserControl, SetBufferLengthIsReadOnlyWhenItIsLongerThanEightByte
 
 TEST_F(ReceivedUserControl, IgnoredEventsLeaveTheKindAndLogNothing)
 {
-    for (const std::string &payload :
-         {Event(5, kValue), Event(8, kValue), Event(31, kValue), Event(255, kValue),
-          std::string("\x01\x00\x00\x00\x00\x01", 6), std::string("\xFF\xFF", 2)}) {
+    for (const Bytes &payload : {Event(5, kValue), Event(8, kValue), Event(31, kValue), Event(255, kValue),
+                                 Hex("01 00 00 00 00 01"), Hex("FF FF")}) {
         const Parsed parsed = parseEvent(payload);
         EXPECT_EQ(parsed.result, 0);
         EXPECT_EQ(parsed.kind, kUntouched);
@@ -83,7 +83,7 @@ TEST_F(ReceivedUserControl, IgnoredEventsLeaveTheKindAndLogNothing)
 
 TEST_F(ReceivedUserControl, AnEmptyPayloadFails)
 {
-    const Parsed parsed = parseEvent("");
+    const Parsed parsed = parseEvent({});
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, kUntouched);
     EXPECT_EQ(log.lines(), Lines{parserError("No data present in payload")});
@@ -91,18 +91,18 @@ TEST_F(ReceivedUserControl, AnEmptyPayloadFails)
 
 TEST_F(ReceivedUserControl, BytesThatAreNotThereReadAsZero)
 {
-    const std::string whole = std::string("\x00\x00", 2) + "\xAA\xBB\xCC\xDD";
+    const Bytes whole = Hex("00 00 AA BB CC DD");
     const uint32_t values[] = {0, 0, 0xAA000000, 0xAABB0000, 0xAABBCC00, 0xAABBCCDD};
     for (size_t length = 1; length <= whole.size(); length++) {
         SCOPED_TRACE(length);
-        const Parsed parsed = parseEvent(whole.substr(0, length));
+        const Parsed parsed = parseEvent(Slice(whole, 0, length));
         EXPECT_EQ(parsed.kind, 36U);
         EXPECT_EQ(parsed.eventValue, values[length - 1]);
     }
 }
 
 // basic header 02 (type 0, chunk stream 2)  timestamp 0  length 6  type 4  stream id 0, then the event
-const std::string kPong("\x02\x00\x00\x00\x00\x00\x06\x04\x00\x00\x00\x00\x00\x07\x00\x01\x23\x45", 18);
+const Bytes kPong = Hex("02 00 00 00 00 00 06 04 00 00 00 00 00 07 00 01 23 45");
 
 TEST_F(ReceivedUserControl, APingIsAnsweredWithItsTimestampBehindAFullHeader)
 {
@@ -116,13 +116,14 @@ TEST_F(ReceivedUserControl, APingIsAnsweredWithItsTimestampBehindAFullHeader)
     }
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0); // released again
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ReceivedUserControl, AShortPingIsAnsweredWithZeros)
 {
     joinSession();
-    EXPECT_EQ(parseEvent(std::string("\0\x06\x7F", 3)).result, 0);
-    EXPECT_EQ(sent().substr(12), std::string("\x00\x07\x7F\x00\x00\x00", 6));
+    EXPECT_EQ(parseEvent(Hex("00 06 7F")).result, 0);
+    EXPECT_EQ(Slice(sent(), 12, 100), Hex("00 07 7F 00 00 00"));
 }
 
 TEST_F(ReceivedUserControl, APingWithoutASessionIsNotAnswered)
@@ -130,18 +131,18 @@ TEST_F(ReceivedUserControl, APingWithoutASessionIsNotAnswered)
     const Parsed parsed = parseEvent(Event(6, kValue));
     EXPECT_EQ(parsed.result, 0);
     EXPECT_EQ(parsed.kind, 41U);
-    EXPECT_EQ(sent(), "");
+    EXPECT_EQ(sent(), Bytes());
 }
 
 TEST_F(ReceivedUserControl, APingFailsWithoutTheLock)
 {
     joinSession();
     log.clear();
-    wrapped::brokenLock = &session.ClientListLock;
+    calls::failAlways(Call::MutexLock, &session.ClientListLock);
     const Parsed parsed = parseEvent(Event(6, kValue));
     EXPECT_EQ(parsed.result, -1);
     EXPECT_EQ(parsed.kind, 41U);
-    EXPECT_EQ(sent(), "");
+    EXPECT_EQ(sent(), Bytes());
     EXPECT_EQ(log.lines(), Lines{parserError("Cannot lock client list")});
 }
 
@@ -149,10 +150,11 @@ TEST_F(ReceivedUserControl, APingFailsWithoutAMessage)
 {
     joinSession();
     log.clear();
-    wrapped::failGenerate = true;
+    calls::failAlways(Call::GenerateMsg);
     EXPECT_EQ(parseEvent(Event(6, kValue)).result, -1);
     EXPECT_EQ(log.lines(), Lines{parserError("Cannot generate RTMP PING RESPONSE message")});
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0);
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ReceivedUserControl, APingFailsWhenTheConnectionIsGone)
@@ -164,13 +166,14 @@ TEST_F(ReceivedUserControl, APingFailsWhenTheConnectionIsGone)
     EXPECT_EQ(log.lines().back(), parserError("Cannot send RTMP PING RESPONSE message to server"));
     EXPECT_EQ(log.count("ParseUsrCtrlMsgReq"), 1U);
     EXPECT_EQ(pthread_mutex_trylock(&session.ClientListLock), 0);
+    pthread_mutex_unlock(&session.ClientListLock);
 }
 
 TEST_F(ReceivedUserControl, APingReportsAnUnlockThatFails)
 {
     joinSession();
     log.clear();
-    wrapped::brokenUnlock = &session.ClientListLock;
+    calls::failAlways(Call::MutexUnlock, &session.ClientListLock);
     EXPECT_EQ(parseEvent(Event(6, kValue)).result, -1);
     EXPECT_EQ(sent(), kPong);
     EXPECT_EQ(log.lines(), Lines{parserError("Cannot unlock client list")});

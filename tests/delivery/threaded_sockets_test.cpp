@@ -6,13 +6,10 @@
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "rtmpcast/rtmpcast.h"
-#include "state/client.h"
-#include "support/capture_logger.h"
-#include "support/host_fakes.h"
+#include "support/session_rig.h"
 
 #include <atomic>
 #include <chrono>
-#include <poll.h>
 #include <random>
 #include <signal.h>
 #include <sys/mman.h>
@@ -22,76 +19,36 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// 1280x720 Constrained Baseline, level 3.1; and AAC LC, 44.1 kHz, stereo.
-const Bytes kVideoConfig = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1F, 0xDA, 0x01, 0x40,
-                            0x16, 0xE8, 0x40, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
-const Bytes kAudioConfig = {0x12, 0x10};
-
-// One connection that plays, without its serve thread; the peer's end is the test's.
-struct Player {
-    RtmpClient *client;
-    int socket;
-    int peer;
-};
-
+// Two sessions and more with the threaded sender. Peers read nothing by themselves: the kernel's buffers are
+// all there is.
 class ThreadedSender : public testing::Test {
   protected:
-    void SetUp() override
+    ThreadedSender()
     {
-        HostFakes::get().reset();
         signal(SIGUSR1, [](int) {});
-        server_ = RtmpServerCreate(log_.get(), "ANY", 0, 0, 0, 0, nullptr);
-        ASSERT_NE(server_, nullptr);
-        session_ = makeSession("live");
     }
     void TearDown() override
     {
         while (!players_.empty()) {
             leave(players_.back());
         }
-        if (server_ != nullptr) {
+        if (rig_.server != nullptr) {
             testing::internal::CaptureStdout(); // the log of the end
-            EXPECT_EQ(RtmpServerDestroy(server_), 0);
+            EXPECT_EQ(RtmpServerDestroy(rig_.server), 0);
             testing::internal::GetCapturedStdout();
         }
+        rig_.server = nullptr;
+        rig_.session = nullptr;
     }
-    RtmpSession *makeSession(const char *name)
+    RigClient join(RtmpSession *session)
     {
-        RtmpSession *session = RtmpSessionCreate(server_, name, nullptr);
-        EXPECT_EQ(RtmpSenderSettings(session, RTMP_SENDER_THREADED, 0, 0, 1, 255, 0, 20, 20), 0);
-        const VideoMediaInfo video = {
-            7, 0, {0, 0, 0}, static_cast<int32_t>(kVideoConfig.size()), kVideoConfig.data()};
-        const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kAudioConfig.size()), kAudioConfig.data()};
-        EXPECT_EQ(RtmpAddMediaInfo(session, &video, &audio), 0);
-        return session;
-    }
-    // The peer reads nothing by itself: the kernel's buffers are all there is.
-    Player &join(RtmpSession *session)
-    {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        RtmpClient *client = CreateNewRtmpClient(server_, RTMP_CONN_RTMP, ends[0], "127.0.0.1", 0, nullptr);
-        EXPECT_EQ(AddClientInSession(session, client), 0);
-        client->StreamId = 1;
-        client->StatusChunkStreamId = 5;
-        client->AudioChunkStreamId = 6;
-        SetClientState(client, CLIENT_STATE_PLAY_DONE);
-        players_.push_back({client, ends[0], ends[1]});
+        players_.push_back(rig_.addClientTo(session));
         return players_.back();
     }
-    void leave(const Player &player)
+    void leave(RigClient player)
     {
-        close(player.peer);
-        FreeClientRecord(player.client);
-        close(player.socket);
-        for (size_t i = 0; i < players_.size(); i++) {
-            if (players_[i].client == player.client) {
-                players_.erase(players_.begin() + static_cast<ptrdiff_t>(i));
-                return;
-            }
-        }
+        std::erase_if(players_, [&](const RigClient &each) { return each.client == player.client; });
+        rig_.removeClient(player.client);
     }
     int video(RtmpSession *session, size_t size, uint64_t timestamp)
     {
@@ -137,48 +94,33 @@ class ThreadedSender : public testing::Test {
     void expectLocksFree(RtmpSession *session)
     {
         for (RtmpMutex *lock :
-             {&server_->LiveSessionListLock, &session->ClientListLock, &session->MemberLock}) {
+             {&rig_.server->LiveSessionListLock, &session->ClientListLock, &session->MemberLock}) {
             ASSERT_EQ(pthread_mutex_trylock(lock), 0);
             pthread_mutex_unlock(lock);
         }
     }
-    Bytes read(const Player &player, size_t size)
-    {
-        Bytes out;
-        while (out.size() < size) {
-            struct pollfd ready = {player.peer, POLLIN, 0};
-            uint8_t buffer[65536];
-            const size_t wanted = std::min(sizeof buffer, size - out.size());
-            const ssize_t got = poll(&ready, 1, 20000) == 1 ? recv(player.peer, buffer, wanted, 0) : -1;
-            if (got <= 0) {
-                break;
-            }
-            out.insert(out.end(), buffer, buffer + got);
-        }
-        return out;
-    }
-
-    CaptureLogger log_;
-    RtmpServer *server_ = nullptr;
-    RtmpSession *session_ = nullptr;
-    std::vector<Player> players_;
+    SessionRig rig_{
+        RigSetup{.chunkSize = 128, .senderMode = RTMP_SENDER_THREADED, .interval = 0, .queue = 20}};
+    CaptureLogger &log_ = rig_.log;
+    RtmpSession *const session_ = rig_.session;
+    std::vector<RigClient> players_;
 };
 
 } // namespace
 
 TEST_F(ThreadedSender, FramesReachThePlayerInterleaved)
 {
-    const Player player = join(session_);
+    const RigClient player = join(session_);
     EXPECT_EQ(audio(session_, 3, 1000), 0);
     EXPECT_EQ(video(session_, 6, 1000), 0);
     // chunk stream 6, full header: time, length 5, type 8, stream 1; AF 01 and the frame
-    const Bytes first = read(player, 12 + 5);
+    const Bytes first = ReadBytes(player.peer, 12 + 5);
     ASSERT_EQ(first.size(), 17U);
     EXPECT_EQ(first[0], 0x06);
     EXPECT_EQ(Bytes(first.begin() + 4, first.end()),
               (Bytes{0, 0, 5, 8, 1, 0, 0, 0, 0xAF, 0x01, 0xA5, 0xA5, 0xA5}));
     // chunk stream 5: length 11, type 9; 17 01 00 00 00 and the access unit
-    const Bytes second = read(player, 12 + 11);
+    const Bytes second = ReadBytes(player.peer, 12 + 11);
     ASSERT_EQ(second.size(), 23U);
     EXPECT_EQ(second[0], 0x05);
     EXPECT_EQ(Bytes(second.begin() + 4, second.end()),
@@ -187,11 +129,11 @@ TEST_F(ThreadedSender, FramesReachThePlayerInterleaved)
 
 TEST_F(ThreadedSender, AFailedSendToOneIsSentToTheOthersAndClosesTheQueue)
 {
-    Player gone = join(session_);
-    const Player there = join(session_);
+    const RigClient gone = join(session_);
+    const RigClient there = join(session_);
     shutdown(gone.peer, SHUT_RDWR);
     EXPECT_EQ(video(session_, 6, 1000), 0);
-    EXPECT_EQ(read(there, 23).size(), 23U);
+    EXPECT_EQ(ReadBytes(there.peer, 23).size(), 23U);
     ASSERT_TRUE(WaitUntil([&] { return LoadShared(&session_->Queue->ThreadRunning) == 0; }));
     EXPECT_EQ(video(session_, 6, 1033), 0);
     EXPECT_EQ(ClientStateOf(gone.client), CLIENT_STATE_CLOSED);
@@ -202,7 +144,7 @@ TEST_F(ThreadedSender, AFailedSendToOneIsSentToTheOthersAndClosesTheQueue)
 TEST_F(ThreadedSender, ResetAndCloseDoNotWaitForAPlayerThatTakesNothing)
 {
     for (int (*end)(RtmpSession *) : {RtmpThreadedQueueReset, RtmpThreadedQueueClose}) {
-        const Player player = join(session_);
+        const RigClient player = join(session_);
         stall(session_);
         EXPECT_EQ(end(session_), 0);
         EXPECT_EQ(session_->Queue->ThreadRunning, 0);
@@ -210,9 +152,9 @@ TEST_F(ThreadedSender, ResetAndCloseDoNotWaitForAPlayerThatTakesNothing)
         leave(player);
         EXPECT_EQ(RtmpThreadedQueueReset(session_), 0);
     }
-    const Player player = join(session_);
+    const RigClient player = join(session_);
     EXPECT_EQ(video(session_, 6, 5000), 0);
-    EXPECT_EQ(read(player, 23).size(), 23U);
+    EXPECT_EQ(ReadBytes(player.peer, 23).size(), 23U);
 }
 
 TEST_F(ThreadedSender, AResetDoesNotWaitForAFileThatAPlayerDoesNotTake)
@@ -223,7 +165,7 @@ TEST_F(ThreadedSender, AResetDoesNotWaitForAFileThatAPlayerDoesNotTake)
     ASSERT_EQ(ftruncate(fd, kSize), 0);
     void *mapped = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ASSERT_NE(mapped, MAP_FAILED);
-    const Player player = join(session_);
+    const RigClient player = join(session_);
     ASSERT_EQ(RtmpSendData(session_, static_cast<uint8_t *>(mapped), kSize, fd,
                            reinterpret_cast<uintptr_t>(mapped), 1000, RTMP_FRAME_VIDEO),
               0);
@@ -244,7 +186,7 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
     void *mapped = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ASSERT_NE(mapped, MAP_FAILED);
     // A player whose frame is ended in the middle is ended with it; another one joins.
-    Player player = join(session_);
+    RigClient player = join(session_);
     const auto readToEnd = [](int peer) {
         std::vector<uint8_t> sink(65536);
         while (recv(peer, sink.data(), sink.size(), 0) > 0) {
@@ -274,7 +216,7 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
             reader = std::thread(readToEnd, player.peer);
         }
     }
-    shutdown(player.socket, SHUT_RDWR);
+    shutdown(player.client->Socket, SHUT_RDWR);
     reader.join();
     EXPECT_GT(ended, 0);
     EXPECT_LT(ended, 300);
@@ -298,9 +240,9 @@ TEST_F(ThreadedSender, TheProducerNeverWaitsForAStalledPlayer)
 TEST_F(ThreadedSender, ASessionIsDestroyedWhileItsSenderWaitsForTheSessionList)
 {
     for (int round = 0; round < 10; round++) {
-        RtmpSession *other = makeSession("other");
-        const Player stalled = join(session_);
-        const Player waiting = join(other);
+        RtmpSession *other = rig_.addSession("other");
+        const RigClient stalled = join(session_);
+        const RigClient waiting = join(other);
         stall(session_); // holds the session list
         ASSERT_EQ(video(other, 6, 1000), 0);
         ASSERT_TRUE(isStuck(other));
@@ -316,27 +258,27 @@ TEST_F(ThreadedSender, ASessionIsDestroyedWhileItsSenderWaitsForTheSessionList)
 // Its own sender is stuck in a write, with the session list locked.
 TEST_F(ThreadedSender, ASessionIsDestroyedWhileItsSenderIsStuckInAWrite)
 {
-    RtmpSession *session = makeSession("stuck");
-    const Player player = join(session);
+    RtmpSession *session = rig_.addSession("stuck");
+    const RigClient player = join(session);
     stall(session);
     std::thread destroyer([&] { EXPECT_EQ(RtmpSessionDestroy(session), 0); });
     ASSERT_TRUE(
         log_.waitFor("Sending SIGUSR1 to Client Thread")); // it has the list, and waits for the client
     leave(player);
     destroyer.join();
-    EXPECT_EQ(ValidateRtmpSessionHandle(server_, session), -1);
+    EXPECT_EQ(ValidateRtmpSessionHandle(rig_.server, session), -1);
 }
 
 // The sender of a session that is destroyed later holds the list that the first one needs.
 TEST_F(ThreadedSender, AServerIsDestroyedWhileASenderIsStuckInAWrite)
 {
-    RtmpSession *session = makeSession("stuck"); // behind "live" in the list
-    const Player player = join(session);
+    RtmpSession *session = rig_.addSession("stuck"); // behind "live" in the list
+    const RigClient player = join(session);
     stall(session);
     testing::internal::CaptureStdout(); // the log of the end
     std::thread destroyer([&] {
-        EXPECT_EQ(RtmpServerDestroy(server_), 0);
-        server_ = nullptr;
+        EXPECT_EQ(RtmpServerDestroy(rig_.server), 0);
+        rig_.server = nullptr;
     });
     ASSERT_TRUE(WaitUntil([&] { return LoadShared(&session->Queue->ThreadRunning) == 0; }));
     leave(player); // a session waits for its clients

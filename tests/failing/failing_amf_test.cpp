@@ -1,8 +1,8 @@
 // AMF0 without memory: every allocation fails in its turn; codes, lines and lists as they should be, and
 // nothing lost (the leak checker is the judge).
 #include "amf/object.h"
-#include "failing/failing_memory.h"
 #include "support/amf_rows.h"
+#include "support/calls.h"
 #include "support/capture_logger.h"
 
 #include <cstdlib>
@@ -126,7 +126,7 @@ TEST_F(AmfWithoutMemory, EncodeAmfBuffer)
 
 TEST_F(AmfWithoutMemory, AMemberThatCannotBeStoredRefusesTheValuesAroundIt)
 {
-    const Bytes bytes = BytesOf("05 03 0001 'a' 05 0001 'b' 05 000009");
+    const Bytes bytes = Hex("05 03 0001 'a' 05 0001 'b' 05 000009");
     std::string found;
     EXPECT_EQ(DecodeWithFailure(&server, bytes, 4, &found), -1);
     EXPECT_EQ(found, "null");
@@ -136,7 +136,7 @@ TEST_F(AmfWithoutMemory, AMemberThatCannotBeStoredRefusesTheValuesAroundIt)
 
 TEST_F(AmfWithoutMemory, AnElementThatCannotBeStoredRefusesTheArray)
 {
-    const Bytes bytes = BytesOf("0A 00000002 05 06");
+    const Bytes bytes = Hex("0A 00000002 05 06");
     std::string found;
     EXPECT_EQ(DecodeWithFailure(&server, bytes, 3, &found), -1);
     EXPECT_EQ(found, "");
@@ -148,7 +148,7 @@ TEST_F(AmfWithoutMemory, EveryAllocationOfEveryRowThatIsReadMayFail)
 {
     for (const AmfRow &row : AmfRows()) {
         SCOPED_TRACE(row.sentence);
-        const Bytes bytes = BytesOf(row.picture);
+        const Bytes bytes = Hex(row.picture);
         std::string found;
         int number = 1;
         while (DecodeWithFailure(&server, bytes, number, &found) == -1) {

@@ -4,11 +4,10 @@
 #include "delivery/senders/monitor.h"
 #include "delivery/write/client_send.h"
 #include "delivery/write/fan_out.h"
-#include "failing/failing_calls.h"
-#include "failing/failing_memory.h"
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
+#include "support/calls.h"
 #include "support/session_rig.h"
 
 #include "rtmpcast/rtmpcast.h"

@@ -1,9 +1,9 @@
 // A destroy that fails half way: the session goes on as if it had not been asked, and no thread is left that
 // nobody will join.
-#include "failing/failing_calls.h"
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
+#include "support/calls.h"
 #include "support/session_rig.h"
 
 #include <atomic>

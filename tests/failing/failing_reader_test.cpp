@@ -1,9 +1,8 @@
 // Handshake, chunk reader and receive list when memory, HMAC or a lock fails.
-#include "failing/failing_calls.h"
-#include "failing/failing_memory.h"
 #include "message/recv_list.h"
 #include "message/recv_packet.h"
 #include "net/handshake.h"
+#include "support/calls.h"
 #include "support/socket_client.h"
 
 #include <gtest/gtest.h>

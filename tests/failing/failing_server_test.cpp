@@ -1,9 +1,8 @@
 // Servers and their accept threads when sockets, threads, locks or memory fail: codes, lines, and nothing
 // left behind (the leak checker is the judge of memory).
-#include "failing/failing_calls.h"
-#include "failing/failing_memory.h"
 #include "net/socket_io.h"
 #include "state/client.h"
+#include "support/calls.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 
@@ -337,7 +336,7 @@ TEST(AcceptFailing, AClientWithoutAThreadIsClosedAndItsRecordStaysAllocated)
         kWaiting,
     };
     EXPECT_EQ(Lines(lines.end() - static_cast<std::ptrdiff_t>(expected.size()), lines.end()), expected);
-    FreeClientRecord(static_cast<RtmpClient *>(ArgumentOfTheUnstartedThread()));
+    FreeClientRecord(static_cast<RtmpClient *>(calls::argumentOfTheUnstartedThread()));
     EXPECT_EQ(RtmpServerDestroy(rig.server), 0);
 }
 

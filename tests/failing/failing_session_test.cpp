@@ -1,10 +1,9 @@
 // Sessions and clients when memory, locks or threads fail: codes, lines, and nothing left in the lists.
-#include "failing/failing_calls.h"
-#include "failing/failing_memory.h"
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
 #include "state/session_list.h"
+#include "support/calls.h"
 #include "support/session_rig.h"
 
 #include <csignal>

@@ -1,12 +1,12 @@
 // A packet that is in its list stays the list's, also when the list's lock fails again and again.
 #include "delivery/write/client_send.h"
-#include "failing/failing_calls.h"
 #include "message/recv_list.h"
 #include "message/recv_packet.h"
 #include "message/send_list.h"
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
+#include "support/calls.h"
 #include "support/session_rig.h"
 #include "support/socket_client.h"
 #include "support/wait.h"

@@ -16,10 +16,10 @@ std::vector<Bytes> Seeds()
 {
     std::vector<Bytes> seeds;
     for (const AmfRow &row : AmfRows()) {
-        seeds.push_back(BytesOf(row.picture));
+        seeds.push_back(Hex(row.picture));
     }
     for (const RefusedAmfRow &row : RefusedAmfRows()) {
-        seeds.push_back(BytesOf(row.picture));
+        seeds.push_back(Hex(row.picture));
     }
     return seeds;
 }

@@ -77,8 +77,3 @@ class ExactBytes {
     size_t size_;
     std::unique_ptr<uint8_t[]> data_;
 };
-
-inline Bytes FirstOf(const Bytes &bytes, size_t count)
-{
-    return Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
-}

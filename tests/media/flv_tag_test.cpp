@@ -1,40 +1,25 @@
 #include "media/flv_tag.h"
-#include "tests/media/failing_calls.h"
+#include "support/calls.h"
 #include "tests/media/media_fixture.h"
 
 namespace {
 
-Bytes Text(const std::string &text)
-{
-    return Bytes(text.begin(), text.end());
-}
-
 // "onMetaData" and the object's marker, and the object's end.
-const Bytes kOpening = Bytes{0x02, 0x00, 0x0A} + Text("onMetaData") + Bytes{0x03};
+const Bytes kOpening = Hex("02 000A 'onMetaData' 03");
 const Bytes kEnd = {0x00, 0x00, 0x09};
 
-Bytes Name(const std::string &name)
-{
-    return Bytes{0x00, static_cast<uint8_t>(name.size())} + Text(name);
-}
-
 // Numbers as AMF0 writes them: marker 0 and an IEEE 754 double, worked out by hand. Their tails are zeros.
-Bytes Number(uint8_t b0, uint8_t b1, uint8_t b2 = 0, uint8_t b3 = 0)
-{
-    return {0x00, b0, b1, b2, b3, 0, 0, 0, 0};
-}
-
-const Bytes kWidth1280 = Name("width") + Number(0x40, 0x94);            // 1.25 * 2^10
-const Bytes kHeight720 = Name("height") + Number(0x40, 0x86, 0x80);     // 1.40625 * 2^9
-const Bytes kVideoCodec7 = Name("videocodecid") + Number(0x40, 0x1C);   // 1.75 * 2^2
-const Bytes kLevel31 = Name("avclevel") + Number(0x40, 0x3F);           // 1.9375 * 2^4
-const Bytes kProfile66 = Name("avcprofile") + Number(0x40, 0x50, 0x80); // 1.03125 * 2^6
+const Bytes kWidth1280 = Hex("0005 'width' 00 4094000000000000");          // 1.25 * 2^10
+const Bytes kHeight720 = Hex("0006 'height' 00 4086800000000000");         // 1.40625 * 2^9
+const Bytes kVideoCodec7 = Hex("000C 'videocodecid' 00 401C000000000000"); // 1.75 * 2^2
+const Bytes kLevel31 = Hex("0008 'avclevel' 00 403F000000000000");         // 1.9375 * 2^4
+const Bytes kProfile66 = Hex("000A 'avcprofile' 00 4050800000000000");     // 1.03125 * 2^6
 const Bytes kVideo = kWidth1280 + kHeight720 + kVideoCodec7 + kLevel31 + kProfile66;
-const Bytes kRate2500 = Name("videodatarate") + Number(0x40, 0xA3, 0x88); // 1.220703125 * 2^11
-const Bytes kRate0 = Name("videodatarate") + Number(0x00, 0x00);
-const Bytes kSampleRate44100 = Name("audiosamplerate") + Number(0x40, 0xE5, 0x88, 0x80); // 44100 / 2^15
+const Bytes kRate2500 = Hex("000D 'videodatarate' 00 40A3880000000000"); // 1.220703125 * 2^11
+const Bytes kRate0 = Hex("000D 'videodatarate' 00 0000000000000000");
+const Bytes kSampleRate44100 = Hex("000F 'audiosamplerate' 00 40E5888000000000"); // 44100 / 2^15
 const Bytes kAudio =
-    kSampleRate44100 + Name("stereo") + Name("audiocodecid") + Number(0x40, 0x24); // 1.25 * 2^3
+    kSampleRate44100 + Hex("0006 'stereo'") + Hex("000C 'audiocodecid' 00 4024000000000000"); // 1.25 * 2^3
 const Bytes kWhatStereoLeaves = {0x00, 0x00}; // the marker and the byte that were counted and not written
 
 } // namespace
@@ -142,7 +127,7 @@ TEST_F(FlvTag, TheAvccBoxTakesProfileFlagsAndLevelFromTheRecord)
     session.CodecInfo->VdCodecInfo->profileIdc = 0x64;
     session.CodecInfo->VdCodecInfo->constraintFlags = 0x0C;
     session.CodecInfo->VdCodecInfo->levelIdc = 0x28;
-    EXPECT_EQ(FirstOf(avccBox(), 13),
+    EXPECT_EQ(Slice(avccBox(), 0, 13),
               (Bytes{0x17, 0, 0, 0, 0, 0x01, 0x64, 0x0C, 0x28, 0xFF, 0xE1, 0x00, 0x09}));
 }
 
@@ -151,7 +136,7 @@ TEST_F(FlvTag, AnSpsOf65536BytesIsWrittenWholeBehindALengthOfZero)
     describeVideo(kStartCode + Bytes{0x67} + Bytes(65535, 0x42) + kStartCode + kPps4, 0);
     const Bytes box = avccBox();
     ASSERT_EQ(box.size(), 16U + 65536 + 4);
-    EXPECT_EQ(FirstOf(Bytes(box.begin() + 11, box.end()), 4), (Bytes{0x00, 0x00, 0x67, 0x42}));
+    EXPECT_EQ(Slice(box, 11, 4), (Bytes{0x00, 0x00, 0x67, 0x42}));
     EXPECT_EQ(Bytes(box.end() - 7, box.end()), (Bytes{0x01, 0x00, 0x04} + kPps4));
 }
 
@@ -176,7 +161,7 @@ TEST_F(FlvTag, NoAvccBoxWithoutAnSpsOrWithoutAPps)
 TEST_F(FlvTag, NoAvccBoxWithoutMemory)
 {
     describeVideo(kConfig720, 0);
-    FailAllocation(1);
+    calls::failNext(Call::Calloc, 1);
     EXPECT_EQ(CreateAVCCBox(&session), -1);
     EXPECT_EQ(session.CodecInfo->VdCodecInfo->AvccBox, nullptr);
     EXPECT_EQ(log.lines(), Lines{"3 ERROR: CreateAVCCBox: Cannot allocate memory to "
@@ -219,7 +204,7 @@ TEST_F(FlvTag, StereoIsZeroForTwoChannelsAndOneForAnyOtherCountAndOnlyItsNameIsS
     for (const uint32_t channels : {0U, 1U, 2U, 6U}) {
         session.CodecInfo->AdCodecInfo->channels = channels;
         EXPECT_EQ(metadata(), kOpening + kAudio + kEnd + kWhatStereoLeaves) << channels;
-        EXPECT_EQ(LastBoolean(), channels == 2 ? "stereo=0" : "stereo=1") << channels;
+        EXPECT_EQ(calls::lastBoolean(), channels == 2 ? "stereo=0" : "stereo=1") << channels;
         free(session.CodecInfo->MetaData);
         session.CodecInfo->MetaData = nullptr;
     }
@@ -228,22 +213,23 @@ TEST_F(FlvTag, StereoIsZeroForTwoChannelsAndOneForAnyOtherCountAndOnlyItsNameIsS
 TEST_F(FlvTag, ASampleRateOfZeroIsWritten)
 {
     describeAudio(0, 2);
-    EXPECT_EQ(FirstOf(metadata(), 40), kOpening + Name("audiosamplerate") + Number(0x00, 0x00));
+    EXPECT_EQ(Slice(metadata(), 0, 40), kOpening + Hex("000F 'audiosamplerate' 00 0000000000000000"));
 }
 
 TEST_F(FlvTag, AnotherVideoCodecFailsBehindWidthAndHeight)
 {
     describeVideo(kConfig720, 0);
     session.CodecInfo->VdCodecId = 2;
-    FailAllocation(7); // two for the name of the message, two each for width and height: never reached
+    calls::failNext(Call::Calloc,
+                    7); // two for the name of the message, two each for width and height: never reached
     EXPECT_EQ(GenerateFlvMetadata(&session), -1);
-    EXPECT_FALSE(AllocationFailed());
+    EXPECT_FALSE(calls::hasFailed(Call::Calloc));
     EXPECT_EQ(session.CodecInfo->MetaData, nullptr);
     EXPECT_EQ(session.CodecInfo->MetaDataLen, 0U);
     EXPECT_EQ(log.lines(), Lines{"3 ERROR: GenerateFlvMetadata: Video codec not supported"});
-    FailAllocation(6); // the name "height"
+    calls::failNext(Call::Calloc, 6); // the name "height"
     EXPECT_EQ(GenerateFlvMetadata(&session), -1);
-    EXPECT_TRUE(AllocationFailed());
+    EXPECT_TRUE(calls::hasFailed(Call::Calloc));
     EXPECT_EQ(log.lines().back(), "3 ERROR: GenerateFlvMetadata: Cannot encode Amf heigth");
 }
 
@@ -286,14 +272,14 @@ TEST_F(FlvTag, EveryFailedAllocationOfTheMetadataIsNamedAndLeavesNothing)
                         "3 ERROR: GenerateFlvMetadata: Error occured while generating metadata"});
     for (size_t n = 0; n < expected.size(); n++) {
         log.clear();
-        FailAllocation(static_cast<int>(n + 1));
+        calls::failNext(Call::Calloc, static_cast<int>(n + 1));
         EXPECT_EQ(GenerateFlvMetadata(&session), -1) << n;
         EXPECT_EQ(log.lines(), expected[n]) << n;
         EXPECT_EQ(session.CodecInfo->MetaData, nullptr) << n;
         EXPECT_EQ(session.CodecInfo->MetaDataLen, 0U) << n;
     }
-    FailAllocation(static_cast<int>(expected.size() + 1));
+    calls::failNext(Call::Calloc, static_cast<int>(expected.size() + 1));
     EXPECT_EQ(metadata(), kOpening + kVideo + kRate2500 + kAudio + kEnd + kWhatStereoLeaves);
-    EXPECT_FALSE(AllocationFailed());
-    FailAllocation(0);
+    EXPECT_FALSE(calls::hasFailed(Call::Calloc));
+    calls::failNext(Call::Calloc, 0);
 }

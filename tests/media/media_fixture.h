@@ -3,7 +3,7 @@
 
 #include "media/media_info.h"
 #include "net/platform.h"
-#include "support/capture_logger.h"
+#include "support/records.h"
 #include "tests/media/bits.h"
 
 using Lines = std::vector<std::string>;
@@ -34,22 +34,18 @@ inline AudioMediaInfo AudioOf(const ExactBytes &config)
     return {10, 44, config.size(), config.data()};
 }
 
-class MediaTest : public testing::Test {
+class MediaTest : public testing::Test, protected Records {
   protected:
     MediaTest()
     {
-        server.Logger = log.get();
         server.BaseBandwidth = 6000000;
         server.PeerBandwidth = 6500000;
-        session.Server = &server;
         session.MediaKind = RTMP_MEDIA_NONE;
-        EXPECT_EQ(RtmpMutexInit(&server.LiveSessionListLock), 0);
     }
     ~MediaTest() override
     {
         FreeCodecInfo(session.CodecInfo);
         FreeCodecInfo(session.RetiredCodecInfo);
-        EXPECT_EQ(RtmpMutexDestroy(&server.LiveSessionListLock), 0);
     }
     // The list lock is free again.
     bool lockIsFree()
@@ -57,8 +53,4 @@ class MediaTest : public testing::Test {
         const bool taken = pthread_mutex_trylock(&server.LiveSessionListLock) == 0;
         return taken && RtmpMutexUnlock(&server.LiveSessionListLock) == 0;
     }
-
-    CaptureLogger log;
-    RtmpServer server = {};
-    RtmpSession session = {};
 };

@@ -1,5 +1,5 @@
 #include "net/atomic.h"
-#include "tests/media/failing_calls.h"
+#include "support/calls.h"
 #include "tests/media/media_fixture.h"
 
 #include <thread>
@@ -224,7 +224,7 @@ TEST_F(MediaInfo, EveryCutOfAVideoConfigurationIsRefusedAsItsPlaceSays)
 {
     const Bytes whole = kConfig720; // 4 + 9 | 4 + 4
     for (size_t cut = 1; cut < whole.size(); cut++) {
-        const int32_t code = addVideo(FirstOf(whole, cut));
+        const int32_t code = addVideo(Slice(whole, 0, cut));
         const auto extract = [&](const std::string &detail) {
             expectFailure(code, -92,
                           {"3 ERROR: ExtractSpsHeader: " + detail,
@@ -334,9 +334,9 @@ TEST_F(MediaInfo, WithoutTheLockNothingChanges)
 {
     ASSERT_EQ(addAudio(kStereo44), 0);
     const CodecInfo *before = session.CodecInfo;
-    FailLockOf(&server.LiveSessionListLock);
+    calls::failAlways(Call::SystemLock, &server.LiveSessionListLock);
     EXPECT_EQ(addVideo(kConfig720), -78);
-    FailLockOf(nullptr);
+    calls::failNever(Call::SystemLock);
     EXPECT_EQ(log.lines(), Lines{"3 ERROR: RtmpAddMediaInfo: Cannot lock Rtmp session list"});
     EXPECT_EQ(session.CodecInfo, before);
     EXPECT_EQ(session.MediaKind, 0U);
@@ -345,9 +345,9 @@ TEST_F(MediaInfo, WithoutTheLockNothingChanges)
 
 TEST_F(MediaInfo, AFailedUnlockUndoesTheRegistration)
 {
-    FailUnlockOf(&server.LiveSessionListLock);
+    calls::failAlways(Call::SystemUnlock, &server.LiveSessionListLock);
     EXPECT_EQ(addVideo(kConfig720), -77);
-    FailUnlockOf(nullptr);
+    calls::failNever(Call::SystemUnlock);
     EXPECT_EQ(log.lines(), Lines{"3 ERROR: RtmpAddMediaInfo: Cannot unlock Rtmp session list"});
     EXPECT_EQ(session.CodecInfo, nullptr);
     EXPECT_EQ(session.MediaInfoAdded, 0U);
@@ -373,7 +373,7 @@ TEST_F(MediaInfo, EveryFailedAllocationIsNamedAndLeavesNothing)
     for (size_t n = 0; n < expected.size(); n++) {
         SCOPED_TRACE(n);
         ASSERT_EQ(add(&kConfig720, &kStereo44), 0); // what is there before the failure goes, too
-        FailAllocation(static_cast<int>(n + 1));
+        calls::failNext(Call::Calloc, static_cast<int>(n + 1));
         const int32_t code = add(&kConfig720, &kStereo44, 2500000);
         expectFailure(code, expected[n].first, expected[n].second);
     }
@@ -382,18 +382,18 @@ TEST_F(MediaInfo, EveryFailedAllocationIsNamedAndLeavesNothing)
 TEST_F(MediaInfo, AnyFailedAllocationOfTheMetadataIsAMetadataFailure)
 {
     int n = 7;
-    FailAllocation(n);
+    calls::failNext(Call::Calloc, n);
     while (add(&kConfig720, &kStereo44, 2500000) != 0) {
-        EXPECT_TRUE(AllocationFailed());
+        EXPECT_TRUE(calls::hasFailed(Call::Calloc));
         EXPECT_EQ(log.lines().back(), kNoMetadata);
         EXPECT_EQ(log.lines().size(), 3U);
         EXPECT_EQ(session.CodecInfo, nullptr);
         log.clear();
-        FailAllocation(++n);
+        calls::failNext(Call::Calloc, ++n);
     }
-    EXPECT_FALSE(AllocationFailed());
+    EXPECT_FALSE(calls::hasFailed(Call::Calloc));
     EXPECT_EQ(n, 6 + 22 + 1);
-    FailAllocation(0);
+    calls::failNext(Call::Calloc, 0);
 }
 
 TEST_F(MediaInfo, PlayersNeverSeeAHalfBuiltOrFreedRecord)
@@ -414,7 +414,7 @@ TEST_F(MediaInfo, PlayersNeverSeeAHalfBuiltOrFreedRecord)
             }
         }
     });
-    const Bytes cut = FirstOf(kConfig720, 12);
+    const Bytes cut = Slice(kConfig720, 0, 12);
     for (int i = 0; i < 300; i++) {
         EXPECT_EQ(i % 3 == 2 ? add(&cut, &kStereo44) : 0, i % 3 == 2 ? -92 : 0);
         EXPECT_EQ(add(&kConfig720, &kStereo44), 0);

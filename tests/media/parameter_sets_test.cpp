@@ -187,7 +187,7 @@ TEST_F(ParameterSets, EveryCutOfAConfigurationAgreesWithAnIndependentSearch)
 {
     const Bytes whole = kStartCode + kSps25 + kStartCode + kPps5 + kStartCode + Bytes{0x06, 0x05};
     for (size_t cut = 1; cut <= whole.size(); cut++) {
-        const Bytes data = FirstOf(whole, cut);
+        const Bytes data = Slice(whole, 0, cut);
         EXPECT_EQ(sps(data), Expected(data, 7)) << cut;
         EXPECT_EQ(pps(data), Expected(data, 8)) << cut;
     }

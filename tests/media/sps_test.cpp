@@ -181,25 +181,25 @@ TEST(Sps, ACutSpsYieldsZeroOrPartialValues)
 {
     EXPECT_EQ(Parse({}).profileIdc, 0U);
     EXPECT_EQ(Parse({0x67}).profileIdc, 0U);
-    const VdCodecInfo info = Parse(FirstOf(kSps720, 3));
+    const VdCodecInfo info = Parse(Slice(kSps720, 0, 3));
     EXPECT_EQ(info.profileIdc, 66U);
     EXPECT_EQ(info.constraintFlags, 0xC0U);
     EXPECT_EQ(info.levelIdc, 0U);
     // Behind the end every field is 0: one macroblock, and map units of two.
-    EXPECT_EQ(SizeOf(FirstOf(kSps720, 4)), "16x32");
+    EXPECT_EQ(SizeOf(Slice(kSps720, 0, 4)), "16x32");
     // 1 1 011 010 | nothing
-    EXPECT_EQ(SizeOf(FirstOf(kSps720, 5)), "16x32");
+    EXPECT_EQ(SizeOf(Slice(kSps720, 0, 5)), "16x32");
     // 0 | 0000001 : six zeros and the one, of whose suffix nothing is left: 63 + 1 macroblocks
-    EXPECT_EQ(SizeOf(FirstOf(kSps720, 6)), "1024x32");
+    EXPECT_EQ(SizeOf(Slice(kSps720, 0, 6)), "1024x32");
     // 0000001 010000 | 00: the suffix is whole, and the height is a prefix of two zeros, one counted: 1 + 1
-    EXPECT_EQ(SizeOf(FirstOf(kSps720, 7)), "1280x64");
+    EXPECT_EQ(SizeOf(Slice(kSps720, 0, 7)), "1280x64");
 }
 
 TEST(Sps, EveryCutOfEverySpsStaysInside)
 {
     for (const Bytes &sps : {kSps720, kSps25}) {
         for (size_t cut = 0; cut <= sps.size(); cut++) {
-            const VdCodecInfo info = Parse(FirstOf(sps, cut));
+            const VdCodecInfo info = Parse(Slice(sps, 0, cut));
             EXPECT_EQ(info.profileIdc, cut > 1 ? 66U : 0U) << cut;
             EXPECT_EQ(info.levelIdc, cut > 3 ? 31U : 0U) << cut;
             EXPECT_EQ(info.width % 16, 0U) << cut;

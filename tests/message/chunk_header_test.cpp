@@ -191,9 +191,9 @@ TEST_F(ChunkHeader, AnUnknownTypeGivesAnEmptyRecord)
 TEST_F(ChunkHeader, WithoutMemoryThereIsNoHeader)
 {
     RtmpSendPkt pkt = VideoMessage(5);
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(GenerateChunkHdr(&client, &pkt, RTMP_MSG_VIDEO, 0), nullptr);
-    wrapped::failAllocation = 2;
+    calls::failNext(Call::Calloc, 2);
     EXPECT_EQ(GenerateChunkHdr(&client, &pkt, RTMP_MSG_VIDEO, 0), nullptr);
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: GenerateChunkHdr: Cannot allocate memory to chunkHdr",
                                   "3 ERROR: GenerateChunkHdr: Cannot allocate memory to chunkHdr->Data"}));
@@ -204,9 +204,9 @@ TEST_F(ChunkHeader, FillingAllocatesNothing)
     RtmpSendPkt pkt = VideoMessage(5);
     uint8_t room[RTMP_CHUNK_HDR_MAX];
     RtmpChunkHdr hdr = {0, room};
-    const uint64_t before = wrapped::allocations;
+    const uint64_t before = calls::made(Call::Calloc);
     EXPECT_EQ(FillChunkHdr(&pkt, 0, &hdr), 0);
-    EXPECT_EQ(wrapped::allocations, before);
+    EXPECT_EQ(calls::made(Call::Calloc), before);
 }
 
 TEST_F(ChunkHeader, TheWritersReturnZero)

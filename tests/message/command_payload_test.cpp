@@ -49,7 +49,7 @@ const char kZero[] = "00 00 00 00 00 00 00 00 00";
 
 TEST_F(CommandPayload, ACommandAloneIsItsNameItsTransactionIdAndANull)
 {
-    EXPECT_EQ(Write(Named("ab")), ToHex(FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05")));
+    EXPECT_EQ(Write(Named("ab")), ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05")));
 }
 
 TEST_F(CommandPayload, AStreamIdStandsBehindTheNull)
@@ -57,20 +57,19 @@ TEST_F(CommandPayload, AStreamIdStandsBehindTheNull)
     CmdMsgPayload payload = Named("ab");
     payload.StreamId = 1;
     EXPECT_EQ(Write(payload),
-              ToHex(FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05 00 3F F0 00 00 00 00 00 00")));
+              ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05 00 3F F0 00 00 00 00 00 00")));
     payload.StreamId = 0xFFFFFFFF; // 2^32 - 1
     EXPECT_EQ(Write(payload),
-              ToHex(FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05 00 41 EF FF FF FF E0 00 00")));
+              ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05 00 41 EF FF FF FF E0 00 00")));
 }
 
 TEST_F(CommandPayload, PropertiesAreWrittenOnlyWhenGivenAndTakeThePlaceOfNullAndStreamId)
 {
-    const std::string start = FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("03");
-    const std::string fmsVer = FromHex("00 06") + "fmsVer" + FromHex("02 00 01") + "F";
-    const std::string capabilities =
-        FromHex("00 0C") + "capabilities" + FromHex("00 40 3F 00 00 00 00 00 00");
-    const std::string mode = FromHex("00 04") + "mode" + FromHex("00 3F F0 00 00 00 00 00 00");
-    const std::string end = FromHex("00 00 09");
+    const Bytes start = Hex("02 00 02") + "ab" + Hex(kZero) + Hex("03");
+    const Bytes fmsVer = Hex("00 06") + "fmsVer" + Hex("02 00 01") + "F";
+    const Bytes capabilities = Hex("00 0C") + "capabilities" + Hex("00 40 3F 00 00 00 00 00 00");
+    const Bytes mode = Hex("00 04") + "mode" + Hex("00 3F F0 00 00 00 00 00 00");
+    const Bytes end = Hex("00 00 09");
     CmdMsgPayload payload = Named("ab");
     payload.StreamId = 5;
     payload.FmsVer = "F";
@@ -87,15 +86,15 @@ TEST_F(CommandPayload, PropertiesAreWrittenOnlyWhenGivenAndTakeThePlaceOfNullAnd
 
 TEST_F(CommandPayload, TheInformationObjectNeedsLevelCodeAndDescription)
 {
-    const std::string start = FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05");
+    const Bytes start = Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05");
     CmdMsgPayload payload = Named("ab");
     payload.Level = "l";
     payload.Code = "c";
     EXPECT_EQ(Write(payload), ToHex(start));
     payload.Description = "d";
-    EXPECT_EQ(Write(payload), ToHex(start + FromHex("03 00 05") + "level" + FromHex("02 00 01") + "l" +
-                                    FromHex("00 04") + "code" + FromHex("02 00 01") + "c" + FromHex("00 0B") +
-                                    "description" + FromHex("02 00 01") + "d" + FromHex("00 00 09")));
+    EXPECT_EQ(Write(payload), ToHex(start + Hex("03 00 05") + "level" + Hex("02 00 01") + "l" + Hex("00 04") +
+                                    "code" + Hex("02 00 01") + "c" + Hex("00 0B") + "description" +
+                                    Hex("02 00 01") + "d" + Hex("00 00 09")));
     payload.Code = nullptr;
     EXPECT_EQ(Write(payload), ToHex(start));
     payload.Code = "c";
@@ -107,19 +106,19 @@ TEST_F(CommandPayload, AStreamNameAddsDetailsAndClientId)
 {
     char stream[] = "live";
     client.StreamName = stream;
-    wrapped::now = 0x1000000ABCD; // the low 32 bits: abcd
+    calls::setClock(0x1000000ABCD); // the low 32 bits: abcd
     CmdMsgPayload payload = Named("ab");
     payload.Level = "l";
     payload.Code = "c";
     payload.Description = "d";
-    const std::string expected = ToHex(
-        FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05 03 00 05") + "level" + FromHex("02 00 01") +
-        "l" + FromHex("00 04") + "code" + FromHex("02 00 01") + "c" + FromHex("00 0B") + "description" +
-        FromHex("02 00 06") + "d live" + FromHex("00 07") + "details" + FromHex("02 00 04") + "live" +
-        FromHex("00 08") + "clientid" + FromHex("02 00 04") + "abcd" + FromHex("00 00 09"));
+    const std::string expected =
+        ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05 03 00 05") + "level" + Hex("02 00 01") + "l" +
+              Hex("00 04") + "code" + Hex("02 00 01") + "c" + Hex("00 0B") + "description" + Hex("02 00 06") +
+              "d live" + Hex("00 07") + "details" + Hex("02 00 04") + "live" + Hex("00 08") + "clientid" +
+              Hex("02 00 04") + "abcd" + Hex("00 00 09"));
     EXPECT_EQ(Write(payload), expected);
     EXPECT_STREQ(client.ClientId, "abcd");
-    wrapped::now = 0x12345678;
+    calls::setClock(0x12345678);
     EXPECT_EQ(Write(payload), expected) << "the id is made once";
 }
 
@@ -127,7 +126,7 @@ TEST_F(CommandPayload, TheLongestClientIdFits)
 {
     char stream[] = "s";
     client.StreamName = stream;
-    wrapped::now = 0xFFFFFFFFFEDCBA98;
+    calls::setClock(0xFFFFFFFFFEDCBA98);
     CmdMsgPayload payload = Everything();
     EXPECT_NE(Write(payload), "none");
     EXPECT_STREQ(client.ClientId, "fedcba98");
@@ -143,34 +142,33 @@ TEST_F(CommandPayload, AnEmptyStreamNameIsAName)
 {
     char stream[] = "";
     client.StreamName = stream;
-    wrapped::now = 15;
+    calls::setClock(15);
     CmdMsgPayload payload = Named("ab");
     payload.Level = "l";
     payload.Code = "c";
     payload.Description = "d";
     EXPECT_EQ(Write(payload),
-              ToHex(FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05 03 00 05") + "level" +
-                    FromHex("02 00 01") + "l" + FromHex("00 04") + "code" + FromHex("02 00 01") + "c" +
-                    FromHex("00 0B") + "description" + FromHex("02 00 02") + "d " + FromHex("00 07") +
-                    "details" + FromHex("02 00 00 00 08") + "clientid" + FromHex("02 00 01") + "f" +
-                    FromHex("00 00 09")));
+              ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05 03 00 05") + "level" + Hex("02 00 01") +
+                    "l" + Hex("00 04") + "code" + Hex("02 00 01") + "c" + Hex("00 0B") + "description" +
+                    Hex("02 00 02") + "d " + Hex("00 07") + "details" + Hex("02 00 00 00 08") + "clientid" +
+                    Hex("02 00 01") + "f" + Hex("00 00 09")));
 }
 
 TEST_F(CommandPayload, AStreamNameBeyond65535BytesIsSentByItsLengthModulo65536)
 {
     std::string stream(70000, 'x'); // 70000 - 65536 = 4464 = 0x1170; with "d " before it 4466 = 0x1172
     client.StreamName = stream.data();
-    wrapped::now = 15;
+    calls::setClock(15);
     CmdMsgPayload payload = Named("ab");
     payload.Level = "l";
     payload.Code = "c";
     payload.Description = "d";
     EXPECT_EQ(Write(payload),
-              ToHex(FromHex("02 00 02") + "ab" + FromHex(kZero) + FromHex("05 03 00 05") + "level" +
-                    FromHex("02 00 01") + "l" + FromHex("00 04") + "code" + FromHex("02 00 01") + "c" +
-                    FromHex("00 0B") + "description" + FromHex("02 11 72") + "d " + std::string(4464, 'x') +
-                    FromHex("00 07") + "details" + FromHex("02 11 70") + std::string(4464, 'x') +
-                    FromHex("00 08") + "clientid" + FromHex("02 00 01") + "f" + FromHex("00 00 09")));
+              ToHex(Hex("02 00 02") + "ab" + Hex(kZero) + Hex("05 03 00 05") + "level" + Hex("02 00 01") +
+                    "l" + Hex("00 04") + "code" + Hex("02 00 01") + "c" + Hex("00 0B") + "description" +
+                    Hex("02 11 72") + "d " + std::string(4464, 'x') + Hex("00 07") + "details" +
+                    Hex("02 11 70") + std::string(4464, 'x') + Hex("00 08") + "clientid" + Hex("02 00 01") +
+                    "f" + Hex("00 00 09")));
 }
 
 struct TransactionRow {
@@ -203,8 +201,7 @@ TEST_F(CommandPayload, TheTransactionIdIsEchoedAsItCameUnlessItIsNegativeOrNotAN
             EXPECT_EQ(Write(payload), "none");
             EXPECT_EQ(log.lines(), Lines{"3 ERROR: WriteCmdMsgPayload: Invalid input arguments"});
         } else {
-            EXPECT_EQ(Write(payload),
-                      ToHex(FromHex("02 00 02") + "ab" + FromHex("00") + FromHex(row.bytes) + FromHex("05")));
+            EXPECT_EQ(Write(payload), ToHex(Hex("02 00 02") + "ab" + Hex("00") + Hex(row.bytes) + Hex("05")));
             EXPECT_EQ(log.lines(), Lines{});
         }
     }
@@ -230,9 +227,9 @@ Lines FailureLines(CaptureLogger *log, const std::function<bool()> &write)
     Lines lines;
     for (int call = 1; call < 200; call++) {
         log->clear();
-        wrapped::failAllocation = call;
+        calls::failNext(Call::Calloc, call);
         if (write()) {
-            wrapped::failAllocation = 0;
+            calls::failNext(Call::Calloc, 0);
             EXPECT_EQ(log->lines(), Lines{});
             return lines;
         }

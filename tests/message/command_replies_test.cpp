@@ -9,10 +9,9 @@ class CommandReplies : public MessageTest {};
 const char kOnStatus[] = "02 00 08 6F 6E 53 74 61 74 75 73 00 00 00 00 00 00 00 00 00 05 03";
 
 // A string member of an object: its name, marker 02, its value.
-std::string Member(const std::string &name, const std::string &value)
+Bytes Member(const std::string &name, const std::string &value)
 {
-    return FromHex("00") + static_cast<char>(name.size()) + name + FromHex("02 00") +
-           static_cast<char>(value.size()) + value;
+    return BigEndian(name.size(), 2) + name + Hex("02") + BigEndian(value.size(), 2) + value;
 }
 
 TEST_F(CommandReplies, AConnectIsAnsweredOnItsOwnChunkStream)
@@ -50,16 +49,16 @@ TEST_F(CommandReplies, AConnectAfterAPlayNamesTheStreamToo)
 {
     char stream[] = "live";
     client.StreamName = stream;
-    wrapped::now = 5001; // 0x1389
+    calls::setClock(5001); // 0x1389
     const Packet pkt = Generate(Request(3, AMF_NUMBER, 1), RTMP_MSG_CONNECT);
     EXPECT_EQ(PayloadOf(pkt.get()),
-              ToHex(FromHex("02 00 07") + "_result" + FromHex("00 3F F0 00 00 00 00 00 00 03") +
-                    Member("fmsVer", "FMS/3,5,1,516") + FromHex("00 0C") + "capabilities" +
-                    FromHex("00 40 3F 00 00 00 00 00 00 00 04") + "mode" +
-                    FromHex("00 3F F0 00 00 00 00 00 00") + FromHex("00 00 09 03") +
-                    Member("level", "status") + Member("code", "NetConnection.Connect.Success") +
+              ToHex(Hex("02 00 07") + "_result" + Hex("00 3F F0 00 00 00 00 00 00 03") +
+                    Member("fmsVer", "FMS/3,5,1,516") + Hex("00 0C") + "capabilities" +
+                    Hex("00 40 3F 00 00 00 00 00 00 00 04") + "mode" + Hex("00 3F F0 00 00 00 00 00 00") +
+                    Hex("00 00 09 03") + Member("level", "status") +
+                    Member("code", "NetConnection.Connect.Success") +
                     Member("description", "Connection succeeded live") + Member("details", "live") +
-                    Member("clientid", "1389") + FromHex("00 00 09")));
+                    Member("clientid", "1389") + Hex("00 00 09")));
 }
 
 TEST_F(CommandReplies, EveryCreateStreamCountsTheStreamsUp)
@@ -120,8 +119,8 @@ TEST_F(CommandReplies, EveryStatusWithoutAStreamName)
         const Packet pkt = Generate(nullptr, row.kind);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(PayloadOf(pkt.get()),
-                  ToHex(FromHex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
-                        Member("description", row.description) + FromHex("00 00 09")));
+                  ToHex(Hex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
+                        Member("description", row.description) + Hex("00 00 09")));
         EXPECT_EQ(pkt->ChunkStreamId, row.chunkStreamId);
         EXPECT_EQ(pkt->MsgTypeId, 20U);
         EXPECT_EQ(pkt->MsgKind, row.kind);
@@ -143,9 +142,9 @@ TEST_F(CommandReplies, EveryStatusWithAStreamName)
         const Packet pkt = Generate(nullptr, row.kind);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(PayloadOf(pkt.get()),
-                  ToHex(FromHex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
+                  ToHex(Hex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
                         Member("description", row.description + std::string(" camera")) +
-                        Member("details", "camera") + Member("clientid", "1388") + FromHex("00 00 09")));
+                        Member("details", "camera") + Member("clientid", "1388") + Hex("00 00 09")));
     }
 }
 
@@ -300,14 +299,14 @@ TEST_F(CommandReplies, ACreateStreamThatFailsHasTakenItsStreamId)
 
 TEST_F(CommandReplies, WithoutMemoryThereIsNoReply)
 {
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(Generate(nullptr, RTMP_MSG_PLAY_START), nullptr);
     EXPECT_EQ(log.lines(),
               (Lines{"3 ERROR: GenerateCmdMsgRes: Cannot allocate memory to sndStrmPkt",
                      "3 ERROR: GenerateRtmpMsg: Cannot generate response message of command message"}));
     for (int call = 2; call < 200; call++) {
         log.clear();
-        wrapped::failAllocation = call;
+        calls::failNext(Call::Calloc, call);
         const Packet pkt = Generate(nullptr, RTMP_MSG_PLAY_START);
         if (pkt != nullptr) {
             break;

@@ -56,7 +56,7 @@ TEST_F(Control, TheFirstDeltaIsZeroAndTheSecondIsTheDifference)
     Packet first = Generate(nullptr, RTMP_MSG_WINDOW_ACK_SIZE);
     EXPECT_EQ(ToHex(first->HdrTimestampDelta, 3), "00 00 00");
     EXPECT_EQ(AddSendPkt(&client, first.release()), 0);
-    wrapped::now = 5258;
+    calls::setClock(5258);
     const Packet second = Generate(nullptr, RTMP_MSG_STREAM_BEGIN);
     EXPECT_EQ(ToHex(second->HdrTimestampDelta, 3), "00 01 02");
     EXPECT_EQ(ToHex(second->HdrTimestamp, 3), "00 04 EA");
@@ -65,7 +65,7 @@ TEST_F(Control, TheFirstDeltaIsZeroAndTheSecondIsTheDifference)
 TEST_F(Control, AnOldConnectionSendsExtendedTimes)
 {
     Store(2, 5);
-    wrapped::now = 4000 + 0x01000005;
+    calls::setClock(4000 + 0x01000005);
     const Packet pkt = Generate(nullptr, RTMP_MSG_STREAM_BEGIN);
     EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "FF FF FF");
     EXPECT_EQ(ToHex(pkt->ExtTimestamp, 4), "01 00 00 05");
@@ -110,7 +110,7 @@ TEST_F(Control, NoOtherControlMessageTouchesTheChunkSize)
 
 TEST_F(Control, AChunkSizeThatCouldNotBeAnnouncedIsNotUsed)
 {
-    wrapped::failAllocation = 2;
+    calls::failNext(Call::Calloc, 2);
     EXPECT_EQ(Generate(nullptr, RTMP_MSG_SET_CHUNK_SIZE), nullptr);
     EXPECT_EQ(server.ChunkSize, 128U);
 }
@@ -128,7 +128,7 @@ TEST_F(Control, APingIsAnsweredWithItsOwnTimeAndAZeroHeaderTime)
     request.ChunkStreamId = 9;
     request.Result.Event.EventType = 6;
     request.Result.Event.EventValue = 0x00012345;
-    wrapped::now = 4000 + 0x02000000;
+    calls::setClock(4000 + 0x02000000);
     const Packet pkt = Generate(&request, RTMP_MSG_PING_RESPONSE);
     EXPECT_EQ(PayloadOf(pkt.get()), "00 07 00 01 23 45");
     EXPECT_EQ(pkt->ChunkStreamId, 2U);
@@ -149,11 +149,11 @@ TEST_F(Control, APingResponseToSomethingElseCarriesZero)
 TEST_F(Control, WithoutMemoryThereIsNoControlMessage)
 {
     for (int call = 1; call <= 2; call++) {
-        wrapped::failAllocation = call;
+        calls::failNext(Call::Calloc, call);
         EXPECT_EQ(Generate(nullptr, RTMP_MSG_SET_PEER_BANDWIDTH), nullptr);
     }
     for (int call = 1; call <= 2; call++) {
-        wrapped::failAllocation = call;
+        calls::failNext(Call::Calloc, call);
         EXPECT_EQ(Generate(nullptr, RTMP_MSG_STREAM_BEGIN), nullptr);
     }
     const char *const last = "3 ERROR: GenerateRtmpMsg: Cannot generate response message of command message";
@@ -167,7 +167,7 @@ TEST_F(Control, WithoutMemoryThereIsNoControlMessage)
 
 TEST_F(Control, AListThatCannotBeLockedEndsTheGeneration)
 {
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(Generate(nullptr, RTMP_MSG_STREAM_BEGIN), nullptr);
     EXPECT_EQ(log.lines(),
               (Lines{"3 ERROR: GetSendPktFromList: Cannot lock send packet list",

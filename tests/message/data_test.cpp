@@ -97,7 +97,7 @@ TEST_F(DataMessages, WithoutMemoryThereIsNoMetaData)
 {
     session.CodecInfo = &codec;
     client.Session = &session;
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(Generate(nullptr, RTMP_MSG_META_DATA), nullptr);
     EXPECT_EQ(log.lines(),
               Refused("3 ERROR: GenerateRtmpDataMsg: Cannot allocate memory to sndStrmPkt", true));
@@ -109,9 +109,9 @@ Lines FailureLines(CaptureLogger *log, RtmpClient *client, uint32_t kind)
     Lines lines;
     for (int call = 1; call < 100; call++) {
         log->clear();
-        wrapped::failAllocation = call;
+        calls::failNext(Call::Calloc, call);
         const Packet pkt(GenerateRtmpMsg(client, nullptr, kind));
-        wrapped::failAllocation = 0;
+        calls::failNext(Call::Calloc, 0);
         if (pkt != nullptr) {
             return lines;
         }

@@ -153,7 +153,7 @@ TEST_F(GenerateMessage, ASequenceHeaderThatIsNotThereIsRefused)
 
 TEST_F(GenerateMessage, ASequenceHeaderWithoutMemoryIsAFailedGenerator)
 {
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(Generate(nullptr, RTMP_MSG_VIDEO), nullptr);
     EXPECT_EQ(log.lines(),
               (Lines{"3 ERROR: GenerateRtmpMediaMsg: Cannot allocate memory to sndStrmPkt",
@@ -204,7 +204,7 @@ TEST_F(GenerateMessage, TheHeadersOfAConnectSequence)
         if (previous == nullptr) {
             EXPECT_EQ(AddSendPkt(&client, pkt.release()), 0);
         }
-        wrapped::now += 2;
+        calls::setClock(calls::clock() + 2);
     }
 }
 

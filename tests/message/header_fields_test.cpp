@@ -125,9 +125,9 @@ TEST_F(HeaderFieldsOfAClient, TheDeltaIsTheDifferenceToTheStoredMessage)
 TEST_F(HeaderFieldsOfAClient, AListThatCannotBeLockedGivesNoDelta)
 {
     RtmpSendPkt pkt = {};
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(MeasureDelta(&client, &pkt), -1);
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(MeasureDelta(&client, &pkt), -1);
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: GetSendPktFromList: Cannot lock send packet list",
                                   "3 ERROR: GetSendPktFromList: Cannot unlock send packet list"}));

@@ -101,7 +101,7 @@ TEST_F(MediaMessages, OnceAMessageIsStoredTimeFollowsTheFrames)
 TEST_F(MediaMessages, TheWallClockOfAnOldClientLeavesNothingInTheExtendedField)
 {
     Store(5, 100);
-    wrapped::now = 4000 + 0x12345678;
+    calls::setClock(4000 + 0x12345678);
     const Packet pkt = Media(RTMP_MSG_VIDEO, 100, 40);
     EXPECT_EQ(ToHex(pkt->HdrTimestamp, 3), "00 00 8C");
     EXPECT_EQ(ToHex(pkt->ExtTimestamp, 4), "00 00 00 00");
@@ -114,7 +114,7 @@ TEST_F(MediaMessages, ARunOfFramesAdvancesByItsOwnDeltas)
     EXPECT_EQ(AddSendPkt(&client, first.release()), 0);
     uint64_t expected = 1000;
     for (uint64_t delta : {40U, 33U, 0U, 34U}) {
-        wrapped::now += 100; // whatever the clock does
+        calls::setClock(calls::clock() + 100); // whatever the clock does
         expected += delta;
         const Packet next = Media(RTMP_MSG_VIDEO, 100, delta);
         EXPECT_EQ(next->Timestamp, expected);
@@ -126,14 +126,14 @@ TEST_F(MediaMessages, TheMonitorLearnsTheTimestampUnlessTheSessionHasASenderThre
 {
     session.SenderMode = 0;
     Media(RTMP_MSG_VIDEO, 1, 0);
-    wrapped::now += 5;
+    calls::setClock(calls::clock() + 5);
     Media(RTMP_MSG_AUDIO, 1, 0);
     EXPECT_EQ(monitor.LastVideoRtmpTs, 1000U);
     EXPECT_EQ(monitor.LastAudioRtmpTs, 1005U);
     EXPECT_EQ(queue.LastVideoRtmpTs, 0U);
     EXPECT_EQ(queue.LastAudioRtmpTs, 0U);
     session.SenderMode = 2;
-    wrapped::now += 5;
+    calls::setClock(calls::clock() + 5);
     Media(RTMP_MSG_VIDEO, 1, 0);
     EXPECT_EQ(monitor.LastVideoRtmpTs, 1010U);
 }
@@ -142,7 +142,7 @@ TEST_F(MediaMessages, TheThreadedQueueLearnsTheTimestampInItsMode)
 {
     session.SenderMode = RTMP_SENDER_THREADED;
     Media(RTMP_MSG_VIDEO, 1, 0);
-    wrapped::now += 5;
+    calls::setClock(calls::clock() + 5);
     Media(RTMP_MSG_AUDIO, 1, 0);
     EXPECT_EQ(queue.LastVideoRtmpTs, 1000U);
     EXPECT_EQ(queue.LastAudioRtmpTs, 1005U);
@@ -169,24 +169,24 @@ TEST_F(MediaMessages, FillingAllocatesNothingAndGivesTheSameMessage)
     Store(5, 500);
     const Packet made = Media(RTMP_MSG_VIDEO, 100, 40);
     RtmpSendPkt filled = {};
-    const uint64_t before = wrapped::allocations;
+    const uint64_t before = calls::made(Call::Calloc);
     EXPECT_EQ(FillRtmpMediaMsg(&client, RTMP_MSG_VIDEO, 100, frame, 40, &filled), 0);
-    EXPECT_EQ(wrapped::allocations, before);
+    EXPECT_EQ(calls::made(Call::Calloc), before);
     EXPECT_EQ(memcmp(&filled, made.get(), sizeof filled), 0);
 }
 
 TEST_F(MediaMessages, WithoutMemoryThereIsNoMessage)
 {
-    wrapped::failAllocation = 1;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(Media(RTMP_MSG_VIDEO, 100, 40), nullptr);
     EXPECT_EQ(log.lines(), Lines{"3 ERROR: GenerateRtmpMediaMsg: Cannot allocate memory to sndStrmPkt"});
 }
 
 TEST_F(MediaMessages, AListThatCannotBeLockedEndsTheGeneration)
 {
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(Media(RTMP_MSG_VIDEO, 100, 40), nullptr);
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(Media(RTMP_MSG_AUDIO, 100, 40), nullptr);
     EXPECT_EQ(monitor.LastVideoRtmpTs, 0U);
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: GetSendPktFromList: Cannot lock send packet list",

@@ -6,8 +6,9 @@
 #include "message/send_list.h"
 #include "net/platform.h"
 #include "rtmpcast/publish.h"
-#include "support/calls/wrapped_calls.h"
-#include "support/capture_logger.h"
+#include "support/bytes.h"
+#include "support/calls.h"
+#include "support/records.h"
 
 #include <cstdint>
 #include <cstring>
@@ -25,39 +26,6 @@ struct PacketFree {
 };
 using Packet = std::unique_ptr<RtmpSendPkt, PacketFree>;
 
-// "02 00 0A" to three bytes.
-inline std::string FromHex(const std::string &digits)
-{
-    std::string bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        if (digits[i] == ' ') {
-            i--;
-            continue;
-        }
-        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
-// The other way, so that a failed comparison can be read.
-inline std::string ToHex(const void *data, size_t length)
-{
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (size_t i = 0; i < length; i++) {
-        const uint8_t byte = static_cast<const uint8_t *>(data)[i];
-        text += text.empty() ? "" : " ";
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
-}
-
-inline std::string ToHex(const std::string &bytes)
-{
-    return ToHex(bytes.data(), bytes.size());
-}
-
 inline std::string PayloadOf(const RtmpSendPkt *pkt)
 {
     return ToHex(pkt->PayloadData, pkt->PayloadLength);
@@ -68,18 +36,15 @@ inline std::string StreamIdOf(const RtmpSendPkt *pkt)
     return ToHex(pkt->MsgStreamId, 4);
 }
 
-class MessageTest : public testing::Test {
+class MessageTest : public testing::Test, protected Records {
   protected:
     MessageTest()
     {
-        wrapped::Reset();
-        wrapped::clockStands = true;
-        wrapped::now = 5000;
-        server.Logger = log.get();
+        calls::reset();
+        calls::setClock(5000);
         server.ConfiguredChunkSize = 4096;
         server.ChunkSize = 128;
         server.PeerBandwidth = 6500000;
-        session.Server = &server;
         client.Server = &server;
         client.CreateTime = 4000; // the client is one second old: 00 03 E8
         client.StatusChunkStreamId = 4;
@@ -89,7 +54,7 @@ class MessageTest : public testing::Test {
 
     ~MessageTest() override
     {
-        wrapped::Reset();
+        calls::reset();
         if (client.SendPktHead != nullptr) {
             EXPECT_EQ(RemoveSendPkt(&client, nullptr), 0);
         }
@@ -130,9 +95,6 @@ class MessageTest : public testing::Test {
         return Packet(GenerateRtmpMsg(&client, recvPkt, kind));
     }
 
-    CaptureLogger log;
-    RtmpServer server = {};
-    RtmpSession session = {};
     RtmpClient client = {};
     RtmpRecvPkt request = {};
     AmfObject values = {};

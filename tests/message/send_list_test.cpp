@@ -168,13 +168,13 @@ TEST_F(SendList, AListThatCannotBeLockedIsLeftAlone)
     RtmpSendPkt fresh = {};
     fresh.ChunkStreamId = 5;
     uint64_t time = 0;
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(AddSendPkt(&client, &fresh), -1);
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(RemoveSendPkt(&client, stored), -1);
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(GetSendPktFromList(&client, 4), nullptr);
-    wrapped::failLock = 1;
+    calls::failNext(Call::MutexLock);
     EXPECT_EQ(StoredTimestamp(&client, 4, &time), -1);
     EXPECT_EQ(Ids(), Ids32{4});
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: AddSendPkt: Cannot lock send packet list",
@@ -189,14 +189,14 @@ TEST_F(SendList, AListThatCannotBeUnlockedSaysSo)
     RtmpSendPkt fresh = {};
     fresh.ChunkStreamId = 5;
     uint64_t time = 0;
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(AddSendPkt(&client, &fresh), -1);
     EXPECT_EQ(Ids(), Ids32{4}) << "a message that was not added stays its caller's";
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(GetSendPktFromList(&client, 4), nullptr);
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(StoredTimestamp(&client, 4, &time), -1);
-    wrapped::failUnlock = 1;
+    calls::failNext(Call::MutexUnlock);
     EXPECT_EQ(RemoveSendPkt(&client, stored), -1);
     EXPECT_EQ(log.lines(), (Lines{"3 ERROR: AddSendPkt: Cannot unlock send packet list",
                                   "3 ERROR: GetSendPktFromList: Cannot unlock send packet list",

@@ -21,11 +21,6 @@ constexpr size_t kPacket = 1536;
 
 const Bytes kTail = Hex("F0EEC24A8068BEE82E00D0D1029E7E576EEC5D2D29806FAB93B8E636CFEB31AE");
 
-Bytes Text(const std::string &text)
-{
-    return Bytes(text.begin(), text.end());
-}
-
 const Bytes kServerBanner = Text("Genuine Adobe Flash Media Server 001");
 const Bytes kPlayerBanner = Text("Genuine Adobe Flash Player 001");
 

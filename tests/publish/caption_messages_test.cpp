@@ -5,8 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -14,7 +17,7 @@ namespace {
 // The caption pair lies in bytes 11 to 14.
 Bytes Sei(const std::string &pair)
 {
-    return Join({FromHex("06 04 0D B5 0031 47413934 03"), FromHex(pair), FromHex("FF 80")});
+    return Join({Hex("06 04 0D B5 0031 47413934 03"), Hex(pair), Hex("FF 80")});
 }
 
 // onCaption, <ten bytes>: a data message as a host builds it, of the library's own pieces.
@@ -22,7 +25,9 @@ RtmpSendPkt *MakeCaption(RtmpClient *client, uint64_t delta)
 {
     RtmpServer *server = client->Server;
     const uint8_t *pair = client->Session->CcGen->Payload;
-    const std::string text = ToHex(Bytes(pair, pair + 10));
+    std::string text = ToHex(pair, 10);
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return static_cast<char>(tolower(c)); });
     AmfObject values = {};
     EXPECT_EQ(WriteAmfString(server, &values, nullptr, "onCaption"), 0);
     EXPECT_EQ(WriteAmfString(server, &values, nullptr, text.c_str()), 0);
@@ -40,7 +45,7 @@ RtmpSendPkt *MakeCaption(RtmpClient *client, uint64_t delta)
 
 Bytes CaptionBody(const std::string &pair)
 {
-    return Amf().string("onCaption").string("00 00 00 06 c1 " + pair + " ff").bytes;
+    return Values({String("onCaption"), String("00 00 00 06 c1 " + pair + " ff")}).bytes;
 }
 
 class PublishedCaptions : public PublishFixture {
@@ -65,13 +70,13 @@ class PublishedCaptions : public PublishFixture {
     }
     ~PublishedCaptions() override
     {
-        service.command(Amf().string("onFCPublish").number(0).null().bytes);
+        service.command(Values({String("onFCPublish"), Number(0), Null()}).bytes);
         (void)HandleOne(client); // so that the client can be ended
     }
 
     void expectFrame(const Bytes &frame)
     {
-        EXPECT_TRUE(Same(service.read().payload, Join({FromHex("27 01 000000"), frame})));
+        EXPECT_TRUE(Same(service.read().payload, Join({Hex("27 01 000000"), frame})));
     }
 
     Bytes sei = Sei("FC 94 2C 80");
@@ -127,10 +132,10 @@ TEST_F(PublishedCaptions, AreNotForPlayers)
     EXPECT_EQ(service.read().type, 18);
     expectFrame(frame);
     watcher.chunks.chunkSize = 4096;
-    EXPECT_TRUE(Same(watcher.read().payload, Join({FromHex("27 01 000000"), frame})));
+    EXPECT_TRUE(Same(watcher.read().payload, Join({Hex("27 01 000000"), frame})));
     EXPECT_EQ(recv(ends[1], ends, 1, MSG_DONTWAIT), -1) << "nothing else";
 
-    watcher.command(Amf().string("onFCPublish").number(0).null().bytes);
+    watcher.command(Values({String("onFCPublish"), Number(0), Null()}).bytes);
     (void)HandleOne(player);
     EXPECT_EQ(DestroyRtmpClient(player), 0);
     close(ends[0]);

@@ -23,7 +23,7 @@ Connected PublishFixture::makePair()
 PublishFixture::PublishFixture() : service(makePair())
 {
     HostFakes::get().reset();
-    SetClock(kStart);
+    calls::setClock(kStart);
     // No listener: nobody watches here.
     server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, 4096, nullptr);
     if (server == nullptr) {
@@ -60,7 +60,7 @@ RtmpSession *PublishFixture::makeSession(uint8_t captionMode, uint32_t senderMod
     }
     EXPECT_EQ(RtmpSenderSettings(session, senderMode, 0, 0, 1, captionMode, 5, 100, 100), 0);
     const Bytes sets = ParameterSets();
-    const Bytes config = FromHex("1210");
+    const Bytes config = Hex("1210");
     const VideoMediaInfo video = {7, 2500000, {0, 0, 0}, static_cast<int32_t>(sets.size()), sets.data()};
     const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(config.size()), config.data()};
     EXPECT_EQ(RtmpAddMediaInfo(session, &video, &audio), 0);
@@ -76,7 +76,7 @@ void PublishFixture::startFrames()
     service.read(4); // chunk size, metadata, two sequence headers
 }
 
-Handled PublishFixture::fromService(const Amf &command)
+Handled PublishFixture::fromService(const amf0::Value &command)
 {
     service.command(command.bytes);
     return HandleOne(client);

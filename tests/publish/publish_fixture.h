@@ -2,7 +2,7 @@
 #pragma once
 
 #include "publishing_host.h"
-#include "steered_clock.h"
+#include "support/calls.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
 #include "support/wire_replies.h"
@@ -27,7 +27,7 @@ class PublishFixture : public testing::Test {
     void endClient(); // at most once; the destructor does it otherwise
 
     // One command from the service, handled by the host on this thread.
-    Handled fromService(const Amf &command);
+    Handled fromService(const amf0::Value &command);
 
     // What the service has not read yet must be nothing.
     void expectSilence();

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <thread>
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -37,7 +38,7 @@ void *ServePublisher(void *argument)
 
 Bytes Result(double transaction, double value)
 {
-    return Amf().string("_result").number(transaction).null().number(value).bytes;
+    return Values({String("_result"), Number(transaction), Null(), Number(value)}).bytes;
 }
 
 Bytes PublishStatus()
@@ -72,34 +73,34 @@ TEST_F(Publishing, AStreamReachesTheService)
     service.socket.send(Join({{3}, s1, Slice(c0c1, 1, kPacket)}));
     EXPECT_TRUE(Same(service.socket.receive(kPacket), s1)) << "C2 repeats S1";
 
-    EXPECT_TRUE(Same(service.read().raw, FromHex("02 000000 000004 01 00000000 00001000")));
-    const Bytes connect = FromHex("02 0007 'connect' 00 3FF0000000000000 "
-                                  "03 0003 'app' 02 0004 'live' 0004 'type' 02 000A 'nonprivate' 000009");
+    EXPECT_TRUE(Same(service.read().raw, Hex("02 000000 000004 01 00000000 00001000")));
+    const Bytes connect = Hex("02 0007 'connect' 00 3FF0000000000000 "
+                              "03 0003 'app' 02 0004 'live' 0004 'type' 02 000A 'nonprivate' 000009");
     EXPECT_TRUE(Sent(service.read(), "03 000000 000036 14 00000000", connect));
     service.command(Result(1, 0));
-    const Bytes createStream = FromHex("02 000C 'createStream' 00 4000000000000000 05");
+    const Bytes createStream = Hex("02 000C 'createStream' 00 4000000000000000 05");
     EXPECT_TRUE(Sent(service.read(), "43 000000 000019 14", createStream));
     service.command(Result(2, 1));
-    const Bytes publish = FromHex("02 0007 'publish' 00 4008000000000000 05 02 0003 'cam' 02 0004 'live'");
+    const Bytes publish = Hex("02 0007 'publish' 00 4008000000000000 05 02 0003 'cam' 02 0004 'live'");
     EXPECT_TRUE(Sent(service.read(), "03 000000 000021 14 01000000", publish));
     service.command(PublishStatus());
     host.join();
 
     const Bytes metaData = MetaDataBody();
     EXPECT_TRUE(
-        Sent(service.read(), "04 000000 " + ToHex(Number(metaData.size(), 3)) + " 12 01000000", metaData));
+        Sent(service.read(), "04 000000 " + ToHex(BigEndian(metaData.size(), 3)) + " 12 01000000", metaData));
     EXPECT_TRUE(Sent(service.read(), "44 000000 00001D 09", AvcHeaderBody()));
     EXPECT_TRUE(Sent(service.read(), "05 000000 000004 08 01000000", AacHeaderBody()));
 
     const Bytes key = VideoFrame(9000, 0x65);
     EXPECT_EQ(SendVideo(session, key, 70000), 0);
-    EXPECT_TRUE(Sent(service.read(), "44 000000 00232D 09", Join({FromHex("17 01 000000"), key})));
+    EXPECT_TRUE(Sent(service.read(), "44 000000 00232D 09", Join({Hex("17 01 000000"), key})));
     const Bytes sound(300, 0x21);
     EXPECT_EQ(SendAudio(session, sound, 70010), 0);
     const Bytes inter = VideoFrame(500);
     EXPECT_EQ(SendVideo(session, inter, 70040), 0);
-    EXPECT_TRUE(Sent(service.read(), "45 000000 00012E 08", Join({FromHex("AF 01"), sound})));
-    EXPECT_TRUE(Sent(service.read(), "44 000028 0001F9 09", Join({FromHex("27 01 000000"), inter})));
+    EXPECT_TRUE(Sent(service.read(), "45 000000 00012E 08", Join({Hex("AF 01"), sound})));
+    EXPECT_TRUE(Sent(service.read(), "44 000028 0001F9 09", Join({Hex("27 01 000000"), inter})));
     expectSilence();
 }
 
@@ -118,7 +119,7 @@ TEST_F(Publishing, FramesOfTheThreadedSenderReachTheService)
         EXPECT_EQ(message.timestamp, 40 * i);
         EXPECT_TRUE(Same(Slice(message.payload, 5, frames[i].size()), frames[i])) << i;
     }
-    service.command(Amf().string("onFCPublish").number(0).null().bytes);
+    service.command(Values({String("onFCPublish"), Number(0), Null()}).bytes);
     (void)HandleOne(client); // so that the client can be ended
 }
 
@@ -145,10 +146,10 @@ TEST_F(Publishing, AnswersAndFramesDoNotMix)
     while (frames + answers < 2 * kCount) {
         const Message message = service.read();
         if (message.type == 9) {
-            EXPECT_TRUE(Same(message.payload, Join({FromHex("27 01 000000"), VideoFrame(20000)})));
+            EXPECT_TRUE(Same(message.payload, Join({Hex("27 01 000000"), VideoFrame(20000)})));
             frames++;
         } else {
-            EXPECT_TRUE(Same(message.payload, Join({FromHex("0007"), Number(answers, 4)})));
+            EXPECT_TRUE(Same(message.payload, Join({Hex("0007"), BigEndian(answers, 4)})));
             answers++;
         }
     }

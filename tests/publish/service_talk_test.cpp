@@ -2,30 +2,27 @@
 // context, in its log and in the kinds, and what goes back.
 #include "publish_fixture.h"
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
 
-Amf Command(const std::string &name, double transaction)
+Value Command(const std::string &name, double transaction)
 {
-    return Amf().string(name).number(transaction).null();
+    return Values({String(name), Number(transaction), Null()});
 }
 
-Amf Information(const std::string &level, const std::string &code, const std::string &description)
+Value Information(const std::string &level, const std::string &code, const std::string &description)
 {
-    return Amf()
-        .object()
-        .member("level", level)
-        .member("code", code)
-        .member("description", description)
-        .member("clientid", 7.0)
-        .end();
+    return Object({{"level", String(level)},
+                   {"code", String(code)},
+                   {"description", String(description)},
+                   {"clientid", Number(7)}});
 }
 
-Amf operator+(Amf left, const Amf &right)
+Value operator+(const Value &left, const Value &right)
 {
-    Append(left.bytes, right.bytes);
-    return left;
+    return Values({left, right});
 }
 
 std::string Received(const std::string &name)
@@ -46,7 +43,7 @@ template <size_t N> void Put(char (&field)[N], const std::string &text)
 
 struct Row {
     std::string name;
-    Amf command;
+    Value command;
     uint32_t kind;
     Lines lines; // behind "6 INFO: ParseCmdMsgReq: "
     void (*fill)(PublishCtx &expected) = nullptr;
@@ -57,12 +54,12 @@ std::vector<Row> Rows()
 {
     return {
         {"Result",
-         Command("_result", 1) + Amf().string("ok"),
+         Command("_result", 1) + String("ok"),
          RTMP_MSG_RESULT,
          {Received("RESULT"), "\tString: ok"},
          [](PublishCtx &expected) { expected.ResultTransactionId = 1; }},
         {"ResultOfCreateStream",
-         Command("_result", 4) + Amf().number(1),
+         Command("_result", 4) + Number(1),
          RTMP_MSG_RESULT,
          {Received("RESULT")},
          [](PublishCtx &expected) { expected.ResultTransactionId = 4; }},
@@ -91,7 +88,7 @@ std::vector<Row> Rows()
          RTMP_MSG_ON_FC_PUBLISH,
          {Received("onFCPublish")}},
         {"SetChallenge",
-         Command("setChallenge", 0) + Amf().number(7654321).string("f3a9=="),
+         Command("setChallenge", 0) + Values({Number(7654321), String("f3a9==")}),
          RTMP_MSG_SET_CHALLENGE,
          {Received("COMMAND_MSG_SET_CHALLENGE"), "Session Id : 7654321", "Challenge String : f3a9=="},
          [](PublishCtx &expected) {
@@ -177,7 +174,7 @@ class ServicePing : public PublishFixture {};
 class ServiceStatistics : public PublishFixture {};
 class ServiceTalk : public PublishFixture {};
 
-const Amf kPing = Command("ping", 0);
+const Value kPing = Command("ping", 0);
 
 } // namespace
 
@@ -185,12 +182,12 @@ const Amf kPing = Command("ping", 0);
 // for it stay behind as zeros.
 TEST_F(ServicePing, IsAnsweredWithAnEmptyCommand)
 {
-    SetClock(kStart + 0x0A0B0C);
+    calls::setClock(kStart + 0x0A0B0C);
     const Handled handled = fromService(kPing);
     EXPECT_EQ(handled.parsed, 0);
     EXPECT_EQ(handled.kind, unsigned{RTMP_MSG_USTREAM_PING});
     EXPECT_EQ(handled.answered, -1);
-    EXPECT_TRUE(Same(service.socket.receive(13), FromHex("0A0B0C 000000 14 00000000 0000")));
+    EXPECT_TRUE(Same(service.socket.receive(13), Hex("0A0B0C 000000 14 00000000 0000")));
     EXPECT_EQ(log.lines(), Lines{info(Received("UstreamPing"))});
     expectSilence();
 }
@@ -202,11 +199,11 @@ TEST_F(ServicePing, LaterAnswersAreShorter)
     ASSERT_EQ(AddClientInSession(session, client), 0);
     (void)fromService(kPing);
     service.socket.receive(13);
-    SetClock(kStart + 300);
+    calls::setClock(kStart + 300);
     EXPECT_EQ(fromService(kPing).parsed, 0);
-    EXPECT_TRUE(Same(service.socket.receive(5), FromHex("00012C 0000"))) << "300 ms after the first";
+    EXPECT_TRUE(Same(service.socket.receive(5), Hex("00012C 0000"))) << "300 ms after the first";
     EXPECT_EQ(fromService(kPing).parsed, 0);
-    EXPECT_TRUE(Same(service.socket.receive(2), FromHex("03 00"))) << "at the same time as the one before";
+    EXPECT_TRUE(Same(service.socket.receive(2), Hex("03 00"))) << "at the same time as the one before";
     expectSilence();
 }
 
@@ -227,13 +224,10 @@ TEST_F(ServicePing, ThatCannotBeAnsweredEndsTheLoop)
 TEST_F(ServiceStatistics, ChangedViewerCountsAreReported)
 {
     const auto statistics = [](double viewers, double allViewers) {
-        return Command("moduleInfo", 0) + Amf()
-                                              .object()
-                                              .member("viewers", viewers)
-                                              .member("allViewers", allViewers)
-                                              .member("recording", true)
-                                              .member("title", "cam")
-                                              .end();
+        return Command("moduleInfo", 0) + Object({{"viewers", Number(viewers)},
+                                                  {"allViewers", Number(allViewers)},
+                                                  {"recording", Boolean(true)},
+                                                  {"title", String("cam")}});
     };
     (void)fromService(statistics(90001, 90002)); // the counts are the process's: whatever came before
     HostFakes::get().reset();
@@ -265,7 +259,7 @@ TEST_F(ServiceStatistics, ChangedViewerCountsAreReported)
 // A player that sent this would lose its connection: here the host decides, and stays.
 TEST_F(ServiceStatistics, DoNotEndTheConnection)
 {
-    service.command((Command("moduleInfo", 0) + Amf().string("text")).bytes);
+    service.command((Command("moduleInfo", 0) + String("text")).bytes);
     service.command(Command("onFCPublish", 0).bytes);
     service.socket.finish();
     HandleUntilOver(client);
@@ -280,7 +274,7 @@ TEST_F(ServiceStatistics, DoNotEndTheConnection)
 TEST_F(ServiceTalk, ChunksOfSeveralMessagesInterleave)
 {
     const Bytes status = (Command("onStatus", 5) + Information("status", std::string(200, 'c'), "d")).bytes;
-    const Bytes challenge = (Command("setChallenge", 0) + Amf().number(1).string("x")).bytes;
+    const Bytes challenge = (Command("setChallenge", 0) + Values({Number(1), String("x")})).bytes;
     const Bytes chunks = Chunks({.payload = status, .chunkStream = 4, .stream = 1});
     ASSERT_GT(chunks.size(), 12U + 128);
     service.socket.send(Slice(chunks, 0, 12 + 128)); // the first chunk, then another message, then the rest
@@ -308,7 +302,7 @@ TEST_F(ServiceTalk, TheServiceMayAnnounceLargerChunks)
 
 TEST_F(ServiceTalk, ACommandCutShortEndsTheLoop)
 {
-    Amf damaged = Command("onStatus", 5) + Information("status", "code", "text");
+    Value damaged = Command("onStatus", 5) + Information("status", "code", "text");
     damaged.bytes.resize(damaged.bytes.size() - 5);
     service.command(damaged.bytes);
     service.command(Command("onFCPublish", 0).bytes);
@@ -321,7 +315,7 @@ TEST_F(ServiceTalk, ACommandCutShortEndsTheLoop)
 
 TEST_F(ServiceTalk, UserControlEventsAreReportedAndPingRequestsNeedASession)
 {
-    service.send({.payload = FromHex("0000 00000001"), .type = 4, .chunkStream = 2});
+    service.send({.payload = Hex("0000 00000001"), .type = 4, .chunkStream = 2});
     EXPECT_EQ(HandleOne(client).kind, unsigned{RTMP_MSG_STREAM_BEGIN});
     service.pingRequest(0x12345);
     EXPECT_EQ(HandleOne(client).kind, unsigned{RTMP_MSG_PING_REQUEST});
@@ -331,5 +325,5 @@ TEST_F(ServiceTalk, UserControlEventsAreReportedAndPingRequestsNeedASession)
     ASSERT_EQ(AddClientInSession(session, client), 0);
     service.pingRequest(0x12345);
     EXPECT_EQ(HandleOne(client).parsed, 0);
-    EXPECT_TRUE(Same(service.read().raw, FromHex("02 000000 000006 04 00000000 0007 00012345")));
+    EXPECT_TRUE(Same(service.read().raw, Hex("02 000000 000006 04 00000000 0007 00012345")));
 }

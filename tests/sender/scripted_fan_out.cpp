@@ -8,23 +8,7 @@
 #include <cerrno>
 #include <unistd.h>
 
-std::atomic<bool> g_refuseThreads{false};
-std::atomic<int> g_reallocsUntilRefusal{-1};
-std::atomic<int> g_callocsUntilRefusal{-1};
-std::atomic<time_t> g_secondsAhead{0};
-
 namespace {
-
-bool IsRefused(std::atomic<int> &countdown)
-{
-    int left = countdown;
-    while (left >= 0) {
-        if (countdown.compare_exchange_weak(left, left - 1)) {
-            return left == 0;
-        }
-    }
-    return false;
-}
 
 // Counts a call that is inside, however it ends.
 struct Inside {
@@ -42,35 +26,6 @@ struct Inside {
 } // namespace
 
 extern "C" {
-
-int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *),
-                          void *argument)
-{
-    return g_refuseThreads ? EAGAIN : __real_pthread_create(thread, attributes, start, argument);
-}
-
-void *__real_realloc(void *, size_t);
-void *__wrap_realloc(void *memory, size_t size)
-{
-    return IsRefused(g_reallocsUntilRefusal) ? nullptr : __real_realloc(memory, size);
-}
-
-void *__real_calloc(size_t, size_t);
-void *__wrap_calloc(size_t count, size_t size)
-{
-    return IsRefused(g_callocsUntilRefusal) ? nullptr : __real_calloc(count, size);
-}
-
-int __real_clock_gettime(clockid_t, timespec *);
-int __wrap_clock_gettime(clockid_t clock, timespec *now)
-{
-    const int result = __real_clock_gettime(clock, now);
-    if (clock == CLOCK_REALTIME) {
-        now->tv_sec += g_secondsAhead;
-    }
-    return result;
-}
 
 int __wrap_SendMsgToConnectedClients(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd,
                                      uint64_t mapBase, uint64_t timestampDelta, uint32_t kind)
@@ -194,14 +149,9 @@ int FanOut::call(RtmpSession *session, SentFrame frame, const uint8_t *data)
 
 SenderRig::SenderRig(uint32_t audioQueueSize, uint32_t videoQueueSize)
 {
-    HostFakes::get().reset();
     FanOut::get().reset();
-    server.Logger = log.get();
-    session.Server = &server;
     session.SenderMode = RTMP_SENDER_THREADED;
     session.EncoderHandle = 77;
-    EXPECT_EQ(RtmpMutexInit(&server.LiveSessionListLock), 0);
-    EXPECT_EQ(RtmpMutexInit(&session.MemberLock), 0);
     session.ClientListHead = &first;
     session.ClientListTail = &first;
     first.State = CLIENT_STATE_PLAY_DONE;
@@ -212,8 +162,6 @@ SenderRig::SenderRig(uint32_t audioQueueSize, uint32_t videoQueueSize)
 SenderRig::~SenderRig()
 {
     RtmpThreadedQueueDestroy(&session);
-    EXPECT_EQ(RtmpMutexDestroy(&session.MemberLock), 0);
-    EXPECT_EQ(RtmpMutexDestroy(&server.LiveSessionListLock), 0);
 }
 
 int SenderRig::send(const std::string &text, uint64_t timestamp, int64_t mediaType)

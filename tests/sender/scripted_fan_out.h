@@ -4,13 +4,14 @@
 
 #include "instruments/queue_records.h"
 #include "net/atomic.h"
+#include "support/calls.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/records.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <ctime>
 #include <mutex>
 #include <set>
 #include <string>
@@ -54,17 +55,8 @@ class FanOut {
     int gate_[2] = {-1, -1};
 };
 
-// Allocations and threads that are refused from now on, by the library and by whoever else asks.
-extern std::atomic<bool> g_refuseThreads;
-extern std::atomic<int> g_reallocsUntilRefusal; // negative: none is refused
-extern std::atomic<int> g_callocsUntilRefusal;
-
-// The wall clock as the library reads it runs this far ahead of the system's: to whoever measures a wait by
-// it, the system's clock seems set back.
-extern std::atomic<time_t> g_secondsAhead;
-
 // A server, a session with one playing client, and a queue. No thread but the sender's.
-class SenderRig {
+class SenderRig : public Records {
   public:
     explicit SenderRig(uint32_t audioQueueSize = 10, uint32_t videoQueueSize = 10);
     ~SenderRig();
@@ -81,9 +73,6 @@ class SenderRig {
     testing::AssertionResult locksAreFree();
     bool waitForEnd(); // of the sender thread
 
-    CaptureLogger log;
-    RtmpServer server = {};
-    RtmpSession session = {};
     RtmpClient first = {};
     RtmpClient second = {};
     VdCodecInfo videoInfo = {};

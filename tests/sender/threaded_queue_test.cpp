@@ -76,13 +76,13 @@ TEST(ThreadedQueueInit, EveryFailureIsLoggedAndLeavesNothing)
     RtmpThreadedQueueDestroy(&rig.session);
     EXPECT_EQ(RtmpThreadedQueueInit(&rig.session, 0xFFFFFFFF, 10), -1);
     EXPECT_EQ(RtmpThreadedQueueInit(&rig.session, 10, 0x7FFFFFFF), -1);
-    g_callocsUntilRefusal = 0; // the queue, then ring and slots of each
+    calls::failNext(Call::Calloc); // the queue, then ring and slots of each
     EXPECT_EQ(RtmpThreadedQueueInit(&rig.session, 10, 10), -1);
-    g_callocsUntilRefusal = 2;
+    calls::failNext(Call::Calloc, 3);
     EXPECT_EQ(RtmpThreadedQueueInit(&rig.session, 10, 10), -1);
-    g_callocsUntilRefusal = 3;
+    calls::failNext(Call::Calloc, 4);
     EXPECT_EQ(RtmpThreadedQueueInit(&rig.session, 10, 10), -1);
-    g_callocsUntilRefusal = -1;
+    calls::failNext(Call::Calloc, 0);
     EXPECT_EQ(rig.queue(), nullptr);
     EXPECT_EQ(rig.log.lines(),
               (Texts{"3 ERROR: RtmpThreadedQueueInit: Not enough memory for Audio rtmpQueueBuffer",
@@ -165,11 +165,11 @@ TEST(ThreadedQueue, TheSenderInheritsItsCreatorsScheduling)
 TEST(ThreadedQueue, AThreadThatCannotBeStartedFailsTheFrameAndTheNextTriesAgain)
 {
     SenderRig rig;
-    g_refuseThreads = true;
+    calls::failAlways(Call::ThreadCreate);
     EXPECT_EQ(rig.video("one", 1000), -1);
     EXPECT_EQ(rig.queue()->ThreadRunning, 0);
     EXPECT_EQ(RtmpQueueBufferCount(rig.queue()->VideoBuffer), 0);
-    g_refuseThreads = false;
+    calls::failNever(Call::ThreadCreate);
     EXPECT_EQ(rig.video("two", 1033), 0);
     ASSERT_TRUE(fanOut().waitForSent(1));
     EXPECT_EQ(rig.log.lines(),
@@ -183,9 +183,9 @@ TEST(ThreadedQueue, AFrameWithoutMemoryFailsAndHarmsNoOther)
     fanOut().hold();
     EXPECT_EQ(rig.video("one", 1000), 0);
     ASSERT_TRUE(fanOut().waitForCallInside());
-    g_reallocsUntilRefusal = 0;
+    calls::failNext(Call::Realloc);
     EXPECT_EQ(rig.video("two", 1033), -1);
-    g_reallocsUntilRefusal = -1;
+    calls::failNext(Call::Realloc, 0);
     EXPECT_EQ(rig.video("three", 1066), 0);
     fanOut().release();
     ASSERT_TRUE(fanOut().waitForSent(2));
@@ -666,13 +666,13 @@ TEST(ThreadedQueue, CompanionsThatFindNoMemoryAreLogged)
 {
     SenderRig rig;
     EXPECT_EQ(RtmpThreadedQueueBWMInit(&rig.session, 1, 0x7FFFFFFF), -1);
-    g_callocsUntilRefusal = 1;
+    calls::failNext(Call::Calloc, 2);
     EXPECT_EQ(RtmpThreadedQueueBWMInit(&rig.session, 1, 30), -1);
-    g_callocsUntilRefusal = 0;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(RtmpThreadedQueueDebugInit(&rig.session, 1, 1, 1, "d", 1), -1);
-    g_callocsUntilRefusal = 0;
+    calls::failNext(Call::Calloc);
     EXPECT_EQ(RtmpThreadedQueueAdaptiveBitrateInit(&rig.session, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0), -1);
-    g_callocsUntilRefusal = -1;
+    calls::failNext(Call::Calloc, 0);
     EXPECT_EQ(
         rig.log.lines(),
         (Texts{"3 ERROR: RtmpThreadedQueueBWMInit: Not enough memory for Bandwidth Monitor",

@@ -14,11 +14,11 @@ class WallClock : public testing::Test {
   protected:
     WallClock()
     {
-        g_secondsAhead = kHour;
+        calls::setWallClockAhead(kHour);
     }
     ~WallClock() override
     {
-        g_secondsAhead = 0;
+        calls::setWallClockAhead(0);
     }
 
     // Whether `wait` returns by itself. `help` ends it where it does not.

@@ -4,19 +4,6 @@
 #include <cstdio>
 #include <cstring>
 
-Bytes BytesOf(const std::string &picture)
-{
-    Bytes bytes;
-    size_t at = 0;
-    for (bool quoted = false; at < picture.size(); quoted = !quoted) {
-        const size_t end = std::min(picture.find('\'', at), picture.size());
-        const std::string part = picture.substr(at, end - at);
-        bytes = bytes + (quoted ? Bytes(part.begin(), part.end()) : Hex(part));
-        at = end + 1;
-    }
-    return bytes;
-}
-
 namespace {
 
 std::string TextOf(const AmfString &text)

@@ -10,9 +10,6 @@
 #include <string>
 #include <vector>
 
-// BytesOf reads hex digits in any grouping, and text in single quotes: "02 00 04 'live'".
-Bytes BytesOf(const std::string &picture);
-
 struct AmfRow {
     const char *sentence;
     const char *picture; // of the bytes

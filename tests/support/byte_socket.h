@@ -1,7 +1,7 @@
 // A connection within this machine, with a deadline on everything and a record of what came.
 #pragma once
 
-#include "support/wire_bytes.h"
+#include "support/bytes.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,64 +1,44 @@
-// Byte strings of tests, written as hex.
+// Byte strings of the tests: readable literals, the usual ways to cut and join, and comparison with a picture
+// that leaves gaps.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
-#include <stdexcept>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
 
-inline int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    throw std::invalid_argument("not a hex digit");
-}
+// Hex("02 0007 '_result' 00"): hex digits in pairs, blanks anywhere between them, quoted text stands for
+// itself.
+Bytes Hex(std::string_view picture);
 
-// Hex("03 000102 14"): pairs of digits; blanks are free.
-inline Bytes Hex(const std::string &text)
-{
-    std::string digits;
-    for (char c : text) {
-        if (c != ' ') {
-            digits += c;
-        }
-    }
-    if (digits.size() % 2 != 0) {
-        throw std::invalid_argument("half a byte: " + text);
-    }
-    Bytes out;
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(HexDigit(digits[i]) << 4 | HexDigit(digits[i + 1])));
-    }
-    return out;
-}
+Bytes Text(std::string_view text);
 
-inline Bytes operator+(Bytes left, const Bytes &right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
+// Pairs of upper-case digits with a blank between two bytes.
+std::string ToHex(const Bytes &bytes);
+std::string ToHex(const void *data, size_t length);
 
-inline Bytes Slice(const Bytes &bytes, size_t from, size_t count)
-{
-    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(from),
-                 bytes.begin() + static_cast<std::ptrdiff_t>(from + count));
-}
+Bytes operator+(Bytes left, const Bytes &right);
+Bytes operator+(Bytes left, std::string_view text);
+Bytes Join(std::initializer_list<Bytes> parts);
+void Append(Bytes &bytes, const Bytes &more);
+Bytes Repeated(const Bytes &piece, size_t times);
+
+// At most `count` bytes from `from` on: as many as there are.
+Bytes Slice(const Bytes &bytes, size_t from, size_t count);
+
+// A number of `width` bytes, the high one first.
+Bytes BigEndian(uint64_t value, size_t width);
 
 // Counting(300) is 00 01 02 ... FE FF 00 ...; Counting(3, 0xA1) is A1 A2 A3.
-inline Bytes Counting(size_t count, uint8_t first = 0)
-{
-    Bytes out(count);
-    for (size_t i = 0; i < count; i++) {
-        out[i] = static_cast<uint8_t>(first + i);
-    }
-    return out;
-}
+Bytes Counting(size_t count, uint8_t first = 0);
+
+// Whether `bytes` looks like `picture`: as Hex, and "??" matches any byte.
+testing::AssertionResult Matches(const Bytes &bytes, std::string_view picture);
+
+// Whether two byte strings are equal; shows the first difference.
+testing::AssertionResult Same(const Bytes &actual, const Bytes &expected);

@@ -5,6 +5,8 @@
 #include <openssl/hmac.h>
 #include <random>
 
+using namespace amf0;
+
 namespace wire {
 namespace {
 
@@ -13,7 +15,7 @@ constexpr size_t kDigest = 32;
 
 std::string Key(const std::string &text)
 {
-    const Bytes tail = FromHex("F0EEC24A8068BEE82E00D0D1029E7E576EEC5D2D29806FAB93B8E636CFEB31AE");
+    const Bytes tail = Hex("F0EEC24A8068BEE82E00D0D1029E7E576EEC5D2D29806FAB93B8E636CFEB31AE");
     return text + std::string(tail.begin(), tail.end());
 }
 
@@ -36,7 +38,7 @@ Bytes RandomPacket(uint32_t seed)
 Bytes MakeC1(const HandshakeOptions &options)
 {
     Bytes c1 = RandomPacket(options.seed);
-    const Bytes head = FromHex("00000000 80000702");
+    const Bytes head = Hex("00000000 80000702");
     std::copy(head.begin(), head.end(), c1.begin());
     if (options.scheme != 0) {
         const size_t offset = DigestOffset(c1, options.scheme);
@@ -78,19 +80,19 @@ Bytes MessageHeader(const Outgoing &message)
     const bool extended = message.timestamp >= 0xFFFFFF;
     Bytes header;
     if (message.headerType < 3) {
-        Append(header, Number(extended ? 0xFFFFFF : message.timestamp, 3));
+        Append(header, BigEndian(extended ? 0xFFFFFF : message.timestamp, 3));
     }
     if (message.headerType < 2) {
-        Append(header, Number(message.payload.size(), 3));
+        Append(header, BigEndian(message.payload.size(), 3));
         header.push_back(message.type);
     }
     if (message.headerType == 0) {
-        Bytes stream = Number(message.stream, 4);
+        Bytes stream = BigEndian(message.stream, 4);
         std::reverse(stream.begin(), stream.end());
         Append(header, stream);
     }
     if (message.headerType < 3 && extended) {
-        Append(header, Number(message.timestamp, 4));
+        Append(header, BigEndian(message.timestamp, 4));
     }
     return header;
 }
@@ -144,39 +146,35 @@ Bytes Chunks(const Outgoing &message, size_t chunkSize)
 
 Bytes ConnectCommand(const std::string &app, double transaction)
 {
-    return Amf()
-        .string("connect")
-        .number(transaction)
-        .object()
-        .member("app", app)
-        .member("flashVer", "LNX 10,0,32,18")
-        .member("tcUrl", "rtmp://127.0.0.1/" + app)
-        .member("fpad", false)
-        .member("audioCodecs", 3575.0)
-        .member("videoCodecs", 252.0)
-        .member("objectEncoding", 0.0)
-        .end()
+    return Values({String("connect"), Number(transaction),
+                   Object({{"app", String(app)},
+                           {"flashVer", String("LNX 10,0,32,18")},
+                           {"tcUrl", String("rtmp://127.0.0.1/" + app)},
+                           {"fpad", Boolean(false)},
+                           {"audioCodecs", Number(3575)},
+                           {"videoCodecs", Number(252)},
+                           {"objectEncoding", Number(0)}})})
         .bytes;
 }
 
 Bytes CreateStreamCommand(double transaction)
 {
-    return Amf().string("createStream").number(transaction).null().bytes;
+    return Values({String("createStream"), Number(transaction), Null()}).bytes;
 }
 
 Bytes PlayCommand(const std::string &name, double transaction)
 {
-    return Amf().string("play").number(transaction).null().string(name).bytes;
+    return Values({String("play"), Number(transaction), Null(), String(name)}).bytes;
 }
 
 Bytes PauseCommand(bool pause, double transaction)
 {
-    return Amf().string("pause").number(transaction).null().boolean(pause).number(1000).bytes;
+    return Values({String("pause"), Number(transaction), Null(), Boolean(pause), Number(1000)}).bytes;
 }
 
 Bytes DeleteStreamCommand(double transaction)
 {
-    return Amf().string("deleteStream").number(transaction).null().number(1).bytes;
+    return Values({String("deleteStream"), Number(transaction), Null(), Number(1)}).bytes;
 }
 
 HandshakeRecord ScriptedPeer::handshake(const HandshakeOptions &options)
@@ -203,13 +201,13 @@ HandshakeRecord ScriptedPeer::handshake(const HandshakeOptions &options)
 
 void ScriptedPeer::setChunkSize(uint32_t size)
 {
-    send({.payload = Number(size, 4), .type = 1, .chunkStream = 2});
+    send({.payload = BigEndian(size, 4), .type = 1, .chunkStream = 2});
     outChunkSize = size;
 }
 
 void ScriptedPeer::pingRequest(uint32_t value)
 {
-    send({.payload = Join({Number(6, 2), Number(value, 4)}), .type = 4, .chunkStream = 2});
+    send({.payload = Join({BigEndian(6, 2), BigEndian(value, 4)}), .type = 4, .chunkStream = 2});
 }
 
 std::vector<Message> ScriptedPeer::read(size_t count)
@@ -224,7 +222,7 @@ std::vector<Message> ScriptedPeer::read(size_t count)
 std::vector<Message> ScriptedPeer::settle()
 {
     const uint32_t value = 0x50490000 + ++pings_;
-    const Bytes answer = Join({Number(7, 2), Number(value, 4)});
+    const Bytes answer = Join({BigEndian(7, 2), BigEndian(value, 4)});
     pingRequest(value);
     std::vector<Message> before;
     for (Message message = read(); message.payload != answer || message.type != 4; message = read()) {

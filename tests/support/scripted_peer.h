@@ -1,9 +1,9 @@
 // An RTMP player written for tests: every byte it sends is chosen by the test, and it can misbehave.
 #pragma once
 
+#include "support/amf_bytes.h"
 #include "support/byte_socket.h"
 #include "support/chunk_parser.h"
-#include "support/wire_amf.h"
 
 #include <limits>
 #include <optional>

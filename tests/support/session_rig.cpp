@@ -15,42 +15,63 @@ const Bytes kRigVideoConfig = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1F, 0xDA
 const Bytes kRigAudioConfig = {0x12, 0x10};
 
 SessionRig::SessionRig(int32_t chunkSize, uint32_t media, uint32_t senderMode)
+    : SessionRig(RigSetup{.chunkSize = chunkSize, .media = media, .senderMode = senderMode})
+{
+}
+
+SessionRig::SessionRig(const RigSetup &setup) : setup_(setup)
 {
     HostFakes::get().reset();
     int err = 0;
-    server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, chunkSize, &err);
-    session = server != nullptr ? RtmpSessionCreate(server, "live", &err) : nullptr;
-    if (session == nullptr) {
+    server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, setup.chunkSize, &err);
+    if (server == nullptr) {
+        throw std::runtime_error("no server: " + std::to_string(err));
+    }
+    server->ChunkSize = static_cast<uint32_t>(setup.chunkSize);
+    session = addSession("live");
+}
+
+RtmpSession *SessionRig::addSession(const char *name)
+{
+    int err = 0;
+    RtmpSession *made = RtmpSessionCreate(server, name, &err);
+    if (made == nullptr) {
         throw std::runtime_error("no session: " + std::to_string(err));
     }
-    server->ChunkSize = static_cast<uint32_t>(chunkSize);
-    RtmpSenderSettings(session, senderMode, 0, 0, 1, 255, 5, 10, 10);
-    if (media != RTMP_MEDIA_NONE) {
-        const VideoMediaInfo video = {
-            7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
-        const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
-                                      kRigAudioConfig.data()};
-        if (RtmpAddMediaInfo(session, media != RTMP_MEDIA_AUDIO ? &video : nullptr,
-                             media != RTMP_MEDIA_VIDEO ? &audio : nullptr) != 0) {
-            throw std::runtime_error("no media");
-        }
+    RtmpSenderSettings(made, setup_.senderMode, 0, 0, 1, 255, setup_.interval, setup_.queue, setup_.queue);
+    const VideoMediaInfo video = {
+        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
+    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
+                                  kRigAudioConfig.data()};
+    if (setup_.media != RTMP_MEDIA_NONE &&
+        RtmpAddMediaInfo(made, setup_.media != RTMP_MEDIA_AUDIO ? &video : nullptr,
+                         setup_.media != RTMP_MEDIA_VIDEO ? &audio : nullptr) != 0) {
+        throw std::runtime_error("no media");
     }
+    return made;
 }
 
 SessionRig::~SessionRig()
 {
     destroySession();
-    RtmpServerDestroy(server);
+    if (server != nullptr) {
+        RtmpServerDestroy(server);
+    }
 }
 
 RigClient SessionRig::addClient(uint32_t state)
+{
+    return addClientTo(session, state);
+}
+
+RigClient SessionRig::addClientTo(RtmpSession *to, uint32_t state)
 {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
         throw std::runtime_error("no socket pair");
     }
     RtmpClient *client = CreateNewRtmpClient(server, RTMP_CONN_RTMP, ends[0], "127.0.0.1", 0, nullptr);
-    if (client == nullptr || AddClientInSession(session, client) != 0) {
+    if (client == nullptr || AddClientInSession(to, client) != 0) {
         throw std::runtime_error("no client");
     }
     client->StreamId = 1;
@@ -65,13 +86,13 @@ void SessionRig::removeClient(RtmpClient *client)
 {
     const auto found = std::find_if(clients_.begin(), clients_.end(),
                                     [&](const RigClient &each) { return each.client == client; });
-    const int socket = client->Socket;
-    if (!client->SocketClosed) {
-        close(socket);
-    }
-    close(found->peer);
+    const int socket = client->SocketClosed ? -1 : client->Socket;
+    close(found->peer); // first: whoever writes to it comes back
     clients_.erase(found);
     FreeClientRecord(client);
+    if (socket != -1) {
+        close(socket);
+    }
 }
 
 void SessionRig::destroySession()
@@ -115,18 +136,4 @@ Bytes DrainBytes(int fd)
         out.insert(out.end(), buffer, buffer + got);
     }
     return out;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &part : parts) {
-        out.insert(out.end(), part.begin(), part.end());
-    }
-    return out;
-}
-
-Bytes Text(const char *text)
-{
-    return Bytes(text, text + strlen(text));
 }

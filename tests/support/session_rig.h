@@ -16,14 +16,26 @@ struct RigClient {
     int peer; // the other end of client->Socket
 };
 
+// As in RtmpServerCreate and RtmpSenderSettings.
+struct RigSetup {
+    int32_t chunkSize = 4096;
+    uint32_t media = RTMP_MEDIA_BOTH; // registered, unless RTMP_MEDIA_NONE
+    uint32_t senderMode = 0;
+    uint32_t interval = 5; // of the packet monitor's statistics
+    uint32_t queue = 10;
+};
+
 class SessionRig {
   public:
-    // `senderMode` as in RtmpSenderSettings; media is registered unless `media` is RTMP_MEDIA_NONE.
     explicit SessionRig(int32_t chunkSize = 4096, uint32_t media = RTMP_MEDIA_BOTH, uint32_t senderMode = 0);
+    explicit SessionRig(const RigSetup &setup);
     ~SessionRig(); // destroys what is left, closes the sockets
 
     // A client in the given state that has joined the session; state 9 gets the chunk streams of a player.
     RigClient addClient(uint32_t state = CLIENT_STATE_PLAY_DONE);
+    RigClient addClientTo(RtmpSession *to, uint32_t state = CLIENT_STATE_PLAY_DONE);
+    // One more session, set up like the first.
+    RtmpSession *addSession(const char *name);
     // Takes a client out as its serve thread would.
     void removeClient(RtmpClient *client);
     void destroySession();
@@ -33,6 +45,7 @@ class SessionRig {
     CaptureLogger log;
 
   private:
+    const RigSetup setup_;
     std::vector<RigClient> clients_;
 };
 
@@ -40,5 +53,3 @@ class SessionRig {
 Bytes ReadBytes(int fd, size_t count, int milliseconds = 10000);
 // What lies in the socket now.
 Bytes DrainBytes(int fd);
-Bytes Concat(std::initializer_list<Bytes> parts);
-Bytes Text(const char *text);

@@ -1,7 +1,5 @@
 #include "support/socket_client.h"
 
-#include "support/host_fakes.h"
-
 #include <cstdlib>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -28,9 +26,7 @@ SocketClient::SocketClient() : client_(static_cast<RtmpClient *>(calloc(1, sizeo
     }
     SetDeadline(pair[0]);
     SetDeadline(pair[1]);
-    HostFakes::get().reset(); // the host's side of TLS, if the test uses it
-    server_.Logger = log.get();
-    client_->Server = &server_;
+    client_->Server = &records_.server;
     client_->Socket = pair[0];
     client_->InChunkSize = 128;
     pthread_mutex_init(&client_->RecvStrmListLock, nullptr);

@@ -4,7 +4,7 @@
 
 #include "rtmpcast/publish.h"
 #include "support/bytes.h"
-#include "support/capture_logger.h"
+#include "support/records.h"
 
 class SocketClient {
   public:
@@ -23,7 +23,7 @@ class SocketClient {
     }
     RtmpServer *server()
     {
-        return &server_;
+        return &records_.server;
     }
 
     // The peer's side.
@@ -34,10 +34,13 @@ class SocketClient {
 
     std::vector<std::string> takeLines(); // the log so far, then an empty one
 
-    CaptureLogger log;
+  private:
+    Records records_;
+
+  public:
+    CaptureLogger &log = records_.log;
 
   private:
-    RtmpServer server_ = {};
     RtmpClient *client_;
     int peer_ = -1;
 };

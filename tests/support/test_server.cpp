@@ -1,6 +1,6 @@
 #include "support/test_server.h"
 
-#include "support/wire_amf.h"
+#include "support/amf_bytes.h"
 
 #include <algorithm>
 #include <csignal>
@@ -98,7 +98,7 @@ RtmpSession *TestServer::session(const std::string &name, const SessionSetup &se
         EXPECT_EQ(RtmpSenderSettings(made, setup.mode, 0, 0, 1, 0, 1, setup.queue, setup.queue), 0);
     }
     const Bytes sets = ParameterSets();
-    const Bytes config = FromHex("1210");
+    const Bytes config = Hex("1210");
     const VideoMediaInfo video = {7, 2500000, {1, 2, 3}, static_cast<int32_t>(sets.size()), sets.data()};
     const AudioMediaInfo audio = {10, 4, static_cast<int32_t>(config.size()), config.data()};
     if (setup.media) {
@@ -118,43 +118,43 @@ bool TestServer::waitForClientsToEnd()
 // one reference frame, 80 by 45 macroblocks, frames only, no cropping, no VUI.
 Bytes ParameterSets()
 {
-    return FromHex("00000001 67 42 C0 1F DA 01 40 16 E4  00000001 68 CE 3C 80");
+    return Hex("00000001 67 42 C0 1F DA 01 40 16 E4  00000001 68 CE 3C 80");
 }
 
 Bytes AvcHeaderBody()
 {
-    return FromHex("17 00 000000  01 42 C0 1F FF E1 0009 6742C01FDA014016E4 01 0004 68CE3C80");
+    return Hex("17 00 000000  01 42 C0 1F FF E1 0009 6742C01FDA014016E4 01 0004 68CE3C80");
 }
 
 Bytes AacHeaderBody()
 {
-    return FromHex("AF 00 12 10");
+    return Hex("AF 00 12 10");
 }
 
 // The member "stereo" is a name alone, and two zero bytes follow the object.
 Bytes MetaDataBody(const SessionSetup &setup)
 {
-    Bytes body = FromHex("02 000A 'onMetaData' 03");
+    Bytes body = Hex("02 000A 'onMetaData' 03");
     if (setup.video) {
-        Append(body, FromHex("0005 'width' 00 4094000000000000"
-                             "0006 'height' 00 4086800000000000"
-                             "000C 'videocodecid' 00 401C000000000000"
-                             "0008 'avclevel' 00 403F000000000000"
-                             "000A 'avcprofile' 00 4050800000000000"
-                             "000D 'videodatarate' 00 40A3880000000000"));
+        Append(body, Hex("0005 'width' 00 4094000000000000"
+                         "0006 'height' 00 4086800000000000"
+                         "000C 'videocodecid' 00 401C000000000000"
+                         "0008 'avclevel' 00 403F000000000000"
+                         "000A 'avcprofile' 00 4050800000000000"
+                         "000D 'videodatarate' 00 40A3880000000000"));
     }
     if (setup.audio) {
-        Append(body, FromHex("000F 'audiosamplerate' 00 40E5888000000000"
-                             "0006 'stereo'"
-                             "000C 'audiocodecid' 00 4024000000000000"));
+        Append(body, Hex("000F 'audiosamplerate' 00 40E5888000000000"
+                         "0006 'stereo'"
+                         "000C 'audiocodecid' 00 4024000000000000"));
     }
-    Append(body, FromHex(setup.audio ? "000009 0000" : "000009"));
+    Append(body, Hex(setup.audio ? "000009 0000" : "000009"));
     return body;
 }
 
 Bytes VideoFrame(size_t length, uint8_t nalHeader, uint8_t fill)
 {
-    Bytes frame = Number(length - 4, 4);
+    Bytes frame = BigEndian(length - 4, 4);
     frame.push_back(nalHeader);
     for (size_t i = 5; i < length; ++i) {
         frame.push_back(static_cast<uint8_t>(fill + i * 7));

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "rtmpcast/rtmpcast.h"
+#include "support/bytes.h"
 #include "support/capture_logger.h"
-#include "support/wire_bytes.h"
 
 #include <condition_variable>
 #include <cstdint>

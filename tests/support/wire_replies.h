@@ -17,15 +17,11 @@ inline uint64_t MonotonicMs()
 // onStatus as a client without a stream name gets it.
 inline Bytes Status(const std::string &level, const std::string &code, const std::string &description)
 {
-    return Amf()
-        .string("onStatus")
-        .number(0)
-        .null()
-        .object()
-        .member("level", level)
-        .member("code", code)
-        .member("description", description)
-        .end()
+    using namespace amf0;
+    return Values({String("onStatus"), Number(0), Null(),
+                   Object({{"level", String(level)},
+                           {"code", String(code)},
+                           {"description", String(description)}})})
         .bytes;
 }
 
@@ -33,17 +29,13 @@ inline Bytes Status(const std::string &level, const std::string &code, const std
 inline Bytes Status(const std::string &level, const std::string &code, const std::string &description,
                     const std::string &name, const std::string &clientId)
 {
-    return Amf()
-        .string("onStatus")
-        .number(0)
-        .null()
-        .object()
-        .member("level", level)
-        .member("code", code)
-        .member("description", description + " " + name)
-        .member("details", name)
-        .member("clientid", clientId)
-        .end()
+    using namespace amf0;
+    return Values({String("onStatus"), Number(0), Null(),
+                   Object({{"level", String(level)},
+                           {"code", String(code)},
+                           {"description", String(description + " " + name)},
+                           {"details", String(name)},
+                           {"clientid", String(clientId)}})})
         .bytes;
 }
 
@@ -62,16 +54,16 @@ inline std::string ClientIdOf(const Message &status)
 
 inline Bytes SampleAccessBody()
 {
-    return FromHex("02 0011 '|RtmpSampleAccess' 0100 0100");
+    return Hex("02 0011 '|RtmpSampleAccess' 0100 0100");
 }
 
 inline Bytes ConnectResultBody()
 {
-    return FromHex("02 0007 '_result' 00 3FF0000000000000"
-                   "03 0006 'fmsVer' 02 000D 'FMS/3,5,1,516' 000C 'capabilities' 00 403F000000000000"
-                   "   0004 'mode' 00 3FF0000000000000 000009"
-                   "03 0005 'level' 02 0006 'status' 0004 'code' 02 001D 'NetConnection.Connect.Success'"
-                   "   000B 'description' 02 0014 'Connection succeeded' 000009");
+    return Hex("02 0007 '_result' 00 3FF0000000000000"
+               "03 0006 'fmsVer' 02 000D 'FMS/3,5,1,516' 000C 'capabilities' 00 403F000000000000"
+               "   0004 'mode' 00 3FF0000000000000 000009"
+               "03 0005 'level' 02 0006 'status' 0004 'code' 02 001D 'NetConnection.Connect.Success'"
+               "   000B 'description' 02 0014 'Connection succeeded' 000009");
 }
 
 // Header and body as the server sends them: csid as basic header, then what the picture of the header says,
@@ -92,7 +84,7 @@ inline testing::AssertionResult Sent(const Message &message, const std::string &
 // "?????? llllll tt": timestamp left open, length of the body, type.
 inline std::string Fields(const Bytes &body, const std::string &type, const std::string &time = "??????")
 {
-    return " " + time + " " + ToHex(Number(body.size(), 3)) + " " + type + " ";
+    return " " + time + " " + ToHex(BigEndian(body.size(), 3)) + " " + type + " ";
 }
 
 } // namespace wire

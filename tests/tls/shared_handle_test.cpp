@@ -90,7 +90,7 @@ void ReadOne(ScriptedPeer &player, Encoder &encoder, int &answers)
     }
     const uint8_t fill = static_cast<uint8_t>(encoder.seen);
     ASSERT_EQ(message.type, kVideo);
-    ASSERT_TRUE(Same(message.payload, Join({FromHex("27 01 000000"), VideoFrame(kFrameLength, 0x41, fill)})));
+    ASSERT_TRUE(Same(message.payload, Join({Hex("27 01 000000"), VideoFrame(kFrameLength, 0x41, fill)})));
     encoder.oneSeen();
 }
 
@@ -101,7 +101,7 @@ void PingAndAcknowledge(ScriptedPeer &player, Encoder &encoder)
         while (answers == round) {
             ASSERT_NO_FATAL_FAILURE(ReadOne(player, encoder, answers));
         }
-        player.send({.payload = FromHex("00010000"), .type = 3, .chunkStream = 2});
+        player.send({.payload = Hex("00010000"), .type = 3, .chunkStream = 2});
     }
 }
 
@@ -145,7 +145,7 @@ TEST_P(TlsSharing, MessagesOfOneRecordAreServedWithoutAnotherByte)
     setup.role = GetParam().role;
     TestServer server;
     HandedClient player(server, setup);
-    const Bytes one = Chunks({.payload = FromHex("00010000"), .type = 3, .chunkStream = 2});
+    const Bytes one = Chunks({.payload = Hex("00010000"), .type = 3, .chunkStream = 2});
     Bytes record;
     for (int i = 0; i < 20; i++) {
         record.insert(record.end(), one.begin(), one.end());

@@ -90,7 +90,7 @@ TEST(TlsLeaving, AFrameToAPeerThatVanishedFailsForItAlone)
     server.log.clear();
     const Bytes frame = VideoFrame(500); // chunks of 195, 200 and 105 bytes, and a tag
     EXPECT_EQ(SendVideo(session, frame, 1000), -1);
-    EXPECT_TRUE(Same(other.peer.read().payload, Join({FromHex("27 01 000000"), frame})));
+    EXPECT_TRUE(Same(other.peer.read().payload, Join({Hex("27 01 000000"), frame})));
     const Lines lines = ServeLines(server);
     ASSERT_EQ(lines.size(), 7U + 4);
     for (size_t i = 0; i < 7; i++) { // header, tag, three pieces, two separators

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "../publish/publishing_host.h"
-#include "../publish/steered_clock.h"
+#include "support/calls.h"
 #include "support/host_fakes.h"
 #include "support/test_server.h"
 #include "support/wire_replies.h"

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -31,9 +32,9 @@ INSTANTIATE_TEST_SUITE_P(Both, TlsVersions, testing::Values(TLS1_2_VERSION, TLS1
 void TalkAndReceive(TestServer &server, HandedClient &player, FrameFile &file)
 {
     RtmpSession *session = server.session();
-    SetClock(kStart + 17);
+    calls::setClock(kStart + 17);
     player.play("cam");
-    SetClock(kStart + 400);
+    calls::setClock(kStart + 400);
     std::thread encoder([&] {
         EXPECT_EQ(SendVideo(session, VideoFrame(50000, 0x65), 1000), 0);
         EXPECT_EQ(SendAudio(session, Bytes(700, 0x21), 1005), 0);
@@ -46,7 +47,7 @@ void TalkAndReceive(TestServer &server, HandedClient &player, FrameFile &file)
     player.serve(1, [&] { player.peer.command(PauseCommand(true)); });
     EXPECT_EQ(player.peer.read().type, 20);
     EXPECT_EQ(SendVideo(session, VideoFrame(300), 1120), 0); // not for a paused player
-    SetClock(kStart + 900);
+    calls::setClock(kStart + 900);
     player.serve(1, [&] { player.peer.command(PauseCommand(false)); });
     player.peer.chunks.restart();
     player.peer.read(7);
@@ -60,7 +61,7 @@ void TalkAndReceive(TestServer &server, HandedClient &player, FrameFile &file)
 // Every byte that a player gets from its handshake to its end.
 Bytes WholeTalk(const std::optional<TlsSetup> &setup)
 {
-    SetClock(kStart);
+    calls::setClock(kStart);
     srand(4711); // the random part of S1
     TestServer server(200);
     HandedClient player(server, setup);
@@ -83,7 +84,7 @@ TEST_P(TlsVersions, APlayerGetsTheBytesThatItGetsInTheClear)
 
 TEST_P(TlsVersions, TheHandshakeIsSignedAsInTheClear)
 {
-    SetClock(0x01020304);
+    calls::setClock(0x01020304);
     TestServer server;
     HandedClient player(server, setup());
     HandshakeRecord record;
@@ -111,7 +112,8 @@ TEST_P(TlsVersions, ChunksAreReadWhateverTheRecords)
 {
     TestServer server;
     HandedClient player(server, setup());
-    const Bytes command = Amf().string("onFCPublish").number(0).null().string(std::string(700, 'x')).bytes;
+    const Bytes command =
+        Values({String("onFCPublish"), Number(0), Null(), String(std::string(700, 'x'))}).bytes;
     const Bytes chunks = Chunks({.payload = command});
     for (const size_t pieceSize : {size_t{1}, size_t{127}, chunks.size()}) {
         std::thread writer([&] { player.peer.socket.sendInPieces(chunks, pieceSize); });
@@ -145,7 +147,7 @@ TEST_P(TlsVersions, AFrameInAFileGoesThroughTheHandle)
         const Message message = player.peer.read();
         const Message clear = inTheClear.peer.read();
         sender.join();
-        EXPECT_TRUE(Same(message.payload, Join({FromHex("17 01 000000"), frame})));
+        EXPECT_TRUE(Same(message.payload, Join({Hex("17 01 000000"), frame})));
         EXPECT_TRUE(Same(clear.payload, message.payload));
         EXPECT_EQ(message.chunks, clear.chunks);
     }
@@ -168,7 +170,7 @@ TEST_P(TlsVersions, AFrameLargerThanEveryBufferArrivesWhole)
         std::thread sender([&] { EXPECT_EQ(SendVideo(session, frame, 1000), 0); });
         const Message message = player.peer.read();
         sender.join();
-        EXPECT_TRUE(Same(message.payload, Join({FromHex("17 01 000000"), frame})));
+        EXPECT_TRUE(Same(message.payload, Join({Hex("17 01 000000"), frame})));
         EXPECT_EQ(message.chunks, 11U);
         EXPECT_FALSE(server.log.contains("ERROR"));
     }
@@ -177,7 +179,7 @@ TEST_P(TlsVersions, AFrameLargerThanEveryBufferArrivesWhole)
 // The library's end of TLS may be the one that connects: a host that publishes to a service.
 TEST_P(TlsVersions, AStreamIsPublishedAndTheServiceAnswered)
 {
-    SetClock(kStart);
+    calls::setClock(kStart);
     TestServer server;
     RtmpSession *session = server.session();
     TlsSetup wanted = setup();
@@ -189,14 +191,14 @@ TEST_P(TlsVersions, AStreamIsPublishedAndTheServiceAnswered)
     EXPECT_EQ(AnnounceChunkSize(publisher.client), 0);
     EXPECT_EQ(SendConnect(publisher.client, "live", 1), 0);
     service.read(2);
-    service.command(Amf().string("_result").number(1).null().bytes);
+    service.command(Values({String("_result"), Number(1), Null()}).bytes);
     EXPECT_EQ(HandleOne(publisher.client).kind, unsigned{RTMP_MSG_RESULT});
     EXPECT_EQ(context.ResultTransactionId, 1);
 
-    SetClock(kStart + 0x0102);
-    service.command(Amf().string("ping").number(0).null().bytes);
+    calls::setClock(kStart + 0x0102);
+    service.command(Values({String("ping"), Number(0), Null()}).bytes);
     EXPECT_EQ(HandleOne(publisher.client).kind, unsigned{RTMP_MSG_USTREAM_PING});
-    EXPECT_TRUE(Same(service.socket.receive(13), FromHex("000102 000000 14 00000000 0000")));
+    EXPECT_TRUE(Same(service.socket.receive(13), Hex("000102 000000 14 00000000 0000")));
 
     publisher.client->StreamId = 1;
     EXPECT_EQ(StartFrames(publisher.client, session), 0);
@@ -206,6 +208,6 @@ TEST_P(TlsVersions, AStreamIsPublishedAndTheServiceAnswered)
     FrameFile file;
     const Bytes frame = VideoFrame(10000, 0x65);
     EXPECT_EQ(file.sendVideo(session, frame, 1000), 0);
-    EXPECT_TRUE(Sent(service.read(), "44 000000 002715 09", Join({FromHex("17 01 000000"), frame})));
+    EXPECT_TRUE(Sent(service.read(), "44 000000 002715 09", Join({Hex("17 01 000000"), frame})));
     EXPECT_TRUE(TakeSendfileTargets().empty());
 }

@@ -225,7 +225,7 @@ TEST(WireBadInput, LengthsThatLie)
     for (const char *lie : lies) {
         ScriptedPeer peer(watched.server.port);
         peer.handshake();
-        peer.socket.send(FromHex(lie));
+        peer.socket.send(Hex(lie));
         peer.socket.finish();
         ++peers;
     }

@@ -2,6 +2,7 @@
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -44,9 +45,9 @@ Lines RefusedEnd()
             "3 ERROR: ServeRtmpClient: Exiting ServeRtmpClient thread"};
 }
 
-Bytes ConnectWith(const Bytes &members)
+Bytes ConnectWith(const std::vector<Member> &members)
 {
-    return Join({Amf().string("connect").number(1).object().bytes, members, FromHex("000009")});
+    return Values({String("connect"), Number(1), Object(members)}).bytes;
 }
 
 } // namespace
@@ -112,7 +113,7 @@ TEST(WireConnect, RepliesToTheCommandComeOnItsOwnChunkStream)
     peer.command(ConnectCommand("mylive/stream", 7), 9);
     const std::vector<Message> replies = peer.read(6);
     Bytes body = ConnectResultBody();
-    const Bytes seven = FromHex("401C000000000000");
+    const Bytes seven = Hex("401C000000000000");
     std::copy(seven.begin(), seven.end(), body.begin() + 11);
     EXPECT_TRUE(Sent(replies[4], "09" + Fields(body, "14") + "00000000", body));
     EXPECT_EQ(replies[5].chunkStream, 9U);
@@ -145,7 +146,7 @@ TEST(WireConnect, WithoutATransactionIdGetsTheControlMessagesAndNoResult)
     TestServer server;
     ScriptedPeer peer(server.port);
     peer.handshake();
-    peer.command(Amf().string("connect").bytes);
+    peer.command(String("connect").bytes);
     ExpectControlMessages(peer.read(4), "00001000");
     EXPECT_TRUE(server.log.waitFor("Error occured while validating RTMP message"));
 
@@ -168,7 +169,8 @@ TEST(WireConnect, TheTransactionIdIsEchoedAsItCame)
         peer.command(ConnectCommand("live", id));
         peer.read(6);
         peer.command(CreateStreamCommand(id));
-        EXPECT_TRUE(Same(peer.read().payload, Amf().string("_result").number(id).null().number(1).bytes));
+        EXPECT_TRUE(
+            Same(peer.read().payload, Values({String("_result"), Number(id), Null(), Number(1)}).bytes));
     }
 }
 
@@ -211,34 +213,31 @@ TEST_P(WireConnectRefusals, EndsTheConnectionWithoutAReply)
 INSTANTIATE_TEST_SUITE_P(
     Rows, WireConnectRefusals,
     testing::Values(
-        Refusal{"AppWithoutLive", ConnectWith(Amf().member("app", "vod").bytes), "Unsupported app value"},
-        Refusal{"AppNumber", ConnectWith(Amf().member("app", 1.0).bytes), "Invalid app value"},
-        Refusal{"PrefixOfApp", ConnectWith(Amf().member("ap", "vod").bytes), "Unsupported app value"},
-        Refusal{"FlashVer", ConnectWith(Amf().member("flashVer", 1.0).bytes), "Invalid flashVer value"},
-        Refusal{"TcUrl", ConnectWith(Amf().member("tcUrl", 1.0).bytes), "Invalid tcUrl value"},
-        Refusal{"Fpad", ConnectWith(Amf().member("fpad", 1.0).bytes), "Invalid fpad value"},
-        Refusal{"AudioCodecsText", ConnectWith(Amf().member("audioCodecs", "aac").bytes),
+        Refusal{"AppWithoutLive", ConnectWith({{"app", String("vod")}}), "Unsupported app value"},
+        Refusal{"AppNumber", ConnectWith({{"app", Number(1)}}), "Invalid app value"},
+        Refusal{"PrefixOfApp", ConnectWith({{"ap", String("vod")}}), "Unsupported app value"},
+        Refusal{"FlashVer", ConnectWith({{"flashVer", Number(1)}}), "Invalid flashVer value"},
+        Refusal{"TcUrl", ConnectWith({{"tcUrl", Number(1)}}), "Invalid tcUrl value"},
+        Refusal{"Fpad", ConnectWith({{"fpad", Number(1)}}), "Invalid fpad value"},
+        Refusal{"AudioCodecsText", ConnectWith({{"audioCodecs", String("aac")}}),
                 "Invalid audioCodecs value"},
-        Refusal{"NoAac", ConnectWith(Amf().member("audioCodecs", 3071.0).bytes),
-                "Client does not support AAC audio\\"},
-        Refusal{"VideoCodecsText", ConnectWith(Amf().member("videoCodecs", "avc").bytes),
+        Refusal{"NoAac", ConnectWith({{"audioCodecs", Number(3071)}}), "Client does not support AAC audio\\"},
+        Refusal{"VideoCodecsText", ConnectWith({{"videoCodecs", String("avc")}}),
                 "Invalid videoCodecs value"},
-        Refusal{"NoH264", ConnectWith(Amf().member("videoCodecs", 127.0).bytes),
+        Refusal{"NoH264", ConnectWith({{"videoCodecs", Number(127)}}),
                 "Client does not support H.264 video\\"},
-        Refusal{"EncodingText", ConnectWith(Amf().member("objectEncoding", "0").bytes),
-                "Invalid videoCodecs value"},
-        Refusal{"Amf3", ConnectWith(Amf().member("objectEncoding", 3.0).bytes),
-                "Unsupported objectEncoding method"}),
+        Refusal{"EncodingText", ConnectWith({{"objectEncoding", String("0")}}), "Invalid videoCodecs value"},
+        Refusal{"Amf3", ConnectWith({{"objectEncoding", Number(3)}}), "Unsupported objectEncoding method"}),
     [](const testing::TestParamInfo<Refusal> &row) { return row.param.name; });
 
 TEST(WireConnectAccepted, WhatIsNotAskedForDoesNotMatter)
 {
     static const Bytes accepted[] = {
         ConnectWith({}),
-        ConnectWith(Amf().member("audioCodecs", 4095.0).member("videoCodecs", 255.0).bytes),
-        ConnectWith(Amf().member("audioCodecs", 1024.0).member("swfUrl", 5.0).member("pageUrl", true).bytes),
-        ConnectWith(Amf().member("swfUrl", "x").member("capabilities", "none").bytes),
-        Amf().string("connect").number(1).null().bytes,
+        ConnectWith({{"audioCodecs", Number(4095)}, {"videoCodecs", Number(255)}}),
+        ConnectWith({{"audioCodecs", Number(1024)}, {"swfUrl", Number(5)}, {"pageUrl", Boolean(true)}}),
+        ConnectWith({{"swfUrl", String("x")}, {"capabilities", String("none")}}),
+        Values({String("connect"), Number(1), Null()}).bytes,
     };
     TestServer server;
     for (const Bytes &command : accepted) {

@@ -2,13 +2,14 @@
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
 
 Outgoing UserControl(uint16_t event, const Bytes &rest)
 {
-    return {.payload = Join({Number(event, 2), rest}), .type = 4, .chunkStream = 2};
+    return {.payload = Join({BigEndian(event, 2), rest}), .type = 4, .chunkStream = 2};
 }
 
 // The reply has no basic header: timestamp:24 length:24 type:8 stream:32, then two zero bytes where the
@@ -16,7 +17,7 @@ Outgoing UserControl(uint16_t event, const Bytes &rest)
 void ExpectConnectFailed(ScriptedPeer &peer, const Bytes &status, size_t chunkSize)
 {
     EXPECT_TRUE(
-        Matches(peer.socket.receive(13), "??????" + ToHex(Number(status.size(), 3)) + "14 00000000 0000"));
+        Matches(peer.socket.receive(13), "??????" + ToHex(BigEndian(status.size(), 3)) + "14 00000000 0000"));
     for (size_t at = 0; at < status.size(); at += chunkSize) {
         if (at > 0) {
             EXPECT_TRUE(Matches(peer.socket.receive(1), "c0"));
@@ -72,19 +73,19 @@ INSTANTIATE_TEST_SUITE_P(
         Unwanted{"Amf3SharedObject", {{1, 2}, 16}, ""}, Unwanted{"Type7", {{1, 2}, 7}, ""},
         Unwanted{"Type0", {{1, 2}, 0}, ""}, Unwanted{"Type255", {{1, 2}, 255}, ""},
         Unwanted{"UnknownCommand",
-                 {Amf().string("getStreamLength").number(3).null().string("cam").bytes},
+                 {Values({String("getStreamLength"), Number(3), Null(), String("cam")}).bytes},
                  "6 INFO: ParseCmdMsgReq: Unsupported command message: getStreamLength"},
         Unwanted{"OtherCase",
-                 {Amf().string("Connect").number(3).bytes},
+                 {Values({String("Connect"), Number(3)}).bytes},
                  "6 INFO: ParseCmdMsgReq: Unsupported command message: Connect"},
         Unwanted{"ModuleInfo",
-                 {Amf().string("moduleInfo").number(3).null().bytes},
+                 {Values({String("moduleInfo"), Number(3), Null()}).bytes},
                  "6 INFO: ParseCmdMsgReq: \tNot really sure what to do with it"},
-        Unwanted{"StreamEof", UserControl(1, Number(1, 4)),
+        Unwanted{"StreamEof", UserControl(1, BigEndian(1, 4)),
                  "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM EOF"},
-        Unwanted{"StreamDry", UserControl(2, Number(1, 4)),
+        Unwanted{"StreamDry", UserControl(2, BigEndian(1, 4)),
                  "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM DRY"},
-        Unwanted{"StreamIsRecorded", UserControl(4, Number(1, 4)),
+        Unwanted{"StreamIsRecorded", UserControl(4, BigEndian(1, 4)),
                  "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM IS RECORDED"}),
     [](const testing::TestParamInfo<Unwanted> &row) { return row.param.name; });
 
@@ -129,7 +130,7 @@ TEST(WireCommand, ThatDoesNotBeginWithAStringEndsTheConnectionWithoutAReply)
     TestServer server;
     ScriptedPeer peer(server.port);
     peer.connected();
-    peer.command(Amf().number(5).bytes);
+    peer.command(Number(5).bytes);
     EXPECT_TRUE(peer.socket.ends());
     EXPECT_TRUE(server.log.contains("3 ERROR: ParseRequestMsg: Invalid AMF encoded buffer"));
 }
@@ -153,13 +154,13 @@ TEST(WireUserControl, EventsThatAreHeardAndForgottenKeepTheConnection)
     server.session("cam");
     ScriptedPeer peer(server.port);
     peer.playing("cam");
-    peer.send(UserControl(3, Join({Number(1, 4), Number(3000, 4)}))); // set buffer length, accepted
-    peer.send(UserControl(3, Join({Number(1, 4), Number(3000, 2)}))); // of 8 bytes
+    peer.send(UserControl(3, Join({BigEndian(1, 4), BigEndian(3000, 4)}))); // set buffer length, accepted
+    peer.send(UserControl(3, Join({BigEndian(1, 4), BigEndian(3000, 2)}))); // of 8 bytes
     EXPECT_TRUE(peer.settle().empty());
-    peer.send(UserControl(0, Number(1, 4))); // stream begin
-    peer.send(UserControl(5, Number(1, 4)));
-    peer.send(UserControl(7, Number(1, 4))); // ping response
-    peer.send(UserControl(8, Number(1, 4)));
+    peer.send(UserControl(0, BigEndian(1, 4))); // stream begin
+    peer.send(UserControl(5, BigEndian(1, 4)));
+    peer.send(UserControl(7, BigEndian(1, 4))); // ping response
+    peer.send(UserControl(8, BigEndian(1, 4)));
     peer.send(UserControl(0xFFFF, {}));
     EXPECT_TRUE(peer.settle().empty());
     // The last five, and the ping after each of the three steps, are of no interest to the replies.
@@ -183,10 +184,10 @@ TEST(WireProtocolControl, IsHeardWithoutAReply)
     server.session("cam");
     ScriptedPeer peer(server.port);
     peer.playing("cam");
-    peer.send({.payload = Number(3, 4), .type = 2, .chunkStream = 2});
-    peer.send({.payload = Number(1000, 4), .type = 3, .chunkStream = 2});
-    peer.send({.payload = Number(2500000, 4), .type = 5, .chunkStream = 2});
-    peer.send({.payload = Join({Number(2500000, 4), {2}}), .type = 6, .chunkStream = 2});
+    peer.send({.payload = BigEndian(3, 4), .type = 2, .chunkStream = 2});
+    peer.send({.payload = BigEndian(1000, 4), .type = 3, .chunkStream = 2});
+    peer.send({.payload = BigEndian(2500000, 4), .type = 5, .chunkStream = 2});
+    peer.send({.payload = Join({BigEndian(2500000, 4), {2}}), .type = 6, .chunkStream = 2});
     EXPECT_TRUE(peer.settle().empty());
     for (const char *line : {"6 INFO: ParseRequestMsg: Received Protocol control message: ABORT",
                              "6 INFO: ParseRequestMsg: Received Protocol control message: ACKNOWLEDGEMENT",
@@ -219,7 +220,7 @@ TEST(WireProtocolControl, InterleavedChunkStreamsAreToldApart)
     const Bytes connect = Chunks({.payload = ConnectCommand(), .chunkStream = 3});
     ASSERT_GT(connect.size(), 12U + 128U);
     peer.socket.send(Slice(connect, 0, 12 + 128));
-    peer.send({.payload = Number(2500000, 4), .type = 5, .chunkStream = 2}); // completes first
+    peer.send({.payload = BigEndian(2500000, 4), .type = 5, .chunkStream = 2}); // completes first
     ASSERT_TRUE(server.log.waitFor("Client window acknowledge size : 2500000"));
     peer.socket.send(Slice(connect, 12 + 128, connect.size()));
     EXPECT_EQ(peer.read(6).size(), 6U);
@@ -230,12 +231,12 @@ TEST(WireProtocolControl, AMessageOfWholeChunksIsNeverCompleteAndEndsTheConnecti
     TestServer server;
     ScriptedPeer peer(server.port);
     peer.handshake();
-    Bytes command = Amf().string("createStream").number(1).bytes;
+    Bytes command = Values({String("createStream"), Number(1)}).bytes;
     const size_t filled = command.size() + 3;
-    Append(command, Amf().string(std::string(256 - filled, 'x')).bytes);
+    Append(command, String(std::string(256 - filled, 'x')).bytes);
     ASSERT_EQ(command.size(), 256U);
     peer.command(command);
-    peer.socket.send(FromHex("c3")); // asks for the nothing that is left
+    peer.socket.send(Hex("c3")); // asks for the nothing that is left
     peer.socket.finish();
     EXPECT_TRUE(server.log.waitFor("3 ERROR: ServeRtmpClient: Error occured while reading RTMP message"));
     EXPECT_FALSE(server.log.contains("CREATESTREAM"));

@@ -16,8 +16,8 @@ namespace {
 Bytes FrameBytes(const std::string &header, const std::string &tag, const Bytes &frame, size_t chunkSize,
                  uint8_t separator)
 {
-    const Bytes body = Join({FromHex(tag), frame});
-    Bytes bytes = FromHex(header);
+    const Bytes body = Join({Hex(tag), frame});
+    Bytes bytes = Hex(header);
     for (size_t at = 0; at < body.size(); at += chunkSize) {
         if (at > 0) {
             bytes.push_back(separator);
@@ -29,12 +29,12 @@ Bytes FrameBytes(const std::string &header, const std::string &tag, const Bytes 
 
 std::string VideoHeader(uint32_t delta, size_t frameLength)
 {
-    return "45" + ToHex(Number(delta, 3)) + ToHex(Number(frameLength + 5, 3)) + "09";
+    return "45" + ToHex(BigEndian(delta, 3)) + ToHex(BigEndian(frameLength + 5, 3)) + "09";
 }
 
 std::string AudioHeader(uint32_t delta, size_t frameLength)
 {
-    return "46" + ToHex(Number(delta, 3)) + ToHex(Number(frameLength + 2, 3)) + "08";
+    return "46" + ToHex(BigEndian(delta, 3)) + ToHex(BigEndian(frameLength + 2, 3)) + "08";
 }
 
 const char kKey[] = "17 01 000000";
@@ -87,7 +87,7 @@ TEST(WireFrames, MoreChunksThanOneWriteTakesArriveWhole)
     const Bytes frame = VideoFrame(5000, 0x65);
     EXPECT_EQ(SendVideo(session, frame, 1000), 0);
     const Message message = peer.read();
-    EXPECT_TRUE(Same(message.payload, Join({FromHex(kKey), frame})));
+    EXPECT_TRUE(Same(message.payload, Join({Hex(kKey), frame})));
     EXPECT_EQ(message.chunks, 1252U);
 }
 
@@ -155,7 +155,7 @@ TEST(WireFrames, AFrameShorterThanANalHeaderIsAnInterFrame)
     peer.playing("cam");
     for (size_t length = 1; length < 5; ++length) {
         EXPECT_EQ(SendVideo(session, Bytes(length, 0x65), 1000), 0);
-        EXPECT_TRUE(Same(peer.read().payload, Join({FromHex(kInter), Bytes(length, 0x65)})));
+        EXPECT_TRUE(Same(peer.read().payload, Join({Hex(kInter), Bytes(length, 0x65)})));
     }
 }
 
@@ -232,7 +232,7 @@ TEST(WireFrames, OnlyAudioThatIsStrictlyEarlierGoesWithAVideoFrame)
     EXPECT_EQ(peer.read().type, 9);
     EXPECT_TRUE(peer.settle().empty()) << "not earlier, so parked";
     EXPECT_EQ(SendVideo(session, VideoFrame(20), 160101), 0);
-    EXPECT_TRUE(Same(peer.read().payload, FromHex("af01 040506")));
+    EXPECT_TRUE(Same(peer.read().payload, Hex("af01 040506")));
     EXPECT_EQ(peer.read().type, 9);
 }
 

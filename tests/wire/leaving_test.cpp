@@ -49,7 +49,7 @@ const Stage kStages[] = {
      true},
     {"playing", [](ScriptedPeer &peer) { peer.playing("cam"); }, true},
     {"playing, half a header sent",
-     [](ScriptedPeer &peer) { peer.playing("cam"), peer.socket.send(FromHex("030000")); }, true},
+     [](ScriptedPeer &peer) { peer.playing("cam"), peer.socket.send(Hex("030000")); }, true},
     {"playing, half a message sent",
      [](ScriptedPeer &peer) {
          peer.playing("cam");

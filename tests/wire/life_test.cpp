@@ -61,7 +61,7 @@ TEST(WireLife, FromServerToDeleteStream)
     peer.chunks.restart();
     peer.command(PauseCommand(false));
     peer.read(7);
-    peer.send({.payload = FromHex("0003 00000001 00000BB8"), .type = 4, .chunkStream = 2});
+    peer.send({.payload = Hex("0003 00000001 00000BB8"), .type = 4, .chunkStream = 2});
     peer.command(DeleteStreamCommand());
     ASSERT_TRUE(server.log.waitFor("6 INFO: ServeRtmpClient: Exiting Server RtmpClient thread"));
     const Lines expected = Lines{"6 INFO: RtmpServerCreate: Server IP address 127.0.0.1",

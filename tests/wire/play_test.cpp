@@ -2,6 +2,7 @@
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -112,7 +113,8 @@ TEST(WirePlay, FurtherArgumentsAreReadAndForgotten)
     ScriptedPeer peer(server.port);
     peer.created();
     peer.command(
-        Amf().string("play").number(0).null().string("cam").number(-2000).number(-1).boolean(true).bytes);
+        Values({String("play"), Number(0), Null(), String("cam"), Number(-2000), Number(-1), Boolean(true)})
+            .bytes);
     ExpectFirstPlay(peer.read(7), "cam");
 }
 
@@ -163,7 +165,7 @@ TEST(WirePlay, WithoutANameGetsWhatNeedsNoSessionAndMayBeAskedAgain)
     server.session("cam");
     ScriptedPeer peer(server.port);
     peer.created();
-    peer.command(Amf().string("play").number(0).null().bytes);
+    peer.command(Values({String("play"), Number(0), Null()}).bytes);
     const std::vector<Message> sent = peer.read(4);
     const Bytes reset = Status("status", "NetStream.Play.Reset", "Playing and resetting");
     const Bytes start = Status("status", "NetStream.Play.Start", "Started playing");
@@ -278,7 +280,7 @@ TEST(WirePause, WithoutABooleanTheLastWishStands)
     server.session("cam");
     ScriptedPeer peer(server.port);
     const std::string id = ClientIdOf(peer.playing("cam")[0]);
-    peer.command(Amf().string("pause").number(0).null().bytes); // none yet: pause
+    peer.command(Values({String("pause"), Number(0), Null()}).bytes); // none yet: pause
     EXPECT_TRUE(Same(peer.read().payload, Status("status", "NetStream.Pause.Notify", "Pausing", "cam", id)));
 }
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace amf0;
 using namespace wire;
 
 namespace {
@@ -26,7 +27,7 @@ class Teller {
         getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
         peer_ = std::make_unique<ScriptedPeer>(ntohs(address.sin_port));
         const int accepted = accept(listener_, nullptr, nullptr);
-        const Bytes bytes = FromHex(picture);
+        const Bytes bytes = Hex(picture);
         EXPECT_EQ(send(accepted, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
         close(accepted);
     }
@@ -48,37 +49,36 @@ class Teller {
 
 TEST(WireAmf, WritesTheBytesOfTheFormat)
 {
-    EXPECT_TRUE(Matches(Amf().string("_result").number(1).null().bytes,
+    EXPECT_TRUE(Matches(Values({String("_result"), Number(1), Null()}).bytes,
                         "02 0007 5f726573756c74 00 3ff0000000000000 05"));
-    EXPECT_TRUE(Matches(Amf().object().member("app", "live").member("fpad", true).end().bytes,
+    EXPECT_TRUE(Matches(Object({{"app", String("live")}, {"fpad", Boolean(true)}}).bytes,
                         "03 0003 617070 02 0004 6c697665 0004 66706164 01 01 00 00 09"));
 }
 
 TEST(ScriptedPeer, CutsMessagesIntoChunksOfEveryForm)
 {
-    EXPECT_TRUE(Matches(Chunks({.payload = FromHex("aabbcc"), .timestamp = 16}, 2),
+    EXPECT_TRUE(Matches(Chunks({.payload = Hex("aabbcc"), .timestamp = 16}, 2),
                         "03 000010 000003 14 00000000 aabb c3 cc"));
-    EXPECT_TRUE(
-        Matches(Chunks({.payload = FromHex("aa"), .chunkStream = 64, .headerType = 1, .basicForm = 2}),
-                "40 00 000000 000001 14 aa"));
-    EXPECT_TRUE(Matches(Chunks({.payload = FromHex("aa"),
+    EXPECT_TRUE(Matches(Chunks({.payload = Hex("aa"), .chunkStream = 64, .headerType = 1, .basicForm = 2}),
+                        "40 00 000000 000001 14 aa"));
+    EXPECT_TRUE(Matches(Chunks({.payload = Hex("aa"),
                                 .chunkStream = 320,
                                 .headerType = 2,
                                 .basicForm = 3,
                                 .timestamp = 0x1234567}),
                         "81 00 01 ffffff 01234567 aa"));
-    EXPECT_TRUE(Matches(Chunks({.payload = FromHex("aa"), .type = 4, .chunkStream = 2, .stream = 1}),
+    EXPECT_TRUE(Matches(Chunks({.payload = Hex("aa"), .type = 4, .chunkStream = 2, .stream = 1}),
                         "02 000000 000001 04 01000000 aa"));
-    EXPECT_TRUE(Matches(Chunks({.payload = FromHex("aa"), .headerType = 3}), "c3 aa"));
+    EXPECT_TRUE(Matches(Chunks({.payload = Hex("aa"), .headerType = 3}), "c3 aa"));
 }
 
 TEST(ChunkParser, ReadsChunksAndObeysTheChunkSize)
 {
     Teller teller("02 000010 000004 01 00000000 00000002  04 000020 000003 14 01000000 aabb c4 cc"
                   "44 ffffff 000001 14 01000000 dd");
-    EXPECT_EQ(teller.peer().read().payload, FromHex("00000002"));
+    EXPECT_EQ(teller.peer().read().payload, Hex("00000002"));
     const Message second = teller.peer().read();
-    EXPECT_EQ(second.payload, FromHex("aabbcc"));
+    EXPECT_EQ(second.payload, Hex("aabbcc"));
     EXPECT_EQ(second.chunks, 2U);
     EXPECT_EQ(second.stream, 1U);
     const Message third = teller.peer().read();
@@ -106,8 +106,8 @@ TEST(ChunkParser, RefusesWhatTheServerMustNotSend)
 
 TEST(Matches, TellsBytesApart)
 {
-    EXPECT_TRUE(Matches(FromHex("01 02 03"), "01 ?? 03"));
-    EXPECT_FALSE(Matches(FromHex("01 02 03"), "01 02 04"));
-    EXPECT_FALSE(Matches(FromHex("01 02 03"), "01 02"));
-    EXPECT_FALSE(Same(FromHex("01"), FromHex("01 02")));
+    EXPECT_TRUE(Matches(Hex("01 02 03"), "01 ?? 03"));
+    EXPECT_FALSE(Matches(Hex("01 02 03"), "01 02 04"));
+    EXPECT_FALSE(Matches(Hex("01 02 03"), "01 02"));
+    EXPECT_FALSE(Same(Hex("01"), Hex("01 02")));
 }

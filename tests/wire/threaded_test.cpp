@@ -14,7 +14,7 @@ constexpr SessionSetup kThreaded = {.mode = RTMP_SENDER_THREADED};
 Bytes NumberedFrame(size_t length, uint32_t number)
 {
     Bytes frame = VideoFrame(length, 0x41, static_cast<uint8_t>(number));
-    const Bytes text = Number(number, 4);
+    const Bytes text = BigEndian(number, 4);
     std::copy(text.begin(), text.end(), frame.begin() + 5);
     return frame;
 }
@@ -38,7 +38,7 @@ TEST(WireThreaded, FramesArriveInOrderWithTheBytesOfTheMonitor)
     for (const size_t length : {14, 194, 195, 196, 395, 5000}) {
         EXPECT_EQ(SendVideo(session, VideoFrame(length, 0x65), time), 0);
         const Message message = peer.read();
-        EXPECT_TRUE(Same(message.payload, Join({FromHex("17 01 000000"), VideoFrame(length, 0x65)})));
+        EXPECT_TRUE(Same(message.payload, Join({Hex("17 01 000000"), VideoFrame(length, 0x65)})));
         EXPECT_EQ(message.field, time == 1000 ? 0U : 40U);
         time += 40;
     }
@@ -64,11 +64,11 @@ TEST(WireThreaded, AudioThatMeetsAVideoFrameExactlyGoesInFrontOfIt)
     EXPECT_EQ(SendAudio(session, {4, 5, 6}, 100000 + apart), 0);
     EXPECT_EQ(SendAudio(session, {7, 8, 9}, 100001 + apart), 0); // one too late
     EXPECT_EQ(SendVideo(session, VideoFrame(20), 160100), 0);
-    EXPECT_TRUE(Same(peer.read().payload, FromHex("af01 040506")));
+    EXPECT_TRUE(Same(peer.read().payload, Hex("af01 040506")));
     EXPECT_EQ(peer.read().type, 9);
     EXPECT_TRUE(peer.settle().empty());
     EXPECT_EQ(SendVideo(session, VideoFrame(20), 160101), 0);
-    EXPECT_TRUE(Same(peer.read().payload, FromHex("af01 070809")));
+    EXPECT_TRUE(Same(peer.read().payload, Hex("af01 070809")));
     EXPECT_EQ(peer.read().type, 9);
 }
 

@@ -1,10 +1,9 @@
-#include "support/wire_bytes.h"
+#include "support/bytes.h"
 
 #include <algorithm>
 #include <cctype>
 #include <stdexcept>
 
-namespace wire {
 namespace {
 
 struct Cell {
@@ -68,7 +67,7 @@ testing::AssertionResult Compare(const Bytes &bytes, const std::vector<Cell> &ce
 
 } // namespace
 
-Bytes FromHex(std::string_view picture)
+Bytes Hex(std::string_view picture)
 {
     Bytes bytes;
     for (const Cell &cell : Read(picture)) {
@@ -80,16 +79,39 @@ Bytes FromHex(std::string_view picture)
     return bytes;
 }
 
-std::string ToHex(const Bytes &bytes)
+Bytes Text(std::string_view text)
 {
-    static const char digits[] = "0123456789abcdef";
+    return {text.begin(), text.end()};
+}
+
+std::string ToHex(const void *data, size_t length)
+{
+    static const char digits[] = "0123456789ABCDEF";
     std::string text;
-    for (const uint8_t byte : bytes) {
+    for (size_t i = 0; i < length; i++) {
+        const uint8_t byte = static_cast<const uint8_t *>(data)[i];
         text += text.empty() ? "" : " ";
         text += digits[byte >> 4];
         text += digits[byte & 15];
     }
     return text;
+}
+
+std::string ToHex(const Bytes &bytes)
+{
+    return ToHex(bytes.data(), bytes.size());
+}
+
+Bytes operator+(Bytes left, const Bytes &right)
+{
+    Append(left, right);
+    return left;
+}
+
+Bytes operator+(Bytes left, std::string_view text)
+{
+    left.insert(left.end(), text.begin(), text.end());
+    return left;
 }
 
 Bytes Join(std::initializer_list<Bytes> parts)
@@ -106,6 +128,20 @@ void Append(Bytes &bytes, const Bytes &more)
     bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
+// By doubling, so that millions of pieces are soon put together without optimisation too.
+Bytes Repeated(const Bytes &piece, size_t times)
+{
+    const size_t length = piece.size() * times;
+    Bytes all = times > 0 ? piece : Bytes();
+    all.reserve(length);
+    while (all.size() < length) {
+        const size_t more = std::min(all.size(), length - all.size());
+        all.resize(all.size() + more);
+        std::copy_n(all.begin(), more, all.end() - static_cast<std::ptrdiff_t>(more));
+    }
+    return all;
+}
+
 Bytes Slice(const Bytes &bytes, size_t from, size_t count)
 {
     const size_t first = std::min(from, bytes.size());
@@ -113,13 +149,22 @@ Bytes Slice(const Bytes &bytes, size_t from, size_t count)
     return {bytes.begin() + static_cast<ptrdiff_t>(first), bytes.begin() + static_cast<ptrdiff_t>(last)};
 }
 
-Bytes Number(uint64_t value, size_t width)
+Bytes BigEndian(uint64_t value, size_t width)
 {
     Bytes bytes(width);
     for (size_t i = 0; i < width; ++i) {
         bytes[width - 1 - i] = static_cast<uint8_t>(value >> (8 * i));
     }
     return bytes;
+}
+
+Bytes Counting(size_t count, uint8_t first)
+{
+    Bytes out(count);
+    for (size_t i = 0; i < count; i++) {
+        out[i] = static_cast<uint8_t>(first + i);
+    }
+    return out;
 }
 
 testing::AssertionResult Matches(const Bytes &bytes, std::string_view picture)
@@ -138,5 +183,3 @@ testing::AssertionResult Same(const Bytes &actual, const Bytes &expected)
     }
     return Compare(actual, cells);
 }
-
-} // namespace wire
