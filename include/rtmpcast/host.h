@@ -122,8 +122,8 @@ RTMP_HOST void PublishUstreamRecord(RtmpClient *client, const char *action);
  *
  * Called, by key:
  *   - rtmpBandwidth, rtmpUptime of the packet monitor: on the thread that calls RtmpSendData, with
- *     the server's session list lock and a leaf lock of the monitor held; of the threaded sender: on the
- *     sender thread, with the session list lock and a lock of the ring held;
+ *     the server's session list lock held; of the threaded sender: on the sender thread, with the session
+ *     list lock and a lock of the ring held;
  *   - rtmpLowBitrate: on the thread that calls RtmpSendData, no locks held;
  *   - viewer counts: on the thread that handles a service's messages (ParseRequestMsg), no locks held.
  * Must not block (players wait) and must not call the library. Default: nothing.

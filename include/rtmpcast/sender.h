@@ -29,8 +29,8 @@ extern "C" {
  * @return always 0, also for a null session. A sender that could not be made is logged, and RtmpSendData
  *         then returns -1.
  *
- * The thread that calls RtmpSendData; takes no lock and does not block. A call while frames are being sent
- * writes the caption mode that the sender reads: avoid it.
+ * The thread that calls RtmpSendData; takes no lock and does not block. A later call may change the caption
+ * mode and the interval while frames are being sent: the next frame goes by them.
  */
 RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, uint32_t senderParam,
                                     uint8_t senderFlag, uint32_t encoderHandle, uint8_t captionMode,
@@ -47,7 +47,7 @@ RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, u
  *
  * The thread that calls RtmpSendData, after RtmpSenderSettings and before the first frame. Takes no lock. A
  * later call replaces the monitor and ends the sender thread first, as RtmpThreadedQueueReset does; the
- * queued frames stay, and the next one starts a new thread.
+ * queued frames stay, but for the one that was being sent, and the next frame starts a new thread.
  */
 RTMP_API int32_t RtmpBWMSettings(RtmpSession *session, uint32_t enable, uint32_t windowSize);
 
@@ -118,7 +118,7 @@ RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enab
  *
  * The thread that calls RtmpSendData, not from within a host function. Takes leaf locks only. Waits for the
  * sender thread, which may be inside a log, status or caption function of the host, and never for a player:
- * one that was being written to is left with half a message.
+ * the connection of one that was left with half a message is shut down.
  */
 RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
 
