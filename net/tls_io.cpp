@@ -47,7 +47,7 @@ void EndTurn(TlsTurn *turn)
     if (turn->Blocks) {
         (void)fcntl(turn->Fd, F_SETFL, turn->Flags);
     }
-    (void)RtmpMutexUnlock(turn->Lock); // a guard has nobody to report to
+    (void)RtmpMutexUnlock(turn->Lock); // a guard reports nothing
     RestoreScopedCancel(&turn->Cancel);
     errno = error;
 }
