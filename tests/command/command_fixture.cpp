@@ -3,6 +3,7 @@
 #include "amf/object.h"
 #include "command/user_control.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
@@ -67,7 +68,7 @@ Parsed CommandFixture::run(const Bytes &payload, uint32_t type)
     pkt.ChunkStreamId = 3;
     pkt.MsgLength = static_cast<uint32_t>(payload.size());
     pkt.PayloadData = static_cast<uint8_t *>(malloc(payload.size()));
-    memcpy(pkt.PayloadData, payload.data(), payload.size());
+    std::copy(payload.begin(), payload.end(), pkt.PayloadData);
 
     Parsed out = {0, kUntouched, -1, 0, 0};
     if (type == RTMP_TYPE_USER_CONTROL) {
