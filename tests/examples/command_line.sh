@@ -43,7 +43,8 @@ expect 0 'while nobody watched' --rtmp-port 0 --session a --session b --zero-cop
 
 # A signal ends it cleanly.
 for signal in INT TERM; do
-    "$live_host" --rtmp-port 0 >"$work/out" 2>&1 &
+    : >"$work/out" # it is there before anybody follows it
+    "$live_host" --rtmp-port 0 >>"$work/out" 2>&1 &
     host=$!
     timeout 20 grep -qm1 '^viewers' <(tail -n +1 -f --pid="$host" "$work/out")
     kill -"$signal" "$host"

@@ -23,7 +23,8 @@ check() {
     local name=$1 width=$2 port
     shift 2
     port=$(free_port)
-    "$live_host" --interface lo --rtmp-port "$port" --duration 60 --encode "$@" >"$work/$name.log" 2>&1 &
+    : >"$work/$name.log" # it is there before anybody follows it
+    "$live_host" --interface lo --rtmp-port "$port" --duration 60 --encode "$@" >>"$work/$name.log" 2>&1 &
     host=$!
     timeout 30 grep -qm1 '^serving ' <(tail -n +1 -f --pid="$host" "$work/$name.log")
     timeout --signal=INT 5 rtmpdump -q -r "rtmp://127.0.0.1:$port/live/stream" -w "$(printf '%064d' 0)" -x 1 \
