@@ -33,7 +33,9 @@ RtmpClient *ClientForConnection(RtmpServer *server, int fd, const char *who)
     if (client == nullptr) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: New Rtmp client creation failed\n", who);
         (void)RtmpCloseSocket(LoggerOf(server), &fd); // logged
+        return nullptr;
     }
+    client->PlayerFlags = LoadShared(&server->PlayerFlags);
     return client;
 }
 

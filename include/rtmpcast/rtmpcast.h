@@ -24,6 +24,7 @@
 
 #include "rtmpcast/host.h"
 #include "rtmpcast/media.h"
+#include "rtmpcast/player.h"
 #include "rtmpcast/publish.h"
 #include "rtmpcast/sender.h"
 #include "rtmpcast/server.h"

@@ -141,7 +141,10 @@ enum RtmpMsgKind {
     RTMP_MSG_VIDEO = 51,
     RTMP_MSG_AUDIO = 52,
     RTMP_MSG_UNSUPPORTED = 53,
-    RTMP_MSG_CAPTION = 54
+    RTMP_MSG_CAPTION = 54,
+    RTMP_MSG_SEEK = 55,            /* "seek" received; its notice */
+    RTMP_MSG_PUBLISH = 56,         /* "publish" received; its refusal */
+    RTMP_MSG_CONNECT_REJECTED = 57 /* the refusal of a "connect" */
 };
 
 /** RTMP message type ids (RTMP 1.0, 5.4 and 7.1). */
@@ -252,6 +255,7 @@ struct RtmpRecvPkt {
     uint32_t PayloadRoom;   /* bytes of PayloadData; 0: a host made the packet, and all MsgLength are there */
     RtmpRecvPkt *Branch[2]; /* the receive list by chunk stream id: see RtmpClient.RecvPktRoot */
     RtmpRecvPkt **Place;    /* what points to it there; null: not in a list */
+    uint8_t IsTimeExtended; /* type 3 chunks of it carry ExtendedTimestamp; see RTMP_PLAYERS_CHUNKS_IN */
 };
 
 /** RtmpSendPkt: one outgoing message. */
@@ -271,7 +275,8 @@ struct RtmpSendPkt {
     RtmpSendPkt *Prev;
 
     /* the library's own */
-    uint8_t Stored; /* in a send list, which owns it */
+    uint8_t Stored;  /* in a send list, which owns it */
+    uint8_t HdrType; /* of the header it was sent with; read where RTMP_PLAYERS_CHUNKS_OUT holds */
 };
 
 /* --------------------------------------------------------------------------------------------- clients */
@@ -337,6 +342,14 @@ struct RtmpClient {
     RtmpMutex TlsLock;        /* leaf: one call of Tls at a time; never held while the peer is waited for */
     RtmpRecvPkt *RecvPktRoot; /* the receive list as a tree, by the bits of the chunk stream id */
     uint8_t MessageState;     /* RtmpMessageState of the last message; guarded by WriteLock */
+    uint32_t PlayerFlags;     /* RTMP_PLAYERS_... of its server when it was accepted; never changes */
+    uint32_t BytesReceived;   /* from the handshake on, modulo 2^32; the serve thread's */
+    uint32_t BytesAcknowledged;
+    uint8_t AwaitsKeyFrame;  /* gets no frames before the next key frame; guarded by WriteLock */
+    uint32_t BreaksSeen;     /* RtmpSession.StreamBreaks up to which frames were sent; guarded by WriteLock */
+    uint8_t IsTimelineBegun; /* a frame has been stamped since "play"; guarded by WriteLock */
+    uint64_t TimelineStart;  /* what RtmpSession.FrameTime was where media time is 0; guarded by WriteLock */
+    uint64_t TimelineTime;   /* media time of the last frame; stamped into replies by the serve thread */
 };
 
 /**
@@ -412,6 +425,11 @@ struct CodecInfo {
 
     /* the library's own */
     CodecInfo *NextRetired; /* links RtmpSession.RetiredCodecInfo */
+    uint8_t
+        *PlayerMetaData; /* the well-formed bodies of RTMP_PLAYERS_DESCRIPTION; null: registered without */
+    uint32_t PlayerMetaDataLen;
+    uint8_t *PlayerAvccBox;
+    uint32_t PlayerAvccBoxLen;
 };
 
 /** RtmpCaptionCtx: a session's closed captions. The host sets Enabled. */
@@ -462,6 +480,8 @@ struct RtmpSession {
     struct CodecInfo *RetiredCodecInfo; /* earlier registrations: messages under way may use their bodies */
     RtmpThread FrameThread;             /* the thread that is in RtmpSendData; guarded by MemberLock */
     uint8_t FramesRefused;              /* the session is being destroyed; guarded by MemberLock */
+    uint64_t FrameTime;    /* ms on the host's clock, of the frame being sent; LiveSessionListLock */
+    uint32_t StreamBreaks; /* how often frames were dropped that no player got */
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */
@@ -487,10 +507,11 @@ struct RtmpServer {
     RtmpLogger *Logger;
 
     /* the library's own */
-    RtmpLogger LogGate; /* finds Logger at the moment a line is written */
-    int32_t LogReaders; /* threads inside Logger right now */
-    int32_t Holders;    /* the host, every serve thread, and clients that are being destroyed */
-    RtmpMutex LinkLock; /* leaf: the links of the session list, for whoever looks without the lock above */
+    RtmpLogger LogGate;   /* finds Logger at the moment a line is written */
+    int32_t LogReaders;   /* threads inside Logger right now */
+    int32_t Holders;      /* the host, every serve thread, and clients that are being destroyed */
+    RtmpMutex LinkLock;   /* leaf: the links of the session list, for whoever looks without the lock above */
+    uint32_t PlayerFlags; /* RTMP_PLAYERS_... of connections to come */
 };
 
 #ifdef __cplusplus
