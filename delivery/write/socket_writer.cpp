@@ -187,23 +187,31 @@ int WriteTls(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, uint8_
     return total < 0 ? -1 : 0;
 }
 
+// What is called while a cancel may strike at any moment is called by its address, which the loader writes
+// here and no compiler looks through. The linker's stubs for calls into the C library have no unwind
+// information on 64-bit ARM: a thread that is cancelled inside one ends without its guards, and the locks it
+// holds stay taken. And the C library declares that sendfile throws nothing: a compiler that saw it called
+// would leave the guards of the callers out of the way that a cancel takes, and the process would end there.
+struct CallsUnderCancel {
+    int (*SetCancelType)(int type, int *previous);
+    ssize_t (*SendFile)(int out, int fd, off_t *offset, size_t length);
+};
+
+const volatile CallsUnderCancel kUnderCancel = {pthread_setcanceltype, sendfile};
+
 // SendFileAsCancellationPoint is sendfile, which is no cancellation point: a sender that waits in it for a
 // player that takes nothing could not be ended. Only the system call runs while a cancel may strike at any
-// moment.
-ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
+// moment. Not inlined: a cancel between two calls of a procedure that has guards of its own would end the
+// process.
+__attribute__((noinline)) ssize_t SendFileAsCancellationPoint(int out, int fd, off_t *offset, uint32_t length)
 {
     int previous;
     // NOLINTNEXTLINE(concurrency-thread-canceltype-asynchronous): around one system call
-    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
-    const ssize_t sent = sendfile(out, fd, offset, length);
-    pthread_setcanceltype(previous, nullptr);
+    kUnderCancel.SetCancelType(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
+    const ssize_t sent = kUnderCancel.SendFile(out, fd, offset, length);
+    kUnderCancel.SetCancelType(previous, nullptr);
     return sent;
 }
-
-// The C library declares that sendfile throws nothing. A compiler that saw it called would leave the guards
-// of the callers out of the way that a cancel takes, and the process would end there. What a volatile pointer
-// leads to, none can see.
-ssize_t (*volatile sendFile)(int out, int fd, off_t *offset, uint32_t length) = SendFileAsCancellationPoint;
 
 // A piece on its way out of a file. The kernel moves Offset, also for a thread that is cancelled in the call.
 struct FilePiece {
@@ -230,7 +238,7 @@ int SendFromFile(RtmpClient *client, const RtmpPiece *piece, int fd, uint64_t ma
     ACCOUNT_FOR_FILE_AT_EXIT FilePiece way = {client, start, start + piece->Length, endsMessage};
     while (way.Offset < way.End) {
         const uint32_t rest = static_cast<uint32_t>(way.End - way.Offset);
-        if (sendFile(SocketInUse(client), fd, &way.Offset, rest) <= 0) {
+        if (SendFileAsCancellationPoint(SocketInUse(client), fd, &way.Offset, rest) <= 0) {
             return -1;
         }
     }
