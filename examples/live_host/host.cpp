@@ -52,6 +52,7 @@ Host::Host(const Options &options, const MediaDescription &media, Console &conso
     if (server_ == nullptr) {
         throw HostError(whyNoServer(code, options));
     }
+    (void)RtmpPlayerSettings(server_, options.players);
     if (options.sendBuffer != 0 && options.rtmpPort != 0) {
         setSendBuffer(options.sendBuffer);
     }

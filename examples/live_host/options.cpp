@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdio>
 #include <span>
+#include <string_view>
 
 namespace {
 
@@ -112,6 +113,48 @@ void chooseLogLevel(Options &options, const Option &self, const std::string &val
     }
 }
 
+struct PlayerName {
+    std::string_view name;
+    uint32_t flags;
+};
+
+constexpr PlayerName kPlayerNames[] = {
+    {"all", RTMP_PLAYERS_ALL},
+    {"none", RTMP_PLAYERS_EXACT},
+    {"commands", RTMP_PLAYERS_COMMANDS},
+    {"handshake", RTMP_PLAYERS_HANDSHAKE},
+    {"version", RTMP_PLAYERS_VERSION},
+    {"description", RTMP_PLAYERS_DESCRIPTION},
+    {"timeline", RTMP_PLAYERS_TIMELINE},
+    {"chunks-in", RTMP_PLAYERS_CHUNKS_IN},
+    {"chunks-out", RTMP_PLAYERS_CHUNKS_OUT},
+    {"connect", RTMP_PLAYERS_CONNECT},
+    {"stream-name", RTMP_PLAYERS_STREAM_NAME},
+    {"key-frame", RTMP_PLAYERS_KEY_FRAME},
+    {"acknowledge", RTMP_PLAYERS_ACKNOWLEDGE},
+};
+
+uint32_t playerFlags(const Option &option, std::string_view name)
+{
+    const PlayerName *found = std::ranges::find(kPlayerNames, name, &PlayerName::name);
+    if (found == std::end(kPlayerNames)) {
+        refuse(option, std::string(name), "a rule: see live_host --help");
+    }
+    return found->flags;
+}
+
+// "handshake,version" as the sum of their flags.
+void choosePlayers(Options &options, const Option &self, const std::string &value)
+{
+    options.players = 0;
+    options.playersChosen = true;
+    size_t begin = 0;
+    for (size_t comma = 0; comma != std::string::npos; begin = comma + 1) {
+        comma = value.find(',', begin);
+        options.players |= playerFlags(self, std::string_view(value).substr(begin, comma - begin));
+    }
+}
+
 // "640x360" as two even numbers.
 void setSize(Options &options, const Option &self, const std::string &value)
 {
@@ -181,6 +224,15 @@ constexpr Option kOptions[] = {
      number<&Options::rtmptPort>, 0, 65535},
     {"--dscp", "0-63", "differentiated services code point (0)", number<&Options::dscp>, 0, 63},
     {"--chunk-size", "BYTES", "payload per outgoing chunk (4096)", number<&Options::chunkSize>, 1, 0xFFFFFF},
+
+    {nullptr, nullptr,
+     "Who may watch: ffmpeg, VLC, GStreamer and every other player of today, unless said here", nullptr},
+    {"--exact", nullptr, "the library's default: only players which sign their handshake and send",
+     turnOn<&Options::exact>},
+    {"", nullptr, "nothing that it does not know", nullptr},
+    {"--players", "LIST", "like --exact, but for these rules: commands, handshake, version,", choosePlayers},
+    {"", nullptr, "description, timeline, chunks-in, chunks-out, connect, stream-name,", nullptr},
+    {"", nullptr, "key-frame, acknowledge, all or none, with commas between them (all)", nullptr},
 
     {nullptr, nullptr, "How frames leave", nullptr},
     {"--sender", "WHICH", "monitor: on the host's thread; threaded: on a sender thread (monitor)",
@@ -256,7 +308,9 @@ The status line: what the library took (in), what it measured (out), what the en
 --trace-dir the video ring as the last traced frame left it, and every frame dropped. Without a trace the
 library tells of flushed rings only in its log: they are counted as flushes.
 
-Watch it with a player that signs its handshake, for instance:
+Watch it:
+  ffplay rtmp://127.0.0.1:1935/live/stream
+With --exact, a player that signs its handshake:
   rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -
 )";
 
@@ -308,6 +362,12 @@ void checkTogether(Options &options)
     }
     if (!threaded && options.adaptive.enabled) {
         throw OptionError("--adaptive and --abr-... need --sender threaded");
+    }
+    if (options.exact && options.playersChosen) {
+        throw OptionError("--exact and --players exclude each other");
+    }
+    if (options.exact) {
+        options.players = RTMP_PLAYERS_EXACT;
     }
     if (options.sessions.empty()) {
         options.sessions.push_back("stream");

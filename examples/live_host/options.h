@@ -1,6 +1,8 @@
 // What the command line says.
 #pragma once
 
+#include <rtmpcast/player.h>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -64,7 +66,10 @@ struct Options {
     uint32_t rtmptPort = 0;
     uint32_t dscp = 0;
     uint32_t chunkSize = 4096;
-    uint32_t sendBuffer = 0; // KiB of the kernel's for each player; 0: the kernel's choice
+    uint32_t sendBuffer = 0;             // KiB of the kernel's for each player; 0: the kernel's choice
+    uint32_t players = RTMP_PLAYERS_ALL; // the argument of RtmpPlayerSettings
+    bool playersChosen = false;
+    bool exact = false;
 
     std::vector<std::string> sessions; // never empty once parsed
     std::string input;                 // empty: the clip beside the program's sources

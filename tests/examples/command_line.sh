@@ -35,6 +35,8 @@ expect 2 'is not WxH with even numbers' --encode --size 641x360
 expect 2 "is not one of x264's presets" --encode --preset quick
 expect 2 'needs --trace-dir' --sender threaded --burn-in
 expect 2 'need --sender threaded' --abr-min-bitrate 1
+expect 2 'exclude each other' --exact --players all
+expect 2 "is not a rule" --players handshakes
 expect 1 'No such file or directory' --encode --input "$work/none.mp4"
 expect 1 'Invalid data found' --encode --input "$work/text.txt"
 expect 1 "no network interface 'nosuch0' with an IPv4 address" --interface nosuch0 --log-level quiet

@@ -130,6 +130,52 @@ TEST(Options, EveryArgumentOfTheSettingsHasItsOption)
     EXPECT_EQ(options.adaptive.reserved3, 22u);
 }
 
+TEST(Options, PlayersOfTodayAreServedUnlessTheDefaultOfTheLibraryIsWanted)
+{
+    EXPECT_EQ(parse({}).players, uint32_t{RTMP_PLAYERS_ALL});
+    EXPECT_EQ(parse({"--exact"}).players, uint32_t{RTMP_PLAYERS_EXACT});
+    EXPECT_EQ(parse({"--players", "all"}).players, uint32_t{RTMP_PLAYERS_ALL});
+    EXPECT_EQ(parse({"--players", "none"}).players, uint32_t{RTMP_PLAYERS_EXACT});
+}
+
+TEST(Options, EveryRuleForPlayersHasItsName)
+{
+    const struct {
+        const char *name;
+        uint32_t flag;
+    } rows[] = {
+        {"commands", RTMP_PLAYERS_COMMANDS},       {"handshake", RTMP_PLAYERS_HANDSHAKE},
+        {"version", RTMP_PLAYERS_VERSION},         {"description", RTMP_PLAYERS_DESCRIPTION},
+        {"timeline", RTMP_PLAYERS_TIMELINE},       {"chunks-in", RTMP_PLAYERS_CHUNKS_IN},
+        {"chunks-out", RTMP_PLAYERS_CHUNKS_OUT},   {"connect", RTMP_PLAYERS_CONNECT},
+        {"stream-name", RTMP_PLAYERS_STREAM_NAME}, {"key-frame", RTMP_PLAYERS_KEY_FRAME},
+        {"acknowledge", RTMP_PLAYERS_ACKNOWLEDGE},
+    };
+    std::string list = "none";
+    uint32_t sum = 0;
+    for (const auto &row : rows) {
+        EXPECT_EQ(parse({"--players", row.name}).players, row.flag) << row.name;
+        EXPECT_NE(helpText().find(row.name), std::string::npos) << row.name;
+        list.append(",").append(row.name);
+        sum |= row.flag;
+        EXPECT_EQ(parse({"--players", list}).players, sum) << list;
+    }
+    EXPECT_EQ(sum, uint32_t{RTMP_PLAYERS_ALL});
+}
+
+TEST(Options, RulesForPlayersAreRefusedWithTheirReason)
+{
+    EXPECT_EQ(refusal({"--players", ""}), "--players: '' is not a rule: see live_host --help");
+    EXPECT_EQ(refusal({"--players", "chunks"}), "--players: 'chunks' is not a rule: see live_host --help");
+    EXPECT_EQ(refusal({"--players", "version,"}), "--players: '' is not a rule: see live_host --help");
+    EXPECT_EQ(refusal({"--players", "version, connect"}),
+              "--players: ' connect' is not a rule: see live_host --help");
+    EXPECT_EQ(refusal({"--players"}), "--players needs a value: LIST");
+    EXPECT_EQ(refusal({"--exact=yes"}), "--exact takes no value");
+    EXPECT_EQ(refusal({"--exact", "--players", "none"}), "--exact and --players exclude each other");
+    EXPECT_EQ(refusal({"--players", "all", "--exact"}), "--exact and --players exclude each other");
+}
+
 TEST(Options, EncodingHasItsOwn)
 {
     const Options options = parse({"--encode", "--size", "640x360", "--frame-rate=25", "--preset", "veryfast",

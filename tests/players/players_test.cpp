@@ -1,4 +1,5 @@
-// What people do with the reference host: players that record, come and go, or are turned away.
+// What people do with the reference host when it is as strict as the library by default: players that record,
+// come and go, or are turned away.
 #include "stage.h"
 
 #include <algorithm>
@@ -20,10 +21,16 @@ testing::AssertionResult SoundFollows(const std::string &file, const std::string
     return Follows(PacketsOf(file, 'a'), PacketsOf(clip, 'a'), 11, 47);
 }
 
+std::vector<std::string> Exact(std::vector<std::string> options = {})
+{
+    options.push_back("--exact");
+    return options;
+}
+
 // Records what a host with these options serves, for so many seconds.
 void Record(const std::vector<std::string> &options, const std::string &file, double seconds)
 {
-    LiveHost host(options);
+    LiveHost host(Exact(options));
     Recorder recorder(host.url(), file);
     ASSERT_TRUE(recorder.waitForSeconds(seconds)) << recorder.output() << host.output();
     recorder.stop();
@@ -76,7 +83,7 @@ TEST_P(Sender, IsNotDisturbedByAPlayersDeath)
 {
     Directory work;
     const std::string file = work.path("recording.flv");
-    LiveHost host({"--sender", GetParam()});
+    LiveHost host(Exact({"--sender", GetParam()}));
     Recorder victim(host.url(), work.path("victim.flv"));
     Recorder survivor(host.url(), file);
     ASSERT_TRUE(victim.waitForSeconds(1)) << victim.output() << host.output();
@@ -134,7 +141,7 @@ TEST(Player, OfSoundAloneGetsItsDescription)
     Directory work;
     const std::string clip = MakeClip(work, "sound.mp4", {"-vn", "-c", "copy"});
     const std::string file = work.path("recording.flv");
-    LiveHost host({"--input", clip});
+    LiveHost host(Exact({"--input", clip}));
     Recorder recorder(host.url(), file);
     EXPECT_TRUE(host.waitForLog("ERROR: addRtmpPacketToBuffer: Audio Packet Overflow : 240 Total (h:0,t:0)"))
         << recorder.output() << host.output();
@@ -148,7 +155,7 @@ TEST(Player, OfSoundAloneGetsItsDescription)
 TEST(Player, ChoosesAmongSessions)
 {
     Directory work;
-    LiveHost host({"--session", "one", "--session", "two"});
+    LiveHost host(Exact({"--session", "one", "--session", "two"}));
     Recorder one(host.url("one"), work.path("one.flv"));
     Recorder two(host.url("two"), work.path("two.flv"));
     ASSERT_TRUE(one.waitForSeconds(2)) << one.output() << host.output();
@@ -165,7 +172,7 @@ TEST(Player, ChoosesAmongSessions)
 TEST_P(Sender, EndsCleanlyUnderItsPlayers)
 {
     Directory work;
-    LiveHost host({"--sender", GetParam()});
+    LiveHost host(Exact({"--sender", GetParam()}));
     Recorder one(host.url(), work.path("one.flv"));
     Recorder two(host.url(), work.path("two.flv"));
     ASSERT_TRUE(one.waitForSeconds(1)) << one.output() << host.output();
@@ -181,7 +188,7 @@ TEST_P(Sender, EndsCleanlyUnderItsPlayers)
 TEST(Host, GoesOnWithoutPlayers)
 {
     Directory work;
-    LiveHost host;
+    LiveHost host(Exact());
     for (const char *name : {"first.flv", "second.flv"}) {
         Recorder recorder(host.url(), work.path(name));
         ASSERT_TRUE(recorder.waitForSeconds(1)) << recorder.output() << host.output();
@@ -237,13 +244,15 @@ TEST_P(Refusal, IsLoggedAndCostsNobodyElseAnything)
 {
     Directory work;
     const std::string file = work.path("recording.flv");
-    LiveHost host;
+    LiveHost host(Exact());
     Recorder recorder(host.url(), file);
     ASSERT_TRUE(recorder.waitForSeconds(1)) << recorder.output() << host.output();
 
     std::vector<std::string> words = GetParam().words;
     std::ranges::replace(words, "URL", host.url(GetParam().session));
-    Process refused(words);
+    const std::unique_ptr<Process> player =
+        words[0] == "rtmpdump" ? StartRtmpdump(words) : std::make_unique<Process>(words);
+    Process &refused = *player;
     EXPECT_TRUE(host.waitForLog(GetParam().line)) << refused.output() << host.output();
     EXPECT_TRUE(host.waitForLog("ERROR: ServeRtmpClient: Exiting ServeRtmpClient thread"));
     const std::optional<Exit> exit = refused.wait();

@@ -94,27 +94,44 @@ std::optional<Exit> LiveHost::stop(int signal)
     return process_->wait();
 }
 
+std::unique_ptr<Process> StartRtmpdump(const std::vector<std::string> &words)
+{
+    const auto isEncrypted = [](const std::string &output) {
+        return output.find("server answered 8\n") != std::string::npos ||
+               output.find("server answered 9\n") != std::string::npos;
+    };
+    while (true) {
+        auto process = std::make_unique<Process>(words);
+        const bool connected = process->waitForText("INFO: Connected...");
+        const std::string output = process->output();
+        if (connected || !isEncrypted(output) ||
+            output.find("HandShake: Server not genuine Adobe!") == std::string::npos) {
+            return process;
+        }
+    }
+}
+
 Recorder::Recorder(const std::string &url, const std::string &file)
-    : process_({"rtmpdump", "-r", url, "-w", kHash, "-x", "1", "-o", file})
+    : process_(StartRtmpdump({"rtmpdump", "-r", url, "-w", kHash, "-x", "1", "-o", file}))
 {
 }
 
 bool Recorder::waitForSeconds(double seconds)
 {
-    return process_.waitForOutput(
+    return process_->waitForOutput(
         [seconds](const std::string &output) { return SecondsIn(output) >= seconds; });
 }
 
 void Recorder::stop()
 {
-    process_.signal(SIGINT);
-    EXPECT_TRUE(process_.wait().has_value()) << "rtmpdump does not end";
+    process_->signal(SIGINT);
+    EXPECT_TRUE(process_->wait().has_value()) << "rtmpdump does not end";
 }
 
 void Recorder::kill()
 {
-    process_.signal(SIGKILL);
-    EXPECT_EQ(process_.wait(), (Exit{-1, SIGKILL}));
+    process_->signal(SIGKILL);
+    EXPECT_EQ(process_->wait(), (Exit{-1, SIGKILL}));
 }
 
 std::vector<Packet> PacketsOf(const std::string &file, char stream)

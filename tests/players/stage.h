@@ -46,6 +46,11 @@ class LiveHost {
     uint16_t port_ = 0;
 };
 
+// Starts rtmpdump, and once more when it leaves because of a first byte of 8 or 9 in the server's handshake:
+// it takes that for encryption, and a server that answers as the library does by default sends any byte up to
+// 127. The process that is returned has shaken hands, or has ended for another reason.
+std::unique_ptr<Process> StartRtmpdump(const std::vector<std::string> &words);
+
 // rtmpdump, which signs its handshake.
 class Recorder {
   public:
@@ -56,15 +61,15 @@ class Recorder {
     void kill();
     std::optional<Exit> wait()
     {
-        return process_.wait();
+        return process_->wait();
     }
     std::string output() const
     {
-        return process_.output();
+        return process_->output();
     }
 
   private:
-    Process process_;
+    std::unique_ptr<Process> process_;
 };
 
 // One packet of a file, as ffprobe sees it.
