@@ -9,6 +9,7 @@
 #include "message/recv_packet.h"
 #include "net/log.h"
 #include "net/log_line.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/refusal.h"
 
@@ -72,14 +73,40 @@ constexpr CommandRow kCommands[] = {
 // clang-format on
 static_assert(sizeof kCommands / sizeof kCommands[0] == 21);
 
-const CommandRow *FindCommand(const AmfString *name)
+// A command that is unknown on connections which do not allow it.
+struct RuledCommand {
+    enum PlayerRule Rule;
+    CommandRow Row;
+};
+
+// clang-format off
+constexpr RuledCommand kRuledCommands[] = {
+    {RULE_SEEK, {"seek", RTMP_MSG_SEEK,
+     LOG_TEXT("INFO: %s: Received Command message: SEEK\n"), nullptr}},
+    {RULE_PUBLISH, {"publish", RTMP_MSG_PUBLISH,
+     LOG_TEXT("INFO: %s: Received Command message: PUBLISH\n"), HandlePublish}},
+};
+// clang-format on
+static_assert(sizeof kRuledCommands / sizeof kRuledCommands[0] == 2);
+
+const CommandRow *FindRuledCommand(const RtmpClient *client, const AmfString *name)
+{
+    for (const RuledCommand &ruled : kRuledCommands) {
+        if (TextEquals(name, ruled.Row.Name) && Allows(client, ruled.Rule)) {
+            return &ruled.Row;
+        }
+    }
+    return nullptr;
+}
+
+const CommandRow *FindCommand(const RtmpClient *client, const AmfString *name)
 {
     for (const CommandRow &row : kCommands) {
         if (TextEquals(name, row.Name)) {
             return &row;
         }
     }
-    return nullptr;
+    return FindRuledCommand(client, name);
 }
 
 // DecodePayload returns the packet's values, or null (logged).
@@ -128,7 +155,7 @@ int ParseCmdMsgReq(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *msgKind)
     command.Logger = LoggerOf(client->Server);
     command.Values = values;
     ReadCommandHead(&command);
-    const CommandRow *row = FindCommand(&command.Name);
+    const CommandRow *row = FindCommand(client, &command.Name);
     if (row == nullptr) {
         return ReportUnknownCommand(&command, msgKind);
     }

@@ -5,6 +5,7 @@
 #include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/refusal.h"
 #include "net/scope.h"
@@ -27,15 +28,23 @@ bool HasCodec(RtmpServer *server, AmfObjProperty *property, int32_t all, int32_t
     return codecs == all || (codecs & codec) != 0;
 }
 
-int CheckApp(const ReceivedCommand *command, AmfObjProperty *property)
+int CheckAppType(const ReceivedCommand *command, AmfObjProperty *property)
 {
-    RtmpServer *server = command->Client->Server;
-    if (GetAmfPropType(server, property) != AMF_STRING) {
+    if (GetAmfPropType(command->Client->Server, property) != AMF_STRING) {
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid app value\n", command->Caller);
         return RTMP_FAILED;
     }
+    return 0;
+}
+
+// KEPT: an application whose name does not contain "live" is refused. Required; changes who is refused.
+int CheckApp(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (CheckAppType(command, property) != 0) {
+        return RTMP_FAILED;
+    }
     AmfString app;
-    GetAmfPropString(server, property, &app);
+    GetAmfPropString(command->Client->Server, property, &app);
     if (memmem(TextStart(&app), app.len, "live", strlen("live")) == nullptr) {
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported app value\n", command->Caller);
         return RTMP_FAILED;
@@ -70,15 +79,22 @@ int CheckFpad(const ReceivedCommand *command, AmfObjProperty *property)
     return 0;
 }
 
-int CheckAudioCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+int CheckAudioCodecsType(const ReceivedCommand *command, AmfObjProperty *property)
 {
-    RtmpServer *server = command->Client->Server;
-    if (GetAmfPropType(server, property) != AMF_NUMBER) {
+    if (GetAmfPropType(command->Client->Server, property) != AMF_NUMBER) {
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid audioCodecs value\n",
                      command->Caller);
         return RTMP_FAILED;
     }
-    if (!HasCodec(server, property, kAllAudioCodecs, kAudioCodecAac)) {
+    return 0;
+}
+
+int CheckAudioCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (CheckAudioCodecsType(command, property) != 0) {
+        return RTMP_FAILED;
+    }
+    if (!HasCodec(command->Client->Server, property, kAllAudioCodecs, kAudioCodecAac)) {
         // KEPT: this line and the one for H.264 have no line end. Required; changes a log line.
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Client does not support AAC audio",
                      command->Caller);
@@ -87,15 +103,22 @@ int CheckAudioCodecs(const ReceivedCommand *command, AmfObjProperty *property)
     return 0;
 }
 
-int CheckVideoCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+int CheckVideoCodecsType(const ReceivedCommand *command, AmfObjProperty *property)
 {
-    RtmpServer *server = command->Client->Server;
-    if (GetAmfPropType(server, property) != AMF_NUMBER) {
+    if (GetAmfPropType(command->Client->Server, property) != AMF_NUMBER) {
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid videoCodecs value\n",
                      command->Caller);
         return RTMP_FAILED;
     }
-    if (!HasCodec(server, property, kAllVideoCodecs, kVideoCodecH264)) {
+    return 0;
+}
+
+int CheckVideoCodecs(const ReceivedCommand *command, AmfObjProperty *property)
+{
+    if (CheckVideoCodecsType(command, property) != 0) {
+        return RTMP_FAILED;
+    }
+    if (!HasCodec(command->Client->Server, property, kAllVideoCodecs, kVideoCodecH264)) {
         RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Client does not support H.264 video",
                      command->Caller);
         return RTMP_FAILED;
@@ -138,23 +161,48 @@ constexpr ConnectKey kConnectKeys[] = {
     {"pageUrl", nullptr},
     {"objectEncoding", CheckObjectEncoding},
 };
-static_assert(sizeof kConnectKeys / sizeof kConnectKeys[0] == 9);
+constexpr uint32_t kConnectKeyCount = sizeof kConnectKeys / sizeof kConnectKeys[0];
+static_assert(kConnectKeyCount == 9);
+
+// The same keys where any application, and players of any codecs, are welcome. Codecs are checked by their
+// type alone: what a player cannot decode it says by itself.
+constexpr ConnectKey kOpenConnectKeys[] = {
+    {"app", CheckAppType},
+    {"flashVer", CheckFlashVer},
+    {"swfUrl", nullptr},
+    {"tcUrl", CheckTcUrl},
+    {"fpad", nullptr},
+    {"audioCodecs", CheckAudioCodecsType},
+    {"videoCodecs", CheckVideoCodecsType},
+    {"pageUrl", nullptr},
+    {"objectEncoding", CheckObjectEncoding},
+};
+static_assert(sizeof kOpenConnectKeys == sizeof kConnectKeys, "one row for each key, as above");
+
+// FindConnectKey returns the row that decides about a received key, or null when none does.
+const ConnectKey *FindConnectKey(const RtmpClient *client, const AmfString *name)
+{
+    const ConnectKey *keys = Allows(client, RULE_CONNECT_VALUES) ? kOpenConnectKeys : kConnectKeys;
+    bool (*matches)(const AmfString *, const char *) =
+        Allows(client, RULE_CONNECT_KEYS) ? TextEquals : KeyMatches;
+    for (uint32_t i = 0; i < kConnectKeyCount; i++) {
+        if (matches(name, keys[i].Key)) {
+            return &keys[i];
+        }
+    }
+    return nullptr;
+}
 
 int CheckConnectProperty(const ReceivedCommand *command, AmfObjProperty *property)
 {
     AmfString name;
     GetAmfPropName(command->Client->Server, property, &name);
-    for (const ConnectKey &row : kConnectKeys) {
-        if (!KeyMatches(&name, row.Key)) {
-            continue;
-        }
-        if (row.Check == nullptr || row.Check(command, property) == 0) {
-            return 0;
-        }
-        NoteRefusal(command->Pkt, REFUSED_CONNECT_PROPERTY, &name);
-        return RTMP_FAILED;
+    const ConnectKey *key = FindConnectKey(command->Client, &name);
+    if (key == nullptr || key->Check == nullptr || key->Check(command, property) == 0) {
+        return 0;
     }
-    return 0;
+    NoteRefusal(command->Pkt, REFUSED_CONNECT_PROPERTY, &name);
+    return RTMP_FAILED;
 }
 
 // The serve thread is the only writer of the name, and frames are sent without it.
@@ -231,6 +279,13 @@ int HandlePlay(ReceivedCommand *command)
     (void)TakeArgument(command, AMF_NUMBER);  // duration
     (void)TakeArgument(command, AMF_BOOLEAN); // reset
     return result;
+}
+
+int HandlePublish(ReceivedCommand *command)
+{
+    NoteRefusal(command->Pkt, REFUSED_PUBLISH, &command->Name);
+    RtmpLogPrint(command->Logger, RTMP_LOG_ERROR, "ERROR: %s: Publishing is not served\n", command->Caller);
+    return RTMP_FAILED;
 }
 
 int HandlePause(ReceivedCommand *command)

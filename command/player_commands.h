@@ -13,6 +13,9 @@ RTMP_STATUS int HandleConnect(ReceivedCommand *command);
 // there is no such stream.
 RTMP_STATUS int HandlePlay(ReceivedCommand *command);
 
+// HandlePublish refuses (logged): nobody's stream is taken here.
+RTMP_STATUS int HandlePublish(ReceivedCommand *command);
+
 // HandlePause records whether the player pauses (0) or resumes (1).
 RTMP_STATUS int HandlePause(ReceivedCommand *command);
 }

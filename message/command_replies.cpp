@@ -7,6 +7,9 @@
 #include "message/send_packet.h"
 #include "net/log.h"
 
+#include <stdio.h>
+#include <string.h>
+
 namespace {
 
 constexpr double kNoTransactionId = -1; // refused by WriteCmdMsgPayload
@@ -25,8 +28,10 @@ constexpr StatusText kStatusTexts[] = {
     {RTMP_MSG_PLAY_STOP, "status", "NetStream.Play.Stop", "Stopped playing"},
     {RTMP_MSG_STREAM_NOT_FOUND, "error", "NetStream.Play.StreamNotFound", "Stream not found"},
     {RTMP_MSG_CONNECT_FAILED, "error", "NetConnection.Connect.Failed", "Connection failed"},
+    {RTMP_MSG_SEEK, "status", "NetStream.Seek.Notify", "Seeking"},
+    {RTMP_MSG_PUBLISH, "error", "NetStream.Publish.Denied", "Publishing is not served"},
 };
-static_assert(sizeof kStatusTexts / sizeof kStatusTexts[0] == 6, "every status has its text");
+static_assert(sizeof kStatusTexts / sizeof kStatusTexts[0] == 8, "every status has its text");
 
 constexpr StatusText kUnpausing = {RTMP_MSG_PAUSE, "status", "NetStream.Unpause.Notify", "Unpausing"};
 
@@ -71,6 +76,22 @@ int WriteConnectResult(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *
     return WriteCmdMsgPayload(client, pkt, &payload);
 }
 
+// RTMP 1.0, 7.2.1.1: the answer to a "connect" that is refused. It names the property.
+int WriteConnectError(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    const AmfString property = request != nullptr ? request->Refusal.What : AmfString{};
+    char description[64]; // keys of "connect" are far shorter
+    snprintf(description, sizeof description, "The value of %.*s is not accepted", property.len,
+             property.data != nullptr ? property.data : "");
+    CmdMsgPayload payload = {};
+    payload.Command = "_error";
+    payload.TransactionId = TransactionIdOf(client->Server, request);
+    payload.Level = "error";
+    payload.Code = "NetConnection.Connect.Rejected";
+    payload.Description = description;
+    return WriteCmdMsgPayload(client, pkt, &payload);
+}
+
 int WriteCreateStreamResult(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
 {
     CmdMsgPayload payload = {};
@@ -107,6 +128,8 @@ int WriteReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
     switch (pkt->MsgKind) {
     case RTMP_MSG_CONNECT:
         return WriteConnectResult(client, pkt, request);
+    case RTMP_MSG_CONNECT_REJECTED:
+        return WriteConnectError(client, pkt, request);
     case RTMP_MSG_CREATE_STREAM:
         return WriteCreateStreamResult(client, pkt, request);
     case RTMP_MSG_ON_BW_DONE:
@@ -119,6 +142,17 @@ int WriteReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
     }
 }
 
+// SetStreamOfRequest addresses a reply to the message stream that its request came on. A short chunk header
+// names none: then it is that of the message before, and a client has one stream.
+void SetStreamOfRequest(const RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
+{
+    if (request != nullptr && request->HeaderType == 0) {
+        memcpy(pkt->MsgStreamId, request->MsgStreamId, sizeof pkt->MsgStreamId);
+    } else {
+        SetMsgStreamId(pkt, client->StreamId);
+    }
+}
+
 // AddressReply chooses chunk stream and message stream, and moves the client's counters on.
 // KEPT: they stay moved when the message fails later. Required; changes ids on the wire.
 void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
@@ -128,6 +162,7 @@ void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *reque
         client->StreamId++;
         [[fallthrough]];
     case RTMP_MSG_CONNECT:
+    case RTMP_MSG_CONNECT_REJECTED:
     case RTMP_MSG_ON_BW_DONE:
         pkt->ChunkStreamId = request != nullptr ? request->ChunkStreamId : 0;
         SetMsgStreamId(pkt, client->ConnStreamId);
@@ -140,6 +175,11 @@ void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *reque
         break;
     case RTMP_MSG_USTREAM_PONG:
         // KEPT: chunk stream 0 and stream 0. Required; changes bytes on the wire.
+        break;
+    case RTMP_MSG_SEEK:
+    case RTMP_MSG_PUBLISH:
+        pkt->ChunkStreamId = client->StatusChunkStreamId - 1; // as for a pause: frames may go out meanwhile
+        SetStreamOfRequest(client, pkt, request);
         break;
     default:
         pkt->ChunkStreamId = client->StatusChunkStreamId - (pkt->MsgKind == RTMP_MSG_PAUSE ? 1 : 0);

@@ -29,8 +29,9 @@ constexpr GeneratorOfKinds kGenerators[] = {
     {RTMP_MSG_STREAM_BEGIN, RTMP_MSG_PING_RESPONSE, GenerateUsrCtrlMsgRes},
     {RTMP_MSG_SET_CHUNK_SIZE, RTMP_MSG_SET_PEER_BANDWIDTH, GenerateProtoCtrlMsgRes},
     {RTMP_MSG_DATA_START, RTMP_MSG_SAMPLE_ACCESS, GenerateRtmpDataMsg},
+    {RTMP_MSG_SEEK, RTMP_MSG_CONNECT_REJECTED, GenerateCmdMsgRes},
 };
-static_assert(sizeof kGenerators / sizeof kGenerators[0] == 7, "every kind but the media has its generator");
+static_assert(sizeof kGenerators / sizeof kGenerators[0] == 8, "every kind but the media has its generator");
 
 RtmpSendPkt *GenerateReply(RtmpClient *client, void *recvPkt, uint32_t msgKind)
 {

@@ -14,7 +14,8 @@ enum RtmpRefusalReason {
     REFUSED_MEDIA,            // audio, video or an aggregate from a player
     REFUSED_DATA,             // AMF0 data
     REFUSED_SHARED_OBJECT,    // AMF0 shared object
-    REFUSED_MESSAGE_TYPE      // AMF3 forms, and every other type
+    REFUSED_MESSAGE_TYPE,     // AMF3 forms, and every other type
+    REFUSED_PUBLISH           // "publish", where the connection's rules know it. What: its name
 };
 
 inline void NoteRefusal(RtmpRecvPkt *pkt, enum RtmpRefusalReason reason, const AmfString *what)

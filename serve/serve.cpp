@@ -11,6 +11,8 @@
 #include "net/handshake.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
+#include "net/refusal.h"
 #include "net/scope.h"
 #include "serve/dispatch.h"
 #include "state/client.h"
@@ -49,6 +51,31 @@ void Refuse(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)
     CloseClientSocket(client);
 }
 
+// RTMP 1.0, 7.1.1 to 7.1.3: AMF3 forms of data, shared object and command.
+bool IsAmf3Form(uint32_t msgTypeId)
+{
+    return msgTypeId >= 15 && msgTypeId <= 17;
+}
+
+// IsIgnored tells whether the connection goes on after a message that is not supported. Whoever sends media
+// wants to publish, and would do so for ever.
+bool IsIgnored(const RtmpClient *client, const RtmpRecvPkt *pkt)
+{
+    switch (pkt->Refusal.Reason) {
+    case REFUSED_UNKNOWN_COMMAND:
+    case REFUSED_COMMAND:
+        return Allows(client, RULE_UNKNOWN_COMMAND);
+    case REFUSED_DATA:
+    case REFUSED_SHARED_OBJECT:
+    case REFUSED_EVENT:
+        return Allows(client, RULE_UNKNOWN_MESSAGE);
+    case REFUSED_MESSAGE_TYPE:
+        return IsAmf3Form(pkt->MsgTypeId) && Allows(client, RULE_UNKNOWN_MESSAGE);
+    default:
+        return false;
+    }
+}
+
 void Dispatch(RtmpClient *client, RtmpRecvPkt *pkt)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
@@ -57,10 +84,17 @@ void Dispatch(RtmpClient *client, RtmpRecvPkt *pkt)
     if (result != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while parsing RTMP message\n", kServe);
         Refuse(client, pkt, result, kind);
-    } else if (kind == RTMP_MSG_UNSUPPORTED) {
+        return;
+    }
+    if (kind == RTMP_MSG_UNSUPPORTED && IsIgnored(client, pkt)) {
+        return; // its line has been logged
+    }
+    if (kind == RTMP_MSG_UNSUPPORTED) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported message type received\n", kServe);
         Refuse(client, pkt, RTMP_ERR_UNSUPPORTED_MSG, kind);
-    } else if (ProcessSend(client, pkt, kind) != 0) {
+        return;
+    }
+    if (ProcessSend(client, pkt, kind) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error occured while validating RTMP message\n",
                      kServe);
         // KEPT: the connection goes on, also after a reply that could not be sent. Required.
@@ -191,6 +225,16 @@ bool SendErrorReply(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t reply, uint32
     return true;
 }
 
+// AnswerRefusal tells a peer why its request failed, where it is told at all.
+void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
+{
+    if (pkt->Refusal.Reason == REFUSED_PUBLISH) {
+        (void)SendErrorReply(client, pkt, RTMP_MSG_PUBLISH, kind); // logged; the connection ends anyway
+    } else if (pkt->Refusal.Reason == REFUSED_CONNECT_PROPERTY && Allows(client, RULE_CONNECT_REJECTED)) {
+        (void)SendErrorReply(client, pkt, RTMP_MSG_CONNECT_REJECTED, kind); // the same
+    }
+}
+
 } // namespace
 
 void *ServeRtmpClient(void *argument)
@@ -218,5 +262,7 @@ void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_
         }
     } else if (code == RTMP_ERR_UNSUPPORTED_MSG) {
         (void)SendErrorReply(client, pkt, RTMP_MSG_CONNECT_FAILED, kind);
+    } else {
+        AnswerRefusal(client, pkt, kind);
     }
 }

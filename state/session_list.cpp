@@ -4,6 +4,7 @@
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/scope.h"
 #include "state/client.h"
 #include "state/client_list.h"
@@ -12,17 +13,68 @@
 
 namespace {
 
+// A name, or a part of one.
+struct NamePart {
+    const char *Start;
+    uint64_t Length;
+};
+
+NamePart WholeName(const char *name)
+{
+    return {name, strlen(name)};
+}
+
+NamePart WithoutQuery(NamePart name)
+{
+    const void *query = memchr(name.Start, '?', name.Length);
+    if (query == nullptr) {
+        return name;
+    }
+    return {name.Start, static_cast<uint64_t>(static_cast<const char *>(query) - name.Start)};
+}
+
+// "mp4:" and "flv:" name a container to servers that play files.
+NamePart WithoutContainer(NamePart name)
+{
+    const bool isNamed =
+        name.Length >= 4 && (memcmp(name.Start, "mp4:", 4) == 0 || memcmp(name.Start, "flv:", 4) == 0);
+    return isNamed ? NamePart{name.Start + 4, name.Length - 4} : name;
+}
+
+bool IsName(const char *whole, NamePart part)
+{
+    return strlen(whole) == part.Length && memcmp(whole, part.Start, part.Length) == 0;
+}
+
 // The caller holds LiveSessionListLock. `session` receives the match, or null when the match has no media.
-int FindReadySession(RtmpServer *server, const char *name, RtmpSession **session)
+int FindReadySession(RtmpServer *server, NamePart name, RtmpSession **session)
 {
     for (RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
-        if (strcmp(each->Name, name) != 0) {
+        if (!IsName(each->Name, name)) {
             continue;
         }
         *session = LoadShared(&each->MediaInfoAdded) == 1 ? each : nullptr;
         return *session != nullptr ? 0 : -1;
     }
     return -1;
+}
+
+// FindStream looks up the name as the player gave it; where that is allowed, then without what belongs to the
+// request and not to the stream. The caller holds LiveSessionListLock.
+int FindStream(RtmpClient *client, const char *name, RtmpSession **session)
+{
+    const NamePart whole = WholeName(name);
+    if (FindReadySession(client->Server, whole, session) == 0) {
+        return 0;
+    }
+    if (!Allows(client, RULE_STREAM_NAME)) {
+        return -1;
+    }
+    const NamePart path = WithoutQuery(whole);
+    if (FindReadySession(client->Server, path, session) == 0) {
+        return 0;
+    }
+    return FindReadySession(client->Server, WithoutContainer(path), session);
 }
 
 // LockForLookup and UnlockAfterLookup log as ValidateRtmpStreamName, whose steps they are.
@@ -126,7 +178,7 @@ int ValidateRtmpStreamName(RtmpClient *client, uint32_t /*nameLength*/, const ch
     if (LockForLookup(client) != 0) {
         return -1;
     }
-    const int result = FindReadySession(client->Server, name, session);
+    const int result = FindReadySession(client->Server, WholeName(name), session);
     return UnlockAfterLookup(client) != 0 ? -1 : result;
 }
 
@@ -160,7 +212,7 @@ int JoinStream(RtmpClient *client, const char *name)
         return JOIN_NOT_FOUND;
     }
     RtmpSession *session = nullptr;
-    const int result = FindReadySession(client->Server, name, &session);
+    const int result = FindStream(client, name, &session);
     if (result == 0 && client->Session == nullptr) {
         JoinSession(session, client);
     }

@@ -197,6 +197,18 @@ int ReplyToPause(RtmpClient *client, RtmpRecvPkt *request)
     return client->PauseFlag == 1 ? Unpause(client, request) : Pause(client, request);
 }
 
+// seek: RTMP 1.0, 7.2.2.7. A live stream has no position to go to: the player is told that it is there, and
+// frames go on as they come.
+int ReplyToSeek(RtmpClient *client, RtmpRecvPkt *request)
+{
+    if (!IsPlayingOrPaused(ClientStateOf(client))) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Client state is not play done\n",
+                     kProcess);
+        return -1;
+    }
+    return Send(client, request, RTMP_MSG_SEEK);
+}
+
 // deleteStream: RTMP 1.0, 7.2.2.3
 int ReplyToDeleteStream(RtmpClient *client)
 {
@@ -230,6 +242,8 @@ int ProcessSend(RtmpClient *client, RtmpRecvPkt *request, uint32_t kind)
         return ReplyToPlay(client, request);
     case RTMP_MSG_PAUSE:
         return ReplyToPause(client, request);
+    case RTMP_MSG_SEEK:
+        return ReplyToSeek(client, request);
     case RTMP_MSG_DELETE_STREAM:
         return ReplyToDeleteStream(client);
     case RTMP_MSG_SET_BUFFER_LENGTH:

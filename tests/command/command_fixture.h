@@ -2,6 +2,7 @@
 #pragma once
 
 #include "command/command.h"
+#include "rtmpcast/player.h"
 #include "rtmpcast/server.h"
 #include "state/client.h"
 #include "state/client_list.h"

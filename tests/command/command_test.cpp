@@ -76,6 +76,29 @@ TEST_F(CommandDispatch, AnUnknownNameReportsTheUnsupportedKind)
     EXPECT_EQ(log.lines(), Lines{info("Unsupported command message: releaseStream")});
 }
 
+TEST_F(CommandDispatch, SeekAndPublishAreKnownWhereTheyAreAllowedOnly)
+{
+    client->PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_COMMANDS;
+    for (const std::string name : {"seek", "publish"}) {
+        log.clear();
+        const Parsed parsed = parse({String(name), Number(0), Null(), Number(1000)});
+        EXPECT_EQ(parsed.result, 0);
+        EXPECT_EQ(parsed.kind, 53U);
+        EXPECT_EQ(log.lines(), Lines{info("Unsupported command message: " + name)});
+    }
+    client->PlayerFlags = RTMP_PLAYERS_COMMANDS;
+    log.clear();
+    const Parsed seek = parse({String("seek"), Number(0), Null(), Number(1000)});
+    EXPECT_EQ(seek.result, 0);
+    EXPECT_EQ(seek.kind, 55U);
+    const Parsed publish = parse({String("publish"), Number(5), Null(), String("cam"), String("live")});
+    EXPECT_EQ(publish.result, -1);
+    EXPECT_EQ(publish.kind, 56U);
+    EXPECT_EQ(log.lines(),
+              (Lines{info("Received Command message: SEEK"), info("Received Command message: PUBLISH"),
+                     error("Publishing is not served")}));
+}
+
 TEST_F(CommandDispatch, NamesCompareExactly)
 {
     for (const std::string name : {"Connect", "conn", "connects", "ping ", "", "PLAY", "recordstarted"}) {

@@ -151,6 +151,69 @@ TEST_F(ConnectCommand, ArraysCountAsObjects)
                                   error("Invalid app value")}));
 }
 
+// What differs where any application and any codec are welcome.
+const ConnectRow kOpenConnectRows[] = {
+    {"app live", "app", String("live"), nullptr},
+    {"app without live", "app", String("vod"), nullptr},
+    {"app in capitals", "app", String("LIVE"), nullptr},
+    {"empty app", "app", String(""), nullptr},
+    {"app as a number", "app", Number(1), "Invalid app value"},
+    {"app as null", "app", Null(), "Invalid app value"},
+    {"key ap is another", "ap", Number(1), nullptr},
+    {"the empty key is another", "", Number(1), nullptr},
+    {"a longer key is another", "apps", Number(1), nullptr},
+    {"flashVer", "flashVer", String("FMLE/3.0"), nullptr},
+    {"flashVer as a number", "flashVer", Number(9), "Invalid flashVer value"},
+    {"key f is another", "f", Boolean(true), nullptr},
+    {"swfUrl of another type", "swfUrl", Number(1), nullptr},
+    {"tcUrl", "tcUrl", String("rtmp://h/vod"), nullptr},
+    {"tcUrl as null", "tcUrl", Null(), "Invalid tcUrl value"},
+    {"fpad true", "fpad", Boolean(true), nullptr},
+    {"fpad as a string", "fpad", String("false"), nullptr},
+    {"fpad as a number", "fpad", Number(0), nullptr},
+    {"audioCodecs 4095 is all", "audioCodecs", Number(4095), nullptr},
+    {"audioCodecs 3071 lacks AAC", "audioCodecs", Number(3071), nullptr},
+    {"audioCodecs 0", "audioCodecs", Number(0), nullptr},
+    {"audioCodecs NaN", "audioCodecs", Number(std::nan("")), nullptr},
+    {"audioCodecs as a string", "audioCodecs", String("4095"), "Invalid audioCodecs value"},
+    {"videoCodecs 127 lacks H.264", "videoCodecs", Number(127), nullptr},
+    {"videoCodecs as a boolean", "videoCodecs", Boolean(true), "Invalid videoCodecs value"},
+    {"pageUrl of any type", "pageUrl", Number(1), nullptr},
+    {"objectEncoding 0", "objectEncoding", Number(0), nullptr},
+    {"objectEncoding 3", "objectEncoding", Number(3), "Unsupported objectEncoding method"},
+    {"objectEncoding as a string names videoCodecs", "objectEncoding", String("0"),
+     "Invalid videoCodecs value"},
+    {"key o is another", "o", Number(3), nullptr},
+    {"other keys", "fourCcList", StrictArray({String("av01")}), nullptr},
+};
+
+TEST_F(ConnectCommand, OfAnOpenServerTakesAnyApplicationAnyCodecAndWholeKeysOnly)
+{
+    client->PlayerFlags = RTMP_PLAYERS_CONNECT;
+    for (const ConnectRow &row : kOpenConnectRows) {
+        SCOPED_TRACE(row.sentence);
+        log.clear();
+        const Parsed parsed = parse({String("connect"), Number(1), Object({{row.key, row.value}})});
+        EXPECT_EQ(parsed.result, row.failure == nullptr ? 0 : -1);
+        EXPECT_EQ(parsed.kind, 2U);
+        Lines expected = {info(kConnectLine)};
+        if (row.failure != nullptr) {
+            expected.push_back(error(row.failure));
+        }
+        EXPECT_EQ(log.lines(), expected);
+    }
+}
+
+TEST_F(ConnectCommand, OtherSettingsLeaveTheChecksAlone)
+{
+    client->PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_CONNECT;
+    for (const ConnectRow &row : kConnectRows) {
+        SCOPED_TRACE(row.sentence);
+        const Parsed parsed = parse({String("connect"), Number(1), Object({{row.key, row.value}})});
+        EXPECT_EQ(parsed.result, row.failure == nullptr ? 0 : -1);
+    }
+}
+
 // ------------------------------------------------------------------------------------------------- play
 
 TEST_F(PlayCommand, WithoutANameLeavesTheClientWithoutASession)
@@ -259,6 +322,72 @@ TEST_F(PlayCommand, WithoutMemoryForTheNameFailsAndKeepsTheOldOne)
     EXPECT_EQ(parse({String("play"), Number(0), Null(), String("other")}).result, -1);
     EXPECT_STREQ(client->StreamName, "live");
     EXPECT_EQ(log.lines(), (Lines{info(kPlayLine), error("Cannot allocate memory to amfObject")}));
+}
+
+struct NameRow {
+    const char *session;
+    const char *asked;
+    bool exact; // found as it is
+    bool found; // found by what of it belongs to the stream
+};
+
+const NameRow kNames[] = {
+    {"live", "live", true, true},
+    {"live", "live?token=1", false, true},
+    {"live", "live?", false, true},
+    {"live", "live?a?b", false, true},
+    {"live", "mp4:live", false, true},
+    {"live", "flv:live", false, true},
+    {"live", "mp4:live?token=1", false, true},
+    {"live", "flv:live?token=mp4:x", false, true},
+    {"live", "mp3:live", false, false},
+    {"live", "MP4:live", false, false},
+    {"live", "mp4:mp4:live", false, false},
+    {"live", "mp4:flv:live", false, false},
+    {"live", "mp4:", false, false},
+    {"live", "mp4", false, false},
+    {"live", "?live", false, false},
+    {"live", "liv", false, false},
+    {"live", "liv?e", false, false},
+    {"live", "lives?x", false, false},
+    {"live", "live&token=1", false, false},
+    {"live", "", false, false},
+    {"a?b", "a?b", true, true},
+    {"a?b", "a", false, false},
+    {"mp4:a", "mp4:a", true, true},
+    {"mp4:a", "a", false, false},
+    {"mp4:a", "mp4:a?x", false, true},
+};
+
+TEST_F(PlayCommand, LooksForTheWholeNameAloneUnlessMoreIsAllowed)
+{
+    for (const uint32_t flags :
+         {RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_STREAM_NAME, RTMP_PLAYERS_STREAM_NAME + 0}) {
+        client->PlayerFlags = flags;
+        for (const NameRow &row : kNames) {
+            SCOPED_TRACE(std::string(row.asked) + " of " + row.session);
+            free(session.Name);
+            session.Name = strdup(row.session);
+            log.clear();
+            const bool found = flags == RTMP_PLAYERS_STREAM_NAME ? row.found : row.exact;
+            EXPECT_EQ(parse({String("play"), Number(0), Null(), String(row.asked)}).result, found ? 0 : -111);
+            EXPECT_EQ(client->Session, found ? &session : nullptr);
+            EXPECT_STREQ(client->StreamName, row.asked);
+            EXPECT_EQ(log.count("Stream name not found"), found ? 0U : 1U);
+            if (client->Session != nullptr) {
+                (void)UnlinkClient(&session, client);
+                client->Session = nullptr;
+            }
+        }
+    }
+}
+
+TEST_F(PlayCommand, OfASessionWithoutMediaIsNotFoundByAnyName)
+{
+    client->PlayerFlags = RTMP_PLAYERS_STREAM_NAME;
+    session.MediaInfoAdded = 0;
+    EXPECT_EQ(parse({String("play"), Number(0), Null(), String("mp4:live?x")}).result, -111);
+    EXPECT_EQ(log.lines(), (Lines{info(kPlayLine), error("Stream name not found")}));
 }
 
 // ------------------------------------------------------------------------------------------------ pause

@@ -193,6 +193,76 @@ TEST_F(CommandReplies, RefusalsUseTheConnectionsStreamIdAsChunkStream)
     EXPECT_EQ(StreamIdOf(pkt.get()), "06 00 00 00");
 }
 
+TEST_F(CommandReplies, SeekAndPublishAreAnsweredOnTheMessageStreamOfTheRequest)
+{
+    struct Row {
+        uint32_t kind;
+        const char *level, *code, *description;
+    };
+    const Row rows[] = {
+        {RTMP_MSG_SEEK, "status", "NetStream.Seek.Notify", "Seeking"},
+        {RTMP_MSG_PUBLISH, "error", "NetStream.Publish.Denied", "Publishing is not served"},
+    };
+    client.StreamId = 7;
+    client.StatusChunkStreamId = 6;
+    for (const Row &row : rows) {
+        Request(8, AMF_NUMBER, 4);
+        request.MsgStreamId[0] = 0x12;
+        request.MsgStreamId[1] = 0x34;
+        const Packet pkt = Generate(&request, row.kind);
+        ASSERT_NE(pkt, nullptr);
+        EXPECT_EQ(PayloadOf(pkt.get()),
+                  ToHex(Hex(kOnStatus) + Member("level", row.level) + Member("code", row.code) +
+                        Member("description", row.description) + Hex("00 00 09")));
+        EXPECT_EQ(pkt->ChunkStreamId, 5U) << "beside the frames' one";
+        EXPECT_EQ(StreamIdOf(pkt.get()), "12 34 00 00");
+        request.HeaderType = 1; // names no stream
+        EXPECT_EQ(StreamIdOf(Generate(&request, row.kind).get()), "07 00 00 00");
+        EXPECT_EQ(StreamIdOf(Generate(nullptr, row.kind).get()), "07 00 00 00");
+        EXPECT_EQ(client.StatusChunkStreamId, 6U);
+    }
+}
+
+TEST_F(CommandReplies, SeekNamesTheStreamAsEveryStatusDoes)
+{
+    char stream[] = "mp4:ab?t=1";
+    client.StreamName = stream;
+    EXPECT_EQ(PayloadOf(Generate(nullptr, RTMP_MSG_SEEK).get()),
+              ToHex(Hex(kOnStatus) + Member("level", "status") + Member("code", "NetStream.Seek.Notify") +
+                    Member("description", "Seeking mp4:ab?t=1") + Member("details", "mp4:ab?t=1") +
+                    Member("clientid", "1388") + Hex("00 00 09")));
+}
+
+TEST_F(CommandReplies, ARejectedConnectIsToldWhichPropertyItWas)
+{
+    client.StreamId = 9;
+    Request(11, AMF_NUMBER, 2);
+    request.MsgStreamId[0] = 5;
+    char property[] = "objectEncoding and more of the payload";
+    request.Refusal.What.data = property;
+    request.Refusal.What.len = 14;
+    const Packet pkt = Generate(&request, RTMP_MSG_CONNECT_REJECTED);
+    ASSERT_NE(pkt, nullptr);
+    EXPECT_EQ(pkt->ChunkStreamId, 11U);
+    EXPECT_EQ(StreamIdOf(pkt.get()), "00 00 00 00");
+    EXPECT_EQ(PayloadOf(pkt.get()),
+              ToHex(Hex("02 0006 '_error' 00 4000000000000000 05 03") + Member("level", "error") +
+                    Member("code", "NetConnection.Connect.Rejected") +
+                    Member("description", "The value of objectEncoding is not accepted") + Hex("00 00 09")));
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST_F(CommandReplies, ARejectionHasRoomForNoLongProperty)
+{
+    Request(3, AMF_NUMBER, 1);
+    std::string property(65535, 'p');
+    request.Refusal.What.data = property.data();
+    request.Refusal.What.len = 65535;
+    const std::string payload = PayloadOf(Generate(&request, RTMP_MSG_CONNECT_REJECTED).get());
+    const std::string cut = ToHex(Member("description", "The value of " + std::string(50, 'p')));
+    EXPECT_NE(payload.find(cut), std::string::npos) << payload;
+}
+
 TEST_F(CommandReplies, APlayAndAPongHaveNoPayload)
 {
     client.StreamId = 7;
@@ -251,7 +321,7 @@ const BadTransactionRow kBadTransactions[] = {
 TEST_F(CommandReplies, ABadTransactionIdGetsNoReply)
 {
     for (const BadTransactionRow &row : kBadTransactions) {
-        for (uint32_t kind : {RTMP_MSG_CONNECT, RTMP_MSG_CREATE_STREAM}) {
+        for (uint32_t kind : {RTMP_MSG_CONNECT, RTMP_MSG_CREATE_STREAM, RTMP_MSG_CONNECT_REJECTED}) {
             SCOPED_TRACE(row.sentence);
             log.clear();
             EXPECT_EQ(Generate(Request(3, row.type, row.value), kind), nullptr);

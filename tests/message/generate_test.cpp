@@ -37,7 +37,7 @@ TEST_F(GenerateMessage, EveryKindHasItsMessageTypeAndCarriesItsKind)
     };
     const Row rows[] = {{2, 2, 20},   {4, 4, 20},  {9, 16, 20}, {23, 23, 20}, {36, 42, 4},
                         {43, 43, 1},  {44, 44, 2}, {45, 45, 3}, {46, 46, 5},  {47, 47, 6},
-                        {48, 50, 18}, {51, 51, 9}, {52, 52, 8}};
+                        {48, 50, 18}, {51, 51, 9}, {52, 52, 8}, {55, 57, 20}};
     for (const Row &row : rows) {
         for (uint32_t kind = row.first; kind <= row.last; kind++) {
             const Packet pkt = Generate(Request(3, AMF_NUMBER, 1), kind);

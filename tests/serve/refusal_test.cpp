@@ -113,6 +113,16 @@ TEST_F(Refusal, OfAnEventLeavesTheEventInThePacket)
     EXPECT_EQ(parse(RTMP_TYPE_USER_CONTROL, Hex("0003 00000001 00000BB8")).reason, uint32_t{REFUSED_NOT});
 }
 
+TEST_F(Refusal, OfPublishIsKnownWhereItIsAllowed)
+{
+    EXPECT_EQ(parse(RTMP_TYPE_AMF0_COMMAND, Command("publish")).reason, uint32_t{REFUSED_UNKNOWN_COMMAND});
+    player.client->PlayerFlags = RTMP_PLAYERS_COMMANDS;
+    const Refused refused = parse(RTMP_TYPE_AMF0_COMMAND, Command("publish"));
+    EXPECT_EQ(refused.result, -1);
+    EXPECT_EQ(refused.reason, uint32_t{REFUSED_PUBLISH});
+    EXPECT_EQ(refused.what, "publish");
+}
+
 TEST_F(Refusal, IsNotNotedWhereAMessageIsServed)
 {
     EXPECT_EQ(parse(RTMP_TYPE_AMF0_COMMAND, Command("createStream")).reason, uint32_t{REFUSED_NOT});
