@@ -4,6 +4,7 @@
 #include "net/byte_writer.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/scope.h"
 #include "net/socket_io.h"
@@ -13,6 +14,7 @@
 
 namespace {
 
+constexpr uint8_t kProtocolVersion = 3; // RTMP 1.0, 5.2.2
 constexpr uint32_t kPacketLength = 1536;
 constexpr uint32_t kDigestLength = 32;
 constexpr uint32_t kSignedLength = kPacketLength - kDigestLength;
@@ -70,7 +72,7 @@ int ReadC0(RtmpClient *client, Handshake *shake, const char *who)
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C0 packet from client\n", who);
         return -1;
     }
-    if (shake->C0 != 3) {
+    if (shake->C0 != kProtocolVersion) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: RTMP protocol version (%x) not supported\n", who,
                      static_cast<unsigned>(shake->C0));
         return -1;
@@ -79,7 +81,7 @@ int ReadC0(RtmpClient *client, Handshake *shake, const char *who)
 }
 
 // time:32  3 5 1 1  random:1528 bytes. The digest comes later, over the random bytes.
-void FillS1(Handshake *shake)
+void FillS1(const RtmpClient *client, Handshake *shake)
 {
     ByteWriter out = WriterOver(shake->Packet, sizeof shake->Packet);
     PutU32Be(&out, static_cast<uint32_t>(RtmpGetSystemTime()));
@@ -96,6 +98,9 @@ void FillS1(Handshake *shake)
     // of the version number (RTMP 1.0, 5.2.2). Required: it is a byte on the wire.
     (void)rand();
     shake->S0 = static_cast<uint8_t>(static_cast<uint32_t>(rand()) >> 24);
+    if (Allows(client, RULE_VERSION_IN_S0)) {
+        shake->S0 = kProtocolVersion;
+    }
 }
 
 int SignS1(RtmpClient *client, Handshake *shake, const char *who)
@@ -159,7 +164,35 @@ int SignPacket(RtmpClient *client, Handshake *shake, const uint8_t *seed, const 
     return 0;
 }
 
-// C1 becomes S2: its first 1504 bytes as they came, and a signature.
+int SendS2(RtmpClient *client, const Handshake *shake, const char *who)
+{
+    if (!SendWhole(client, shake->Packet, kPacketLength)) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot send S2 packet to client\n",
+                     who);
+        return -1;
+    }
+    return 0;
+}
+
+// AnswerSignedC1: C1, signed at `offset`, becomes S2: its first 1504 bytes as they came, and a signature.
+int AnswerSignedC1(RtmpClient *client, Handshake *shake, int32_t offset, const char *who)
+{
+    if (SignPacket(client, shake, shake->Packet + offset, BytesOf(GenuineFMSKey), kServerKeyLength, who) !=
+        0) {
+        return -1;
+    }
+    memcpy(shake->Packet + kSignedLength, shake->Digest, kDigestLength);
+    return SendS2(client, shake, who);
+}
+
+// AnswerPlainC1: S2 is C1 as it came. Its second time, which RTMP 1.0, 5.2.4 leaves to the server, stays the
+// player's too: some players compare the whole packet.
+int AnswerPlainC1(RtmpClient *client, const Handshake *shake, const char *who)
+{
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Client handshake is not signed\n", who);
+    return SendS2(client, shake, who);
+}
+
 int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
@@ -168,18 +201,22 @@ int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
         return -1;
     }
     const int32_t offset = FindPlayerDigest(shake->Packet);
-    if (offset < 0) {
-        // KEPT: misspelt. Required; changes a log line.
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot varify the client digest\n", who);
-        return -1;
+    if (offset >= 0) {
+        return AnswerSignedC1(client, shake, offset, who);
     }
-    if (SignPacket(client, shake, shake->Packet + offset, BytesOf(GenuineFMSKey), kServerKeyLength, who) !=
-        0) {
-        return -1;
+    if (Allows(client, RULE_PLAIN_HANDSHAKE)) {
+        return AnswerPlainC1(client, shake, who);
     }
-    memcpy(shake->Packet + kSignedLength, shake->Digest, kDigestLength);
-    if (!SendWhole(client, shake->Packet, kPacketLength)) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot send S2 packet to client\n", who);
+    // KEPT: misspelt. Required; changes a log line.
+    RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot varify the client digest\n", who);
+    return -1;
+}
+
+int ReadC2(RtmpClient *client, Handshake *shake, const char *who)
+{
+    if (ReadNoOfBytes(client, shake->Packet, kPacketLength) != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot read C2 packet from client\n", who);
         return -1;
     }
     return 0;
@@ -187,19 +224,25 @@ int AnswerC1(RtmpClient *client, Handshake *shake, const char *who)
 
 int VerifyC2(RtmpClient *client, Handshake *shake, const char *who)
 {
-    RtmpLogger *logger = LoggerOf(client->Server);
-    if (ReadNoOfBytes(client, shake->Packet, kPacketLength) != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot read C2 packet from client\n", who);
-        return -1;
-    }
     if (SignPacket(client, shake, shake->ServerDigest, BytesOf(GenuineFPKey), kPlayerKeyLength, who) != 0) {
         return -1;
     }
     if (memcmp(shake->Packet + kSignedLength, shake->Digest, kDigestLength) != 0) {
-        RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Client is not a genuine Adobe\n", who);
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Client is not a genuine Adobe\n",
+                     who);
         return -1;
     }
     return 0;
+}
+
+// TakeC2: by RTMP 1.0, 5.2.4 C2 is an echo of S1. What a player puts there in truth differs too much to
+// refuse anybody for it, so with the plain handshake allowed it may hold anything, behind a signed C1 too.
+int TakeC2(RtmpClient *client, Handshake *shake, const char *who)
+{
+    if (ReadC2(client, shake, who) != 0) {
+        return -1;
+    }
+    return Allows(client, RULE_PLAIN_HANDSHAKE) ? 0 : VerifyC2(client, shake, who);
 }
 
 } // namespace
@@ -266,9 +309,9 @@ int PerformHandshake(RtmpClient *client)
     if (ReadC0(client, shake, __func__) != 0) {
         return -1;
     }
-    FillS1(shake);
+    FillS1(client, shake);
     if (SignS1(client, shake, __func__) != 0 || SendS0AndS1(client, shake, __func__) != 0 ||
-        AnswerC1(client, shake, __func__) != 0 || VerifyC2(client, shake, __func__) != 0) {
+        AnswerC1(client, shake, __func__) != 0 || TakeC2(client, shake, __func__) != 0) {
         return -1;
     }
     RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Handshake done\n", __func__);

@@ -1,5 +1,5 @@
 // The digest handshake (RTMP 1.0, 5.2, with the signatures that Flash players and servers put into C1, S1,
-// S2 and C2), server side.
+// S2 and C2), and the plain one for connections that allow it (RTMP_PLAYERS_HANDSHAKE); server side.
 #pragma once
 
 #include "rtmpcast/types.h"

@@ -49,7 +49,7 @@ struct PlayerRuleRow {
 
 constexpr PlayerRuleRow kPlayerRules[] = {
     {RULE_PLAIN_HANDSHAKE, RTMP_PLAYERS_HANDSHAKE, "C1 and C2 must be signed with the player's key.",
-     "AnswerC1 VerifyC2"},
+     "AnswerC1 TakeC2"},
     {RULE_VERSION_IN_S0, RTMP_PLAYERS_VERSION, "S0 is a random byte from 0 to 127.", "FillS1"},
     {RULE_CHUNK_STREAM_ID, RTMP_PLAYERS_CHUNKS_IN, "Bit 4 of a chunk stream id is masked out.",
      "ReadRtmpMessage"},

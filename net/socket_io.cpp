@@ -189,7 +189,11 @@ int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t lengt
 int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length)
 {
     const TlsLine line = LineOf(client);
-    return ReadWhole(client, LoggerOf(client->Server), &line, buf, length);
+    if (ReadWhole(client, LoggerOf(client->Server), &line, buf, length) != 0) {
+        return -1;
+    }
+    client->BytesReceived += length;
+    return 0;
 }
 
 int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length)

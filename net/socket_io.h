@@ -27,7 +27,7 @@ RTMP_STATUS int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, ui
 // The same on a client's socket and TLS handle, and what they log is the same. The calls of the handle are
 // made under the client's TlsLock; RtmpReadBytes and RtmpSendBytes make them without it, for a handle that no
 // other thread uses. A client that is told to leave (net/client_state.h) reads nothing more: its read fails
-// as an interrupted one does.
+// as an interrupted one does. What was read is counted in BytesReceived.
 RTMP_STATUS int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length);
 RTMP_STATUS int SendClientBytes(RtmpClient *client, const uint8_t *buf, uint32_t length);
 

@@ -1,4 +1,5 @@
 #include "net/handshake.h"
+#include "rtmpcast/player.h"
 #include "support/host_fakes.h"
 #include "support/socket_client.h"
 
@@ -384,6 +385,110 @@ TEST(Handshake, AC2WithoutAGenuineSignatureIsRefused)
     }
 }
 
+// ------------------------------------------------------------------------- players without the key, allowed
+
+TEST(StandardHandshake, AC1WithoutADigestComesBackWholeAndC2MayHoldAnything)
+{
+    Bytes flipped = C1Scheme1();
+    flipped[Offset1(flipped) + 31] ^= 1;
+    const struct {
+        const char *sentence;
+        Bytes c1, c2;
+    } rows[] = {
+        {"zeros, and noise", Bytes(kPacket), Noise(20)},
+        {"noise, and zeros", Noise(7), Bytes(kPacket)},
+        {"a digest that is wrong by one bit", flipped, flipped},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.sentence);
+        SocketClient client;
+        client->PlayerFlags = RTMP_PLAYERS_HANDSHAKE;
+        Server server(client);
+        client.send(Hex("03") + row.c1);
+        client.receive(1 + kPacket);
+        EXPECT_EQ(client.receive(kPacket), row.c1); // before C2: many players wait for it
+        client.send(row.c2);
+        EXPECT_EQ(server.result(), 0);
+        EXPECT_EQ(client.takeLines(), (Lines{"6 INFO: PerformHandshake: Client handshake is not signed",
+                                             "6 INFO: PerformHandshake: Handshake done"}));
+    }
+}
+
+TEST(StandardHandshake, ASignedC1IsAnsweredWithASignatureAndC2IsNotVerified)
+{
+    for (const Bytes &c1 : {C1Scheme1(), C1Scheme2()}) {
+        const size_t offset = c1 == C1Scheme1() ? Offset1(c1) : Offset2(c1);
+        SocketClient client;
+        client->PlayerFlags = RTMP_PLAYERS_HANDSHAKE;
+        Server server(client);
+        client.send(Hex("03") + c1);
+        client.receive(1);
+        const Bytes s1 = client.receive(kPacket);
+        const Bytes s2 = client.receive(kPacket);
+        ASSERT_EQ(s2.size(), kPacket);
+        EXPECT_EQ(Slice(s2, 0, 1504), Slice(c1, 0, 1504));
+        EXPECT_EQ(Slice(s2, 1504, 32),
+                  Hmac(Hmac(kServerBanner + kTail, Slice(c1, offset, 32)), Slice(c1, 0, 1504)));
+        client.send(s1);
+        EXPECT_EQ(server.result(), 0);
+        EXPECT_EQ(client.takeLines(), Lines{"6 INFO: PerformHandshake: Handshake done"});
+    }
+}
+
+TEST(StandardHandshake, S0IsTheVersionAndEverythingElseIsAsItWas)
+{
+    const auto greeting = [](uint32_t flags) {
+        srand(20);
+        SocketClient client;
+        client->PlayerFlags = flags;
+        client.send(Hex("03"));
+        client.endOfInput();
+        EXPECT_EQ(PerformHandshake(client.get()), -1);
+        Bytes bytes = client.receive(1 + kPacket);
+        EXPECT_EQ(bytes.size(), 1 + kPacket);
+        const size_t digest = 1 + Offset1(Slice(bytes, 1, kPacket));
+        Put(bytes, 1, Bytes(4)); // the time, and with it the digest
+        Put(bytes, digest, Bytes(32));
+        return bytes;
+    };
+    const Bytes exact = greeting(RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_VERSION);
+    const Bytes standard = greeting(RTMP_PLAYERS_VERSION);
+    ASSERT_EQ(standard.size(), exact.size());
+    EXPECT_NE(exact[0], 3);
+    EXPECT_EQ(standard[0], 3);
+    EXPECT_EQ(Slice(standard, 1, kPacket), Slice(exact, 1, kPacket));
+}
+
+TEST(StandardHandshake, TheVersionAloneAdmitsNobody)
+{
+    SocketClient client;
+    client->PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_HANDSHAKE;
+    client.send(Hex("03") + Noise(7));
+    EXPECT_EQ(PerformHandshake(client.get()), -1);
+    EXPECT_EQ(client.takeLines(), Lines{"3 ERROR: PerformHandshake: Cannot varify the client digest"});
+}
+
+TEST(StandardHandshake, OfEncryptedRtmpIsRefusedAllTheSame)
+{
+    SocketClient client;
+    client->PlayerFlags = RTMP_PLAYERS_ALL;
+    client.send(Hex("06") + Noise(7));
+    EXPECT_EQ(PerformHandshake(client.get()), -1);
+    EXPECT_EQ(client.takeLines(),
+              Lines{"3 ERROR: PerformHandshake: RTMP protocol version (6) not supported"});
+}
+
+TEST(StandardHandshake, APlayerThatLeavesBeforeC2IsWholeIsLogged)
+{
+    SocketClient client;
+    client->PlayerFlags = RTMP_PLAYERS_ALL;
+    client.send(Hex("03") + Noise(7) + Slice(Noise(8), 0, kPacket - 1));
+    client.endOfInput();
+    EXPECT_EQ(PerformHandshake(client.get()), -1);
+    EXPECT_EQ(client.takeLines(), (Lines{"6 INFO: PerformHandshake: Client handshake is not signed", kClosed,
+                                         "3 ERROR: PerformHandshake: Cannot read C2 packet from client"}));
+}
+
 // -------------------------------------------------------------------------------------------- cut short
 
 TEST(Handshake, APlayerThatLeavesAtAnyStageIsLoggedByTheStage)
@@ -630,4 +735,16 @@ TEST(ReadNoOfBytes, ReadsThroughTlsWhereTheClientHasIt)
     Bytes buffer(1);
     EXPECT_EQ(ReadNoOfBytes(client.get(), buffer.data(), 1), 0);
     EXPECT_EQ(buffer, Hex("03"));
+}
+
+TEST(ReadNoOfBytes, CountsWhatWasRead)
+{
+    SocketClient client;
+    client.send(Hex("AABBCC"));
+    Bytes buffer(3);
+    EXPECT_EQ(ReadNoOfBytes(client.get(), buffer.data(), 1), 0);
+    EXPECT_EQ(client->BytesReceived, 1U);
+    client->BytesReceived = 0xFFFFFFFF; // the count begins anew behind the largest
+    EXPECT_EQ(ReadNoOfBytes(client.get(), buffer.data(), 2), 0);
+    EXPECT_EQ(client->BytesReceived, 1U);
 }

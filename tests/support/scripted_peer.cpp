@@ -51,6 +51,9 @@ Bytes MakeC1(const HandshakeOptions &options)
 // 1504 random bytes and their signature with a key made of the server's digest.
 Bytes MakeC2(const HandshakeOptions &options, const Bytes &s1)
 {
+    if (options.echoS1) {
+        return s1;
+    }
     Bytes c2 = RandomPacket(options.seed + 1);
     if (options.signC2) {
         const Bytes serverDigest = Slice(s1, DigestOffset(s1, 1), kDigest);
@@ -194,6 +197,9 @@ HandshakeRecord ScriptedPeer::handshake(const HandshakeOptions &options)
     record.s0 = socket.receive(1);
     record.s1 = socket.receive(kPacket);
     record.s2 = socket.receive(kPacket);
+    if (options.scheme == 0 && record.s2 != record.c1) {
+        throw PeerError("S2 is not C1");
+    }
     record.c2 = MakeC2(options, record.s1);
     put(record.c2, 1 + kPacket);
     return record;
@@ -231,9 +237,9 @@ std::vector<Message> ScriptedPeer::settle()
     return before;
 }
 
-void ScriptedPeer::connected()
+void ScriptedPeer::connected(const HandshakeOptions &options)
 {
-    handshake();
+    handshake(options);
     command(ConnectCommand());
     read(6);
 }

@@ -14,10 +14,14 @@ struct HandshakeOptions {
     uint8_t version = 3;     // C0
     int scheme = 1;          // where C1 carries its digest: 1 at 12 and up, 2 at 776 and up, 0 nowhere
     bool signC2 = true;      // false: C2 is random
+    bool echoS1 = false;     // C2 is S1, as RTMP 1.0, 5.2.4 has it
     uint32_t seed = 1;       // of the random fill
     size_t pieceSize = 0;    // bytes per write; 0: as many as possible
     size_t stopAfter = 3073; // bytes of C0, C1 and C2 together that are sent at all
 };
+
+// The handshake of a player that knows RTMP 1.0 and no keys.
+constexpr HandshakeOptions kPlainHandshake = {.scheme = 0, .signC2 = false, .echoS1 = true};
 
 // Everything that passed.
 struct HandshakeRecord {
@@ -56,7 +60,8 @@ class ScriptedPeer {
     explicit ScriptedPeer(uint16_t port, int deadlineMs = 30000) : socket(port, deadlineMs), chunks(socket) {}
     explicit ScriptedPeer(Connected connection) : socket(connection), chunks(socket) {}
 
-    // Runs the handshake as far as the options say; replies that are due by then are read and recorded.
+    // Runs the handshake as far as the options say; replies that are due by then are read and recorded. An S2
+    // that does not repeat a C1 without digest is a PeerError.
     HandshakeRecord handshake(const HandshakeOptions &options = {});
 
     void send(const Outgoing &message)
@@ -81,8 +86,8 @@ class ScriptedPeer {
     std::vector<Message> settle();
 
     // Requests together with their usual replies.
-    void connected(); // handshake, connect
-    void created();   // ..., createStream
+    void connected(const HandshakeOptions &options = {}); // handshake, connect
+    void created();                                       // ..., createStream
     std::vector<Message> playing(const std::string &name,
                                  size_t replies = 7); // ..., play; returns its replies
 
