@@ -1,12 +1,15 @@
 #include "media/media_info.h"
 
+#include "media/annex_b.h"
 #include "media/flv_tag.h"
 #include "media/parameter_sets.h"
+#include "media/player_bodies.h"
 #include "media/sps.h"
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/scope.h"
 #include "rtmpcast/media.h"
@@ -30,6 +33,18 @@ uint8_t *CopyOfBytes(const uint8_t *bytes, int32_t length)
     return copy;
 }
 
+// On a server with RTMP_PLAYERS_DESCRIPTION the configuration may come in any Annex B form, and is kept in
+// the one that the procedures behind this take. One without parameter sets is left to them to refuse.
+uint8_t *CopyOfVideoConfiguration(const RtmpServer *server, const VideoMediaInfo *video, uint32_t *length)
+{
+    ParameterSets sets = {};
+    *length = static_cast<uint32_t>(video->configLen);
+    if (Allows(server, RULE_PARAMETER_SETS) && FindParameterSets(video->configData, *length, &sets)) {
+        return JoinParameterSets(&sets, length);
+    }
+    return CopyOfBytes(video->configData, video->configLen);
+}
+
 // A byte of the AudioSpecificConfig; one that is not there reads as zero.
 uint8_t AdConfigByte(const CodecInfo *codecInfo, uint32_t index)
 {
@@ -43,9 +58,12 @@ void FreeVideoHalf(CodecInfo *codecInfo)
     }
     free(codecInfo->VdCodecInfo);
     free(codecInfo->VdConfigData);
+    free(codecInfo->PlayerAvccBox);
     codecInfo->VdCodecInfo = nullptr;
     codecInfo->VdConfigData = nullptr;
     codecInfo->VdConfigDataLen = 0;
+    codecInfo->PlayerAvccBox = nullptr;
+    codecInfo->PlayerAvccBoxLen = 0;
 }
 
 void FreeAudioHalf(CodecInfo *codecInfo)
@@ -72,13 +90,14 @@ RTMP_STATUS int CopyVideoInfo(RtmpSession *session, const VideoMediaInfo *video,
 {
     RtmpLogger *logger = LoggerOf(session->Server);
     CodecInfo *codecInfo = session->CodecInfo;
-    codecInfo->VdConfigData = CopyOfBytes(video->configData, video->configLen);
+    uint32_t configLen = 0;
+    codecInfo->VdConfigData = CopyOfVideoConfiguration(session->Server, video, &configLen);
     if (codecInfo->VdConfigData == nullptr) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR,
                      "ERROR: %s: Cannot allocate memory to rtmpSession->CodecInfo->VdConfigData\n", who);
         return -1;
     }
-    codecInfo->VdConfigDataLen = static_cast<uint32_t>(video->configLen);
+    codecInfo->VdConfigDataLen = configLen;
     codecInfo->VdCodecInfo = NewRecord<VdCodecInfo>();
     if (codecInfo->VdCodecInfo == nullptr) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR,
@@ -185,7 +204,7 @@ RTMP_STATUS int32_t BuildCodecInfo(RtmpSession *draft, const VideoMediaInfo *vid
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add audio information\n", who);
         return RTMP_ERR_AUDIO_INFO;
     }
-    if (GenerateFlvMetadata(draft) != 0) {
+    if (GenerateFlvMetadata(draft) != 0 || GeneratePlayerMetadata(draft) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate meta information\n", who);
         return RTMP_ERR_META_DATA;
     }
@@ -261,7 +280,7 @@ int AddVideoInfo(RtmpSession *session, const VideoMediaInfo *video)
                      __func__);
         return -1;
     }
-    if (CreateAVCCBox(session) != 0) {
+    if (CreateAVCCBox(session) != 0 || CreatePlayerAvccBox(session) != 0) {
         FreeVideoHalf(session->CodecInfo);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate avcc box\n", __func__);
         return -1;
@@ -297,6 +316,7 @@ void FreeCodecInfo(CodecInfo *codecInfo)
         FreeVideoHalf(codecInfo);
         FreeAudioHalf(codecInfo);
         free(codecInfo->MetaData);
+        free(codecInfo->PlayerMetaData);
         free(codecInfo);
         codecInfo = next;
     }

@@ -7,6 +7,7 @@
 #include "message/send_packet.h"
 #include "net/atomic.h"
 #include "net/log.h"
+#include "net/player_rules.h"
 
 namespace {
 
@@ -75,6 +76,11 @@ int ReferToMetaData(RtmpClient *client, RtmpSendPkt *pkt)
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Codec information not added in session\n", kDataGenerator);
         return -1;
+    }
+    if (Allows(client, RULE_METADATA) && codecInfo->PlayerMetaData != nullptr) {
+        pkt->PayloadData = codecInfo->PlayerMetaData;
+        pkt->PayloadLength = codecInfo->PlayerMetaDataLen;
+        return 0;
     }
     pkt->PayloadData = codecInfo->MetaData;
     pkt->PayloadLength = codecInfo->MetaDataLen;

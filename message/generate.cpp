@@ -8,6 +8,7 @@
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
+#include "net/player_rules.h"
 
 namespace {
 
@@ -49,8 +50,9 @@ struct TagBody {
     uint32_t MediaLength; // without the header of the tag body
 };
 
-int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBody *body)
+int FindAvcSequenceHeader(const RtmpClient *client, const CodecInfo *codecInfo, TagBody *body)
 {
+    RtmpLogger *logger = LoggerOf(client->Server);
     const VdCodecInfo *video = codecInfo->VdCodecInfo;
     if (video == nullptr || video->AvccBox == nullptr) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Video codec information not present\n",
@@ -60,6 +62,10 @@ int FindAvcSequenceHeader(RtmpLogger *logger, const CodecInfo *codecInfo, TagBod
     if (codecInfo->VdCodecId != kVideoCodecAvc) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unsupported video codec\n", kMsgGenerator);
         return -1;
+    }
+    if (Allows(client, RULE_AVC_RECORD) && codecInfo->PlayerAvccBox != nullptr) {
+        *body = {codecInfo->PlayerAvccBox, codecInfo->PlayerAvccBoxLen - FLV_VIDEO_HDR_LEN};
+        return 0;
     }
     *body = {video->AvccBox, static_cast<uint32_t>(video->AvccBoxLen) - FLV_VIDEO_HDR_LEN};
     return 0;
@@ -92,7 +98,7 @@ int FindSequenceHeader(RtmpClient *client, uint32_t msgKind, TagBody *body)
                      kMsgGenerator);
         return -1;
     }
-    return msgKind == RTMP_MSG_VIDEO ? FindAvcSequenceHeader(logger, codecInfo, body)
+    return msgKind == RTMP_MSG_VIDEO ? FindAvcSequenceHeader(client, codecInfo, body)
                                      : FindAacSequenceHeader(logger, codecInfo, body);
 }
 

@@ -2,6 +2,7 @@
 // the flag of RtmpPlayerSettings under which a connection is served by the standard instead, and who asks.
 #pragma once
 
+#include "net/atomic.h"
 #include "rtmpcast/player.h"
 
 // By what they touch, from the wire inwards.
@@ -86,11 +87,13 @@ constexpr PlayerRuleRow kPlayerRules[] = {
     {RULE_METADATA, RTMP_PLAYERS_DESCRIPTION,
      "onMetaData lacks the value of \"stereo\", ends two bytes late, and has whole macroblocks for a "
      "picture.",
-     ""},
+     "GeneratePlayerMetadata ReferToMetaData"},
     {RULE_AVC_RECORD, RTMP_PLAYERS_DESCRIPTION,
-     "The AVC decoder configuration record of a High profile lacks chroma format and bit depths.", ""},
+     "The AVC decoder configuration record of a High profile lacks chroma format and bit depths.",
+     "CreatePlayerAvccBox FindAvcSequenceHeader"},
     {RULE_PARAMETER_SETS, RTMP_PLAYERS_DESCRIPTION,
-     "Parameter sets begin and end at 4-byte start codes only, and a long PPS never ends the data.", ""},
+     "Parameter sets begin and end at 4-byte start codes only, and a long PPS never ends the data.",
+     "CopyOfVideoConfiguration"},
     {RULE_KEY_FRAME_TAG, RTMP_PLAYERS_DESCRIPTION, "The first NAL unit alone tells a key frame.",
      "SendFrameTo"},
     {RULE_TIMELINE, RTMP_PLAYERS_TIMELINE, "Message time is the time since the connection was made.", ""},
@@ -113,4 +116,10 @@ static_assert(AreInOrder(kPlayerRules), "a rule is its row's number");
 inline bool Allows(const RtmpClient *client, enum PlayerRule rule)
 {
     return (client->PlayerFlags & kPlayerRules[rule].Flag) != 0;
+}
+
+// The same for what a server prepares for all connections to come.
+inline bool Allows(const RtmpServer *server, enum PlayerRule rule)
+{
+    return (LoadShared(&server->PlayerFlags) & kPlayerRules[rule].Flag) != 0;
 }

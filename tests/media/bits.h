@@ -55,6 +55,20 @@ class BitWriter {
     std::vector<bool> bits_;
 };
 
+// A NAL unit's bytes with emulation prevention bytes where they have to be (ITU-T H.264, 7.4.1).
+inline Bytes Escaped(const Bytes &rbsp)
+{
+    Bytes nal;
+    for (const uint8_t byte : rbsp) {
+        const size_t n = nal.size();
+        if (n >= 2 && nal[n - 1] == 0 && nal[n - 2] == 0 && byte <= 3) {
+            nal.push_back(3);
+        }
+        nal.push_back(byte);
+    }
+    return nal;
+}
+
 // A heap copy of exactly this size: the address sanitizer sees a read of the byte behind it.
 class ExactBytes {
   public:

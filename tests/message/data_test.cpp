@@ -1,4 +1,5 @@
 #include "message_fixture.h"
+#include "rtmpcast/player.h"
 
 namespace {
 
@@ -67,6 +68,42 @@ TEST_F(DataMessages, MetaDataIsTheSessionsOwnBodyAndOutlivesTheMessage)
         EXPECT_EQ(StreamIdOf(pkt.get()), "01 00 00 00");
     }
     EXPECT_EQ(ToHex(body, 3), "02 00 0A");
+}
+
+TEST_F(DataMessages, AClientOfTheDescriptionRuleGetsTheWellFormedMetaData)
+{
+    uint8_t wellFormed[4] = {2, 0, 10, 'o'};
+    session.CodecInfo = &codec;
+    client.Session = &session;
+    codec.PlayerMetaData = wellFormed;
+    codec.PlayerMetaDataLen = sizeof wellFormed;
+    const Packet exact = Generate(nullptr, RTMP_MSG_META_DATA);
+    EXPECT_EQ(exact->PayloadData, body);
+    EXPECT_EQ(exact->PayloadLength, 3U);
+
+    client.PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_DESCRIPTION;
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_META_DATA)->PayloadData, body);
+
+    client.PlayerFlags = RTMP_PLAYERS_DESCRIPTION;
+    for (int i = 0; i < 2; i++) { // borrowed, as the exact one
+        const Packet pkt = Generate(nullptr, RTMP_MSG_META_DATA);
+        ASSERT_NE(pkt, nullptr);
+        EXPECT_EQ(pkt->PayloadData, wellFormed);
+        EXPECT_EQ(pkt->PayloadLength, 4U);
+        EXPECT_EQ(pkt->MsgTypeId, 18U);
+        EXPECT_EQ(pkt->ChunkStreamId, 5U);
+    }
+    EXPECT_EQ(ToHex(wellFormed, 4), "02 00 0A 6F");
+}
+
+TEST_F(DataMessages, MetaDataThatWasRegisteredBeforeTheSettingIsTheExactOne)
+{
+    session.CodecInfo = &codec;
+    client.Session = &session;
+    client.PlayerFlags = RTMP_PLAYERS_DESCRIPTION;
+    const Packet pkt = Generate(nullptr, RTMP_MSG_META_DATA);
+    EXPECT_EQ(pkt->PayloadData, body);
+    EXPECT_EQ(pkt->PayloadLength, 3U);
 }
 
 TEST_F(DataMessages, DeltasAreTakenAgainstTheStatusChunkStream)

@@ -1,4 +1,5 @@
 #include "message_fixture.h"
+#include "rtmpcast/player.h"
 
 namespace {
 
@@ -78,6 +79,29 @@ TEST_F(GenerateMessage, TheAvcSequenceHeaderIsTheSessionsOwn)
     EXPECT_EQ(pkt->ChunkStreamId, 5U);
 }
 
+TEST_F(GenerateMessage, AClientOfTheDescriptionRuleGetsTheWholeAvcSequenceHeader)
+{
+    uint8_t whole[13] = {0x17, 0, 0, 0, 0, 1, 0x64, 0, 0x1E, 0xFD, 0xF8, 0xF8, 0};
+    codec.PlayerAvccBox = whole;
+    codec.PlayerAvccBoxLen = sizeof whole;
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_VIDEO)->PayloadData, avcBody);
+    client.PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_DESCRIPTION;
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_VIDEO)->PayloadData, avcBody);
+
+    client.PlayerFlags = RTMP_PLAYERS_DESCRIPTION;
+    for (int i = 0; i < 2; i++) { // borrowed, as the exact one
+        const Packet pkt = Generate(nullptr, RTMP_MSG_VIDEO);
+        ASSERT_NE(pkt, nullptr);
+        EXPECT_EQ(pkt->PayloadData, whole);
+        EXPECT_EQ(pkt->PayloadLength, 13U);
+        EXPECT_EQ(pkt->ChunkStreamId, 5U);
+    }
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_AUDIO)->PayloadData, audio.AacSeqHdr);
+    codec.PlayerAvccBox = nullptr; // registered before the setting
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_VIDEO)->PayloadData, avcBody);
+    EXPECT_EQ(Generate(nullptr, RTMP_MSG_VIDEO)->PayloadLength, 9U);
+}
+
 TEST_F(GenerateMessage, TheAacSequenceHeaderIsTheSessionsOwn)
 {
     const Packet pkt = Generate(nullptr, RTMP_MSG_AUDIO);
@@ -142,8 +166,11 @@ TEST_F(GenerateMessage, ASequenceHeaderThatIsNotThereIsRefused)
         const CodecInfo whole = codec;
         log.clear();
         row.change(&client, &codec);
-        EXPECT_EQ(Generate(nullptr, row.kind), nullptr);
-        EXPECT_EQ(log.lines(), Lines{row.line});
+        for (const uint32_t flags : {RTMP_PLAYERS_EXACT, RTMP_PLAYERS_ALL}) {
+            client.PlayerFlags = flags;
+            EXPECT_EQ(Generate(nullptr, row.kind), nullptr);
+        }
+        EXPECT_EQ(log.lines(), (Lines{row.line, row.line}));
         codec = whole;
         video.AvccBox = box;
         session.CodecInfo = &codec;
