@@ -1,13 +1,16 @@
 #!/bin/sh
 # Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
 #
-#   scripts/install_deps.sh [demo|adaptive|test]      default: everything
+#   scripts/install_deps.sh [demo|adaptive|edge|test]      default: everything
 set -eu
 
 build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev
 libswscale-dev libswresample-dev"
 demo="ffmpeg rtmpdump"
 adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
+edge="ffmpeg nginx-light libnginx-mod-rtmp chromium nodejs"
+# Node.js from elsewhere brings its own npm, beside which Debian's cannot be installed.
+command -v npm >/dev/null || edge="$edge npm"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3
 clang clang-tidy clang-format"
 # The tests run on 64-bit ARM too. Elsewhere that takes a cross compiler, an emulator, and the libraries in both
@@ -21,9 +24,10 @@ fi
 case ${1:-all} in
 demo) packages="$build $demo" ;;
 adaptive) packages="$build $adaptive" ;;
+edge) packages="$build $edge" ;;
 test) packages="$build $tests" ;;
-all) packages="$build $demo $adaptive $tests" ;;
-*) echo "Usage: install_deps.sh [demo|adaptive|test]" >&2; exit 2 ;;
+all) packages="$build $demo $adaptive $edge $tests" ;;
+*) echo "Usage: install_deps.sh [demo|adaptive|edge|test]" >&2; exit 2 ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

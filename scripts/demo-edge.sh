@@ -1,0 +1,153 @@
+#!/bin/bash
+# Beyond one device, and in a browser: live_host encodes a moving clock, nginx with its RTMP module pulls one copy of
+# it and serves the crowd over RTMP and HLS, and a page with hls.js in headless Chromium plays it.
+#
+#   scripts/demo-edge.sh [--serve] [--out DIR]
+#
+#   --serve    keep everything running until Ctrl-C, for a browser of yours
+#   --out DIR  where everything lies afterwards (out/edge)
+#
+# Ends with exit 0 only when the page played pictures that move and sound, a player watched the edge over RTMP, and
+# the edge's recording decodes; the device saw one viewer all the while.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build/demo
+modules=$root/build/edge
+out=$root/out/edge
+serve=0
+
+say() { printf '== %s\n' "$*"; }
+fail() { printf 'demo-edge.sh: %s\n' "$*" >&2; exit 1; }
+
+while [ $# -gt 0 ]; do
+    case $1 in
+    -h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+    --serve) serve=1 ;;
+    --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
+    *) fail "unknown option '$1'; --help shows all" ;;
+    esac
+    shift
+done
+
+"$root/scripts/install_deps.sh" edge
+command -v chromium >/dev/null || fail "no chromium"
+rtmp_module=$(dpkg -L libnginx-mod-rtmp | grep '/ngx_rtmp_module\.so$') || fail "nginx has no RTMP module"
+
+mkdir -p "$root/build" "$out"
+rm -f "$out"/*.log "$out"/edge-*.png "$out"/edge.flv "$out"/hop.mkv
+say "Building (first time: about a minute)"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DRTMPCAST_BUILD_TESTS=OFF \
+    -DRTMPCAST_BUILD_BENCH=OFF >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
+cmake --build "$build" --target live_host
+
+say "hls.js and what drives the browser, from the npm registry"
+mkdir -p "$modules"
+cp "$root"/examples/edge/package.json "$root"/examples/edge/package-lock.json "$root"/examples/edge/watch.mjs "$modules"
+(cd "$modules" && npm ci --no-audit --no-fund --loglevel=error) || fail "npm could not install what package-lock.json names"
+
+# --------------------------------------------------------------------------------------------- leaving no trace
+work=$(mktemp -d)
+mkdir "$work/hls" "$work/record" "$work/temp"
+processes=()
+cleanup() {
+    local process
+    trap '' INT TERM
+    for process in "${processes[@]}"; do
+        kill "$process" 2>/dev/null || true
+    done
+    for process in "${processes[@]}"; do
+        wait "$process" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+free_port() {
+    local port
+    for _ in $(seq 50); do
+        port=$((20000 + RANDOM % 12000))
+        # Nobody answers: free.
+        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+            echo "$port"
+            return
+        fi
+    done
+    return 1
+}
+
+# wait_for SECONDS WHAT COMMAND...: until the command succeeds.
+wait_for() {
+    local seconds=$1 what=$2
+    shift 2
+    for _ in $(seq $((seconds * 10))); do
+        if "$@" >/dev/null 2>&1; then
+            return
+        fi
+        sleep 0.1
+    done
+    fail "$what: not within $seconds seconds; see $out"
+}
+
+# ---------------------------------------------------------------------------------------------------- the device
+device_port=$(free_port)
+edge_rtmp_port=$(free_port)
+edge_http_port=$(free_port)
+"$build/examples/live_host" --encode --interface lo --rtmp-port "$device_port" --log-level info \
+    >"$out/live_host.log" 2>&1 &
+processes+=($!)
+wait_for 10 "live_host did not start" grep -q '^serving ' "$out/live_host.log"
+say "The device serves rtmp://127.0.0.1:$device_port/live/stream"
+
+# ------------------------------------------------------------------------------------------------------ the edge
+sed -e "s|@RTMP_MODULE@|$rtmp_module|" -e "s|@USER@|$(id -un)|" -e "s|@WORK@|$work|" -e "s|@OUT@|$out|" \
+    -e "s|@DEVICE_PORT@|$device_port|" -e "s|@EDGE_RTMP_PORT@|$edge_rtmp_port|" \
+    -e "s|@EDGE_HTTP_PORT@|$edge_http_port|" -e "s|@PAGE@|$root/examples/edge|" \
+    -e "s|@HLS_JS@|$modules/node_modules/hls.js/dist/hls.min.js|" \
+    "$root/examples/edge/nginx.conf" >"$out/nginx.conf"
+sed -i -e "s|@WORK@|$work|g" -e "s|@OUT@|$out|g" "$out/nginx.conf"
+nginx -p "$work" -c "$out/nginx.conf" -e "$out/nginx.log" &
+processes+=($!)
+wait_for 10 "the edge pulls nothing" grep -q 'No. of connected clients : 1' "$out/live_host.log"
+wait_for 20 "the edge has no HLS" test -s "$work/hls/stream.m3u8"
+edge=rtmp://127.0.0.1:$edge_rtmp_port/live/stream
+page=http://127.0.0.1:$edge_http_port/
+say "The edge serves $edge and $page"
+
+if [ "$serve" -eq 1 ]; then
+    say "Until Ctrl-C. In a browser: $page   With a player: ffplay $edge"
+    wait
+fi
+
+# ----------------------------------------------------------------------------------------------------- the crowd
+say "Chromium plays the page"
+(cd "$modules" && node watch.mjs "$page" "$(command -v chromium)" "$out") 2>&1 | tee "$out/browser.log"
+[ "${PIPESTATUS[0]}" -eq 0 ] || fail "the page does not play: see $out/browser.log"
+
+say "ffmpeg plays the edge over RTMP, beside it"
+timeout 60 ffmpeg -nostdin -v error -y -rtmp_live live -i "$edge" -t 3 -c copy "$out/hop.mkv" 2>"$out/hop.log" ||
+    { cat "$out/hop.log" >&2; fail "ffmpeg cannot play the edge"; }
+pictures=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 \
+    "$out/hop.mkv")
+[ "${pictures:-0}" -ge 60 ] || fail "ffmpeg got $pictures pictures from the edge in 3 seconds"
+
+joined=$(grep -c 'Adding client: No. of connected clients' "$out/live_host.log")
+[ "$joined" -eq 1 ] || fail "the device was asked $joined times, not once"
+
+say "The edge's recording decodes"
+kill "${processes[1]}" # nginx ends its recording
+wait "${processes[1]}" || true
+mv "$work"/record/*.flv "$out/edge.flv"
+ffmpeg -nostdin -v error -xerror -i "$out/edge.flv" -f null - 2>"$out/decode.log" ||
+    { cat "$out/decode.log" >&2; fail "decoding failed"; }
+[ ! -s "$out/decode.log" ] || { cat "$out/decode.log" >&2; fail "decoding reported errors"; }
+
+say "All is well: a browser and a player watched, and the device served one viewer"
+cat <<END
+   what the browser showed  $out/edge-1.png, and a second later $out/edge-2.png
+   the edge's recording     $out/edge.flv
+   the edge                 $out/nginx.conf, nginx.log, nginx-rtmp.log, nginx-http.log
+   the device               $out/live_host.log
+   more of it               docs/scale-out.md
+END
