@@ -32,7 +32,8 @@ enum { RTMP_FRAME_VIDEO = 0, RTMP_FRAME_AUDIO = 1 };
  * they have. A video bitrate above the server's bandwidth of 6000000 raises it, and what later players are
  * told of it, also when the registration fails.
  *
- * What `video->configData` has to be: 00 00 00 01 SPS 00 00 00 01 PPS 00 00 00 01, and nothing more.
+ * What `video->configData` has to be by default: 00 00 00 01 SPS 00 00 00 01 PPS 00 00 00 01, and nothing
+ * more.
  *   - Only 00 00 00 01 is a start code here. The first SPS (type 7) and the first PPS (type 8) behind
  *     one, with a nal_ref_idc other than 0, are taken. Each ends at the next 00 00 00 01, wherever that
  *     is: a 3-byte start code and the NAL units behind it become part of it, without an error. Encoders
@@ -49,6 +50,19 @@ enum { RTMP_FRAME_VIDEO = 0, RTMP_FRAME_AUDIO = 1 };
  *     size, rounded up to 16, after the call; where it differs, set the encoder to Baseline, Main or
  *     High. Emulation prevention bytes behind the size, as in the VUI, do no harm; leave all of them
  *     in.
+ *
+ * On a server with RTMP_PLAYERS_DESCRIPTION (RtmpPlayerSettings, before this call) it may be more:
+ *   - Start codes of three and four bytes begin and end NAL units, the end of the data does too, and zero
+ *     bytes in front of either are left out. The beginning of a stream will do: the first SPS and the
+ *     first PPS are taken, and nothing else. CodecInfo->VdConfigData then holds these two. Where one is
+ *     missing, or longer than 65,535 bytes, the data is taken as above, and refused as above.
+ *   - Connections that were accepted with the flag get an onMetaData and an AVC sequence header of their
+ *     own: the picture size as the SPS says it, cropping applied, for every profile; the rate in fractions
+ *     of kbit/s; "audiochannels", and "stereo" true for two of them; the record of a High profile with
+ *     chroma format and bit depths. No frame rate is announced, and no sample rate that the configuration's
+ *     first two bytes do not tell. An SPS that is cut short, or holds what ITU-T H.264 rules out, is
+ *     registered all the same, with the size above and no addition to the record.
+ *   - session->CodecInfo->VdCodecInfo has the size above, in whole macroblocks, as ever.
  */
 RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *video,
                                   const AudioMediaInfo *audio);
