@@ -1,8 +1,10 @@
 #include "message/chunk_header.h"
 
+#include "message/standard_header.h"
 #include "net/atomic.h"
 #include "net/byte_writer.h"
 #include "net/log.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 
 namespace {
@@ -122,6 +124,12 @@ void MoveReferenceTime(RtmpSendPkt *reference, const RtmpSendPkt *sent)
 
 } // namespace
 
+int ChooseHdrType(const RtmpClient *client, RtmpSendPkt *message, RtmpSendPkt *stored)
+{
+    return Allows(client, RULE_HEADER_TYPE) ? DecideStandardHdrType(message, stored)
+                                            : DecideMsgHdrType(message, stored);
+}
+
 int DecideMsgHdrType(RtmpSendPkt *newPkt, RtmpSendPkt *prevPkt)
 {
     if (prevPkt == nullptr ||
@@ -150,7 +158,7 @@ RtmpChunkHdr *GenerateChunkHdr(RtmpClient *client, RtmpSendPkt *pkt, uint32_t /*
     }
     uint8_t bytes[RTMP_CHUNK_HDR_MAX];
     RtmpChunkHdr filled = {0, bytes};
-    if (FillChunkHdr(pkt, hdrType, &filled) != 0) {
+    if (FillChunkHdrFor(client, pkt, hdrType, &filled) != 0) {
         free(hdr);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Invalid chunk stream ID\n", __func__);
         return nullptr;
@@ -182,6 +190,17 @@ int FillChunkHdr(RtmpSendPkt *pkt, int hdrType, RtmpChunkHdr *hdr)
     hdr->Length = HdrLength(pkt, hdrType);
     memset(hdr->Data, 0, hdr->Length);
     WriteHdr(pkt, hdrType, hdr);
+    return 0;
+}
+
+int FillChunkHdrFor(const RtmpClient *client, RtmpSendPkt *pkt, int hdrType, RtmpChunkHdr *hdr)
+{
+    if (FillChunkHdr(pkt, hdrType, hdr) != 0) {
+        return -1;
+    }
+    if (hdr->Length > 0 && pkt->ChunkStreamId >= kFirstThreeByteId && Allows(client, RULE_THREE_BYTE_ID)) {
+        (void)PutStandardBasicHdr(hdr->Data, static_cast<uint32_t>(hdrType), pkt->ChunkStreamId); // as long
+    }
     return 0;
 }
 

@@ -5,7 +5,9 @@
 #include "message/header_fields.h"
 #include "message/send_list.h"
 #include "message/send_packet.h"
+#include "net/limits.h"
 #include "net/log.h"
+#include "net/player_rules.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -153,10 +155,21 @@ void SetStreamOfRequest(const RtmpClient *client, RtmpSendPkt *pkt, const RtmpRe
     }
 }
 
+// What is on no chunk stream of its own: the notice of a failed connection, the answer to a service's ping.
+bool HasNoChunkStream(uint32_t msgKind)
+{
+    return msgKind == RTMP_MSG_CONNECT_FAILED || msgKind == RTMP_MSG_USTREAM_PONG;
+}
+
 // AddressReply chooses chunk stream and message stream, and moves the client's counters on.
 // KEPT: they stay moved when the message fails later. Required; changes ids on the wire.
 void AddressReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
 {
+    if (HasNoChunkStream(pkt->MsgKind) && Allows(client, RULE_CHUNK_STREAM_3)) {
+        pkt->ChunkStreamId = kCommandChunkStreamId;
+        SetMsgStreamId(pkt, client->ConnStreamId);
+        return;
+    }
     switch (pkt->MsgKind) {
     case RTMP_MSG_CREATE_STREAM:
         client->StreamId++;

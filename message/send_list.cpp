@@ -60,6 +60,7 @@ void AppendSent(RtmpClient *client, RtmpSendPkt *pkt)
     client->SendPktTail = pkt;
     client->SendPktCount++;
     pkt->Stored = 1;
+    pkt->HdrType = RTMP_HDR_TYPE_UNSENT;
 }
 
 void UnlinkSent(RtmpClient *client, RtmpSendPkt *pkt)
@@ -97,10 +98,16 @@ void FreeSendPkt(RtmpSendPkt *pkt)
     if (pkt == nullptr) {
         return;
     }
+    ForgetPayload(pkt);
+    free(pkt);
+}
+
+void ForgetPayload(RtmpSendPkt *pkt)
+{
     if (!IsPayloadBorrowed(pkt)) {
         free(pkt->PayloadData);
     }
-    free(pkt);
+    pkt->PayloadData = nullptr;
 }
 
 int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt)

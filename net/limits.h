@@ -9,6 +9,7 @@
 constexpr uint32_t kProtocolChunkSize = 128;      // RTMP 1.0, 5.4.1: both directions, until Set Chunk Size
 constexpr uint32_t kDefaultChunkSize = 4096;      // outgoing, where the host has configured none
 constexpr uint32_t kControlChunkStreamId = 2;     // RTMP 1.0, 5.4
+constexpr uint32_t kCommandChunkStreamId = 3;     // where commands of the connection go by custom
 constexpr uint32_t kFirstStatusChunkStreamId = 4; // status, data and video
 constexpr uint32_t kBaseBandwidth = 6000000;      // bit/s
 constexpr uint32_t kPeerBandwidthMargin = 500000; // bit/s: what players are told, above the base

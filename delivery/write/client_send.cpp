@@ -4,9 +4,11 @@
 #include "delivery/write/socket_writer.h"
 #include "message/chunk_header.h"
 #include "message/send_list.h"
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/scope.h"
 
@@ -60,6 +62,24 @@ int WriteMessage(RtmpClient *client, const RtmpSendPkt *message, const RtmpChunk
     return 0;
 }
 
+// KEPT: a ping response has a full header, whatever is stored. Required; bytes on the wire. The next delta is
+// taken from the time the library would have stamped, or, for players of RTMP_PLAYERS_CHUNKS_OUT, from the 0
+// that the header says.
+int HdrTypeOf(const RtmpClient *client, RtmpSendPkt *message, uint32_t kind, RtmpSendPkt *stored)
+{
+    if (kind != RTMP_MSG_PING_RESPONSE) {
+        return ChooseHdrType(client, message, stored);
+    }
+    if (Allows(client, RULE_HEADER_TYPE)) {
+        StoreShared(&message->Timestamp, uint64_t{0});
+    }
+    (void)ChooseHdrType(client, message, stored); // moves the stored time on
+    if (stored != nullptr) {
+        message->HdrType = 0;
+    }
+    return 0;
+}
+
 // A message that a host has stored itself is its list's already, and never freed here.
 RtmpSendPkt *UnlessListed(RtmpSendPkt *message)
 {
@@ -91,10 +111,7 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
         return -1;
     }
     own = reference.Stored || reference.Previous == message ? nullptr : message;
-    int headerType = DecideMsgHdrType(message, reference.Previous);
-    if (kind == RTMP_MSG_PING_RESPONSE) {
-        headerType = 0;
-    }
+    const int headerType = HdrTypeOf(client, message, kind, reference.Previous);
     __attribute__((cleanup(FreeChunkHdr))) RtmpChunkHdr *header =
         GenerateChunkHdr(client, message, kind, headerType);
     int result = -1;
@@ -102,6 +119,9 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Generation of chunk header failed\n", who);
     } else {
         result = WriteMessage(client, message, header, who);
+    }
+    if (result == 0) {
+        (reference.Stored ? message : reference.Previous)->HdrType = static_cast<uint8_t>(headerType);
     }
     if (reference.Stored && (kind == RTMP_MSG_DELETE_STREAM || (result != 0 && !keepFailed))) {
         (void)RemoveSendPkt(client, message); // stored a moment ago

@@ -158,7 +158,7 @@ int WriteFrame(RtmpClient *client, const CutFrame *cut, RtmpSendPkt *message, in
 {
     uint8_t headerBytes[RTMP_CHUNK_HDR_MAX] = {};
     RtmpChunkHdr header = {0, headerBytes};
-    if (FillChunkHdr(message, headerType, &header) != 0) {
+    if (FillChunkHdrFor(client, message, headerType, &header) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR,
                      "ERROR: %s: Generation of chunk header failed\n", kFanOut);
         return -1;
@@ -199,9 +199,11 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
             return -1;
         }
     }
-    if (WriteFrame(client, cut, &message, DecideMsgHdrType(&message, previous)) != 0) {
+    const int headerType = ChooseHdrType(client, &message, previous);
+    if (WriteFrame(client, cut, &message, headerType) != 0) {
         return -1;
     }
+    (previous == nullptr ? added.Stored : previous)->HdrType = static_cast<uint8_t>(headerType);
     added.Stored = nullptr;
     return 0;
 }

@@ -21,8 +21,10 @@ enum RtmpMessageState {
 // What is about to be written behind the pieces. The kernel may wait for it, to put both into one packet.
 enum RtmpFollowing { NOTHING_FOLLOWS = 0, MESSAGE_FOLLOWS = 1, REST_FOLLOWS = 2 };
 
-// SendMessage writes `count` pieces, with a one-byte continuation header (`message`'s chunk stream id behind
-// the bits 11) in front of each that starts a chunk. 0; -1 (logged).
+// SendMessage writes `count` pieces, with a continuation header in front of each that starts a chunk: one
+// byte
+// (`message`'s chunk stream id behind the bits 11) or, for players of RTMP_PLAYERS_CHUNKS_OUT, a whole one.
+// 0; -1 (logged).
 //
 // `following`: REST_FOLLOWS leaves the message open for SendFile, which the caller calls next.
 RTMP_STATUS int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count,

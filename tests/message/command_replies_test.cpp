@@ -193,6 +193,22 @@ TEST_F(CommandReplies, RefusalsUseTheConnectionsStreamIdAsChunkStream)
     EXPECT_EQ(StreamIdOf(pkt.get()), "06 00 00 00");
 }
 
+TEST_F(CommandReplies, RefusalsAndPongsGoOutOnChunkStream3WhereTheStandardHolds)
+{
+    client.PlayerFlags = RTMP_PLAYERS_CHUNKS_OUT;
+    for (const uint32_t kind : {RTMP_MSG_CONNECT_FAILED, RTMP_MSG_USTREAM_PONG}) {
+        const Packet pkt = Generate(nullptr, kind);
+        EXPECT_EQ(pkt->ChunkStreamId, 3U);
+        EXPECT_EQ(StreamIdOf(pkt.get()), "00 00 00 00");
+        RtmpChunkHdr *hdr = GenerateChunkHdr(&client, pkt.get(), kind, 0);
+        EXPECT_EQ(ToHex(hdr->Data, hdr->Length), kind == RTMP_MSG_USTREAM_PONG
+                                                     ? "03 00 03 E8 00 00 00 14 00 00 00 00"
+                                                     : "03 00 03 E8 00 00 6E 14 00 00 00 00");
+        free(hdr->Data);
+        free(hdr);
+    }
+}
+
 TEST_F(CommandReplies, SeekAndPublishAreAnsweredOnTheMessageStreamOfTheRequest)
 {
     struct Row {

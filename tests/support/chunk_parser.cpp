@@ -116,8 +116,105 @@ void ChunkParser::checkHeaderType(const Message &message, const Shape &shape)
     }
 }
 
+Bytes ChunkParser::takeInto(Bytes &raw, size_t count)
+{
+    const Bytes bytes = socket_.receive(count);
+    Append(raw, bytes);
+    return bytes;
+}
+
+// fmt:2 id:6, with one byte more for id 0 and two, the low one first, for id 1 (RTMP 1.0, 5.3.1.1)
+ChunkParser::Lane &ChunkParser::takeBasicHeader(Bytes &raw, int &form)
+{
+    const uint8_t first = takeInto(raw, 1)[0];
+    form = first >> 6;
+    uint32_t id = first & 0x3F;
+    if (id < 2) {
+        const Bytes more = takeInto(raw, id + 1);
+        id = 64 + more[0] + (id == 1 ? more[1] * 256U : 0);
+    }
+    Lane &lane = lanes_[id];
+    lane.message.chunkStream = id;
+    return lane;
+}
+
+// RTMP 1.0, 5.3.1.2 and 5.3.1.3
+void ChunkParser::beginMessage(Lane &lane, Bytes &raw, int form)
+{
+    static constexpr size_t kHeaderLength[4] = {11, 7, 3, 0};
+    lane.message.headerType = form;
+    if (form != 0 && !lane.known) {
+        Refuse(lane.message, "nothing to inherit from");
+    }
+    const Bytes header = takeInto(raw, kHeaderLength[form]);
+    if (form < 2) {
+        lane.length = BigEndian(header, 3, 3);
+        lane.type = header[6];
+    }
+    if (form == 0) {
+        lane.stream = BigEndian({header[10], header[9], header[8], header[7]}, 0, 4);
+        lane.known = true;
+    }
+    if (form < 3) {
+        lane.field = BigEndian(header, 0, 3);
+        lane.extended = lane.field == 0xFFFFFF;
+        lane.field = lane.extended ? BigEndian(takeInto(raw, 4), 0, 4) : lane.field;
+        lane.delta = lane.field; // also a timestamp, for a type 3 header behind it
+    } else {
+        takeRepeatedTime(lane, raw);
+    }
+    lane.timestamp = form == 0 ? lane.field : lane.timestamp + lane.delta;
+    lane.open = true;
+}
+
+void ChunkParser::takeRepeatedTime(Lane &lane, Bytes &raw)
+{
+    if (lane.extended && BigEndian(takeInto(raw, 4), 0, 4) != lane.field) {
+        Refuse(lane.message, "a type 3 header repeats another time than the message has");
+    }
+}
+
+Message ChunkParser::nextStandard()
+{
+    for (;;) {
+        Bytes raw;
+        int form = 0;
+        Lane &lane = takeBasicHeader(raw, form);
+        if (!lane.open) {
+            beginMessage(lane, raw, form);
+        } else if (form != 3) {
+            Refuse(lane.message, "a message header in the middle of a message");
+        } else {
+            takeRepeatedTime(lane, raw);
+        }
+        Message &message = lane.message;
+        message.type = lane.type;
+        message.stream = lane.stream;
+        const size_t piece = std::min<size_t>(chunkSize, lane.length - message.payload.size());
+        Append(message.payload, takeInto(raw, piece));
+        Append(message.raw, raw);
+        ++message.chunks;
+        if (message.payload.size() < lane.length) {
+            continue;
+        }
+        message.field = message.headerType == 3 ? 0 : lane.field;
+        message.extended = message.headerType != 3 && lane.extended;
+        message.timestamp = lane.timestamp;
+        lane.open = false;
+        const Message whole = std::move(message);
+        message = {};
+        if (whole.type == 1) {
+            chunkSize = BigEndian(whole.payload, 0, 4);
+        }
+        return whole;
+    }
+}
+
 Message ChunkParser::next()
 {
+    if (standard) {
+        return nextStandard();
+    }
     Message message;
     Shape shape;
     readHeader(message, shape);

@@ -1,5 +1,6 @@
-// A strict reader of the server's chunk stream (RTMP 1.0, 5.3): it takes nothing but what the server is
-// known to send, and knows which header each message must carry.
+// A reader of the server's chunk stream (RTMP 1.0, 5.3). By default it is strict: it takes nothing but what
+// the server is known to send, and knows which header each message must carry. In its standard mode it reads
+// what RTMP 1.0 allows, and knows nothing of how the library chooses among it.
 #pragma once
 
 #include "support/byte_socket.h"
@@ -34,8 +35,24 @@ class ChunkParser {
         references_.clear();
     }
     uint32_t chunkSize = 128;
+    bool standard = false; // set it before the first message; on a connection with RTMP_PLAYERS_CHUNKS_OUT
 
   private:
+    // A chunk stream as RTMP 1.0 has it: what shorter headers inherit, and the message under way.
+    struct Lane {
+        uint32_t stream = 0, length = 0, delta = 0, timestamp = 0;
+        uint8_t type = 0;
+        bool known = false;    // a full header has come
+        uint32_t field = 0;    // of the last message header
+        bool extended = false; // it came in its 4-byte form, which type 3 headers repeat
+        bool open = false;
+        Message message;
+    };
+    Message nextStandard();
+    Lane &takeBasicHeader(Bytes &raw, int &form);
+    void beginMessage(Lane &lane, Bytes &raw, int form);
+    void takeRepeatedTime(Lane &lane, Bytes &raw);
+    Bytes takeInto(Bytes &raw, size_t count);
     struct Shape {
         uint32_t stream = 0, length = 0, delta = 0, timestamp = 0;
         uint8_t type = 0;
@@ -47,6 +64,7 @@ class ChunkParser {
     void checkHeaderType(const Message &message, const Shape &shape);
 
     ByteSocket &socket_;
+    std::map<uint32_t, Lane> lanes_;
     std::map<uint32_t, Shape> previous_;   // what shorter headers inherit from
     std::map<uint32_t, Shape> references_; // what the server compares with: the first of each chunk stream
 };
