@@ -1,4 +1,5 @@
 #include "message_fixture.h"
+#include "rtmpcast/player.h"
 
 #include <limits>
 
