@@ -164,8 +164,8 @@ RTMP_API int ProcessSend(RtmpClient *client, RtmpRecvPkt *request, uint32_t kind
 /**
  * GenerateRtmpMsg builds a message.
  *
- * @param recvPkt  the RtmpRecvPkt that caused it; needed by kinds 2, 4, 11 and 42, else may be null
- * @param kind     2, 4, 9 to 16, 23, 36 to 52
+ * @param recvPkt  the RtmpRecvPkt that caused it; needed by kinds 2, 4, 11, 42 and 57, else may be null
+ * @param kind     2, 4, 9 to 16, 23, 36 to 52, 55 to 57
  * @return the message, the caller's until SendMsgToClient takes it over; null: no client, another kind, no
  *         memory, a lock, or a session that has not what the kind needs (logged)
  *
