@@ -56,13 +56,13 @@ bool FindParameterSet(const uint8_t *data, uint64_t length, uint8_t type, const 
 
 } // namespace
 
-bool FindParameterSets(const uint8_t *data, uint32_t length, ParameterSets *out)
+bool FindParameterSets(const uint8_t *data, uint32_t length, ParameterSetPair *out)
 {
     return FindParameterSet(data, length, kNalTypeSps, &out->Sps, &out->SpsLen) &&
            FindParameterSet(data, length, kNalTypePps, &out->Pps, &out->PpsLen);
 }
 
-uint8_t *JoinParameterSets(const ParameterSets *sets, uint32_t *length)
+uint8_t *JoinParameterSets(const ParameterSetPair *sets, uint32_t *length)
 {
     const uint32_t size = 3 * kStartCodeLen + sets->SpsLen + sets->PpsLen;
     uint8_t *joined = NewArray<uint8_t>(size);

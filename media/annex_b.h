@@ -6,18 +6,18 @@
 
 extern "C" {
 
-typedef struct ParameterSets {
+typedef struct ParameterSetPair {
     const uint8_t *Sps; // NAL header byte first
     uint32_t SpsLen;
     const uint8_t *Pps;
     uint32_t PpsLen;
-} ParameterSets;
+} ParameterSetPair;
 
 // FindParameterSets finds the first SPS and the first PPS inside `data`: behind start codes of three or four
 // bytes, up to the next one or to the end, zero bytes in front of that left out. False when one of them is
 // missing, or longer than the sequence header can say; nothing is logged.
-bool FindParameterSets(const uint8_t *data, uint32_t length, ParameterSets *out);
+bool FindParameterSets(const uint8_t *data, uint32_t length, ParameterSetPair *out);
 
 // JoinParameterSets returns 00 00 00 01 SPS 00 00 00 01 PPS 00 00 00 01, to be freed. Null without memory.
-uint8_t *JoinParameterSets(const ParameterSets *sets, uint32_t *length);
+uint8_t *JoinParameterSets(const ParameterSetPair *sets, uint32_t *length);
 }

@@ -37,7 +37,7 @@ uint8_t *CopyOfBytes(const uint8_t *bytes, int32_t length)
 // the one that the procedures behind this take. One without parameter sets is left to them to refuse.
 uint8_t *CopyOfVideoConfiguration(const RtmpServer *server, const VideoMediaInfo *video, uint32_t *length)
 {
-    ParameterSets sets = {};
+    ParameterSetPair sets = {};
     *length = static_cast<uint32_t>(video->configLen);
     if (Allows(server, RULE_PARAMETER_SETS) && FindParameterSets(video->configData, *length, &sets)) {
         return JoinParameterSets(&sets, length);

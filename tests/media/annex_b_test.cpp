@@ -12,7 +12,7 @@ const Bytes kShort = {0, 0, 1};
 Bytes Strict(const Bytes &config)
 {
     const ExactBytes exact(config);
-    ParameterSets sets = {};
+    ParameterSetPair sets = {};
     if (!FindParameterSets(exact.data(), static_cast<uint32_t>(exact.size()), &sets)) {
         return {};
     }
@@ -131,7 +131,7 @@ TEST(AnnexB, RandomZerosAndOnesStayInside)
 
 TEST(AnnexB, WithoutMemoryNothingIsJoined)
 {
-    const ParameterSets sets = {kSps720.data(), 9, kPps4.data(), 4};
+    const ParameterSetPair sets = {kSps720.data(), 9, kPps4.data(), 4};
     uint32_t length = 77;
     calls::failNext(Call::Calloc);
     EXPECT_EQ(JoinParameterSets(&sets, &length), nullptr);

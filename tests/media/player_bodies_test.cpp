@@ -35,7 +35,7 @@ const Bytes kHigh1080 = {0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9, 0x40, 0x78, 0x02, 0
                          0x44, 0x00, 0x00, 0x03, 0x00, 0x04, 0x00, 0x00, 0x03, 0x00, 0xC8, 0x3C};
 
 // Of any profile with chroma fields: format, bit depths, no matrices, 320x240.
-Bytes WithChroma(uint8_t profile, uint64_t format, uint64_t luma, uint64_t chroma)
+Bytes SpsWithChroma(uint8_t profile, uint64_t format, uint64_t luma, uint64_t chroma)
 {
     BitWriter written;
     written.u(8, 0x67).u(8, profile).u(8, 0).u(8, 30).ue(0).ue(format).text(format == 3 ? "0" : "");
@@ -198,7 +198,7 @@ TEST_F(PlayerBodies, TheExtensionTellsChromaFormatAndBitDepths)
                         {244, 3, 6, 5, "FF FE FD 00"}, {44, 3, 0, 0, "FF F8 F8 00"},
                         {83, 1, 0, 0, "FD F8 F8 00"},  {118, 1, 0, 0, "FD F8 F8 00"}};
     for (const Row &row : rows) {
-        const Bytes sps = WithChroma(row.profile, row.format, row.luma, row.chroma);
+        const Bytes sps = SpsWithChroma(row.profile, row.format, row.luma, row.chroma);
         ASSERT_EQ(add(ConfigOf(sps), {}), 0);
         EXPECT_TRUE(Same(avccBox(), ExactBoxOf(sps) + Hex(row.extension))) << int{row.profile};
     }

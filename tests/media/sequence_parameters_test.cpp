@@ -7,12 +7,12 @@ namespace {
 
 const SequenceParameters kUntouched = {91, 92, 93, 94, 95};
 
-struct Parsed {
+struct ReadResult {
     int status;
     SequenceParameters read;
 };
 
-Parsed Read(const Bytes &sps)
+ReadResult ReadExact(const Bytes &sps)
 {
     const ExactBytes exact(sps);
     SequenceParameters out = kUntouched;
@@ -24,7 +24,7 @@ Parsed Read(const Bytes &sps)
 std::string Summary(const Bytes &sps)
 {
     const char *const formats[] = {"4:0:0", "4:2:0", "4:2:2", "4:4:4"};
-    const Parsed parsed = Read(sps);
+    const ReadResult parsed = ReadExact(sps);
     const SequenceParameters &read = parsed.read;
     if (parsed.status != 0) {
         EXPECT_EQ(parsed.status, -1);
@@ -37,16 +37,16 @@ std::string Summary(const Bytes &sps)
 }
 
 // The NAL header, profile_idc, constraint flags 0, level_idc 40 and seq_parameter_set_id 0.
-BitWriter SpsOfProfile(int profile)
+BitWriter SpsBitsOf(int profile)
 {
     BitWriter written;
     written.u(8, 0x67).u(8, static_cast<uint64_t>(profile)).u(8, 0).u(8, 40).ue(0);
     return written;
 }
 
-BitWriter WithChroma(int profile, uint64_t format, uint64_t luma = 0, uint64_t chroma = 0)
+BitWriter ChromaBitsOf(int profile, uint64_t format, uint64_t luma = 0, uint64_t chroma = 0)
 {
-    BitWriter written = SpsOfProfile(profile);
+    BitWriter written = SpsBitsOf(profile);
     written.ue(format);
     if (format == 3) {
         written.text("0"); // no separate planes
@@ -109,8 +109,8 @@ TEST(SequenceParameters, A1080PictureIsCutOutOf1088Lines)
 {
     const Bytes byHand = {0x67, 0x4D, 0x00, 0x28, 0xD9, 0x40, 0x78, 0x02, 0x27, 0xE5, 0x40};
     EXPECT_EQ(Summary(byHand), "1920x1080 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(SpsOfProfile(77), {120, 68})), "1920x1088 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(WithChroma(100, 1).text("0"), kCropped1080)), "1920x1080 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(SpsBitsOf(77), {120, 68})), "1920x1088 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(100, 1).text("0"), kCropped1080)), "1920x1080 4:2:0 8/8");
 }
 
 TEST(SequenceParameters, EverySideIsCroppedInUnitsOfTheChromaFormat)
@@ -128,30 +128,30 @@ TEST(SequenceParameters, EverySideIsCroppedInUnitsOfTheChromaFormat)
     };
     for (const Row &row : rows) {
         const Picture picture = {16, 8, row.framesOnly, {1, 2, 3, 5}};
-        EXPECT_EQ(Summary(With(WithChroma(244, row.format).text("0"), picture)), row.size);
+        EXPECT_EQ(Summary(With(ChromaBitsOf(244, row.format).text("0"), picture)), row.size);
     }
 }
 
 TEST(SequenceParameters, SeparateColourPlanesAreCroppedLikeOneAlone)
 {
-    BitWriter written = SpsOfProfile(244);
+    BitWriter written = SpsBitsOf(244);
     written.ue(3).text("1").ue(0).ue(0).text("0 0");
     EXPECT_EQ(Summary(With(written, {16, 8, true, {1, 2, 3, 5}})), "253x120 4:4:4 8/8");
 }
 
 TEST(SequenceParameters, AnInterlacedPictureIsCroppedInPairsOfLines)
 {
-    EXPECT_EQ(Summary(With(SpsOfProfile(77), {120, 34, false, {0, 0, 0, 2}})), "1920x1080 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(SpsOfProfile(77), {45, 18, false})), "720x576 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(WithChroma(122, 2, 2, 2).text("0"), {120, 34, false, {0, 0, 0, 4}})),
+    EXPECT_EQ(Summary(With(SpsBitsOf(77), {120, 34, false, {0, 0, 0, 2}})), "1920x1080 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(SpsBitsOf(77), {45, 18, false})), "720x576 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(122, 2, 2, 2).text("0"), {120, 34, false, {0, 0, 0, 4}})),
               "1920x1080 4:2:2 10/10");
 }
 
 TEST(SequenceParameters, ChromaFormatAndBitDepths)
 {
-    EXPECT_EQ(Summary(With(WithChroma(110, 1, 2, 2).text("0"), {20, 15})), "320x240 4:2:0 10/10");
-    EXPECT_EQ(Summary(With(WithChroma(244, 3, 6, 4).text("0"), {20, 15})), "320x240 4:4:4 14/12");
-    EXPECT_EQ(Summary(With(WithChroma(100, 0).text("0"), {20, 15})), "320x240 4:0:0 8/8");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(110, 1, 2, 2).text("0"), {20, 15})), "320x240 4:2:0 10/10");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(244, 3, 6, 4).text("0"), {20, 15})), "320x240 4:4:4 14/12");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(100, 0).text("0"), {20, 15})), "320x240 4:0:0 8/8");
 }
 
 TEST(SequenceParameters, FourteenProfilesHaveChromaFieldsAndNoOtherHas)
@@ -160,7 +160,7 @@ TEST(SequenceParameters, FourteenProfilesHaveChromaFieldsAndNoOtherHas)
     for (int profile = 0; profile < 256; profile++) {
         const bool has = std::find(with.begin(), with.end(), profile) != with.end();
         EXPECT_EQ(HasChromaFormat(static_cast<uint32_t>(profile)), has) << profile;
-        const BitWriter written = has ? WithChroma(profile, 2).text("0") : SpsOfProfile(profile);
+        const BitWriter written = has ? ChromaBitsOf(profile, 2).text("0") : SpsBitsOf(profile);
         EXPECT_EQ(Summary(With(written, {80, 45})), has ? "1280x720 4:2:2 8/8" : "1280x720 4:2:0 8/8")
             << profile;
     }
@@ -169,7 +169,7 @@ TEST(SequenceParameters, FourteenProfilesHaveChromaFieldsAndNoOtherHas)
 
 TEST(SequenceParameters, ScalingListsOfEveryLength)
 {
-    BitWriter written = WithChroma(100, 1).text("1");
+    BitWriter written = ChromaBitsOf(100, 1).text("1");
     PutLongList(written, 16);
     written.text("0").text("1").se(-8); // left out; the default one
     PutLongList(written, 16);
@@ -185,7 +185,7 @@ TEST(SequenceParameters, ScalingListsOfEveryLength)
 
 TEST(SequenceParameters, AScaleGoesRoundAt256)
 {
-    BitWriter written = WithChroma(100, 1).text("1");
+    BitWriter written = ChromaBitsOf(100, 1).text("1");
     written.text("1").se(127).se(121); // 135, then 256: that is 0, and the end of the list
     written.text("1").se(-128);        // 136
     for (int i = 1; i < 16; i++) {
@@ -193,23 +193,23 @@ TEST(SequenceParameters, AScaleGoesRoundAt256)
     }
     written.text("0000 00");
     EXPECT_EQ(Summary(With(written, {20, 15})), "320x240 4:2:0 8/8");
-    BitWriter tooFar = WithChroma(100, 1).text("1").text("1").se(128);
+    BitWriter tooFar = ChromaBitsOf(100, 1).text("1").text("1").se(128);
     EXPECT_EQ(Summary(With(tooFar.text("1111 1111 1111 1111 000 0000"), {20, 15})), "broken");
 }
 
 TEST(SequenceParameters, FourFourFourHasTwelveScalingListsAndTheOthersEight)
 {
     for (const int lists : {8, 12}) {
-        BitWriter written = WithChroma(244, lists == 12 ? 3 : 2).text("1");
+        BitWriter written = ChromaBitsOf(244, lists == 12 ? 3 : 2).text("1");
         for (int i = 0; i < lists; i++) {
             PutLongList(written, i < 6 ? 16 : 64);
         }
         EXPECT_EQ(Summary(With(written, kCropped1080)),
                   lists == 12 ? "1920x1084 4:4:4 8/8" : "1920x1084 4:2:2 8/8");
     }
-    BitWriter flags = WithChroma(44, 3).text("1").text("0000 0000 0000");
+    BitWriter flags = ChromaBitsOf(44, 3).text("1").text("0000 0000 0000");
     EXPECT_EQ(Summary(With(flags, {80, 45})), "1280x720 4:4:4 8/8");
-    BitWriter old = WithChroma(144, 3).text("1").text("0000 0000"); // as the edition of 2005 has it
+    BitWriter old = ChromaBitsOf(144, 3).text("1").text("0000 0000"); // as the edition of 2005 has it
     EXPECT_EQ(Summary(With(old, {80, 45})), "1280x720 4:4:4 8/8");
 }
 
@@ -217,7 +217,7 @@ TEST(SequenceParameters, FourFourFourHasTwelveScalingListsAndTheOthersEight)
 // front of the size.
 TEST(SequenceParameters, EmulationPreventionBytesInFrontOfTheSizeAreLeftOut)
 {
-    BitWriter written = SpsOfProfile(66);
+    BitWriter written = SpsBitsOf(66);
     written.ue(0).ue(1).text("1").se(-4194304).se(8388608).ue(3).se(1 << 24).se(0).se(-(1 << 25));
     written.ue(2).text("0").ue(119).ue(67).text("1 1 1").ue(0).ue(0).ue(0).ue(4).text("0 1");
     const Bytes rbsp = written.bytes();
@@ -236,12 +236,12 @@ TEST(SequenceParameters, AnEmulationPreventionByteBehindTheLevelIsLeftOut)
 
 TEST(SequenceParameters, PictureOrderCountsOfEveryType)
 {
-    BitWriter zero = SpsOfProfile(66);
+    BitWriter zero = SpsBitsOf(66);
     zero.ue(12).ue(0).ue(12).ue(2).text("0").ue(39).ue(29).text("1 1 0 0 1");
     EXPECT_EQ(Summary(zero.bytes()), "640x480 4:2:0 8/8");
 
     for (const int cycle : {0, 1, 255, 256}) {
-        BitWriter one = SpsOfProfile(66);
+        BitWriter one = SpsBitsOf(66);
         one.ue(0).ue(1).text("1").se(-3).se(0x7FFFFFFF).ue(static_cast<uint64_t>(cycle));
         for (int i = 0; i < cycle; i++) {
             one.se(-i);
@@ -250,7 +250,7 @@ TEST(SequenceParameters, PictureOrderCountsOfEveryType)
         EXPECT_EQ(Summary(Escaped(one.bytes())), cycle < 256 ? "640x480 4:2:0 8/8" : "broken") << cycle;
     }
 
-    BitWriter three = SpsOfProfile(66); // not in the standard
+    BitWriter three = SpsBitsOf(66); // not in the standard
     three.ue(0).ue(3).ue(2).text("0").ue(39).ue(29).text("1 1 0 0 1");
     EXPECT_EQ(Summary(three.bytes()), "broken");
 }
@@ -258,47 +258,47 @@ TEST(SequenceParameters, PictureOrderCountsOfEveryType)
 TEST(SequenceParameters, ValuesThatTheStandardRulesOutAreBroken)
 {
     const Picture small = {20, 15};
-    EXPECT_EQ(Summary(With(WithChroma(100, 4).text("0"), small)), "broken");
-    EXPECT_EQ(Summary(With(WithChroma(100, 1, 7, 0).text("0"), small)), "broken");
-    EXPECT_EQ(Summary(With(WithChroma(100, 1, 0, 7).text("0"), small)), "broken");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(100, 4).text("0"), small)), "broken");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(100, 1, 7, 0).text("0"), small)), "broken");
+    EXPECT_EQ(Summary(With(ChromaBitsOf(100, 1, 0, 7).text("0"), small)), "broken");
     BitWriter id;
     id.u(8, 0x67).u(8, 66).u(8, 0).u(8, 40).ue(32);
     EXPECT_EQ(Summary(With(id, small)), "broken");
-    BitWriter frameNum = SpsOfProfile(66);
+    BitWriter frameNum = SpsBitsOf(66);
     frameNum.ue(13).ue(2).ue(4).text("0").ue(19).ue(14).text("1 1 0 0 1");
     EXPECT_EQ(Summary(frameNum.bytes()), "broken");
 }
 
 TEST(SequenceParameters, NoSizeIsBeyondTheHighestLevel)
 {
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {1055, 1055})), "16880x16880 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {1056, 45})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {80, 1056})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {80, 527, false})), "1280x16864 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {80, 528, false})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {0xFFFFFFFF, 0xFFFFFFFF})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {1055, 1055})), "16880x16880 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {1056, 45})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {80, 1056})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {80, 527, false})), "1280x16864 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {80, 528, false})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {0xFFFFFFFF, 0xFFFFFFFF})), "broken");
 }
 
 TEST(SequenceParameters, SomethingIsLeftByTheCropping)
 {
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {1, 1, true, {0, 7, 7, 0}})), "2x2 4:2:0 8/8");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {1, 1, true, {1, 7, 0, 0}})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {1, 1, true, {0, 0, 4, 4}})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {80, 45, true, {0xFFFFFFFE, 2, 0, 0}})), "broken");
-    EXPECT_EQ(Summary(With(SpsOfProfile(66), {80, 45, true, {0, 0, 16880, 16880}})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {1, 1, true, {0, 7, 7, 0}})), "2x2 4:2:0 8/8");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {1, 1, true, {1, 7, 0, 0}})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {1, 1, true, {0, 0, 4, 4}})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {80, 45, true, {0xFFFFFFFE, 2, 0, 0}})), "broken");
+    EXPECT_EQ(Summary(With(SpsBitsOf(66), {80, 45, true, {0, 0, 16880, 16880}})), "broken");
 }
 
 TEST(SequenceParameters, ACutSpsIsBrokenAndAWholeOneIsNot)
 {
-    BitWriter lists = WithChroma(244, 3, 2, 2).text("1");
+    BitWriter lists = ChromaBitsOf(244, 3, 2, 2).text("1");
     for (int i = 0; i < 12; i++) {
         PutLongList(lists, i < 6 ? 16 : 64);
     }
-    BitWriter offsets = SpsOfProfile(66);
+    BitWriter offsets = SpsBitsOf(66);
     offsets.ue(0).ue(1).text("1").se(-4194304).se(8388608).ue(2).se(1 << 24).se(0).ue(2).text("0");
     offsets.ue(119).ue(67).text("1 1 1").ue(0).ue(0).ue(0).ue(4).text("0 1");
     for (const Bytes &sps : {With(lists, {16, 8, false, {1, 2, 3, 5}}), Escaped(offsets.bytes()),
-                             With(SpsOfProfile(77), kCropped1080)}) {
+                             With(SpsBitsOf(77), kCropped1080)}) {
         for (size_t cut = 0; cut < sps.size(); cut++) {
             // The last byte may hold the stop bit alone.
             if (cut + 1 < sps.size() || (sps.back() & 0x7F) != 0) {
@@ -312,7 +312,7 @@ TEST(SequenceParameters, ACutSpsIsBrokenAndAWholeOneIsNot)
 TEST(SequenceParameters, DamagedAndInventedOnesStayInsideAndYieldNoNonsense)
 {
     std::mt19937 random(2606);
-    BitWriter lists = WithChroma(244, 3, 2, 2).text("1");
+    BitWriter lists = ChromaBitsOf(244, 3, 2, 2).text("1");
     for (int i = 0; i < 12; i++) {
         PutLongList(lists, i < 6 ? 16 : 64);
     }
@@ -329,7 +329,7 @@ TEST(SequenceParameters, DamagedAndInventedOnesStayInsideAndYieldNoNonsense)
         } else if (sps.size() > 1) {
             sps[1] = static_cast<uint8_t>(random() % 2 == 0 ? 66 : 244);
         }
-        const Parsed parsed = Read(sps);
+        const ReadResult parsed = ReadExact(sps);
         if (parsed.status != 0) {
             ASSERT_EQ(memcmp(&parsed.read, &kUntouched, sizeof kUntouched), 0);
             continue;
