@@ -6,6 +6,7 @@
 #include "net/atomic.h"
 #include "net/byte_writer.h"
 #include "net/limits.h"
+#include "net/player_rules.h"
 
 namespace {
 
@@ -41,8 +42,10 @@ uint32_t AnnouncedChunkSize(const RtmpServer *server)
 
 // set chunk size, window acknowledgement size:  value:32
 // set peer bandwidth:                           value:32  limit type:8
-Payload ProtocolControlPayload(const RtmpServer *server, uint32_t msgKind)
+// acknowledgement:                              value:32, of a connection that has the rule
+Payload ProtocolControlPayload(const RtmpClient *client, uint32_t msgKind)
 {
+    const RtmpServer *server = client->Server;
     Payload payload = {};
     ByteWriter out = WriterOver(payload.Bytes, sizeof payload.Bytes);
     if (msgKind == RTMP_MSG_SET_CHUNK_SIZE) {
@@ -52,6 +55,8 @@ Payload ProtocolControlPayload(const RtmpServer *server, uint32_t msgKind)
     } else if (msgKind == RTMP_MSG_SET_PEER_BANDWIDTH) {
         PutU32Be(&out, LoadShared(&server->PeerBandwidth));
         PutU8(&out, kLimitDynamic);
+    } else if (msgKind == RTMP_MSG_ACKNOWLEDGEMENT && Allows(client, RULE_ACKNOWLEDGE)) {
+        PutU32Be(&out, client->BytesReceived);
     }
     payload.Length = static_cast<uint32_t>(out.Next - payload.Bytes);
     return payload;
@@ -108,7 +113,7 @@ RtmpSendPkt *MakeControlMsg(RtmpClient *client, uint32_t msgKind, uint32_t msgTy
 RtmpSendPkt *GenerateProtoCtrlMsgRes(RtmpClient *client, void * /*recvPkt*/, uint32_t msgKind)
 {
     RtmpServer *server = client->Server;
-    const Payload payload = ProtocolControlPayload(server, msgKind);
+    const Payload payload = ProtocolControlPayload(client, msgKind);
     RtmpSendPkt *pkt = MakeControlMsg(client, msgKind, TypeOfProtocolControl(msgKind), &payload, __func__);
     if (pkt != nullptr && msgKind == RTMP_MSG_SET_CHUNK_SIZE) {
         StoreShared(&server->ChunkSize, AnnouncedChunkSize(server));

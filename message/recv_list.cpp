@@ -233,3 +233,15 @@ int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId)
     const int32_t typeId = pkt != nullptr ? static_cast<int32_t>(pkt->MsgTypeId) : -1;
     return UnlockRecvList(client, __func__) == 0 ? typeId : -1;
 }
+
+int AbandonMessage(RtmpClient *client, uint32_t chunkStreamId)
+{
+    if (LockRecvList(client, __func__) != 0) {
+        return -1;
+    }
+    RtmpRecvPkt *pkt = FindInIndex(client, chunkStreamId);
+    if (pkt != nullptr) {
+        pkt->Complete = 1; // the next chunk begins a message, and nobody is handed this one
+    }
+    return UnlockRecvList(client, __func__);
+}

@@ -19,6 +19,11 @@ RTMP_STATUS int IsKnownRecvPktStored(RtmpClient *client, const RtmpRecvPkt *pkt)
 int32_t GetPayloadHdrSize(RtmpClient *client, int chunkStreamId);
 int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId);
 
+// AbandonMessage drops the message that is being assembled on a chunk stream, if there is one. Its header
+// stays for those that inherit from it, as that of a complete message does. 0; -1: the list's lock failed
+// (logged).
+RTMP_STATUS int AbandonMessage(RtmpClient *client, uint32_t chunkStreamId);
+
 // The receive list's lock, with the log line of a failure under the caller's name.
 RTMP_STATUS int LockRecvList(RtmpClient *client, const char *who);
 RTMP_STATUS int UnlockRecvList(RtmpClient *client, const char *who);

@@ -2,12 +2,14 @@
 
 #include "command/command.h"
 #include "command/user_control.h"
+#include "message/recv_list.h"
 #include "message/recv_packet.h"
 #include "net/byte_order.h"
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/log_line.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/refusal.h"
 #include "net/scope.h"
 #include "rtmpcast/types.h"
@@ -42,26 +44,56 @@ int StoreForClient(RtmpClient *client, uint32_t *field, uint32_t value, const ch
     return 0;
 }
 
+// TakenChunkSize returns what becomes of an announced size. RTMP 1.0, 5.4.1: 31 bits, at least 1; a size of 0
+// changes nothing.
+uint32_t TakenChunkSize(const RtmpClient *client, uint32_t announced)
+{
+    if (!Allows(client, RULE_CHUNK_SIZE_IN)) {
+        // KEPT: taken whole, also the reserved top bit, and also 0. Required; changes a log line and how the
+        // peer's chunks are cut.
+        return announced;
+    }
+    const uint32_t size = announced & 0x7FFFFFFF;
+    return size > 0 ? size : client->InChunkSize;
+}
+
+int SetChunkSize(RtmpClient *client, uint32_t announced, const char *who)
+{
+    RtmpLogger *logger = LoggerOf(client->Server);
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: SET CHUNK SIZE\n", who);
+    const uint32_t size = TakenChunkSize(client, announced);
+    if (StoreForClient(client, &client->InChunkSize, size, who) != 0) {
+        return -1;
+    }
+    RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Client to Server Chunk Size : %d\n", who,
+                 static_cast<int>(size));
+    return 0;
+}
+
+int Abort(RtmpClient *client, uint32_t chunkStreamId, const char *who)
+{
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO,
+                 "INFO: %s: Received Protocol control message: ABORT\n", who);
+    // KEPT: without the rule the partly received message is not dropped. Required
+    return Allows(client, RULE_ABORT) ? AbandonMessage(client, chunkStreamId) : 0;
+}
+
 int ParseProtocolControl(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kind, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     const uint32_t value = ControlValue(pkt);
     switch (pkt->MsgTypeId) {
     case RTMP_TYPE_SET_CHUNK_SIZE:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: SET CHUNK SIZE\n",
-                     who);
-        // KEPT: taken whole, where RTMP 1.0, 5.4.1 reserves the top bit. Required; changes a log line and how
-        // the peer's chunks are cut.
-        if (StoreForClient(client, &client->InChunkSize, value, who) != 0) {
+        if (SetChunkSize(client, value, who) != 0) {
             return -1;
         }
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Client to Server Chunk Size : %d\n", who,
-                     static_cast<int>(value));
         *kind = RTMP_MSG_SET_CHUNK_SIZE;
         return 0;
     case RTMP_TYPE_ABORT:
-        RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ABORT\n", who);
-        *kind = RTMP_MSG_ABORT; // KEPT: the partly received message is not dropped. Required
+        if (Abort(client, value, who) != 0) {
+            return -1;
+        }
+        *kind = RTMP_MSG_ABORT;
         return 0;
     case RTMP_TYPE_ACKNOWLEDGEMENT:
         RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Received Protocol control message: ACKNOWLEDGEMENT\n",

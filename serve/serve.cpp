@@ -1,5 +1,6 @@
 #include "serve/serve.h"
 
+#include "delivery/replies/acknowledge.h"
 #include "delivery/replies/replies.h"
 #include "delivery/write/client_send.h"
 #include "message/chunk_reader.h"
@@ -40,6 +41,7 @@ RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored)
             return nullptr;
         }
         *stored = IsKnownRecvPktStored(client, pkt) == 0 || AddRecvPkt(client, pkt) == 0;
+        AcknowledgeReceived(client);
     } while (*stored && pkt->Complete != 1);
     return pkt;
 }

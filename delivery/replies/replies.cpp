@@ -1,5 +1,6 @@
 #include "delivery/replies/replies.h"
 
+#include "delivery/replies/acknowledge.h"
 #include "delivery/replies/reply.h"
 #include "delivery/replies/start_sequence.h"
 #include "message/send_list.h"
@@ -250,7 +251,9 @@ int ProcessSend(RtmpClient *client, RtmpRecvPkt *request, uint32_t kind)
     case RTMP_MSG_SET_CHUNK_SIZE:
     case RTMP_MSG_ABORT:
     case RTMP_MSG_ACKNOWLEDGEMENT:
+        return 0;
     case RTMP_MSG_WINDOW_ACK_SIZE:
+        AcknowledgeReceived(client); // the peer may be waiting, with more than its window sent already
         return 0;
     default:
         return -1; // nothing to say, or not in this state of things; set peer bandwidth (47) among them

@@ -2,6 +2,7 @@
 #include "message/recv_list.h"
 #include "message/recv_packet.h"
 #include "net/handshake.h"
+#include "rtmpcast/player.h"
 #include "support/calls.h"
 #include "support/socket_client.h"
 
@@ -116,6 +117,35 @@ TEST(ChunkReaderWithoutMemory, FourAllocationsMakeAMessageAndOneGoesOnWithIt)
     const FailingAllocation none(0);
     EXPECT_NE(ReadRtmpMessage(client.get()), nullptr);
     EXPECT_EQ(none.seen(), 1);
+}
+
+TEST(StandardChunkReaderWithoutMemory, EndsTheConnection)
+{
+    const struct {
+        int allocation;
+        Lines lines;
+    } rows[] = {
+        {1,
+         {"3 ERROR: CreateNewRtmpPkt: Cannot allocate memory to tmpRecvStrmPkt",
+          "3 ERROR: ReadRtmpMessage: Rtmp packet creation failed"}},
+        {2,
+         {"3 ERROR: CreateNewRtmpPkt: Cannot allocate memory to tmpRecvStrmPkt->PayloadData",
+          "3 ERROR: ReadRtmpMessage: Rtmp packet creation failed"}},
+        {3, {"3 ERROR: ReadRtmpMessage: Cannot allocate memory to tmpRecvStrmPkt->PayloadData"}}, // it grows
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.allocation);
+        SocketClient client;
+        client->PlayerFlags = RTMP_PLAYERS_CHUNKS_IN;
+        client.send(Hex("03 000000 000082 05 00000000") + Counting(128));
+        RtmpRecvPkt *pkt;
+        {
+            const FailingAllocation failing(row.allocation);
+            pkt = ReadRtmpMessage(client.get());
+        }
+        EXPECT_EQ(pkt, nullptr);
+        EXPECT_EQ(client.takeLines(), row.lines);
+    }
 }
 
 // -------------------------------------------------------------------------------------------------- HMAC
@@ -270,6 +300,21 @@ TEST(ChunkReaderLocks, AListThatCannotBeLockedEndsTheConnection)
             pkt = ReadRtmpMessage(client.get());
         }
         EXPECT_EQ(pkt, nullptr);
+        EXPECT_EQ(client.takeLines(), Lines{row.line});
+    }
+}
+
+TEST(AbandonMessageLocks, AListThatCannotBeLockedIsReported)
+{
+    const struct {
+        Call call;
+        const char *line;
+    } rows[] = {{Call::MutexLock, "3 ERROR: AbandonMessage: Cannot lock receive packet list"},
+                {Call::MutexUnlock, "3 ERROR: AbandonMessage: Cannot unlock receive packet list"}};
+    for (const auto &row : rows) {
+        SocketClient client;
+        const FailingCall failing(row.call);
+        EXPECT_EQ(AbandonMessage(client.get(), 3), -1);
         EXPECT_EQ(client.takeLines(), Lines{row.line});
     }
 }

@@ -2,6 +2,7 @@
 // over plain vectors.
 #include "message/chunk_reader.h"
 #include "message/recv_list.h"
+#include "rtmpcast/player.h"
 #include "support/socket_client.h"
 
 #include <algorithm>
@@ -19,13 +20,20 @@ struct ModelMessage {
     Bytes timestamp = Bytes(3), delta = Bytes(3), extended = Bytes(4), streamId = Bytes(4);
     Bytes payload;
     bool complete = false;
+    bool isTimeExtended = false; // which the standard asks of type 3 chunks behind it
 };
 
 struct EndOfStream {};
 
+// By which rules a stream is read.
+enum class Rules { Exact, Standard };
+
 class Model {
   public:
-    Model(Bytes stream, uint64_t chunkSize) : stream_(std::move(stream)), chunkSize_(chunkSize) {}
+    Model(Bytes stream, uint64_t chunkSize, Rules rules)
+        : stream_(std::move(stream)), chunkSize_(chunkSize), standard_(rules == Rules::Standard)
+    {
+    }
 
     // The message that the next chunk belongs to; nothing once the connection is over.
     std::optional<ModelMessage> next()
@@ -44,7 +52,7 @@ class Model {
   private:
     Bytes take(uint64_t count)
     {
-        if (count == 0 || count > stream_.size() - at_) {
+        if ((count == 0 && !standard_) || count > stream_.size() - at_) {
             throw EndOfStream();
         }
         at_ += count;
@@ -56,7 +64,7 @@ class Model {
         ModelMessage fresh;
         const uint8_t first = take(1)[0];
         fresh.type = first / 64;
-        fresh.id = first & 0b101111;
+        fresh.id = first & (standard_ ? 0b111111 : 0b101111);
         if (fresh.id == 0) {
             fresh.form = 1;
             fresh.id = take(1)[0] + 64U;
@@ -67,7 +75,12 @@ class Model {
         }
         readMessageHeader(fresh);
         const auto found = stored_.find(fresh.id);
+        if (standard_ && fresh.type == 3 && found != stored_.end() && found->second.isTimeExtended) {
+            fresh.isTimeExtended = true;
+            fresh.extended = take(4);
+        }
         if (found != stored_.end() && !found->second.complete) {
+            found->second.isTimeExtended = fresh.isTimeExtended;
             return goOn(found->second);
         }
         if (fresh.type >= 2) {
@@ -76,6 +89,9 @@ class Model {
             }
             fresh.length = found->second.length;
             fresh.typeId = found->second.typeId;
+        }
+        if (standard_ && fresh.type >= 1 && found != stored_.end()) {
+            fresh.streamId = found->second.streamId;
         }
         fresh.payload = take(std::min<uint64_t>(chunkSize_, fresh.length));
         fresh.complete = fresh.payload.size() == fresh.length;
@@ -100,6 +116,7 @@ class Model {
         }
         if (time == Bytes{255, 255, 255}) {
             fresh.extended = take(4);
+            fresh.isTimeExtended = true;
         }
     }
 
@@ -107,13 +124,14 @@ class Model {
     {
         const uint64_t remaining = open.length - open.payload.size();
         open.payload = open.payload + take(std::min(chunkSize_, remaining));
-        open.complete = remaining < chunkSize_;
+        open.complete = standard_ ? open.payload.size() == open.length : remaining < chunkSize_;
         return open;
     }
 
     Bytes stream_;
     size_t at_ = 0;
     uint64_t chunkSize_;
+    bool standard_;
     std::map<uint32_t, ModelMessage> stored_;
 };
 
@@ -121,7 +139,7 @@ class Model {
 
 class Generator {
   public:
-    explicit Generator(uint32_t seed) : random_(seed) {}
+    Generator(uint32_t seed, Rules rules) : random_(seed), standard_(rules == Rules::Standard) {}
 
     uint32_t below(uint32_t limit)
     {
@@ -159,12 +177,17 @@ class Generator {
   private:
     Bytes basicHeader(uint32_t &id)
     {
-        static const Bytes forms[] = {Hex("02"),    Hex("03"),    Hex("13"),       Hex("2F"),
-                                      Hex("00 00"), Hex("10 00"), Hex("01 00 00"), Hex("11 FF FF")};
-        static const uint32_t ids[] = {2, 3, 3, 47, 64, 64, 64, 65599};
-        const uint32_t which = below(8);
-        id = ids[which];
-        return forms[which];
+        struct Form {
+            const char *bytes;
+            uint32_t id;
+        };
+        static const Form exact[] = {{"02", 2},     {"03", 3},     {"13", 3},        {"2F", 47},
+                                     {"00 00", 64}, {"10 00", 64}, {"01 00 00", 64}, {"11 FF FF", 65599}};
+        static const Form standard[] = {{"02", 2},     {"03", 3},  {"13", 19},       {"2F", 47},
+                                        {"00 00", 64}, {"10", 16}, {"01 00 00", 64}, {"01 FF FF", 65599}};
+        const Form &form = (standard_ ? standard : exact)[below(8)];
+        id = form.id;
+        return Hex(form.bytes);
     }
 
     // Mostly type 3 within a message; between messages the types that the chunk stream allows.
@@ -183,14 +206,16 @@ class Generator {
         uint32_t &remaining = remaining_[id];
         uint32_t &length = length_[id];
         const uint32_t type = headerType(remaining > 0, length > 0);
-        const bool extended = type < 3 && below(5) == 0;
+        bool &streamIsExtended = extended_[id];
+        const bool extended = type < 3 ? below(5) == 0 : standard_ && streamIsExtended;
+        streamIsExtended = extended;
         uint32_t announced = length;
         out[0] = static_cast<uint8_t>(out[0] | type << 6);
         if (type < 3) {
             out = out + (extended ? Hex("FFFFFF") : noise(3));
         }
         if (type < 2) {
-            announced = 1 + below(below(4) == 0 ? 600 : 40);
+            announced = (standard_ ? 0 : 1) + below(below(4) == 0 ? 600 : 40);
             out = out + Bytes{0, static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced)} +
                   noise(1);
         }
@@ -204,7 +229,9 @@ class Generator {
     }
 
     std::mt19937 random_;
+    bool standard_;
     std::map<uint32_t, uint32_t> remaining_, length_;
+    std::map<uint32_t, bool> extended_;
 };
 
 // ---------------------------------------------------------------------------------------- the comparison
@@ -231,11 +258,12 @@ void ExpectSame(const RtmpRecvPkt *pkt, const ModelMessage &expected)
 }
 
 // Returns the chunks read. Every stream ends: a chunk takes at least one byte.
-size_t ReadAgainstTheModel(const Bytes &stream, uint32_t chunkSize)
+size_t ReadAgainstTheModel(const Bytes &stream, uint32_t chunkSize, Rules rules)
 {
     SocketClient client;
+    client->PlayerFlags = rules == Rules::Standard ? RTMP_PLAYERS_ALL : RTMP_PLAYERS_EXACT;
     client->InChunkSize = chunkSize;
-    Model model(stream, chunkSize);
+    Model model(stream, chunkSize, rules);
     client.send(stream);
     client.endOfInput();
     for (size_t chunks = 0;; chunks++) {
@@ -266,26 +294,33 @@ uint32_t Rounds(uint32_t normal)
 
 } // namespace
 
-TEST(ChunkReaderFuzz, PlausibleStreamsAreReadAsTheModelReadsThem)
+class ChunkReaderFuzz : public testing::TestWithParam<Rules> {};
+
+TEST_P(ChunkReaderFuzz, PlausibleStreamsAreReadAsTheModelReadsThem)
 {
     size_t chunks = 0;
     for (uint32_t seed = 1; seed <= Rounds(600); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        Generator generator(seed);
+        Generator generator(seed, GetParam());
         const uint32_t chunkSize = generator.chunkSize();
-        chunks += ReadAgainstTheModel(generator.plausible(chunkSize), chunkSize);
+        chunks += ReadAgainstTheModel(generator.plausible(chunkSize), chunkSize, GetParam());
         ASSERT_FALSE(testing::Test::HasFailure());
     }
     EXPECT_GT(chunks, 5U * Rounds(600)); // the streams do reach beyond their first chunks
 }
 
-TEST(ChunkReaderFuzz, RandomBytesAreReadAsTheModelReadsThem)
+TEST_P(ChunkReaderFuzz, RandomBytesAreReadAsTheModelReadsThem)
 {
     for (uint32_t seed = 1; seed <= Rounds(600); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        Generator generator(seed);
+        Generator generator(seed, GetParam());
         const uint32_t chunkSize = generator.chunkSize();
-        ReadAgainstTheModel(generator.noise(generator.below(2000)), chunkSize);
+        ReadAgainstTheModel(generator.noise(generator.below(2000)), chunkSize, GetParam());
         ASSERT_FALSE(testing::Test::HasFailure());
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Rules, ChunkReaderFuzz, testing::Values(Rules::Exact, Rules::Standard),
+                         [](const testing::TestParamInfo<Rules> &row) {
+                             return row.param == Rules::Exact ? "Exact" : "Standard";
+                         });

@@ -1,4 +1,5 @@
 #include "message_fixture.h"
+#include "rtmpcast/player.h"
 
 namespace {
 
@@ -42,6 +43,16 @@ TEST_F(Control, EveryControlMessageGoesOutOnChunkStreamTwo)
         EXPECT_EQ(ToHex(pkt->HdrTimestampDelta, 3), "00 00 00");
     }
     EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST_F(Control, AnAcknowledgementHasAValueWhereTheConnectionHasTheRule)
+{
+    client.BytesReceived = 0x01020304;
+    client.PlayerFlags = RTMP_PLAYERS_ALL & ~RTMP_PLAYERS_ACKNOWLEDGE;
+    EXPECT_EQ(PayloadOf(Generate(nullptr, RTMP_MSG_ACKNOWLEDGEMENT).get()), "");
+    client.PlayerFlags = RTMP_PLAYERS_ACKNOWLEDGE;
+    EXPECT_EQ(PayloadOf(Generate(nullptr, RTMP_MSG_ACKNOWLEDGEMENT).get()), "01 02 03 04");
+    EXPECT_EQ(PayloadOf(Generate(nullptr, RTMP_MSG_ABORT).get()), "");
 }
 
 TEST_F(Control, TheConnectionLevelStreamIdIsUsedWhateverItIs)

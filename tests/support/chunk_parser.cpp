@@ -89,9 +89,13 @@ void ChunkParser::readPayload(Message &message, uint32_t length)
     } while (message.payload.size() < length);
 }
 
-// The server compares each message with the first one it sent on the chunk stream, not with the last.
+// The server compares each message with the first one it sent on the chunk stream, not with the last. With an
+// acknowledgement it begins the chunk stream anew.
 void ChunkParser::checkHeaderType(const Message &message, const Shape &shape)
 {
+    if (message.type == 3) {
+        references_.erase(message.chunkStream);
+    }
     const auto found = references_.find(message.chunkStream);
     if (found == references_.end()) {
         if (message.headerType != 0) {
