@@ -100,6 +100,19 @@ TEST(SequenceParameters, ParameterSetsOfX264)
                                   0x02, 0x20, 0x00, 0x00, 0x03, 0x00, 0x20, 0x00, 0x00, 0x06, 0x43};
     EXPECT_EQ(Summary(high1080), "1920x1080 4:2:0 8/8");
     EXPECT_EQ(Summary(interlaced1080), "1920x1080 4:2:0 8/8");
+    const Bytes high422 =
+        Hex("67 7A 00 28 B6 CB 40 3C 01 13 F1 38 08 80 00 00 03 00 80 00 00 19 07 8C 19 50");
+    const Bytes high444 =
+        Hex("67 F4 00 1E 90 D9 68 0A 42 FE 3E 7C 04 40 00 00 03 00 40 00 00 0C 83 C5 8B A8"); // 10 bits
+    const Bytes monochrome =
+        Hex("67 64 00 0D F2 D0 2A 10 F1 F1 F8 0B 64 00 00 03 00 40 00 00 03 00 C8 3C 50 AA 80");
+    const Bytes intra10 = // AVC-Intra class 50: interlaced, with matrices
+        Hex("676E1028A6D42032330C7118886210191986388C44302102564E6E61873E734D980C03069C0B73E6"
+            "C0B518630D39E05B02D4C6191A798C323424F0168113F787080000030008000003019420");
+    EXPECT_EQ(Summary(high422), "1920x1080 4:2:2 10/10");
+    EXPECT_EQ(Summary(high444), "642x362 4:4:4 10/10");
+    EXPECT_EQ(Summary(monochrome), "322x242 4:0:0 8/8");
+    EXPECT_EQ(Summary(intra10), "1440x1080 4:2:0 10/10");
     EXPECT_EQ(Summary(kSps25), "1280x720 4:2:0 8/8");
     EXPECT_EQ(Summary(kSps720), "1280x720 4:2:0 8/8");
 }
