@@ -5,6 +5,7 @@
 #include "support/wire_replies.h"
 
 #include <algorithm>
+#include <random>
 
 using namespace amf0;
 using namespace wire;
@@ -30,14 +31,14 @@ Outgoing Command(const std::vector<Value> &values, uint32_t chunkStream = 3, uin
     return {.payload = Values(values).bytes, .chunkStream = chunkStream, .stream = stream};
 }
 
-Outgoing UserControl(uint16_t event, const Bytes &rest)
+Outgoing PlayerEvent(uint16_t event, const Bytes &rest)
 {
     return {.payload = Join({BigEndian(event, 2), rest}), .type = 4, .chunkStream = 2};
 }
 
 Outgoing SetBufferLength(uint32_t stream, uint32_t milliseconds)
 {
-    return UserControl(3, Join({BigEndian(stream, 4), BigEndian(milliseconds, 4)}));
+    return PlayerEvent(3, Join({BigEndian(stream, 4), BigEndian(milliseconds, 4)}));
 }
 
 Outgoing WindowAckSize()
@@ -62,15 +63,15 @@ void ExpectFrame(RtmpSession *session, ScriptedPeer &peer, uint64_t time = 1000)
 }
 
 // One message, and how many come back.
-struct Step {
+struct Turn {
     Outgoing message;
     size_t replies;
 };
 
 struct Client {
     const char *name;
-    std::vector<Step> steps;
-    size_t refused; // the step that the default refuses
+    std::vector<Turn> turns;
+    size_t refused; // the turn that the default refuses
 };
 
 std::ostream &operator<<(std::ostream &out, const Client &client)
@@ -90,18 +91,18 @@ Value ConnectObject(const std::string &flashVer)
                    {"videoFunction", Number(1)}});
 }
 
-Step Connect(const std::string &flashVer)
+Turn Connect(const std::string &flashVer)
 {
     return {Command({String("connect"), Number(1), ConnectObject(flashVer)}), 6};
 }
 
-Step CreateStream(double transaction)
+Turn CreateStream(double transaction)
 {
     return {Command({String("createStream"), Number(transaction), Null()}), 1};
 }
 
 // On the message stream that createStream gave.
-Step Play(const Value &start)
+Turn Play(const Value &start)
 {
     return {Command({String("play"), Number(4), Null(), String("cam"), start}, 8, 1), 7};
 }
@@ -165,9 +166,9 @@ TEST_P(WireTodaysPlayers, PlayWhereTheyAreAdmitted)
     Host host(kAdmit);
     ScriptedPeer peer(host.port);
     peer.handshake();
-    for (const Step &step : GetParam().steps) {
-        peer.send(step.message);
-        peer.read(step.replies);
+    for (const Turn &turn : GetParam().turns) {
+        peer.send(turn.message);
+        peer.read(turn.replies);
     }
     EXPECT_TRUE(peer.settle().empty()) << "nothing else was answered";
     ExpectFrame(host.cam, peer);
@@ -180,10 +181,10 @@ TEST_P(WireTodaysPlayers, AreRefusedByDefaultAtTheFirstThingThatIsNotKnown)
     ScriptedPeer peer(host.port);
     peer.handshake();
     for (size_t i = 0; i < GetParam().refused; ++i) {
-        peer.send(GetParam().steps[i].message);
-        peer.read(GetParam().steps[i].replies);
+        peer.send(GetParam().turns[i].message);
+        peer.read(GetParam().turns[i].replies);
     }
-    peer.send(GetParam().steps[GetParam().refused].message);
+    peer.send(GetParam().turns[GetParam().refused].message);
     ExpectConnectFailed(peer);
     EXPECT_TRUE(host.log.contains("3 ERROR: ServeRtmpClient: Unsupported message type received"));
 }
@@ -265,11 +266,11 @@ INSTANTIATE_TEST_SUITE_P(
         Aside{"Amf3Data", {.payload = {0, 2}, .type = 15}, nullptr},
         Aside{"Amf3SharedObject", {.payload = {0, 2}, .type = 16}, nullptr},
         Aside{"Amf3Command", {.payload = {0, 2}, .type = 17}, nullptr},
-        Aside{"StreamEof", UserControl(1, BigEndian(1, 4)),
+        Aside{"StreamEof", PlayerEvent(1, BigEndian(1, 4)),
               "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM EOF"},
-        Aside{"StreamDry", UserControl(2, BigEndian(1, 4)),
+        Aside{"StreamDry", PlayerEvent(2, BigEndian(1, 4)),
               "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM DRY"},
-        Aside{"StreamIsRecorded", UserControl(4, BigEndian(1, 4)),
+        Aside{"StreamIsRecorded", PlayerEvent(4, BigEndian(1, 4)),
               "6 INFO: ParseUsrCtrlMsgReq: Received User control message: STREAM IS RECORDED"}),
     [](const testing::TestParamInfo<Aside> &row) { return row.param.name; });
 
@@ -637,4 +638,42 @@ TEST(WireStreamName, IsTheWholeOneByDefault)
     EXPECT_TRUE(Same(sent[0].payload, Status("error", "NetStream.Play.StreamNotFound", "Stream not found",
                                              "cam?token=1", ClientIdOf(sent[0]))));
     EXPECT_TRUE(peer.socket.ends());
+}
+
+// ------------------------------------------------------------------------------------------- bad input
+
+TEST(WireTodaysBadInput, OneByteChangedHarmsNobodyElse)
+{
+    Host host(kAdmit);
+    ScriptedPeer watcher(host.port);
+    watcher.playing("cam");
+    host.log.clear();
+    std::vector<Outgoing> messages;
+    for (const Client &client : kClients) {
+        for (const Turn &turn : client.turns) {
+            messages.push_back(turn.message);
+        }
+    }
+    messages.insert(messages.end(), {Seek(1), Publish(), PlayerEvent(1, BigEndian(1, 4))});
+    std::mt19937 generator(4711);
+    constexpr size_t kPeers = 200;
+    for (size_t i = 0; i < kPeers; ++i) {
+        ScriptedPeer peer(host.port);
+        peer.handshake();
+        try {
+            for (Outgoing message : messages) {
+                message.payload[generator() % message.payload.size()] = static_cast<uint8_t>(generator());
+                peer.send(message);
+            }
+            peer.socket.finish();
+        } catch (const PeerError &) {
+            // refused already
+        }
+    }
+    EXPECT_TRUE(host.log.waitFor([&] {
+        return host.log.count("Exiting ServeRtmpClient thread") +
+                   host.log.count("Exiting Server RtmpClient thread") ==
+               kPeers;
+    }));
+    ExpectFrame(host.cam, watcher);
 }
