@@ -144,11 +144,13 @@ int WriteReply(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
     }
 }
 
-// SetStreamOfRequest addresses a reply to the message stream that its request came on. A short chunk header
-// names none: then it is that of the message before, and a client has one stream.
+// SetStreamOfRequest addresses a reply to the message stream that its request came on. Where it is not known,
+// because a short chunk header named none, it is the one stream that a client has.
 void SetStreamOfRequest(const RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
 {
-    if (request != nullptr && request->HeaderType == 0) {
+    const bool isKnown =
+        request != nullptr && (request->HeaderType == 0 || Allows(client, RULE_MESSAGE_STREAM_IN));
+    if (isKnown) {
         memcpy(pkt->MsgStreamId, request->MsgStreamId, sizeof pkt->MsgStreamId);
     } else {
         SetMsgStreamId(pkt, client->StreamId);

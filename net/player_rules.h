@@ -64,7 +64,7 @@ constexpr PlayerRuleRow kPlayerRules[] = {
      "ReadRtmpMessage"},
     {RULE_MESSAGE_STREAM_IN, RTMP_PLAYERS_CHUNKS_IN,
      "Only a header of type 0 gives a message its message stream; behind any other it is 0.",
-     "ReadRtmpMessage"},
+     "ReadRtmpMessage SetStreamOfRequest"},
     {RULE_CHUNK_SIZE_IN, RTMP_PLAYERS_CHUNKS_IN,
      "Set Chunk Size is taken whole, with the reserved bit and also 0.", "TakenChunkSize"},
     {RULE_ABORT, RTMP_PLAYERS_CHUNKS_IN, "Abort drops nothing.", "Abort"},

@@ -235,6 +235,9 @@ TEST_F(CommandReplies, SeekAndPublishAreAnsweredOnTheMessageStreamOfTheRequest)
         EXPECT_EQ(StreamIdOf(pkt.get()), "12 34 00 00");
         request.HeaderType = 1; // names no stream
         EXPECT_EQ(StreamIdOf(Generate(&request, row.kind).get()), "07 00 00 00");
+        client.PlayerFlags = RTMP_PLAYERS_CHUNKS_IN; // the reader has inherited it
+        EXPECT_EQ(StreamIdOf(Generate(&request, row.kind).get()), "12 34 00 00");
+        client.PlayerFlags = RTMP_PLAYERS_EXACT;
         EXPECT_EQ(StreamIdOf(Generate(nullptr, row.kind).get()), "07 00 00 00");
         EXPECT_EQ(client.StatusChunkStreamId, 6U);
     }

@@ -451,6 +451,19 @@ TEST(WireSeek, BehindAShortHeaderIsNotifiedOnThePlayersStream)
     EXPECT_TRUE(Same(notice.payload, Seeking(id)));
 }
 
+TEST(WireSeek, BehindAShortHeaderIsNotifiedOnTheStreamThatIsInheritedWhereThatIsRead)
+{
+    Host host(RTMP_PLAYERS_COMMANDS | RTMP_PLAYERS_CHUNKS_IN);
+    ScriptedPeer peer(host.port);
+    const std::string id = ClientIdOf(peer.playing("cam")[0]);
+    Outgoing seek = Seek(0x0A0B);
+    peer.send(seek);
+    peer.read();
+    seek.headerType = 1;
+    peer.send(seek);
+    EXPECT_TRUE(Sent(peer.read(), "04" + Fields(Seeking(id), "14") + "0b0a0000", Seeking(id)));
+}
+
 TEST(WireSeek, WhilePausedLeavesThePlayerPaused)
 {
     Host host(RTMP_PLAYERS_COMMANDS);
