@@ -92,7 +92,19 @@ TEST(Constants, MessageKinds)
                IS(RTMP_MSG_VIDEO, 51),
                IS(RTMP_MSG_AUDIO, 52),
                IS(RTMP_MSG_UNSUPPORTED, 53),
-               IS(RTMP_MSG_CAPTION, 54)});
+               IS(RTMP_MSG_CAPTION, 54),
+               IS(RTMP_MSG_SEEK, 55),
+               IS(RTMP_MSG_PUBLISH, 56),
+               IS(RTMP_MSG_CONNECT_REJECTED, 57)});
+}
+
+TEST(Constants, FlagsOfPlayers)
+{
+    ExpectAll({IS(RTMP_PLAYERS_EXACT, 0), IS(RTMP_PLAYERS_COMMANDS, 1), IS(RTMP_PLAYERS_HANDSHAKE, 2),
+               IS(RTMP_PLAYERS_VERSION, 4), IS(RTMP_PLAYERS_DESCRIPTION, 8), IS(RTMP_PLAYERS_TIMELINE, 16),
+               IS(RTMP_PLAYERS_CHUNKS_IN, 32), IS(RTMP_PLAYERS_CHUNKS_OUT, 64), IS(RTMP_PLAYERS_CONNECT, 128),
+               IS(RTMP_PLAYERS_STREAM_NAME, 256), IS(RTMP_PLAYERS_KEY_FRAME, 512),
+               IS(RTMP_PLAYERS_ACKNOWLEDGE, 1024), IS(RTMP_PLAYERS_ALL, 2047)});
 }
 
 TEST(Constants, StatesAndModes)

@@ -192,6 +192,24 @@ TEST_P(WireTodaysPlayers, AreRefusedByDefaultAtTheFirstThingThatIsNotKnown)
 INSTANTIATE_TEST_SUITE_P(Clients, WireTodaysPlayers, testing::ValuesIn(kClients),
                          [](const testing::TestParamInfo<Client> &row) { return row.param.name; });
 
+TEST(WirePlayerSettings, ActOnConnectionsThatAreAcceptedAfterwards)
+{
+    Host host(RTMP_PLAYERS_EXACT);
+    ScriptedPeer before(host.port);
+    before.created();
+    RtmpPlayerSettings(host.server, kAdmit);
+    ScriptedPeer after(host.port);
+    after.created();
+    RtmpPlayerSettings(host.server, RTMP_PLAYERS_EXACT);
+    for (ScriptedPeer *peer : {&before, &after}) {
+        peer->send(Command({String("getStreamLength"), Number(3), Null(), String("cam")}, 8));
+    }
+    ExpectConnectFailed(before);
+    after.command(PlayCommand("cam"));
+    EXPECT_EQ(after.read(7)[6].type, 8);
+    ExpectFrame(host.cam, after);
+}
+
 // -------------------------------------------------------------------------------------- what is ignored
 
 struct Aside {
