@@ -84,7 +84,7 @@ int StorePayload(RtmpClient *client, RtmpRecvPkt *pkt, const uint8_t *payload, u
 
 } // namespace
 
-int ReadFixedHeader(RtmpClient *client, uint8_t idMask, uint8_t *bytes, ChunkHeader *header)
+int ReadFixedHeader(RtmpClient *client, uint8_t idMask, uint8_t *bytes, ReceivedHeader *header)
 {
     if (ReadNoOfBytes(client, bytes, 1) != 0) {
         return -1;
@@ -101,7 +101,7 @@ int ReadFixedHeader(RtmpClient *client, uint8_t idMask, uint8_t *bytes, ChunkHea
     return 0;
 }
 
-int ReadExtendedTimestamp(RtmpClient *client, uint8_t *bytes, ChunkHeader *header)
+int ReadExtendedTimestamp(RtmpClient *client, uint8_t *bytes, ReceivedHeader *header)
 {
     if (ReadNoOfBytes(client, bytes + header->Length, 4) != 0) {
         return -1;
@@ -115,7 +115,7 @@ bool AnnouncesExtendedTimestamp(const uint8_t *messageHeader, uint32_t headerTyp
     return headerType != 3 && GetU24Be(messageHeader) == kNoField;
 }
 
-int32_t MessageLengthOf(RtmpClient *client, const uint8_t *bytes, const ChunkHeader *header)
+int32_t MessageLengthOf(RtmpClient *client, const uint8_t *bytes, const ReceivedHeader *header)
 {
     if (header->HeaderType <= 1) {
         return static_cast<int32_t>(GetU24Be(bytes + 1 + header->BasicHeaderForm + 3));

@@ -18,7 +18,7 @@ enum ReadResult {
 };
 
 // A chunk header as it was read.
-struct ChunkHeader {
+struct ReceivedHeader {
     uint32_t HeaderType;
     uint32_t BasicHeaderForm;
     uint32_t ChunkStreamId;
@@ -27,17 +27,17 @@ struct ChunkHeader {
 
 // ReadFixedHeader reads basic header and message header into `bytes`, which has room for kChunkHeaderMax. The
 // bits of `idMask` in the first byte make the chunk stream id. -1: the connection is over.
-RTMP_STATUS int ReadFixedHeader(RtmpClient *client, uint8_t idMask, uint8_t *bytes, ChunkHeader *header);
+RTMP_STATUS int ReadFixedHeader(RtmpClient *client, uint8_t idMask, uint8_t *bytes, ReceivedHeader *header);
 
 // ReadExtendedTimestamp reads the four bytes behind a fixed header.
-RTMP_STATUS int ReadExtendedTimestamp(RtmpClient *client, uint8_t *bytes, ChunkHeader *header);
+RTMP_STATUS int ReadExtendedTimestamp(RtmpClient *client, uint8_t *bytes, ReceivedHeader *header);
 
 // Whether a header of type 0, 1 or 2 announces an extended timestamp; `messageHeader` is not read for type 3.
 bool AnnouncesExtendedTimestamp(const uint8_t *messageHeader, uint32_t headerType);
 
 // MessageLengthOf returns the length of a new message: its own, or that of its chunk stream's last message;
 // -1 when there is none.
-int32_t MessageLengthOf(RtmpClient *client, const uint8_t *bytes, const ChunkHeader *header);
+int32_t MessageLengthOf(RtmpClient *client, const uint8_t *bytes, const ReceivedHeader *header);
 
 // CreateNewRtmpPkt makes a packet from the first chunk of a message: `bytes` of header and payload in
 // `chunk`. Null: no memory, or a header that inherits from a chunk stream with nothing stored (logged).

@@ -17,7 +17,7 @@ namespace {
 constexpr uint8_t kChunkStreamIdMask = 0x2F;
 
 // ReadExactHeader reads a whole header into `bytes`.
-int ReadExactHeader(RtmpClient *client, uint8_t *bytes, ChunkHeader *header)
+int ReadExactHeader(RtmpClient *client, uint8_t *bytes, ReceivedHeader *header)
 {
     if (ReadFixedHeader(client, kChunkStreamIdMask, bytes, header) != 0) {
         return -1;
@@ -67,7 +67,7 @@ ReadResult ReadFirstPiece(RtmpClient *client, uint8_t **chunk, uint32_t headerLe
     return READ_DONE;
 }
 
-RtmpRecvPkt *BeginMessage(RtmpClient *client, uint8_t **chunk, const ChunkHeader *header, const char *who)
+RtmpRecvPkt *BeginMessage(RtmpClient *client, uint8_t **chunk, const ReceivedHeader *header, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     const int32_t length = MessageLengthOf(client, *chunk, header);
@@ -104,7 +104,7 @@ RtmpRecvPkt *ReadExactChunk(RtmpClient *client, const char *who)
                      "ERROR: %s: Cannot allocate memory to dataBuff\n", who);
         return nullptr;
     }
-    ChunkHeader header = {};
+    ReceivedHeader header = {};
     if (ReadExactHeader(client, chunk, &header) != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Reading bytes failed\n", who);
         return nullptr;

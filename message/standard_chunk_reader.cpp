@@ -14,7 +14,7 @@ constexpr uint8_t kChunkStreamIdMask = 0x3F; // RTMP 1.0, 5.3.1.1
 
 // A type 3 chunk has the field when the chunk stream's last header of another type had it
 // (RTMP 1.0, 5.3.1.3).
-bool HasExtendedTimestamp(const uint8_t *bytes, const ChunkHeader *header, const RtmpRecvPkt *stored)
+bool HasExtendedTimestamp(const uint8_t *bytes, const ReceivedHeader *header, const RtmpRecvPkt *stored)
 {
     if (header->HeaderType == 3) {
         return stored != nullptr && stored->IsTimeExtended != 0;
@@ -53,7 +53,7 @@ void InheritMessageStream(RtmpRecvPkt *pkt, const RtmpRecvPkt *previous)
 
 // MakeMessage makes the packet of a new message from its header alone.
 RtmpRecvPkt *MakeMessage(RtmpClient *client, const RtmpRecvPkt *previous, const uint8_t *bytes,
-                         const ChunkHeader *header, bool isTimeExtended, const char *who)
+                         const ReceivedHeader *header, bool isTimeExtended, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     const int32_t length = MessageLengthOf(client, bytes, header);
@@ -97,7 +97,7 @@ RtmpRecvPkt *FillMessage(RtmpClient *client, RtmpRecvPkt *made, const char *who)
 RtmpRecvPkt *ReadStandardChunk(RtmpClient *client, const char *who)
 {
     uint8_t bytes[kChunkHeaderMax] = {};
-    ChunkHeader header = {};
+    ReceivedHeader header = {};
     if (ReadFixedHeader(client, kChunkStreamIdMask, bytes, &header) != 0) {
         LogFailedPiece(client, READ_FAILED, who);
         return nullptr;

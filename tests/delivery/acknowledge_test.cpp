@@ -37,8 +37,6 @@ class Acknowledge : public testing::Test {
     RigClient player = rig.addClient();
 };
 
-} // namespace
-
 TEST_F(Acknowledge, IsSentWithTheNumberOfBytesOncePerWindow)
 {
     EXPECT_EQ(after(999), Bytes{});
@@ -105,3 +103,5 @@ TEST_F(Acknowledge, IsTriedAgainAWindowLaterWhenItCannotBeSent)
     AcknowledgeReceived(player.client);
     EXPECT_EQ(rig.log.count("3 ERROR: AcknowledgeReceived"), 2U);
 }
+
+} // namespace

@@ -292,8 +292,6 @@ uint32_t Rounds(uint32_t normal)
     return wanted != nullptr ? static_cast<uint32_t>(strtoul(wanted, nullptr, 10)) : normal;
 }
 
-} // namespace
-
 class ChunkReaderFuzz : public testing::TestWithParam<Rules> {};
 
 TEST_P(ChunkReaderFuzz, PlausibleStreamsAreReadAsTheModelReadsThem)
@@ -324,3 +322,5 @@ INSTANTIATE_TEST_SUITE_P(Rules, ChunkReaderFuzz, testing::Values(Rules::Exact, R
                          [](const testing::TestParamInfo<Rules> &row) {
                              return row.param == Rules::Exact ? "Exact" : "Standard";
                          });
+
+} // namespace

@@ -28,7 +28,7 @@ Bytes Cut(const Bytes &payload, size_t chunkSize, const Bytes &header)
 }
 
 // Reads `count` chunks, which all belong to one message, and returns it.
-RtmpRecvPkt *ReadChunks(SocketClient &client, size_t count)
+RtmpRecvPkt *ReadMessageOf(SocketClient &client, size_t count)
 {
     RtmpRecvPkt *pkt = ReadChunk(client);
     for (size_t i = 1; i < count && pkt != nullptr; i++) {
@@ -107,7 +107,7 @@ TEST(StandardChunkReader, AMessageIsCompleteWhenItsLengthHasArrived)
             // and once more, with the header of the first
             client.send(Type0(3, static_cast<uint32_t>(length), 20) + chunks + Hex("C3") + chunks);
             for (int message = 0; message < 2; message++) {
-                const RtmpRecvPkt *pkt = ReadChunks(client, (length - 1) / chunkSize + 1);
+                const RtmpRecvPkt *pkt = ReadMessageOf(client, (length - 1) / chunkSize + 1);
                 ASSERT_NE(pkt, nullptr);
                 EXPECT_EQ(pkt->Complete, 1U);
                 EXPECT_EQ(pkt->MsgTypeId, 20U);
@@ -175,7 +175,7 @@ TEST(StandardChunkReader, AnIncompleteMessageGoesOnWhateverTheNextHeaderSays)
         const Bytes payload = Counting(256, 0xF0);
         client.send(Hex("03 000102 000100 14 01000000") + Slice(payload, 0, 128) + row.header +
                     Slice(payload, 128, 128));
-        const RtmpRecvPkt *pkt = ReadChunks(client, 2);
+        const RtmpRecvPkt *pkt = ReadMessageOf(client, 2);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(pkt->Complete, 1U);
         EXPECT_EQ(pkt->MsgLength, 256U);
@@ -197,7 +197,7 @@ TEST(StandardChunkReader, AType3ChunkHasTheExtendedTimestampOfItsMessage)
                 Hex("C3 01020304") +                    // a new message
                 Cut(payload, 128, Hex("C3 01020304")));
     for (int message = 0; message < 2; message++) {
-        const RtmpRecvPkt *pkt = ReadChunks(client, 3);
+        const RtmpRecvPkt *pkt = ReadMessageOf(client, 3);
         ASSERT_NE(pkt, nullptr);
         EXPECT_EQ(pkt->Complete, 1U);
         EXPECT_EQ(FieldOf(pkt->ExtendedTimestamp), Hex("01020304"));
@@ -227,7 +227,7 @@ TEST(StandardChunkReader, AHeaderInTheMidstOfAMessageHoldsForTheType3ChunksBehin
     client->InChunkSize = 2;
     client.send(Hex("03 FFFFFF 000008 14 00000000 01020304 A1A2") + Hex("83 000010 A3A4") + Hex("C3 A5A6") +
                 Hex("83 FFFFFF 01000000 A7A8") + Hex("C3 01000000 B1B2"));
-    const RtmpRecvPkt *pkt = ReadChunks(client, 4);
+    const RtmpRecvPkt *pkt = ReadMessageOf(client, 4);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(PayloadOf(pkt), Hex("A1A2A3A4A5A6A7A8"));
     pkt = ReadChunk(client);
@@ -293,7 +293,7 @@ TEST(AbandonMessage, TheNextChunkBeginsAMessageThatInheritsFromTheAbandonedOne)
     EXPECT_EQ(AbandonMessage(client.get(), 3), 0);
     const Bytes payload = Counting(256, 0x40);
     client.send(Hex("C3 01020304") + Cut(payload, 128, Hex("C3 01020304")));
-    const RtmpRecvPkt *pkt = ReadChunks(client, 2);
+    const RtmpRecvPkt *pkt = ReadMessageOf(client, 2);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(pkt->Complete, 1U);
     EXPECT_EQ(pkt->MsgTypeId, 20U);

@@ -47,8 +47,6 @@ struct ChunkSizeRow {
     const char *standardLine;
 };
 
-} // namespace
-
 TEST_F(ProtocolControl, SetChunkSizeIsTakenWholeOrAsTheStandardHasIt)
 {
     constexpr char kLine[] = "6 INFO: ParseRequestMsg: Client to Server Chunk Size : ";
@@ -104,3 +102,5 @@ TEST_F(ProtocolControl, AbortDropsTheMessageOfTheChunkStreamItNames)
     EXPECT_EQ(rig.log.lines(), std::vector<std::string>(
                                    5, "6 INFO: ParseRequestMsg: Received Protocol control message: ABORT"));
 }
+
+} // namespace

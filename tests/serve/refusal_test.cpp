@@ -49,8 +49,6 @@ Bytes Command(const std::string &name)
     return out + Hex("00 4000000000000000 05");
 }
 
-} // namespace
-
 TEST_F(Refusal, OfAnUnknownCommandKeepsItsName)
 {
     const Refused refused = parse(RTMP_TYPE_AMF0_COMMAND, Command("getStreamLength"));
@@ -128,3 +126,5 @@ TEST_F(Refusal, IsNotNotedWhereAMessageIsServed)
     EXPECT_EQ(parse(RTMP_TYPE_AMF0_COMMAND, Command("createStream")).reason, uint32_t{REFUSED_NOT});
     EXPECT_EQ(parse(RTMP_TYPE_SET_CHUNK_SIZE, Hex("00001000")).reason, uint32_t{REFUSED_NOT});
 }
+
+} // namespace
