@@ -1,5 +1,6 @@
 #include "instruments/parked_audio.h"
 
+#include "instruments/sender_clock.h"
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
@@ -100,6 +101,15 @@ void LinkParked(RtmpMonitor *monitor, const RtmpPacket *packet)
     monitor->AudioCount++;
 }
 
+// The caller holds RingLock; there is one.
+void TakeFirst(RtmpMonitor *monitor, RtmpPacket *taken)
+{
+    RtmpPacket *first = monitor->AudioFirst;
+    *taken = *first;
+    first->Fd = 1; // the copy goes with `taken`
+    removeRtmpPacketFromBuffer(monitor);
+}
+
 } // namespace
 
 int copyRtmpPacketToBuffer(RtmpPacket *slot, RtmpSession *session, const uint8_t *data, int32_t length,
@@ -172,15 +182,29 @@ void removeRtmpPacketFromBuffer(RtmpMonitor *monitor)
 int TakeParkedAudio(RtmpMonitor *monitor, uint64_t videoDelta, RtmpPacket *taken)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
-    RtmpPacket *first = monitor->AudioFirst;
+    const RtmpPacket *first = monitor->AudioFirst;
     if (first == nullptr || LoadShared(&monitor->LastAudioRtmpTs) + first->Delta >=
                                 LoadShared(&monitor->LastVideoRtmpTs) + videoDelta) {
         return 0;
     }
-    *taken = *first;
-    first->Fd = 1; // the copy goes with `taken`
-    removeRtmpPacketFromBuffer(monitor);
+    TakeFirst(monitor, taken);
     return 1;
+}
+
+int TakeParkedAudioBefore(RtmpMonitor *monitor, uint64_t videoTime, RtmpPacket *taken)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
+    const RtmpPacket *first = monitor->AudioFirst;
+    if (first == nullptr || !IsSoundDue(TimeOfParked(first), videoTime)) {
+        return 0;
+    }
+    TakeFirst(monitor, taken);
+    return 1;
+}
+
+uint64_t TimeOfParked(const RtmpPacket *packet)
+{
+    return packet->PrevTimestamp + packet->Delta;
 }
 
 int RtmpMonitorClear(RtmpSession *session)

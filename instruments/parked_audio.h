@@ -18,9 +18,16 @@ int copyRtmpPacketToBuffer(RtmpPacket *slot, RtmpSession *session, const uint8_t
 // removeRtmpPacketFromBuffer frees the oldest frame's copy and takes it out. An empty ring is left alone.
 void removeRtmpPacketFromBuffer(RtmpMonitor *monitor);
 
-// TakeParkedAudio moves the oldest frame out of the ring into `taken` when `isDue` says so; its copy is then
-// the caller's to free. 1 taken, 0 not.
+// TakeParkedAudio moves the oldest frame out of the ring into `taken` when it would be stamped earlier than a
+// picture `videoDelta` behind the last one; its copy is then the caller's to free. 1 taken, 0 not.
 int TakeParkedAudio(RtmpMonitor *monitor, uint64_t videoDelta, RtmpPacket *taken);
+
+// TakeParkedAudioBefore does the same by the host's clock: a frame is due that is not later than the picture
+// at `videoTime`, and one so much later that its clock must be another.
+int TakeParkedAudioBefore(RtmpMonitor *monitor, uint64_t videoTime, RtmpPacket *taken);
+
+// TimeOfParked returns a frame's time on the host's clock.
+uint64_t TimeOfParked(const RtmpPacket *packet);
 
 // RtmpMonitorClear starts a fresh timeline when the last client has left: the ring is emptied, statistics
 // and timestamps go to zero. Any thread. 0.

@@ -28,6 +28,7 @@ typedef struct RtmpQueueBufferItem {
     // our own
     uint8_t *Buffer;   // the slot's buffer, kept between uses, whatever Data points to
     uint64_t Capacity; // bytes of it
+    uint32_t Breaks;   // RtmpQueueBuffer.Breaks when it was added
 } RtmpQueueBufferItem;
 
 // What RtmpQueueBufferTake gave out.
@@ -53,6 +54,7 @@ typedef struct RtmpQueueBuffer {
     RtmpMutex SlotLock;        // leaf: what a flush and the sender both touch; never held while sending
     RtmpQueueBufferItem InUse; // the item that the sender took
     uint8_t Use;               // RtmpQueueUse
+    uint32_t Breaks; // how often something was dropped that would have been in the ring; the producer's
 } RtmpQueueBuffer;
 
 // ------------------------------------------------------------------------------- bandwidth monitor, trace
@@ -138,6 +140,7 @@ struct RtmpThreadedQueue {
     uint64_t LastAudioRtmpTs;
     uint8_t Closed;        // shared: set by the sender thread when a send fails
     uint8_t ThreadRunning; // shared: cleared by the sender thread as the last thing it does
+    uint32_t BreaksSent;   // RtmpQueueBufferItem.Breaks of the last video item sent; the sender thread's
     RtmpThread ThreadId;   // the producer's; not 0: the thread is still to be joined, running or not
 };
 }

@@ -195,6 +195,12 @@ void RtmpQueueBufferFlush(RtmpQueueBuffer *ring)
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     DetachItemInUse(ring);
     DiscardItems(ring);
+    RtmpQueueBufferSkip(ring);
+}
+
+void RtmpQueueBufferSkip(RtmpQueueBuffer *ring)
+{
+    ring->Breaks++;
 }
 
 int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data, int32_t length, int32_t fd,
@@ -214,6 +220,7 @@ int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data
     slot->Fd = fd;
     slot->MapBase = mapBase;
     slot->Timestamp = timestamp;
+    slot->Breaks = ring->Breaks;
     if (SetData(slot, data) != QUEUE_BUFFER_OK) {
         return QUEUE_BUFFER_NO_MEMORY;
     }
@@ -246,7 +253,7 @@ void RtmpQueueBufferBeginSend(RtmpQueueBuffer *ring)
     }
 }
 
-void RtmpQueueBufferRecover(RtmpQueueBuffer *ring)
+bool RtmpQueueBufferRecover(RtmpQueueBuffer *ring)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&ring->SlotLock);
     const bool wasBeingSent = ring->Use == QUEUE_USE_SENDING;
@@ -255,6 +262,7 @@ void RtmpQueueBufferRecover(RtmpQueueBuffer *ring)
         (void)DropHead(ring); // it is there: a flush would have taken it out
     }
     MatchPosts(ring);
+    return wasBeingSent;
 }
 
 int RtmpQueueBufferRelease(RtmpQueueBuffer *ring)
@@ -299,5 +307,6 @@ int RtmpQueueBufferItemCopy(RtmpQueueBufferItem *dst, const RtmpQueueBufferItem 
     dst->Fd = src->Fd;
     dst->MapBase = src->MapBase;
     dst->Timestamp = src->Timestamp;
+    dst->Breaks = src->Breaks;
     return SetData(dst, src->Data);
 }

@@ -1,6 +1,6 @@
 // The bounded ring between the host's thread and the sender thread.
 //
-// Add, Reset, Flush and Recover belong to the producer, Take, BeginSend and Release to the consumer.
+// Add, Skip, Reset, Flush and Recover belong to the producer, Take, BeginSend and Release to the consumer.
 // Slots keep their buffers between uses, so that a warm ring allocates nothing; a reset or a flush frees
 // them.
 #pragma once
@@ -34,13 +34,17 @@ void RtmpQueueBufferFlush(RtmpQueueBuffer *ring);
 
 // RtmpQueueBufferRecover sets right what a consumer left that ended wherever it was; the next one begins
 // after it. An item whose sending had begun is dropped: some players have got it, and nobody gets it twice.
-// One that had only been taken stays. The semaphore has one post for each item again.
-void RtmpQueueBufferRecover(RtmpQueueBuffer *ring);
+// One that had only been taken stays. The semaphore has one post for each item again. True: one was dropped.
+bool RtmpQueueBufferRecover(RtmpQueueBuffer *ring);
 
 // RtmpQueueBufferAdd copies a frame into the ring, or references it when it has a file (`fd` 1 or more).
 // QUEUE_BUFFER_OK, _NONE, _FULL or _NO_MEMORY.
 int RtmpQueueBufferAdd(RtmpQueueBuffer *ring, uint32_t type, const uint8_t *data, int32_t length, int32_t fd,
                        uint64_t mapBase, uint64_t timestamp);
+
+// RtmpQueueBufferSkip notes that a frame was dropped instead of being added. Items tell how often that, or a
+// flush, happened before they were added (Breaks).
+void RtmpQueueBufferSkip(RtmpQueueBuffer *ring);
 
 // RtmpQueueBufferTake returns the oldest item, or null when the ring is empty. It stays in the ring, and the
 // record returned stays valid until it is released or the next one is taken.

@@ -3,6 +3,8 @@
 #include "instruments/monitor_records.h"
 #include "instruments/queue_records.h"
 #include "net/atomic.h"
+#include "net/limits.h"
+#include "net/player_rules.h"
 
 namespace {
 
@@ -24,8 +26,22 @@ uint64_t *TimeInMonitor(RtmpMonitor *monitor, bool isVideo)
 
 } // namespace
 
+bool MovesSenderClock(const RtmpClient *client)
+{
+    return !Allows(client, RULE_TIMELINE) && !Allows(client, RULE_KEY_FRAME_FIRST);
+}
+
+bool IsSoundDue(uint64_t soundTime, uint64_t pictureTime)
+{
+    const int64_t later = static_cast<int64_t>(soundTime - pictureTime);
+    return later <= 0 || later > kClockJumpMs;
+}
+
 void NoteStampedTime(const RtmpClient *client, const RtmpSendPkt *pkt)
 {
+    if (!MovesSenderClock(client)) {
+        return;
+    }
     const RtmpSession *session = LoadShared(&client->Session);
     if (session == nullptr) {
         return;

@@ -231,10 +231,15 @@ int GenerateFlvH264Hdr(RtmpSession * /*session*/, const uint8_t *nal, uint32_t /
     }
     const bool keyFrame = isSequenceHeader == 1 || (nal != nullptr && StartsKeyFrame(nal[0]));
     ByteWriter writer = WriterOver(out, FLV_VIDEO_HDR_LEN);
-    PutU8(&writer, keyFrame ? kKeyFrameAvc : kInterFrameAvc);
+    PutU8(&writer, FlvVideoTag(keyFrame ? 1 : 0));
     PutU8(&writer, isSequenceHeader == 1 ? 0 : 1);
     PutU24Be(&writer, 0);
     return FLV_VIDEO_HDR_LEN;
+}
+
+uint8_t FlvVideoTag(int isKeyFrame)
+{
+    return isKeyFrame != 0 ? kKeyFrameAvc : kInterFrameAvc;
 }
 
 // sound format:4 rate:2 size:1 type:1  AAC packet type:8

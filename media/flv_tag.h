@@ -17,4 +17,7 @@ RTMP_STATUS int CreateAVCCBox(RtmpSession *session);
 int GenerateFlvH264Hdr(RtmpSession *session, const uint8_t *nal, uint32_t nalLen, uint32_t ignored,
                        uint8_t *out, uint8_t isSequenceHeader);
 int GenerateFlvAACHdr(RtmpSession *session, uint8_t *out, uint8_t isSequenceHeader);
+
+// FlvVideoTag returns the first byte of a video tag body: frame type and codec.
+uint8_t FlvVideoTag(int isKeyFrame);
 }

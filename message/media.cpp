@@ -37,10 +37,7 @@ int FollowFrames(RtmpClient *client, uint64_t wantedDelta, RtmpSendPkt *pkt)
     return found < 0 ? -1 : 0;
 }
 
-} // namespace
-
-int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
-                     uint64_t wantedDelta, RtmpSendPkt *pkt)
+int AddressMedia(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data, RtmpSendPkt *pkt)
 {
     if (msgKind == RTMP_MSG_VIDEO) {
         AddressVideo(client, length, pkt);
@@ -54,12 +51,43 @@ int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uin
     pkt->MsgKind = static_cast<uint32_t>(msgKind);
     pkt->PayloadData = const_cast<uint8_t *>(data); // borrowed: nobody writes or frees it
     SetMsgStreamId(pkt, client->StreamId);
+    return 0;
+}
+
+// A chunk stream's time goes on from the message stored for it, never back.
+int StampOnTimeline(RtmpClient *client, uint64_t time, RtmpSendPkt *pkt)
+{
+    uint64_t stored = 0;
+    const int found = StoredTimestamp(client, pkt->ChunkStreamId, &stored);
+    const uint64_t stamped = found == 1 && time < stored ? stored : time;
+    SetTimestamp(pkt, stamped);
+    SetTimestampDelta(pkt, found == 1 ? static_cast<uint32_t>(stamped - stored) : 0);
+    return found < 0 ? -1 : 0;
+}
+
+} // namespace
+
+int FillRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
+                     uint64_t wantedDelta, RtmpSendPkt *pkt)
+{
+    if (AddressMedia(client, msgKind, length, data, pkt) != 0) {
+        return -1;
+    }
     StampNow(client, pkt);
     if (FollowFrames(client, wantedDelta, pkt) != 0) {
         return -1;
     }
     NoteStampedTime(client, pkt);
     return 0;
+}
+
+int FillTimelineMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,
+                         const RtmpFrameTime *time, RtmpSendPkt *pkt)
+{
+    if (AddressMedia(client, msgKind, length, data, pkt) != 0) {
+        return -1;
+    }
+    return StampOnTimeline(client, PlaceOnTimeline(client, time), pkt);
 }
 
 RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint32_t length, const uint8_t *data,

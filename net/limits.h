@@ -37,9 +37,11 @@ constexpr uint32_t kFramePrefixSize = 1024; // bytes in front of a frame: tag he
 // resident memory once for every player: they make do with few.
 constexpr uint32_t kVectorsOfReply = 16;
 constexpr uint32_t kVectorsOfFrame = 256;
-constexpr uint32_t kMonitorAudioSlots = 240;      // parked audio frames
-constexpr uint32_t kMonitorStatsSamples = 100;    // video frames of the packet monitor's statistics
-constexpr uint32_t kMostRingSlots = 1U << 24;     // days of video; the slots alone would take a gigabyte
+constexpr int64_t kClockJumpMs = 10000;        // between two frames: more, and the host's clock has been set
+constexpr uint64_t kLongestFrameMs = 1000;     // what a frame behind a pause adds to a player's media time
+constexpr uint32_t kMonitorAudioSlots = 240;   // parked audio frames
+constexpr uint32_t kMonitorStatsSamples = 100; // video frames of the packet monitor's statistics
+constexpr uint32_t kMostRingSlots = 1U << 24;  // days of video; the slots alone would take a gigabyte
 constexpr uint32_t kMostWindowSamples = 1U << 20; // of 2 GiB each: a thousand times their sum fits 64 bits
 constexpr int32_t kAlmostEmptyRing = 5;           // frames: "Buffer is empty" is reported below
 constexpr int32_t kFramesBetweenBurnins = 30;

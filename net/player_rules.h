@@ -104,9 +104,11 @@ constexpr PlayerRuleRow kPlayerRules[] = {
      "Parameter sets begin and end at 4-byte start codes only, and a long PPS never ends the data.",
      "CopyOfVideoConfiguration"},
     {RULE_KEY_FRAME_TAG, RTMP_PLAYERS_DESCRIPTION, "The first NAL unit alone tells a key frame.",
-     "SendFrameTo"},
-    {RULE_TIMELINE, RTMP_PLAYERS_TIMELINE, "Message time is the time since the connection was made.", ""},
-    {RULE_KEY_FRAME_FIRST, RTMP_PLAYERS_KEY_FRAME, "A player gets frames from any picture on.", ""},
+     "WriteFrameTo"},
+    {RULE_TIMELINE, RTMP_PLAYERS_TIMELINE, "Message time is the time since the connection was made.",
+     "FillFrameMessage StampReply StartAnew MovesSenderClock"},
+    {RULE_KEY_FRAME_FIRST, RTMP_PLAYERS_KEY_FRAME, "A player gets frames from any picture on.",
+     "MayHaveFrame StartAnew MovesSenderClock"},
 };
 static_assert(sizeof kPlayerRules / sizeof kPlayerRules[0] == RULE_COUNT, "every rule has its row");
 

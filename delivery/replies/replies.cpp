@@ -3,6 +3,7 @@
 #include "delivery/replies/acknowledge.h"
 #include "delivery/replies/reply.h"
 #include "delivery/replies/start_sequence.h"
+#include "delivery/write/key_frame.h"
 #include "message/send_list.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
@@ -135,6 +136,7 @@ int ReplyToPlay(RtmpClient *client, RtmpRecvPkt *request)
     if (state == CLIENT_STATE_PLAY_DONE && StopRunningPlay(client, request) != 0) {
         return -1;
     }
+    StartAnew(client, 0);
     if (Send(client, request, RTMP_MSG_STREAM_BEGIN) != 0) {
         return -1;
     }
@@ -158,6 +160,7 @@ int Pause(RtmpClient *client, RtmpRecvPkt *request)
 int SendUnpauseSequence(RtmpClient *client, RtmpRecvPkt *request)
 {
     ForgetReferences(client);
+    StartAnew(client, 1);
     if (Send(client, request, RTMP_MSG_STREAM_BEGIN) != 0 ||
         SendReply(client, request, RTMP_MSG_PAUSE, RTMP_MSG_PAUSE, &kPauseFailures, kProcess) != 0) {
         return -1;

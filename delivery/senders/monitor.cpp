@@ -1,6 +1,8 @@
 #include "delivery/senders/monitor.h"
 
+#include "delivery/senders/frame_order.h"
 #include "delivery/write/fan_out.h"
+#include "delivery/write/key_frame.h"
 #include "instruments/monitor_stats.h"
 #include "instruments/parked_audio.h"
 #include "net/atomic.h"
@@ -29,6 +31,9 @@ int ParkAudio(RtmpMonitor *monitor, const RtmpPacket *frame, uint64_t timestamp)
 {
     uint64_t previous = 0;
     const uint64_t delta = MoveTimeline(monitor, &monitor->LastAudioTs, timestamp, &previous);
+    if (previous == 0) {
+        previous = timestamp; // so that previous time and delta add up to the time of the first frame, too
+    }
     (void)addRtmpPacketToBuffer(monitor, frame->Session, frame->Data, frame->Length, frame->Fd,
                                 frame->MapBase, previous, delta, RTMP_MSG_AUDIO,
                                 RTMP_FRAME_AUDIO); // a lost frame is logged
@@ -37,11 +42,14 @@ int ParkAudio(RtmpMonitor *monitor, const RtmpPacket *frame, uint64_t timestamp)
 
 // The caller holds the session list lock. A failed audio send is not reported: its frame is gone all the
 // same.
-void SendDueAudio(RtmpMonitor *monitor, uint64_t videoDelta)
+void SendDueAudio(RtmpMonitor *monitor, uint64_t videoDelta, uint64_t videoTime)
 {
+    const bool isHostsOrder = IsHostsOrder(monitor->Session);
     RtmpPacket packet;
-    while (TakeParkedAudio(monitor, videoDelta, &packet) != 0) {
+    while ((isHostsOrder ? TakeParkedAudioBefore(monitor, videoTime, &packet)
+                         : TakeParkedAudio(monitor, videoDelta, &packet)) != 0) {
         FREE_AT_EXIT uint8_t *copy = packet.Fd < 1 ? packet.Data : nullptr;
+        packet.Session->FrameTime = TimeOfParked(&packet);
         (void)SendMsgToConnectedClients(packet.Session, packet.Data, packet.Length, packet.Fd, packet.MapBase,
                                         packet.Delta, packet.Kind);
     }
@@ -163,13 +171,15 @@ int RtmpMonitorSendData(RtmpSession *session, const uint8_t *data, int32_t lengt
         return ParkAudio(monitor, &frame, timestamp); // KEPT: sound leaves in front of video only. Required
     }
     if (RtmpMutexLock(listLock) != 0) {
+        NoteStreamBreak(session);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n", __func__);
         return RTMP_ERR_LOCK;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = listLock;
     uint64_t previous = 0;
     const uint64_t videoDelta = MoveTimeline(monitor, &monitor->LastVideoTs, timestamp, &previous);
-    SendDueAudio(monitor, videoDelta);
+    SendDueAudio(monitor, videoDelta, timestamp);
+    session->FrameTime = timestamp;
     const int result =
         SendMsgToConnectedClients(session, data, length, fd, mapBase, videoDelta, RTMP_MSG_VIDEO);
     CountFrame(monitor, static_cast<uint32_t>(length));

@@ -1,9 +1,12 @@
 #include "delivery/senders/sender_thread.h"
 
+#include "delivery/senders/frame_order.h"
 #include "delivery/write/fan_out.h"
+#include "delivery/write/key_frame.h"
 #include "instruments/bandwidth_monitor.h"
 #include "instruments/debug_trace.h"
 #include "instruments/ring.h"
+#include "instruments/sender_clock.h"
 #include "net/atomic.h"
 #include "net/log.h"
 #include "net/platform.h"
@@ -60,6 +63,7 @@ uint64_t DeltaTo(const RtmpQueueBufferItem *item, uint64_t previous)
 
 int SendItem(const RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_t delta)
 {
+    queue->Session->FrameTime = item->Timestamp;
     return SendMsgToConnectedClients(queue->Session, item->Data, item->Length, item->Fd, item->MapBase, delta,
                                      item->Type);
 }
@@ -73,8 +77,24 @@ void ReleaseAudio(RtmpQueueBuffer *ring)
 
 enum AudioResult { AUDIO_SENT, AUDIO_NOT_DUE, AUDIO_FAILED };
 
+// The video frame in front of which audio goes.
+struct NextVideo {
+    uint64_t Delta;
+    uint64_t Time; // on the host's clock
+    bool IsHostsOrder;
+};
+
 // An audio frame is due when it would be stamped no later than the video frame.
-AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
+bool IsDue(const RtmpThreadedQueue *queue, const RtmpQueueBufferItem *audio, const NextVideo *video)
+{
+    if (video->IsHostsOrder) {
+        return IsSoundDue(audio->Timestamp, video->Time);
+    }
+    return LoadShared(&queue->LastAudioRtmpTs) + DeltaTo(audio, queue->LastAudioTs) <=
+           LoadShared(&queue->LastVideoRtmpTs) + video->Delta;
+}
+
+AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, const NextVideo *video)
 {
     if (RtmpMutexLock(&queue->AudioBuffer->Lock) != 0) {
         return AUDIO_FAILED;
@@ -84,10 +104,10 @@ AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
     if (item == nullptr) {
         return AUDIO_NOT_DUE;
     }
-    const uint64_t audioDelta = DeltaTo(item, queue->LastAudioTs);
-    if (LoadShared(&queue->LastAudioRtmpTs) + audioDelta > LoadShared(&queue->LastVideoRtmpTs) + videoDelta) {
+    if (!IsDue(queue, item, video)) {
         return AUDIO_NOT_DUE;
     }
+    const uint64_t audioDelta = DeltaTo(item, queue->LastAudioTs);
     RtmpQueueBufferBeginSend(queue->AudioBuffer);
     queue->LastAudioTs = item->Timestamp;
     if (SendItem(queue, item, audioDelta) != 0) {
@@ -97,11 +117,11 @@ AudioResult SendNextDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
     return AUDIO_SENT;
 }
 
-int SendAllDueAudio(RtmpThreadedQueue *queue, uint64_t videoDelta)
+int SendAllDueAudio(RtmpThreadedQueue *queue, const NextVideo *video)
 {
     AudioResult result = AUDIO_SENT;
     while (result == AUDIO_SENT) {
-        result = SendNextDueAudio(queue, videoDelta);
+        result = SendNextDueAudio(queue, video);
     }
     return result == AUDIO_FAILED ? -1 : 0;
 }
@@ -118,6 +138,15 @@ int SendVideo(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_
     return 0;
 }
 
+// Between this frame and the last one sent, others were dropped: their sound has gone, or goes, without them.
+void NoticeBreaks(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
+{
+    if (queue->BreaksSent != item->Breaks) {
+        queue->BreaksSent = item->Breaks;
+        NoteStreamBreak(queue->Session);
+    }
+}
+
 int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
 {
     RtmpMutex *listLock = &queue->Session->Server->LiveSessionListLock;
@@ -126,11 +155,13 @@ int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
         return -1;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = listLock;
-    const uint64_t delta = DeltaTo(item, queue->LastVideoTs);
-    if (SendAllDueAudio(queue, delta) != 0) {
+    NoticeBreaks(queue, item);
+    const NextVideo video = {DeltaTo(item, queue->LastVideoTs), item->Timestamp,
+                             IsHostsOrder(queue->Session)};
+    if (SendAllDueAudio(queue, &video) != 0) {
         return -1;
     }
-    return SendVideo(queue, item, delta);
+    return SendVideo(queue, item, video.Delta);
 }
 
 // Waits for a video frame and sends it with the audio in front of it. -1: a send failed.

@@ -1,6 +1,7 @@
 #include "delivery/senders/threaded_queue.h"
 
 #include "delivery/senders/sender_thread.h"
+#include "delivery/write/key_frame.h"
 #include "instruments/adaptive_bitrate.h"
 #include "instruments/bandwidth_monitor.h"
 #include "instruments/debug_trace.h"
@@ -77,8 +78,10 @@ bool IsSenderAlive(RtmpThreadedQueue *queue)
 // The thread inherits its creator's scheduling, and goes on where the one before it was ended.
 int StartSender(RtmpThreadedQueue *queue)
 {
-    RtmpQueueBufferRecover(queue->VideoBuffer);
-    RtmpQueueBufferRecover(queue->AudioBuffer);
+    if (RtmpQueueBufferRecover(queue->VideoBuffer)) {
+        NoteStreamBreak(queue->Session); // some players have got it, others not
+    }
+    (void)RtmpQueueBufferRecover(queue->AudioBuffer);
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
         return -1;
@@ -184,6 +187,15 @@ void AfterVideo(RtmpThreadedQueue *queue, int added, uint64_t timestamp)
         RunController(queue, timestamp);
     } else {
         WarnOfFullness(queue, added);
+    }
+}
+
+// Players that wait for key frames begin anew behind a picture that is lost. What is lost of the sound is
+// only missed.
+void NoteLostFrame(RtmpThreadedQueue *queue, int64_t mediaType)
+{
+    if (static_cast<uint32_t>(mediaType) == RTMP_FRAME_VIDEO) {
+        RtmpQueueBufferSkip(queue->VideoBuffer);
     }
 }
 
@@ -329,6 +341,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         return -1;
     }
     if (!FirstClientPlays(session)) {
+        NoteLostFrame(queue, mediaType);
         return 0;
     }
     RtmpLogger *logger = LoggerOf(session->Server);
@@ -339,6 +352,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         return 0;
     }
     if (sender == SENDER_NOT_STARTED) {
+        NoteLostFrame(queue, mediaType);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to create thread\n", __func__);
         return -1;
     }
@@ -353,6 +367,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         RtmpQueueBufferAdd(isVideo ? queue->VideoBuffer : queue->AudioBuffer,
                            isVideo ? RTMP_MSG_VIDEO : RTMP_MSG_AUDIO, data, length, fd, mapBase, timestamp);
     if (added == QUEUE_BUFFER_NO_MEMORY) {
+        NoteLostFrame(queue, mediaType);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to add buffer to queue\n", __func__);
         return -1;
     }
@@ -392,6 +407,7 @@ int RtmpThreadedQueueReset(RtmpSession *session)
     StoreShared(&queue->LastVideoRtmpTs, uint64_t{0});
     StoreShared(&queue->LastAudioRtmpTs, uint64_t{0});
     StoreShared(&queue->Closed, uint8_t{0});
+    NoteStreamBreak(session);
     return 0;
 }
 

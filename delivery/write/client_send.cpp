@@ -4,6 +4,7 @@
 #include "delivery/write/socket_writer.h"
 #include "message/chunk_header.h"
 #include "message/send_list.h"
+#include "message/timeline.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/log.h"
@@ -104,7 +105,9 @@ int SendOwned(RtmpClient *client, RtmpSendPkt *message, uint32_t kind, bool keep
         return -1;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
-
+    if (StampReply(client, message, kind) != 0) {
+        return -1;
+    }
     Reference reference;
     if (FindReference(client, message, &reference) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot add send packet in list\n", who);

@@ -2,16 +2,20 @@
 
 #include "delivery/write/captions.h"
 #include "delivery/write/frame.h"
+#include "delivery/write/key_frame.h"
 #include "delivery/write/pieces.h"
 #include "delivery/write/socket_writer.h"
+#include "media/access_unit.h"
 #include "media/flv_tag.h"
 #include "message/chunk_header.h"
 #include "message/generate.h"
 #include "message/media.h"
 #include "message/send_list.h"
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "net/player_rules.h"
 #include "net/record.h"
 #include "net/scope.h"
 
@@ -21,10 +25,11 @@ constexpr int32_t kNalLengthSize = 4; // ISO/IEC 14496-15: lengthSizeMinusOne is
 
 // A frame cut up once for all clients: piece 0 is each client's chunk header, the prefix follows.
 struct CutFrame {
-    const RtmpFrame *Frame;
+    RtmpFrame *Frame;
     RtmpPiece *Pieces;
     uint32_t Count;
     uint32_t PrefixCount; // pieces 0 to here hold header and prefix
+    const RtmpSession *Session;
 };
 
 // WriteTagHeader begins the prefix. -1: no header (logged).
@@ -47,6 +52,8 @@ int WriteTagHeader(RtmpSession *session, RtmpFrame *frame)
                      kFanOut);
         return -1;
     }
+    frame->ExactTag = frame->Prefix[0];
+    frame->StandardTag = frame->Kind == RTMP_MSG_VIDEO ? FlvVideoTag(frame->IsKeyFrame) : frame->ExactTag;
     frame->HeaderLength = static_cast<uint32_t>(length);
     frame->PrefixLength = frame->HeaderLength;
     return 0;
@@ -68,7 +75,7 @@ RtmpPiece *PiecesOf(RtmpSession *session, uint64_t count)
     return session->Pieces;
 }
 
-int CutUp(RtmpSession *session, const RtmpFrame *frame, CutFrame *cut)
+int CutUp(RtmpSession *session, RtmpFrame *frame, CutFrame *cut)
 {
     const uint64_t total = static_cast<uint64_t>(frame->PrefixLength) + frame->PayloadLength;
     const uint32_t chunkSize = OutgoingChunkSize(session->Server);
@@ -82,7 +89,7 @@ int CutUp(RtmpSession *session, const RtmpFrame *frame, CutFrame *cut)
     CutPart(&cutter, frame->Prefix, frame->PrefixLength);
     const uint32_t prefixCount = cutter.Count;
     CutPart(&cutter, frame->Payload, frame->PayloadLength);
-    *cut = {frame, pieces, cutter.Count, prefixCount};
+    *cut = {frame, pieces, cutter.Count, prefixCount, session};
     return 0;
 }
 
@@ -169,23 +176,28 @@ int WriteFrame(RtmpClient *client, const CutFrame *cut, RtmpSendPkt *message, in
     return fromFile ? WriteFromFile(client, cut, message) : WriteFromMemory(client, cut, message);
 }
 
-// SendFrameTo sends the frame to one playing client, as one message that nothing interrupts.
-int SendFrameTo(RtmpClient *client, const CutFrame *cut)
+// FillFrameMessage logs as the generator of media messages.
+int FillFrameMessage(RtmpClient *client, const RtmpFrame *frame, RtmpSendPkt *message)
+{
+    const uint32_t mediaLength = frame->PrefixLength - frame->HeaderLength + frame->PayloadLength;
+    const int kind = static_cast<int>(frame->Kind);
+    if (!Allows(client, RULE_TIMELINE)) {
+        return FillRtmpMediaMsg(client, kind, mediaLength, frame->Payload, frame->TimestampDelta, message);
+    }
+    const RtmpFrameTime time = {frame->Time, frame->TimestampDelta, frame->LeadsTimeline};
+    return FillTimelineMediaMsg(client, kind, mediaLength, frame->Payload, &time, message);
+}
+
+// WriteFrameTo sends the frame as the next message to a client whose WriteLock is held.
+int WriteFrameTo(RtmpClient *client, const CutFrame *cut)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
-    const RtmpFrame *frame = cut->Frame;
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
-    if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
-        return 0; // paused while this thread waited for the lock: no frame comes behind the answer
-    }
-    if (client->MessageState == MESSAGE_CUT) {
-        return 0; // the connection has been ended, and its thread is leaving
-    }
+    RtmpFrame *frame = cut->Frame;
+    // Clients are served one after the other: the prefix is this one's until its write is done.
+    frame->Prefix[0] = Allows(client, RULE_KEY_FRAME_TAG) ? frame->StandardTag : frame->ExactTag;
 
     RtmpSendPkt message = {};
-    const uint32_t mediaLength = frame->PrefixLength - frame->HeaderLength + frame->PayloadLength;
-    if (FillRtmpMediaMsg(client, static_cast<int>(frame->Kind), mediaLength, frame->Payload,
-                         frame->TimestampDelta, &message) != 0) {
+    if (FillFrameMessage(client, frame, &message) != 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Cannot generate rtmp data message of client : %p\n",
                      kFanOut, static_cast<void *>(client));
         return -1;
@@ -208,9 +220,38 @@ int SendFrameTo(RtmpClient *client, const CutFrame *cut)
     return 0;
 }
 
+// SendFrameTo sends the frame to one playing client, as one message that nothing interrupts.
+int SendFrameTo(RtmpClient *client, const CutFrame *cut)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
+    if (ClientStateOf(client) != CLIENT_STATE_PLAY_DONE) {
+        return 0; // paused while this thread waited for the lock: no frame comes behind the answer
+    }
+    if (client->MessageState == MESSAGE_CUT) {
+        return 0; // the connection has been ended, and its thread is leaving
+    }
+    if (!MayHaveFrame(client, cut->Session, cut->Frame)) {
+        return 0;
+    }
+    const int result = WriteFrameTo(client, cut);
+    if (result != 0) {
+        client->AwaitsKeyFrame = 1; // what follows may build on the frame that it missed
+    }
+    return result;
+}
+
+// A picture that nobody gets. What is lost of the sound is only missed.
+void NoteLostFrame(RtmpSession *session, const RtmpFrame *frame)
+{
+    if (frame->Kind == RTMP_MSG_VIDEO) {
+        NoteStreamBreak(session);
+    }
+}
+
 int SendToPlayingClients(RtmpSession *session, const CutFrame *cut)
 {
     if (RtmpMutexLockOrCancel(&session->ClientListLock) != 0) {
+        NoteLostFrame(session, cut->Frame);
         RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock client list\n",
                      kFanOut);
         return -1;
@@ -227,6 +268,21 @@ int SendToPlayingClients(RtmpSession *session, const CutFrame *cut)
     return result;
 }
 
+int SendFrame(RtmpSession *session, RtmpFrame *frame)
+{
+    if (WriteTagHeader(session, frame) != 0) {
+        NoteLostFrame(session, frame);
+        return -1;
+    }
+    InsertCaptions(session, frame);
+    CutFrame cut;
+    if (CutUp(session, frame, &cut) != 0) {
+        NoteLostFrame(session, frame);
+        return -1;
+    }
+    return SendToPlayingClients(session, &cut);
+}
+
 } // namespace
 
 int SendMsgToConnectedClients(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd,
@@ -239,15 +295,11 @@ int SendMsgToConnectedClients(RtmpSession *session, const uint8_t *data, int32_t
     frame.MapBase = mapBase;
     frame.TimestampDelta = timestampDelta;
     frame.Kind = kind;
+    frame.Time = session->FrameTime;
+    frame.IsKeyFrame = kind == RTMP_MSG_VIDEO && HasIdrSlice(data, length) != 0 ? 1 : 0;
+    frame.LeadsTimeline =
+        kind == RTMP_MSG_VIDEO || LoadShared(&session->MediaKind) == RTMP_MEDIA_AUDIO ? 1 : 0;
     frame.Payload = data;
     frame.PayloadLength = static_cast<uint32_t>(length);
-    if (WriteTagHeader(session, &frame) != 0) {
-        return -1;
-    }
-    InsertCaptions(session, &frame);
-    CutFrame cut;
-    if (CutUp(session, &frame, &cut) != 0) {
-        return -1;
-    }
-    return SendToPlayingClients(session, &cut);
+    return SendFrame(session, &frame);
 }
