@@ -99,6 +99,7 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &action, NULL);
 
     RtmpServer *server = RtmpServerCreate(NULL, "any", 1935, 0, 0, 4096, NULL);
+    RtmpPlayerSettings(server, RTMP_PLAYERS_ALL); /* ffmpeg, VLC, mpv and the others of today */
     RtmpSession *session = server != NULL ? RtmpSessionCreate(server, "stream", NULL) : NULL;
     if (session == NULL) {
         return 1; /* without a logger the library says why on standard output */

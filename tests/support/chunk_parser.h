@@ -4,6 +4,7 @@
 #pragma once
 
 #include "support/byte_socket.h"
+#include "support/players_of_this_run.h"
 
 #include <map>
 
@@ -35,7 +36,8 @@ class ChunkParser {
         references_.clear();
     }
     uint32_t chunkSize = 128;
-    bool standard = false; // set it before the first message; on a connection with RTMP_PLAYERS_CHUNKS_OUT
+    // Set it before the first message: for a connection with RTMP_PLAYERS_CHUNKS_OUT.
+    bool standard = (PlayersOfThisRun() & RTMP_PLAYERS_CHUNKS_OUT) != 0;
 
   private:
     // A chunk stream as RTMP 1.0 has it: what shorter headers inherit, and the message under way.

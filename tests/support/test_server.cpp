@@ -1,6 +1,7 @@
 #include "support/test_server.h"
 
 #include "support/amf_bytes.h"
+#include "support/players_of_this_run.h"
 
 #include <algorithm>
 #include <csignal>
@@ -54,6 +55,7 @@ TestServer::TestServer(int chunkSize, RtmpLogger *logger)
     if (server == nullptr) {
         throw std::runtime_error("no server: " + std::to_string(error));
     }
+    EXPECT_EQ(RtmpPlayerSettings(server, PlayersOfThisRun()), 0);
 }
 
 TestServer::~TestServer()
