@@ -129,9 +129,9 @@ std::optional<Exit> Process::wait(int deadlineMs)
     return exit_;
 }
 
-Finished RunToEnd(const std::vector<std::string> &words)
+Finished RunToEnd(const std::vector<std::string> &words, int deadlineMs)
 {
     Process process(words);
-    const std::optional<Exit> exit = process.wait();
+    const std::optional<Exit> exit = process.wait(deadlineMs);
     return {exit.value_or(Exit{}), process.output()};
 }

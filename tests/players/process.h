@@ -55,5 +55,5 @@ struct Finished {
     std::string output;
 };
 
-// Runs a program to its end.
-Finished RunToEnd(const std::vector<std::string> &words);
+// Runs a program to its end, or kills it at the deadline.
+Finished RunToEnd(const std::vector<std::string> &words, int deadlineMs = kDeadlineMs);

@@ -12,15 +12,6 @@
 
 namespace {
 
-const std::string kHash(64, '0'); // any hash and size switch the signed handshake on
-
-// Below the range that the kernel hands out to connecting sockets.
-uint16_t SomePort()
-{
-    static std::mt19937 generator{std::random_device{}()};
-    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
-}
-
 // The number in front of " sec" at `end`, in rtmpdump's progress "622.453 kB / 2.94 sec".
 double SecondsAt(const std::string &output, size_t end)
 {
@@ -53,6 +44,14 @@ bool IsSeam(size_t before, size_t after, size_t count)
 }
 
 } // namespace
+
+const std::vector<std::string> kSigned = {"-w", std::string(64, '0'), "-x", "1"};
+
+uint16_t SomePort()
+{
+    static std::mt19937 generator{std::random_device{}()};
+    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
+}
 
 Directory::Directory()
 {
@@ -88,32 +87,54 @@ std::string LiveHost::url(const std::string &session) const
     return "rtmp://127.0.0.1:" + std::to_string(port_) + "/live/" + session;
 }
 
+bool LiveHost::waitForMore(const std::string &text, size_t times)
+{
+    const auto count = [&text](const std::string &output) {
+        size_t found = 0;
+        for (size_t at = 0; (at = output.find(text, at)) != std::string::npos; at += text.size()) {
+            found++;
+        }
+        return found;
+    };
+    const size_t before = count(output());
+    return process_->waitForOutput(
+        [&](const std::string &output) { return count(output) >= before + times; });
+}
+
 std::optional<Exit> LiveHost::stop(int signal)
 {
     process_->signal(signal);
     return process_->wait();
 }
 
+bool TookForEncryption(const std::string &output)
+{
+    const auto said = [&output](const char *text) { return output.find(text) != std::string::npos; };
+    return (said("server answered 8\n") || said("server answered 9\n")) &&
+           said("HandShake: Server not genuine Adobe!");
+}
+
 std::unique_ptr<Process> StartRtmpdump(const std::vector<std::string> &words)
 {
-    const auto isEncrypted = [](const std::string &output) {
-        return output.find("server answered 8\n") != std::string::npos ||
-               output.find("server answered 9\n") != std::string::npos;
-    };
     while (true) {
         auto process = std::make_unique<Process>(words);
-        const bool connected = process->waitForText("INFO: Connected...");
-        const std::string output = process->output();
-        if (connected || !isEncrypted(output) ||
-            output.find("HandShake: Server not genuine Adobe!") == std::string::npos) {
+        if (process->waitForText("INFO: Connected...") || !TookForEncryption(process->output())) {
             return process;
         }
     }
 }
 
-Recorder::Recorder(const std::string &url, const std::string &file)
-    : process_(StartRtmpdump({"rtmpdump", "-r", url, "-w", kHash, "-x", "1", "-o", file}))
+Recorder::Recorder(const std::string &url, const std::string &file, std::vector<std::string> options)
 {
+    options.insert(options.begin(), "rtmpdump");
+    options.insert(options.end(), {"-r", url, "-o", file});
+    process_ = StartRtmpdump(options);
+}
+
+double Recorder::seconds() const
+{
+    const std::string output = process_->output();
+    return SecondsAt(output, output.rfind(" sec"));
 }
 
 bool Recorder::waitForSeconds(double seconds)
@@ -207,6 +228,48 @@ testing::AssertionResult Decodes(const std::string &file, const Directory &work)
         return testing::AssertionFailure() << "ffmpeg complains: " << decoded.output;
     }
     return testing::AssertionSuccess();
+}
+
+namespace {
+
+int64_t LengthOf(const std::vector<Packet> &packets)
+{
+    return packets.empty() ? 0 : packets.back().time - packets.front().time;
+}
+
+} // namespace
+
+testing::AssertionResult Plays(const std::string &file, const Directory &work, bool asTheyWere)
+{
+    constexpr int64_t kEnough = 2000;
+    constexpr int64_t kTogether = 500;
+    const std::vector<Packet> pictures = PacketsOf(file, 'v');
+    const std::vector<Packet> sound = PacketsOf(file, 'a');
+    if (LengthOf(pictures) < kEnough || LengthOf(sound) < kEnough) {
+        return testing::AssertionFailure()
+               << LengthOf(pictures) << " ms of pictures, " << LengthOf(sound) << " ms of sound";
+    }
+    if (pictures.size() < 50 || sound.size() < 70) {
+        return testing::AssertionFailure() << pictures.size() << " pictures, " << sound.size() << " of sound";
+    }
+    if (!pictures.front().key) {
+        return testing::AssertionFailure() << "it does not begin with a key frame";
+    }
+    if (std::abs(pictures.front().time - sound.front().time) > kTogether) {
+        return testing::AssertionFailure()
+               << "pictures from " << pictures.front().time << ", sound from " << sound.front().time;
+    }
+    if (!PacketsOf(file, 's').empty() || !PacketsOf(file, 'd').empty()) {
+        return testing::AssertionFailure() << "there is a stream that nobody sent";
+    }
+    testing::AssertionResult follows = testing::AssertionSuccess();
+    if (asTheyWere) {
+        follows = Follows(pictures, PacketsOf(CLIP_PATH, 'v'), 32, 35);
+    }
+    if (asTheyWere && follows) {
+        follows = Follows(sound, PacketsOf(CLIP_PATH, 'a'), 11, 47);
+    }
+    return follows ? Decodes(file, work) : follows;
 }
 
 std::string Describe(const std::string &file, const std::string &stream, const std::string &entries)

@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <memory>
 
+// Below the range that the kernel hands out to connecting sockets. It may be taken.
+uint16_t SomePort();
+
 // A directory that goes with its test.
 class Directory {
   public:
@@ -35,6 +38,8 @@ class LiveHost {
     {
         return process_->waitForText(text);
     }
+    // Until it has said this so many times more, from now on.
+    bool waitForMore(const std::string &text, size_t times);
     std::string output() const
     {
         return process_->output();
@@ -51,10 +56,16 @@ class LiveHost {
 // 127. The process that is returned has shaken hands, or has ended for another reason.
 std::unique_ptr<Process> StartRtmpdump(const std::vector<std::string> &words);
 
-// rtmpdump, which signs its handshake.
+// Whether a player of librtmp, by what it said, left for that reason.
+bool TookForEncryption(const std::string &output);
+
+// The hash and size of an imaginary program: they switch the signed handshake on.
+extern const std::vector<std::string> kSigned;
+
+// rtmpdump, which signs its handshake unless other options are given.
 class Recorder {
   public:
-    Recorder(const std::string &url, const std::string &file);
+    Recorder(const std::string &url, const std::string &file, std::vector<std::string> options = kSigned);
 
     bool waitForSeconds(double seconds); // the player says that it has so much
     void stop();                         // as Ctrl-C does; the file is whole afterwards
@@ -67,6 +78,7 @@ class Recorder {
     {
         return process_->output();
     }
+    double seconds() const; // the player's time, of the last it has got
 
   private:
     std::unique_ptr<Process> process_;
@@ -93,6 +105,11 @@ size_t RoundsOf(const std::vector<Packet> &recorded, const std::vector<Packet> &
 // Whether ffmpeg decodes the file without a word, from its first key frame on: a player that joins between
 // two of them has pictures in front of it that refer to what it never got.
 testing::AssertionResult Decodes(const std::string &file, const Directory &work);
+
+// Whether a recording of the default clip has two seconds and more of pictures and of sound, nothing else,
+// from a key frame on, in step with each other and decoded by ffmpeg without a word. `asTheyWere`: the
+// packets are the clip's, one behind the other; otherwise the container or the recorder writes them anew.
+testing::AssertionResult Plays(const std::string &file, const Directory &work, bool asTheyWere = true);
 
 // "codec_name=h264,width=..." of the first stream of this kind.
 std::string Describe(const std::string &file, const std::string &stream, const std::string &entries);
