@@ -47,3 +47,5 @@ lie command/command.cpp 's/Allows(client, ruled.Rule)/client != nullptr/' \
     "RULE_PUBLISH: FindRuledCommand is named and does not ask it"
 lie state/session_list.cpp 's/^int IsAnyClientConnected.*/int Asks(RtmpClient *client)\n{\n    return Allows(client, RULE_SEEK);\n}\n&/' \
     "RULE_SEEK: Asks asks it and is not named"
+lie message/chunk_reader.cpp '/FlagOf(RULE_EXTENDED_TIME_IN) ==/d' \
+    "RULE_EXTENDED_TIME_IN: ReadRtmpMessage is named and does not ask it"
