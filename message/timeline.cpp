@@ -1,7 +1,6 @@
 #include "message/timeline.h"
 
 #include "message/header_fields.h"
-#include "net/atomic.h"
 #include "net/limits.h"
 #include "net/player_rules.h"
 
@@ -35,7 +34,7 @@ bool IsJump(int64_t step, bool leads)
 void BeginTimeline(RtmpClient *client)
 {
     client->IsTimelineBegun = 0;
-    StoreShared(&client->TimelineTime, uint64_t{0});
+    client->TimelineTime = 0;
 }
 
 void InterruptTimeline(RtmpClient *client)
@@ -61,7 +60,7 @@ uint64_t PlaceOnTimeline(RtmpClient *client, const RtmpFrameTime *frame)
         return back < last ? last - back : 0;
     }
     const uint64_t time = last + static_cast<uint64_t>(step);
-    StoreShared(&client->TimelineTime, time);
+    client->TimelineTime = time;
     return time;
 }
 

@@ -276,7 +276,7 @@ struct RtmpSendPkt {
 
     /* the library's own */
     uint8_t Stored;  /* in a send list, which owns it */
-    uint8_t HdrType; /* of the header it was sent with; read where RTMP_PLAYERS_CHUNKS_OUT holds */
+    uint8_t HdrType; /* of the header it was sent with, 0xFF: none yet; read with RTMP_PLAYERS_CHUNKS_OUT */
 };
 
 /* --------------------------------------------------------------------------------------------- clients */
@@ -347,9 +347,9 @@ struct RtmpClient {
     uint32_t BytesAcknowledged;
     uint8_t AwaitsKeyFrame;  /* gets no frames before the next key frame; guarded by WriteLock */
     uint32_t BreaksSeen;     /* RtmpSession.StreamBreaks up to which frames were sent; guarded by WriteLock */
-    uint8_t IsTimelineBegun; /* a frame has been stamped since "play"; guarded by WriteLock */
+    uint8_t IsTimelineBegun; /* since play or unpause; guarded by WriteLock */
     uint64_t TimelineStart;  /* what RtmpSession.FrameTime was where media time is 0; guarded by WriteLock */
-    uint64_t TimelineTime;   /* media time of the last frame; stamped into replies by the serve thread */
+    uint64_t TimelineTime;   /* media time of the last frame, and of replies; guarded by WriteLock */
 };
 
 /**
@@ -481,7 +481,7 @@ struct RtmpSession {
     RtmpThread FrameThread;             /* the thread that is in RtmpSendData; guarded by MemberLock */
     uint8_t FramesRefused;              /* the session is being destroyed; guarded by MemberLock */
     uint64_t FrameTime;    /* ms on the host's clock, of the frame being sent; LiveSessionListLock */
-    uint32_t StreamBreaks; /* how often frames were dropped that no player got */
+    uint32_t StreamBreaks; /* how often pictures were dropped that no player got */
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */

@@ -148,6 +148,28 @@ TEST_P(WireKeyFrameStart, AnExactPlayerBesideWaitsForNothing)
     EXPECT_EQ(Next(waiting, 1), (Texts{"V 2 0"}));
 }
 
+// The times of who begins say nothing about the order of sound and pictures for who has played for a minute.
+TEST_P(WireKeyFrameStart, AnExactPlayerKeepsItsSoundWhenAnotherBegins)
+{
+    RtmpPlayerSettings(server.server, RTMP_PLAYERS_EXACT);
+    ScriptedPeer exact(server.port);
+    exact.playing("cam");
+    EXPECT_EQ(SendVideo(session, Picture(1, true), 5000), 0);
+    EXPECT_EQ(exact.read().type, 9);
+    time_ = 65000;
+    send(2);
+    EXPECT_EQ(exact.read().type, 8);
+    EXPECT_EQ(exact.read().type, 9);
+    RtmpPlayerSettings(server.server, kFlags);
+    ScriptedPeer beginner(server.port);
+    play(beginner);
+    for (uint8_t number = 3; number < 10; ++number) {
+        send(number, number % 4 == 0);
+        EXPECT_EQ(exact.read().type, 8) << int{number};
+        EXPECT_EQ(exact.read().type, 9) << int{number};
+    }
+}
+
 TEST_P(WireKeyFrameStart, ASessionOfSoundAloneWaitsForNothing)
 {
     RtmpSession *radio = server.session("radio", {.video = false, .mode = GetParam()});
