@@ -78,6 +78,9 @@ TEST(Gstreamer, HasPicturesAndSoundWhenItSigns)
 
 namespace {
 
+// Makes "connect" to "live" at a port of five digits 256 bytes long: two whole chunks.
+const std::string kFlashVersion(72, 'A');
+
 const Row kRtmpdump[] = {
     {"Plain", {}},
     {"ThatSubscribes", {"-v"}},
@@ -87,6 +90,7 @@ const Row kRtmpdump[] = {
     {"OfAnMp4", {"-y", "mp4:stream"}},
     {"OfAnMp4WithAToken", {"-y", "mp4:stream?token=x"}},
     {"OfAnotherApplication", {"-a", "anything"}},
+    {"ThatConnectsInTwoWholeChunks", {"-f", kFlashVersion}},
 };
 
 class EveryRtmpdump : public testing::TestWithParam<Row> {};
