@@ -7,17 +7,14 @@ check=$(dirname "$0")/check_rules
 work=$(mktemp -d) || exit 1
 trap 'rm -rf "$work"' EXIT
 
-fresh_copy() {
-    rm -rf "${work:?}"/*
-    sed 's/#.*//' "$(dirname "$0")/floors.txt" | tr ' ' '\n' | grep '^[a-z]' | while read -r room; do
-        mkdir -p "$work/$room" && cp "$root/$room"/*.cpp "$root/$room"/*.h "$work/$room/" 2>/dev/null
-    done
-}
+sed 's/#.*//' "$(dirname "$0")/floors.txt" | tr ' ' '\n' | grep '^[a-z]' | while read -r room; do
+    mkdir -p "$work/$room" && cp "$root/$room"/*.cpp "$root/$room"/*.h "$work/$room/" 2>/dev/null
+done
+"$check" "$work" || exit 1
 
 # lie FILE SED TEXT: the copy with this change is refused, and the reason holds TEXT.
 lie() {
     local said
-    fresh_copy
     sed -i "$2" "$work/$1"
     cmp -s "$root/$1" "$work/$1" && { echo "changed nothing: $2"; exit 1; }
     if said=$("$check" "$work"); then
@@ -25,10 +22,8 @@ lie() {
         exit 1
     fi
     grep -qF -- "$3" <<<"$said" || { echo "expected: $3"; echo "$said"; exit 1; }
+    cp "$root/$1" "$work/$1"
 }
-
-fresh_copy
-"$check" "$work" || exit 1
 
 table=net/player_rules.h
 lie $table 's/"IsIgnored"/"Dispatch"/' "RULE_UNKNOWN_COMMAND: Dispatch is named and does not ask it"
