@@ -8,8 +8,8 @@
 
 namespace wire {
 
-// All players of today when RTMPCAST_TEST_PLAYERS is "all" in the environment, else those of the default. A test that is
-// about either says so itself.
+// All players of today when RTMPCAST_TEST_PLAYERS is "all" in the environment, else those of the default. A
+// test that is about either says so itself.
 inline uint32_t PlayersOfThisRun()
 {
     const char *players = std::getenv("RTMPCAST_TEST_PLAYERS");

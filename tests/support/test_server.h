@@ -5,6 +5,7 @@
 #include "rtmpcast/rtmpcast.h"
 #include "support/bytes.h"
 #include "support/capture_logger.h"
+#include "support/players_of_this_run.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -28,8 +29,15 @@ Bytes AvcHeaderBody(); // body of the AVC sequence header message
 Bytes AacHeaderBody(); // body of the AAC sequence header message
 Bytes MetaDataBody(const SessionSetup &setup = {});
 
+// The NAL header of a frame that every player of this run gets: an inter frame, or a key frame where players
+// wait for one.
+inline uint8_t OrdinaryNal()
+{
+    return (PlayersOfThisRun() & RTMP_PLAYERS_KEY_FRAME) != 0 ? 0x65 : 0x41;
+}
+
 // An access unit of `length` bytes: one NAL unit behind its length, filled with a pattern.
-Bytes VideoFrame(size_t length, uint8_t nalHeader = 0x41, uint8_t fill = 0x11);
+Bytes VideoFrame(size_t length, uint8_t nalHeader = OrdinaryNal(), uint8_t fill = 0x11);
 
 class TestServer {
   public:

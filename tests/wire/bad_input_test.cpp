@@ -23,7 +23,7 @@ class Watched {
     void expectFrame()
     {
         time_ += 40;
-        const Bytes frame = VideoFrame(64, 0x41, static_cast<uint8_t>(time_ / 40));
+        const Bytes frame = VideoFrame(64, OrdinaryNal(), static_cast<uint8_t>(time_ / 40));
         EXPECT_EQ(SendVideo(session_, frame, time_), 0);
         EXPECT_TRUE(Same(Slice(watcher_.read().payload, 5, 64), frame));
     }

@@ -40,6 +40,12 @@ std::string AudioHeader(uint32_t delta, size_t frameLength)
 const char kKey[] = "17 01 000000";
 const char kInter[] = "27 01 000000";
 
+// Of an ordinary frame.
+const char *OrdinaryTag()
+{
+    return OrdinaryNal() == 0x65 ? kKey : kInter;
+}
+
 } // namespace
 
 class WireFrameLengths : public testing::TestWithParam<int> {};
@@ -56,7 +62,7 @@ TEST_P(WireFrameLengths, AVideoFrameIsCutWithItsTag)
     const Bytes frame = VideoFrame(length);
     EXPECT_EQ(SendVideo(session, frame, 1000), 0);
     const Message message = peer.read();
-    EXPECT_TRUE(Same(message.raw, FrameBytes(VideoHeader(0, length), kInter, frame, chunkSize, 0xC5)));
+    EXPECT_TRUE(Same(message.raw, FrameBytes(VideoHeader(0, length), OrdinaryTag(), frame, chunkSize, 0xC5)));
     EXPECT_EQ(message.chunks, (length + 5 + chunkSize - 1) / chunkSize);
     EXPECT_TRUE(peer.settle().empty()) << "and nothing behind it";
 }
@@ -207,7 +213,8 @@ TEST(WireFrames, AudioWaitsForVideoAndGoesInFrontOfIt)
     EXPECT_EQ(SendVideo(session, VideoFrame(50), 61000), 0); // both are due long before
     EXPECT_TRUE(Same(peer.read().raw, FrameBytes(AudioHeader(0, 150), "af 01", first, 100, 0xC6)));
     EXPECT_TRUE(Same(peer.read().raw, FrameBytes(AudioHeader(23, 98), "af 01", second, 100, 0xC6)));
-    EXPECT_TRUE(Same(peer.read().raw, FrameBytes(VideoHeader(60000, 50), kInter, VideoFrame(50), 100, 0xC5)));
+    EXPECT_TRUE(
+        Same(peer.read().raw, FrameBytes(VideoHeader(60000, 50), OrdinaryTag(), VideoFrame(50), 100, 0xC5)));
 }
 
 TEST(WireFrames, OnlyAudioThatIsStrictlyEarlierGoesWithAVideoFrame)
@@ -278,9 +285,9 @@ TEST(WireFrames, APausedPlayerMissesWhatThePlayerBesideItGets)
     paused.command(PauseCommand(true));
     paused.read();
     for (uint64_t time = 1000; time < 1400; time += 40) {
-        EXPECT_EQ(SendVideo(session, VideoFrame(300, 0x41, static_cast<uint8_t>(time)), time), 0);
-        EXPECT_TRUE(
-            Same(Slice(playing.read().payload, 5, 300), VideoFrame(300, 0x41, static_cast<uint8_t>(time))));
+        EXPECT_EQ(SendVideo(session, VideoFrame(300, OrdinaryNal(), static_cast<uint8_t>(time)), time), 0);
+        EXPECT_TRUE(Same(Slice(playing.read().payload, 5, 300),
+                         VideoFrame(300, OrdinaryNal(), static_cast<uint8_t>(time))));
     }
     EXPECT_TRUE(paused.settle().empty());
     joining.command(PlayCommand("cam"));
@@ -295,10 +302,10 @@ TEST(WireFrames, SessionsDoNotMix)
     ScriptedPeer a(server.port), b(server.port);
     a.playing("one");
     b.playing("two");
-    EXPECT_EQ(SendVideo(one, VideoFrame(20, 0x41, 1), 1000), 0);
-    EXPECT_EQ(SendVideo(two, VideoFrame(20, 0x41, 2), 1000), 0);
-    EXPECT_TRUE(Same(Slice(a.read().payload, 5, 20), VideoFrame(20, 0x41, 1)));
-    EXPECT_TRUE(Same(Slice(b.read().payload, 5, 20), VideoFrame(20, 0x41, 2)));
+    EXPECT_EQ(SendVideo(one, VideoFrame(20, OrdinaryNal(), 1), 1000), 0);
+    EXPECT_EQ(SendVideo(two, VideoFrame(20, OrdinaryNal(), 2), 1000), 0);
+    EXPECT_TRUE(Same(Slice(a.read().payload, 5, 20), VideoFrame(20, OrdinaryNal(), 1)));
+    EXPECT_TRUE(Same(Slice(b.read().payload, 5, 20), VideoFrame(20, OrdinaryNal(), 2)));
     EXPECT_TRUE(a.settle().empty());
     EXPECT_TRUE(b.settle().empty());
 }

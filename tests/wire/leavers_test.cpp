@@ -102,7 +102,7 @@ void RunConnections(uint16_t port, size_t worker, std::atomic<size_t> &failures)
 
 Bytes NumberedFrame(uint32_t number)
 {
-    Bytes frame = VideoFrame(700, 0x41, static_cast<uint8_t>(number));
+    Bytes frame = VideoFrame(700, OrdinaryNal(), static_cast<uint8_t>(number));
     const Bytes text = BigEndian(number, 4);
     std::copy(text.begin(), text.end(), frame.begin() + 5);
     return frame;

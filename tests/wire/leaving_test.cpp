@@ -332,7 +332,7 @@ TEST(WireClientList, TheThirdOfThreeIsCutOffByANewcomerAfterTheFirstHasLeft)
     Peers players = Players(server.port, 3);
     players[0].reset();
     ASSERT_TRUE(server.log.waitFor("Removed client; No. of connected clients : 2"));
-    const Bytes before = VideoFrame(30, 0x41, 1), after = VideoFrame(30, 0x41, 2);
+    const Bytes before = VideoFrame(30, OrdinaryNal(), 1), after = VideoFrame(30, OrdinaryNal(), 2);
     EXPECT_EQ(SendVideo(session, before, 1000), 0);
     EXPECT_TRUE(Gets(*players[1], before));
     EXPECT_TRUE(Gets(*players[2], before)) << "still linked behind the second";

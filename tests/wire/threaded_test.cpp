@@ -13,7 +13,7 @@ constexpr SessionSetup kThreaded = {.mode = RTMP_SENDER_THREADED};
 
 Bytes NumberedFrame(size_t length, uint32_t number)
 {
-    Bytes frame = VideoFrame(length, 0x41, static_cast<uint8_t>(number));
+    Bytes frame = VideoFrame(length, OrdinaryNal(), static_cast<uint8_t>(number));
     const Bytes text = BigEndian(number, 4);
     std::copy(text.begin(), text.end(), frame.begin() + 5);
     return frame;
@@ -81,14 +81,14 @@ TEST(WireThreaded, NothingIsQueuedWhileTheFirstInTheListIsPaused)
     second.playing("cam");
     first.command(PauseCommand(true));
     first.settle();
-    EXPECT_EQ(SendVideo(session, VideoFrame(20, 0x41, 1), 1000), 0);
+    EXPECT_EQ(SendVideo(session, VideoFrame(20, OrdinaryNal(), 1), 1000), 0);
     first.chunks.restart();
     first.command(PauseCommand(false));
     first.read(7);
     first.settle();
-    EXPECT_EQ(SendVideo(session, VideoFrame(20, 0x41, 2), 1040), 0);
-    EXPECT_TRUE(Same(Slice(second.read().payload, 5, 20), VideoFrame(20, 0x41, 2)));
-    EXPECT_TRUE(Same(Slice(first.read().payload, 5, 20), VideoFrame(20, 0x41, 2)));
+    EXPECT_EQ(SendVideo(session, VideoFrame(20, OrdinaryNal(), 2), 1040), 0);
+    EXPECT_TRUE(Same(Slice(second.read().payload, 5, 20), VideoFrame(20, OrdinaryNal(), 2)));
+    EXPECT_TRUE(Same(Slice(first.read().payload, 5, 20), VideoFrame(20, OrdinaryNal(), 2)));
 }
 
 // A player that reads nothing fills its socket and then the queue, which is flushed whole: the host never
