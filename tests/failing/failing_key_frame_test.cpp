@@ -8,19 +8,19 @@
 
 namespace {
 
-Bytes Picture(bool isKey, uint8_t number)
+Bytes TinyPicture(bool isKey, uint8_t number)
 {
     return {0, 0, 0, 2, static_cast<uint8_t>(isKey ? 0x65 : 0x41), number};
 }
 
-int Send(SessionRig &rig, const Bytes &frame)
+int SendTiny(SessionRig &rig, const Bytes &frame)
 {
     return SendMsgToConnectedClients(rig.session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0, 40,
                                      RTMP_MSG_VIDEO);
 }
 
 // Whether the frame is the last thing that came to the player; nothing else lies in its socket.
-bool Got(const RigClient &player, const Bytes &frame)
+bool GotTiny(const RigClient &player, const Bytes &frame)
 {
     const Bytes bytes = DrainBytes(player.peer);
     return bytes.size() >= frame.size() && Slice(bytes, bytes.size() - frame.size(), frame.size()) == frame;
@@ -35,20 +35,20 @@ TEST(KeyFrameFailing, WhoMissesAFrameGetsNoneBeforeTheNextKeyFrame)
         const RigClient player = rig.addClient(), other = rig.addClient();
         player.client->PlayerFlags = flags;
         other.client->PlayerFlags = flags;
-        EXPECT_EQ(Send(rig, Picture(true, 1)), 0);
-        EXPECT_TRUE(Got(player, Picture(true, 1)));
+        EXPECT_EQ(SendTiny(rig, TinyPicture(true, 1)), 0);
+        EXPECT_TRUE(GotTiny(player, TinyPicture(true, 1)));
         {
             const FailingCall failing(Call::MutexLock, 1, &player.client->SendStrmListLock);
-            EXPECT_EQ(Send(rig, Picture(false, 2)), -1);
+            EXPECT_EQ(SendTiny(rig, TinyPicture(false, 2)), -1);
         }
-        EXPECT_FALSE(Got(player, Picture(false, 2)));
-        EXPECT_EQ(Send(rig, Picture(false, 3)), 0);
-        EXPECT_EQ(Got(player, Picture(false, 3)), flags == RTMP_PLAYERS_EXACT);
-        EXPECT_TRUE(Got(other, Picture(false, 3))) << "who missed nothing goes on";
-        EXPECT_EQ(Send(rig, Picture(true, 4)), 0);
-        EXPECT_TRUE(Got(player, Picture(true, 4)));
-        EXPECT_EQ(Send(rig, Picture(false, 5)), 0);
-        EXPECT_TRUE(Got(player, Picture(false, 5)));
+        EXPECT_FALSE(GotTiny(player, TinyPicture(false, 2)));
+        EXPECT_EQ(SendTiny(rig, TinyPicture(false, 3)), 0);
+        EXPECT_EQ(GotTiny(player, TinyPicture(false, 3)), flags == RTMP_PLAYERS_EXACT);
+        EXPECT_TRUE(GotTiny(other, TinyPicture(false, 3))) << "who missed nothing goes on";
+        EXPECT_EQ(SendTiny(rig, TinyPicture(true, 4)), 0);
+        EXPECT_TRUE(GotTiny(player, TinyPicture(true, 4)));
+        EXPECT_EQ(SendTiny(rig, TinyPicture(false, 5)), 0);
+        EXPECT_TRUE(GotTiny(player, TinyPicture(false, 5)));
     }
 }
 
@@ -57,18 +57,18 @@ TEST(KeyFrameFailing, BehindAFrameThatNobodyGotAllWaitForTheNextKeyFrame)
     SessionRig rig;
     const RigClient player = rig.addClient();
     player.client->PlayerFlags = RTMP_PLAYERS_KEY_FRAME;
-    EXPECT_EQ(Send(rig, Picture(true, 1)), 0);
-    Bytes large = Picture(false, 2);
+    EXPECT_EQ(SendTiny(rig, TinyPicture(true, 1)), 0);
+    Bytes large = TinyPicture(false, 2);
     large.resize(100000); // more pieces than the session keeps
     {
         const FailingAllocation failing(1);
-        EXPECT_EQ(Send(rig, large), -1);
+        EXPECT_EQ(SendTiny(rig, large), -1);
     }
-    EXPECT_TRUE(Got(player, Picture(true, 1)));
-    EXPECT_EQ(Send(rig, Picture(false, 3)), 0);
+    EXPECT_TRUE(GotTiny(player, TinyPicture(true, 1)));
+    EXPECT_EQ(SendTiny(rig, TinyPicture(false, 3)), 0);
     EXPECT_TRUE(DrainBytes(player.peer).empty());
-    EXPECT_EQ(Send(rig, Picture(true, 4)), 0);
-    EXPECT_TRUE(Got(player, Picture(true, 4)));
+    EXPECT_EQ(SendTiny(rig, TinyPicture(true, 4)), 0);
+    EXPECT_TRUE(GotTiny(player, TinyPicture(true, 4)));
 }
 
 // The reference says what the peer has seen last: one that it may not have seen is not built upon.
@@ -77,14 +77,14 @@ TEST(KeyFrameFailing, BehindAMissedFrameTheHeaderIsRight)
     SessionRig rig;
     const RigClient player = rig.addClient();
     player.client->PlayerFlags = RTMP_PLAYERS_CHUNKS_OUT;
-    EXPECT_EQ(Send(rig, Picture(true, 1)), 0);
-    EXPECT_EQ(Send(rig, Picture(false, 2)), 0);
+    EXPECT_EQ(SendTiny(rig, TinyPicture(true, 1)), 0);
+    EXPECT_EQ(SendTiny(rig, TinyPicture(false, 2)), 0);
     DrainBytes(player.peer);
     {
         const FailingCall failing(Call::MutexLock, 1, &player.client->SendStrmListLock);
-        EXPECT_EQ(Send(rig, Picture(false, 3)), -1);
+        EXPECT_EQ(SendTiny(rig, TinyPicture(false, 3)), -1);
     }
-    EXPECT_EQ(Send(rig, Picture(false, 4)), 0);
+    EXPECT_EQ(SendTiny(rig, TinyPicture(false, 4)), 0);
     EXPECT_EQ(DrainBytes(player.peer), Hex("C5 27 01 000000 00000002 41 04"))
         << "40 ms behind the one before, as that was behind its own";
 }

@@ -6,7 +6,7 @@
 
 namespace {
 
-int IsIdr(const Bytes &unit)
+int IsIdrUnit(const Bytes &unit)
 {
     return HasIdrSlice(unit.data(), static_cast<int32_t>(unit.size()));
 }
@@ -33,7 +33,7 @@ TEST(AccessUnit, AnyNalUnitThatIsAnIdrSliceMakesAKeyFrame)
         {"a byte that is inside of another NAL unit", "00000008 41 00000002 6588 00", 0},
     };
     for (const Row &row : rows) {
-        EXPECT_EQ(IsIdr(Hex(row.unit)), row.isKey) << row.sentence;
+        EXPECT_EQ(IsIdrUnit(Hex(row.unit)), row.isKey) << row.sentence;
     }
 }
 
@@ -58,7 +58,7 @@ TEST(AccessUnit, LengthsThatLieLeadNowhere)
         {"00000000 00000000 00000000 0000", 0},
     };
     for (const Row &row : rows) {
-        EXPECT_EQ(IsIdr(Hex(row.unit)), row.isKey) << row.unit;
+        EXPECT_EQ(IsIdrUnit(Hex(row.unit)), row.isKey) << row.unit;
     }
     EXPECT_EQ(HasIdrSlice(nullptr, 0), 0);
     EXPECT_EQ(HasIdrSlice(nullptr, -1), 0);
@@ -69,6 +69,6 @@ TEST(AccessUnit, EveryCutOfAUnitIsReadWithinItsBounds)
     const Bytes whole = Hex("00000002 0910 00000003 060501 00000006 418880808080 00000002 6588");
     for (size_t length = 0; length <= whole.size(); ++length) {
         const Bytes cut = Slice(whole, 0, length);
-        EXPECT_EQ(IsIdr(cut), length >= 28 ? 1 : 0) << length;
+        EXPECT_EQ(IsIdrUnit(cut), length >= 28 ? 1 : 0) << length;
     }
 }

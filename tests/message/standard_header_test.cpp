@@ -10,7 +10,7 @@
 
 namespace {
 
-struct Made {
+struct SentMessage {
     uint64_t time = 1000;
     uint32_t length = 100;
     uint32_t type = RTMP_TYPE_VIDEO;
@@ -18,7 +18,7 @@ struct Made {
     uint32_t chunkStream = 5;
 };
 
-RtmpSendPkt Make(const Made &made)
+RtmpSendPkt MakeSent(const SentMessage &made)
 {
     RtmpSendPkt pkt = {};
     pkt.ChunkStreamId = made.chunkStream;
@@ -31,12 +31,12 @@ RtmpSendPkt Make(const Made &made)
 }
 
 // Sends the messages of one chunk stream one after the other, and tells which headers they had.
-std::vector<int> TypesOf(const std::vector<Made> &messages)
+std::vector<int> HdrTypesOf(const std::vector<SentMessage> &messages)
 {
     std::vector<int> types;
     RtmpSendPkt stored = {};
-    for (const Made &made : messages) {
-        RtmpSendPkt pkt = Make(made);
+    for (const SentMessage &made : messages) {
+        RtmpSendPkt pkt = MakeSent(made);
         const int type = DecideStandardHdrType(&pkt, types.empty() ? nullptr : &stored);
         if (types.empty()) {
             stored = pkt;
@@ -47,64 +47,65 @@ std::vector<int> TypesOf(const std::vector<Made> &messages)
     return types;
 }
 
-Bytes SeparatorFor(const RtmpSendPkt &message)
+Bytes SeparatorBytes(const RtmpSendPkt &message)
 {
     uint8_t bytes[RTMP_SEPARATOR_MAX];
     const uint32_t length = PutStandardSeparator(bytes, &message);
     return Bytes(bytes, bytes + length);
 }
 
-using Types = std::vector<int>;
+using HdrTypes = std::vector<int>;
 
 } // namespace
 
 TEST(StandardHeader, EachMessageIsToldFromTheOneBeforeIt)
 {
     // 45 is the first one's length: behind one of 100 it must be said again, and so must 100 behind it.
-    EXPECT_EQ(TypesOf({{1000, 45}, {1040, 100}, {1080, 45}, {1120, 45}, {1160, 100}}),
-              (Types{0, 1, 1, 3, 1}));
+    EXPECT_EQ(HdrTypesOf({{1000, 45}, {1040, 100}, {1080, 45}, {1120, 45}, {1160, 100}}),
+              (HdrTypes{0, 1, 1, 3, 1}));
 }
 
 TEST(StandardHeader, TheDeltaIsSaidOnceBehindAFullHeader)
 {
-    EXPECT_EQ(TypesOf({{40}, {80}, {120}, {160}}), (Types{0, 2, 3, 3}));
-    EXPECT_EQ(TypesOf({{0}, {0}, {0}}), (Types{0, 2, 3})) << "also a delta of 0";
+    EXPECT_EQ(HdrTypesOf({{40}, {80}, {120}, {160}}), (HdrTypes{0, 2, 3, 3}));
+    EXPECT_EQ(HdrTypesOf({{0}, {0}, {0}}), (HdrTypes{0, 2, 3})) << "also a delta of 0";
 }
 
 TEST(StandardHeader, AnotherDeltaIsSaid)
 {
-    EXPECT_EQ(TypesOf({{0}, {40}, {81}, {122}, {162}}), (Types{0, 2, 2, 3, 2}));
+    EXPECT_EQ(HdrTypesOf({{0}, {40}, {81}, {122}, {162}}), (HdrTypes{0, 2, 2, 3, 2}));
 }
 
 TEST(StandardHeader, AnotherTypeOfMessageIsSaid)
 {
-    EXPECT_EQ(TypesOf({{0}, {40}, {80, 100, RTMP_TYPE_AMF0_DATA}, {120, 100, RTMP_TYPE_AMF0_DATA}}),
-              (Types{0, 2, 1, 3}));
+    EXPECT_EQ(HdrTypesOf({{0}, {40}, {80, 100, RTMP_TYPE_AMF0_DATA}, {120, 100, RTMP_TYPE_AMF0_DATA}}),
+              (HdrTypes{0, 2, 1, 3}));
 }
 
 TEST(StandardHeader, AnOlderMessageHasAFullHeader)
 {
-    EXPECT_EQ(TypesOf({{1000}, {1040}, {999}, {1039}}), (Types{0, 2, 0, 2}));
-    EXPECT_EQ(TypesOf({{0}, {0x80000000}}), (Types{0, 0})) << "further ahead than serial numbers can say";
-    EXPECT_EQ(TypesOf({{0}, {0x7FFFFFFF}}), (Types{0, 2}));
+    EXPECT_EQ(HdrTypesOf({{1000}, {1040}, {999}, {1039}}), (HdrTypes{0, 2, 0, 2}));
+    EXPECT_EQ(HdrTypesOf({{0}, {0x80000000}}), (HdrTypes{0, 0}))
+        << "further ahead than serial numbers can say";
+    EXPECT_EQ(HdrTypesOf({{0}, {0x7FFFFFFF}}), (HdrTypes{0, 2}));
 }
 
 TEST(StandardHeader, AnotherMessageStreamHasAFullHeader)
 {
-    EXPECT_EQ(TypesOf({{0}, {40}, {80, 100, 9, 2}, {120, 100, 9, 2}}), (Types{0, 2, 0, 2}));
+    EXPECT_EQ(HdrTypesOf({{0}, {40}, {80, 100, 9, 2}, {120, 100, 9, 2}}), (HdrTypes{0, 2, 0, 2}));
 }
 
 TEST(StandardHeader, AnExtendedDeltaIsNeverRepeatedByAType3Header)
 {
-    EXPECT_EQ(TypesOf({{0}, {0xFFFFFF}, {0x1FFFFFE}, {0x1FFFFFE + 40}, {0x1FFFFFE + 80}}),
-              (Types{0, 2, 2, 2, 3}));
-    EXPECT_EQ(TypesOf({{0}, {0xFFFFFE}, {0x1FFFFFC}}), (Types{0, 2, 3})) << "one less is not extended";
+    EXPECT_EQ(HdrTypesOf({{0}, {0xFFFFFF}, {0x1FFFFFE}, {0x1FFFFFE + 40}, {0x1FFFFFE + 80}}),
+              (HdrTypes{0, 2, 2, 2, 3}));
+    EXPECT_EQ(HdrTypesOf({{0}, {0xFFFFFE}, {0x1FFFFFC}}), (HdrTypes{0, 2, 3})) << "one less is not extended";
 }
 
 TEST(StandardHeader, TheDeltaIsTakenFromTheMessageBefore)
 {
-    RtmpSendPkt last = Make({1000});
-    RtmpSendPkt next = Make({1040});
+    RtmpSendPkt last = MakeSent({1000});
+    RtmpSendPkt next = MakeSent({1040});
     SetTimestampDelta(&next, 777); // another message went out since it was generated
     EXPECT_EQ(DecideStandardHdrType(&next, &last), 2);
     EXPECT_EQ(ToHex(Bytes(next.HdrTimestampDelta, next.HdrTimestampDelta + 3)), ToHex(Hex("000028")));
@@ -113,16 +114,16 @@ TEST(StandardHeader, TheDeltaIsTakenFromTheMessageBefore)
 
 TEST(StandardHeader, BehindAMessageThatDidNotGetOutComesAFullHeader)
 {
-    RtmpSendPkt last = Make({1000});
-    RtmpSendPkt lost = Make({1040});
+    RtmpSendPkt last = MakeSent({1000});
+    RtmpSendPkt lost = MakeSent({1040});
     EXPECT_EQ(DecideStandardHdrType(&lost, &last), 2); // and the caller does not say that it is out
-    RtmpSendPkt next = Make({1080});
+    RtmpSendPkt next = MakeSent({1080});
     EXPECT_EQ(DecideStandardHdrType(&next, &last), 0);
 }
 
 TEST(StandardHeader, AStoredMessageThatIsSentItselfHasAFullHeader)
 {
-    RtmpSendPkt stored = Make({1000});
+    RtmpSendPkt stored = MakeSent({1000});
     EXPECT_EQ(DecideStandardHdrType(&stored, &stored), 0);
     EXPECT_EQ(stored.PayloadLength, 100U);
 }
@@ -147,7 +148,7 @@ TEST(StandardHeader, TheFlagAloneDecidesOnTheOrderOfTheBytes)
     for (const uint32_t flags : {uint32_t{RTMP_PLAYERS_EXACT}, uint32_t{RTMP_PLAYERS_CHUNKS_OUT}}) {
         RtmpClient client = {};
         client.PlayerFlags = flags;
-        RtmpSendPkt pkt = Make({0, 3, 9, 1, 321});
+        RtmpSendPkt pkt = MakeSent({0, 3, 9, 1, 321});
         uint8_t bytes[RTMP_CHUNK_HDR_MAX] = {};
         RtmpChunkHdr hdr = {0, bytes};
         ASSERT_EQ(FillChunkHdrFor(&client, &pkt, 0, &hdr), 0);
@@ -160,18 +161,18 @@ TEST(StandardHeader, TheFlagAloneDecidesOnTheOrderOfTheBytes)
 
 TEST(StandardHeader, ASeparatorRepeatsTheExtendedTimeOfItsMessage)
 {
-    RtmpSendPkt full = Make({0x01020304});
-    EXPECT_EQ(SeparatorFor(full), Hex("C5 01020304"));
-    RtmpSendPkt plain = Make({0xFFFFFE});
-    EXPECT_EQ(SeparatorFor(plain), Hex("C5"));
-    RtmpSendPkt least = Make({0xFFFFFF, 100, 9, 1, 321});
-    EXPECT_EQ(SeparatorFor(least), Hex("C1 0101 00FFFFFF"));
-    RtmpSendPkt far = Make({0x2000000});
-    RtmpSendPkt last = Make({0});
+    RtmpSendPkt full = MakeSent({0x01020304});
+    EXPECT_EQ(SeparatorBytes(full), Hex("C5 01020304"));
+    RtmpSendPkt plain = MakeSent({0xFFFFFE});
+    EXPECT_EQ(SeparatorBytes(plain), Hex("C5"));
+    RtmpSendPkt least = MakeSent({0xFFFFFF, 100, 9, 1, 321});
+    EXPECT_EQ(SeparatorBytes(least), Hex("C1 0101 00FFFFFF"));
+    RtmpSendPkt far = MakeSent({0x2000000});
+    RtmpSendPkt last = MakeSent({0});
     ASSERT_EQ(DecideStandardHdrType(&far, &last), 2);
-    EXPECT_EQ(SeparatorFor(far), Hex("C5 02000000")) << "the delta's";
-    RtmpSendPkt near = Make({0x2000028});
+    EXPECT_EQ(SeparatorBytes(far), Hex("C5 02000000")) << "the delta's";
+    RtmpSendPkt near = MakeSent({0x2000028});
     last.HdrType = 2;
     ASSERT_EQ(DecideStandardHdrType(&near, &last), 2);
-    EXPECT_EQ(SeparatorFor(near), Hex("C5")) << "an extended timestamp behind a short delta is not sent";
+    EXPECT_EQ(SeparatorBytes(near), Hex("C5")) << "an extended timestamp behind a short delta is not sent";
 }

@@ -7,86 +7,92 @@
 
 namespace {
 
-struct Frame {
+struct PlacedFrame {
     uint64_t time;
     uint64_t delta = 40;
     bool leads = true;
 };
 
-std::vector<uint64_t> Place(RtmpClient *client, const std::vector<Frame> &frames)
+std::vector<uint64_t> PlaceAll(RtmpClient *client, const std::vector<PlacedFrame> &frames)
 {
     std::vector<uint64_t> times;
-    for (const Frame &frame : frames) {
+    for (const PlacedFrame &frame : frames) {
         const RtmpFrameTime time = {frame.time, frame.delta, static_cast<uint8_t>(frame.leads ? 1 : 0)};
         times.push_back(PlaceOnTimeline(client, &time));
     }
     return times;
 }
 
-using Times = std::vector<uint64_t>;
+using PlacedTimes = std::vector<uint64_t>;
 
-constexpr bool kSound = false;
+constexpr bool kIsNoPicture = false;
 
 } // namespace
 
 TEST(Timeline, BeginsAt0AndFollowsTheHostsClock)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{5000}, {5040}, {5053, 23, kSound}, {5076, 23, kSound}, {5080}, {65080}}),
-              (Times{0, 40, 53, 76, 80, 60080}));
+    EXPECT_EQ(PlaceAll(&client,
+                       {{5000}, {5040}, {5053, 23, kIsNoPicture}, {5076, 23, kIsNoPicture}, {5080}, {65080}}),
+              (PlacedTimes{0, 40, 53, 76, 80, 60080}));
     EXPECT_EQ(client.TimelineTime, 60080U);
     BeginTimeline(&client);
     EXPECT_EQ(client.TimelineTime, 0U);
-    EXPECT_EQ(Place(&client, {{70000}, {70040}}), (Times{0, 40}));
+    EXPECT_EQ(PlaceAll(&client, {{70000}, {70040}}), (PlacedTimes{0, 40}));
 }
 
 TEST(Timeline, SoundALittleOlderThanThePictureInFrontOfItKeepsItsTime)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{5000}, {4990, 23, kSound}, {5040}, {5013, 23, kSound}}), (Times{0, 0, 40, 13}))
+    EXPECT_EQ(PlaceAll(&client, {{5000}, {4990, 23, kIsNoPicture}, {5040}, {5013, 23, kIsNoPicture}}),
+              (PlacedTimes{0, 0, 40, 13}))
         << "and nothing is earlier than the first frame";
 }
 
 TEST(Timeline, GoesOnBehindAPauseWithTheDeltaOfTheNextFrame)
 {
     RtmpClient client = {};
-    Place(&client, {{5000}, {5040}});
+    PlaceAll(&client, {{5000}, {5040}});
     InterruptTimeline(&client);
     EXPECT_EQ(client.TimelineTime, 40U);
-    EXPECT_EQ(Place(&client, {{90000, 40}, {90023, 23, kSound}, {90040}}), (Times{80, 103, 120}));
+    EXPECT_EQ(PlaceAll(&client, {{90000, 40}, {90023, 23, kIsNoPicture}, {90040}}),
+              (PlacedTimes{80, 103, 120}));
     InterruptTimeline(&client);
-    EXPECT_EQ(Place(&client, {{95000, 4960}}), (Times{120 + kLongestFrameMs}))
+    EXPECT_EQ(PlaceAll(&client, {{95000, 4960}}), (PlacedTimes{120 + kLongestFrameMs}))
         << "where nobody got frames meanwhile, the pause is in the delta";
 }
 
 TEST(Timeline, AClockThatIsSetBackIsFollowedWithoutAStep)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{500000}, {500040}, {100}, {140}, {163, 23, kSound}}),
-              (Times{0, 40, 40, 80, 103}));
-    EXPECT_EQ(Place(&client, {{0x1FFFFFFF0}}), (Times{103})) << "so far ahead it counts as older";
+    EXPECT_EQ(PlaceAll(&client, {{500000}, {500040}, {100}, {140}, {163, 23, kIsNoPicture}}),
+              (PlacedTimes{0, 40, 40, 80, 103}));
+    EXPECT_EQ(PlaceAll(&client, {{0x1FFFFFFF0}}), (PlacedTimes{103})) << "so far ahead it counts as older";
 }
 
 TEST(Timeline, AClockOf32BitsThatBeginsAgainIsFollowedWithoutAStep)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{0xFFFFFFD8}, {0}, {40}}), (Times{0, 0, 40}));
+    EXPECT_EQ(PlaceAll(&client, {{0xFFFFFFD8}, {0}, {40}}), (PlacedTimes{0, 0, 40}));
 }
 
 TEST(Timeline, SoundFromAnotherClockHasTheTimeOfWhatWasSentLast)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{1000000}, {50, 23, kSound}, {1000040}, {90, 23, kSound}, {1000080}}),
-              (Times{0, 0, 40, 40, 80}));
+    EXPECT_EQ(
+        PlaceAll(&client, {{1000000}, {50, 23, kIsNoPicture}, {1000040}, {90, 23, kIsNoPicture}, {1000080}}),
+        (PlacedTimes{0, 0, 40, 40, 80}));
     BeginTimeline(&client);
-    EXPECT_EQ(Place(&client, {{50}, {1000000, 23, kSound}, {90}, {1000040, 23, kSound}, {130}}),
-              (Times{0, 0, 40, 40, 80}));
+    EXPECT_EQ(
+        PlaceAll(&client, {{50}, {1000000, 23, kIsNoPicture}, {90}, {1000040, 23, kIsNoPicture}, {130}}),
+        (PlacedTimes{0, 0, 40, 40, 80}));
 }
 
 TEST(Timeline, AGapInThePicturesIsAGap)
 {
     RtmpClient client = {};
-    EXPECT_EQ(Place(&client, {{1000}, {3601000}, {0x7FFFFFFF}}), (Times{0, 3600000, 0x7FFFFFFF - 1000}));
+    EXPECT_EQ(PlaceAll(&client, {{1000}, {3601000}, {0x7FFFFFFF}}),
+              (PlacedTimes{0, 3600000, 0x7FFFFFFF - 1000}));
 }
 
 class TimelineReplies : public MessageTest {};

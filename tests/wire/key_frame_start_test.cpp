@@ -9,18 +9,18 @@ using namespace wire;
 
 namespace {
 
-constexpr uint32_t kFlags = RTMP_PLAYERS_KEY_FRAME | RTMP_PLAYERS_TIMELINE | RTMP_PLAYERS_CHUNKS_OUT;
+constexpr uint32_t kStartFlags = RTMP_PLAYERS_KEY_FRAME | RTMP_PLAYERS_TIMELINE | RTMP_PLAYERS_CHUNKS_OUT;
 
-const Bytes kSound = Hex("21 00 03");
+const Bytes kStartSound = Hex("21 00 03");
 
 // A picture that tells its number, as a key frame or not.
-Bytes Picture(uint8_t number, bool isKey = false)
+Bytes StartPicture(uint8_t number, bool isKey = false)
 {
     return VideoFrame(30, isKey ? 0x65 : 0x41, number);
 }
 
 // "V 3 40": a picture's number and time. "A 7": a sound's time.
-std::string Told(const Message &message)
+std::string ToldPicture(const Message &message)
 {
     const std::string time = " " + std::to_string(message.timestamp);
     if (message.type != 9) {
@@ -30,16 +30,16 @@ std::string Told(const Message &message)
     return "V " + std::to_string(number) + time;
 }
 
-std::vector<std::string> Next(ScriptedPeer &peer, size_t count)
+std::vector<std::string> NextTold(ScriptedPeer &peer, size_t count)
 {
     std::vector<std::string> all;
     while (all.size() < count) {
-        all.push_back(Told(peer.read()));
+        all.push_back(ToldPicture(peer.read()));
     }
     return all;
 }
 
-using Texts = std::vector<std::string>;
+using ToldTexts = std::vector<std::string>;
 
 } // namespace
 
@@ -47,7 +47,7 @@ class WireKeyFrameStart : public testing::TestWithParam<uint32_t> {
   protected:
     WireKeyFrameStart()
     {
-        RtmpPlayerSettings(server.server, kFlags);
+        RtmpPlayerSettings(server.server, kStartFlags);
     }
     void play(ScriptedPeer &peer)
     {
@@ -58,8 +58,8 @@ class WireKeyFrameStart : public testing::TestWithParam<uint32_t> {
     void send(uint8_t number, bool isKey = false)
     {
         time_ += 40;
-        EXPECT_EQ(SendAudio(session, kSound, time_ - 10), 0);
-        EXPECT_EQ(SendVideo(session, Picture(number, isKey), time_), 0);
+        EXPECT_EQ(SendAudio(session, kStartSound, time_ - 10), 0);
+        EXPECT_EQ(SendVideo(session, StartPicture(number, isKey), time_), 0);
     }
     TestServer server;
     RtmpSession *session = server.session("cam", {.mode = GetParam()});
@@ -74,16 +74,16 @@ TEST_P(WireKeyFrameStart, AWhoJoinsInTheMiddleBeginsWithTheNextKeyFrameAtTime0)
     send(2);
     send(3, true);
     send(4);
-    EXPECT_EQ(Next(peer, 3), (Texts{"V 3 0", "A 30", "V 4 40"})) << "and sound behind it";
+    EXPECT_EQ(NextTold(peer, 3), (ToldTexts{"V 3 0", "A 30", "V 4 40"})) << "and sound behind it";
 }
 
 TEST_P(WireKeyFrameStart, ByDefaultTheNextPictureIsTheFirst)
 {
-    RtmpPlayerSettings(server.server, kFlags & ~RTMP_PLAYERS_KEY_FRAME);
+    RtmpPlayerSettings(server.server, kStartFlags & ~RTMP_PLAYERS_KEY_FRAME);
     ScriptedPeer peer(server.port);
     play(peer);
-    EXPECT_EQ(SendVideo(session, Picture(1), 5000), 0);
-    EXPECT_EQ(Next(peer, 1), (Texts{"V 1 0"}));
+    EXPECT_EQ(SendVideo(session, StartPicture(1), 5000), 0);
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"V 1 0"}));
 }
 
 TEST_P(WireKeyFrameStart, BehindAPauseAKeyFrameComesFirst)
@@ -92,7 +92,7 @@ TEST_P(WireKeyFrameStart, BehindAPauseAKeyFrameComesFirst)
     play(peer);
     send(1, true);
     send(2);
-    EXPECT_EQ(Next(peer, 3), (Texts{"V 1 0", "A 30", "V 2 40"}));
+    EXPECT_EQ(NextTold(peer, 3), (ToldTexts{"V 1 0", "A 30", "V 2 40"}));
     peer.command(PauseCommand(true));
     peer.settle();
     peer.command(PauseCommand(false));
@@ -101,7 +101,7 @@ TEST_P(WireKeyFrameStart, BehindAPauseAKeyFrameComesFirst)
     send(4);
     send(5, true);
     send(6);
-    EXPECT_EQ(Next(peer, 3), (Texts{"V 5 80", "A 110", "V 6 120"}));
+    EXPECT_EQ(NextTold(peer, 3), (ToldTexts{"V 5 80", "A 110", "V 6 120"}));
 }
 
 TEST_P(WireKeyFrameStart, BehindARepeatedPlayAKeyFrameComesFirst)
@@ -109,13 +109,13 @@ TEST_P(WireKeyFrameStart, BehindARepeatedPlayAKeyFrameComesFirst)
     ScriptedPeer peer(server.port);
     play(peer);
     send(1, true);
-    EXPECT_EQ(Next(peer, 1), (Texts{"V 1 0"}));
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"V 1 0"}));
     peer.command(PlayCommand("cam"));
     peer.settle();
     send(2);
     send(3, true);
     send(4);
-    EXPECT_EQ(Next(peer, 3), (Texts{"V 3 0", "A 30", "V 4 40"}));
+    EXPECT_EQ(NextTold(peer, 3), (ToldTexts{"V 3 0", "A 30", "V 4 40"}));
 }
 
 TEST_P(WireKeyFrameStart, OthersAreServedMeanwhile)
@@ -123,14 +123,14 @@ TEST_P(WireKeyFrameStart, OthersAreServedMeanwhile)
     ScriptedPeer first(server.port);
     play(first);
     send(1, true);
-    EXPECT_EQ(Next(first, 1), (Texts{"V 1 0"}));
+    EXPECT_EQ(NextTold(first, 1), (ToldTexts{"V 1 0"}));
     ScriptedPeer second(server.port);
     play(second);
     send(2);
     send(3, true);
     send(4);
-    EXPECT_EQ(Next(first, 6), (Texts{"A 30", "V 2 40", "A 70", "V 3 80", "A 110", "V 4 120"}));
-    EXPECT_EQ(Next(second, 3), (Texts{"V 3 0", "A 30", "V 4 40"}));
+    EXPECT_EQ(NextTold(first, 6), (ToldTexts{"A 30", "V 2 40", "A 70", "V 3 80", "A 110", "V 4 120"}));
+    EXPECT_EQ(NextTold(second, 3), (ToldTexts{"V 3 0", "A 30", "V 4 40"}));
 }
 
 TEST_P(WireKeyFrameStart, AnExactPlayerBesideWaitsForNothing)
@@ -140,12 +140,12 @@ TEST_P(WireKeyFrameStart, AnExactPlayerBesideWaitsForNothing)
     RtmpPlayerSettings(server.server, RTMP_PLAYERS_EXACT);
     ScriptedPeer exact(server.port);
     exact.playing("cam");
-    EXPECT_EQ(SendVideo(session, Picture(1), 5000), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(1), 5000), 0);
     const Message first = exact.read();
-    EXPECT_TRUE(Same(first.payload, Join({Hex("27 01 000000"), Picture(1)})));
-    EXPECT_EQ(SendVideo(session, Picture(2, true), 5040), 0);
-    EXPECT_TRUE(Same(exact.read().payload, Join({Hex("17 01 000000"), Picture(2, true)})));
-    EXPECT_EQ(Next(waiting, 1), (Texts{"V 2 0"}));
+    EXPECT_TRUE(Same(first.payload, Join({Hex("27 01 000000"), StartPicture(1)})));
+    EXPECT_EQ(SendVideo(session, StartPicture(2, true), 5040), 0);
+    EXPECT_TRUE(Same(exact.read().payload, Join({Hex("17 01 000000"), StartPicture(2, true)})));
+    EXPECT_EQ(NextTold(waiting, 1), (ToldTexts{"V 2 0"}));
 }
 
 // The times of who begins say nothing about the order of sound and pictures for who has played for a minute.
@@ -154,13 +154,13 @@ TEST_P(WireKeyFrameStart, AnExactPlayerKeepsItsSoundWhenAnotherBegins)
     RtmpPlayerSettings(server.server, RTMP_PLAYERS_EXACT);
     ScriptedPeer exact(server.port);
     exact.playing("cam");
-    EXPECT_EQ(SendVideo(session, Picture(1, true), 5000), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(1, true), 5000), 0);
     EXPECT_EQ(exact.read().type, 9);
     time_ = 65000;
     send(2);
     EXPECT_EQ(exact.read().type, 8);
     EXPECT_EQ(exact.read().type, 9);
-    RtmpPlayerSettings(server.server, kFlags);
+    RtmpPlayerSettings(server.server, kStartFlags);
     ScriptedPeer beginner(server.port);
     play(beginner);
     for (uint8_t number = 3; number < 10; ++number) {
@@ -176,9 +176,9 @@ TEST_P(WireKeyFrameStart, ASessionOfSoundAloneWaitsForNothing)
     ScriptedPeer peer(server.port);
     peer.chunks.standard = true;
     peer.playing("radio", 6);
-    EXPECT_EQ(SendAudio(radio, kSound, 5000), 0);
-    EXPECT_EQ(SendVideo(radio, Picture(1), 5000), 0); // without which no sound leaves
-    EXPECT_EQ(Next(peer, 1), (Texts{"A 0"}));
+    EXPECT_EQ(SendAudio(radio, kStartSound, 5000), 0);
+    EXPECT_EQ(SendVideo(radio, StartPicture(1), 5000), 0); // without which no sound leaves
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"A 0"}));
 }
 
 // A delimiter and SEI in front of an IDR slice; parameter sets in front of another.
@@ -186,10 +186,10 @@ TEST_P(WireKeyFrameStart, AnIdrSliceIsFoundBehindOtherNalUnits)
 {
     const Bytes hidden = Hex("00000002 0910 00000003 060501 00000003 658801");
     const Bytes none = Hex("00000002 6742 00000002 68CE 00000003 418801");
-    RtmpPlayerSettings(server.server, kFlags | RTMP_PLAYERS_DESCRIPTION);
+    RtmpPlayerSettings(server.server, kStartFlags | RTMP_PLAYERS_DESCRIPTION);
     ScriptedPeer told(server.port);
     play(told);
-    RtmpPlayerSettings(server.server, kFlags);
+    RtmpPlayerSettings(server.server, kStartFlags);
     ScriptedPeer untold(server.port);
     play(untold);
     RtmpPlayerSettings(server.server, RTMP_PLAYERS_EXACT);
@@ -219,7 +219,7 @@ class WireKeyFrameBreaks : public testing::Test {
   protected:
     WireKeyFrameBreaks()
     {
-        RtmpPlayerSettings(server.server, kFlags);
+        RtmpPlayerSettings(server.server, kStartFlags);
     }
     void play(ScriptedPeer &peer)
     {
@@ -278,13 +278,13 @@ TEST_F(WireKeyFrameBreaks, BehindAResetAKeyFrameComesFirst)
 {
     ScriptedPeer peer(server.port);
     play(peer);
-    EXPECT_EQ(SendVideo(session, Picture(1, true), 5000), 0);
-    EXPECT_EQ(SendVideo(session, Picture(2), 5040), 0);
-    EXPECT_EQ(Next(peer, 2), (Texts{"V 1 0", "V 2 40"}));
+    EXPECT_EQ(SendVideo(session, StartPicture(1, true), 5000), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(2), 5040), 0);
+    EXPECT_EQ(NextTold(peer, 2), (ToldTexts{"V 1 0", "V 2 40"}));
     EXPECT_EQ(RtmpThreadedQueueReset(session), 0);
-    EXPECT_EQ(SendVideo(session, Picture(3), 5080), 0);
-    EXPECT_EQ(SendVideo(session, Picture(4, true), 5120), 0);
-    EXPECT_EQ(Next(peer, 1), (Texts{"V 4 120"}));
+    EXPECT_EQ(SendVideo(session, StartPicture(3), 5080), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(4, true), 5120), 0);
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"V 4 120"}));
 }
 
 // KEPT: while the first of the list is paused, nobody gets frames.
@@ -293,16 +293,16 @@ TEST_F(WireKeyFrameBreaks, BehindThePauseOfTheFirstPlayerAKeyFrameComesFirstForA
     ScriptedPeer first(server.port), second(server.port);
     play(first);
     play(second);
-    EXPECT_EQ(SendVideo(session, Picture(1, true), 5000), 0);
-    EXPECT_EQ(Next(second, 1), (Texts{"V 1 0"}));
+    EXPECT_EQ(SendVideo(session, StartPicture(1, true), 5000), 0);
+    EXPECT_EQ(NextTold(second, 1), (ToldTexts{"V 1 0"}));
     first.command(PauseCommand(true));
     first.settle();
-    EXPECT_EQ(SendVideo(session, Picture(2), 5040), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(2), 5040), 0);
     first.command(PauseCommand(false));
     first.settle();
-    EXPECT_EQ(SendVideo(session, Picture(3), 5080), 0);
-    EXPECT_EQ(SendVideo(session, Picture(4, true), 5120), 0);
-    EXPECT_EQ(Next(second, 1), (Texts{"V 4 120"}));
+    EXPECT_EQ(SendVideo(session, StartPicture(3), 5080), 0);
+    EXPECT_EQ(SendVideo(session, StartPicture(4, true), 5120), 0);
+    EXPECT_EQ(NextTold(second, 1), (ToldTexts{"V 4 120"}));
 }
 
 // A picture goes on without the sounds that were lost.
@@ -312,12 +312,12 @@ TEST_F(WireKeyFrameBreaks, BehindAFlushOfSoundAlonePicturesGoOn)
     ScriptedPeer peer(server.port);
     peer.chunks.standard = true;
     peer.playing("small");
-    EXPECT_EQ(SendVideo(small, Picture(1, true), 5000), 0);
-    EXPECT_EQ(Next(peer, 1), (Texts{"V 1 0"}));
+    EXPECT_EQ(SendVideo(small, StartPicture(1, true), 5000), 0);
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"V 1 0"}));
     for (uint64_t time = 5001; time <= 5005; ++time) {
-        EXPECT_EQ(SendAudio(small, kSound, time), 0);
+        EXPECT_EQ(SendAudio(small, kStartSound, time), 0);
     }
     EXPECT_TRUE(server.log.contains(": Flushing Audio Buffer"));
-    EXPECT_EQ(SendVideo(small, Picture(2), 5040), 0);
-    EXPECT_EQ(Next(peer, 1), (Texts{"V 2 40"}));
+    EXPECT_EQ(SendVideo(small, StartPicture(2), 5040), 0);
+    EXPECT_EQ(NextTold(peer, 1), (ToldTexts{"V 2 40"}));
 }

@@ -13,8 +13,8 @@ using namespace wire;
 namespace {
 
 // A player that reads by the standard, served with these rules.
-struct Player {
-    Player(TestServer &server, uint32_t flags) : peer(Connect(server, flags))
+struct StandardPlayer {
+    StandardPlayer(TestServer &server, uint32_t flags) : peer(Connect(server, flags))
     {
         peer.chunks.standard = true;
     }
@@ -27,7 +27,7 @@ struct Player {
 };
 
 // Bytes that are told apart wherever they are cut.
-Bytes Numbered(size_t length, size_t number)
+Bytes PatternBytes(size_t length, size_t number)
 {
     Bytes bytes(length);
     for (size_t i = 0; i < length; ++i) {
@@ -37,18 +37,18 @@ Bytes Numbered(size_t length, size_t number)
 }
 
 // The same as a picture that is no key frame.
-Bytes Picture(size_t length, size_t number)
+Bytes InterPicture(size_t length, size_t number)
 {
-    Bytes frame = Numbered(length, number);
+    Bytes frame = PatternBytes(length, number);
     if (length > 4) {
         frame[4] = 0x41;
     }
     return frame;
 }
 
-Bytes VideoBody(const Bytes &frame)
+Bytes InterBody(const Bytes &frame)
 {
-    return Join({Hex("27 01 000000"), frame});
+    return ::Join({Hex("27 01 000000"), frame});
 }
 
 } // namespace
@@ -60,19 +60,19 @@ TEST_P(WireStandardChunks, FramesOfEveryLengthArriveAsTheyWere)
 {
     TestServer server(GetParam());
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
     size_t sounds = 0;
     for (size_t number = 0; number < 3 * 300; ++number) {
         const uint64_t time = 1000 + number * 40;
-        EXPECT_EQ(SendAudio(session, Numbered(number / 3 + 1, number), time - 20), 0);
-        EXPECT_EQ(SendVideo(session, Picture(number / 3 + 1, number), time), 0);
+        EXPECT_EQ(SendAudio(session, PatternBytes(number / 3 + 1, number), time - 20), 0);
+        EXPECT_EQ(SendVideo(session, InterPicture(number / 3 + 1, number), time), 0);
         Message message = player.peer.read();
         for (; message.type == 8; message = player.peer.read(), ++sounds) {
-            ASSERT_TRUE(Same(message.payload, Join({Hex("af 01"), Numbered(sounds / 3 + 1, sounds)})));
+            ASSERT_TRUE(Same(message.payload, Join({Hex("af 01"), PatternBytes(sounds / 3 + 1, sounds)})));
         }
         ASSERT_EQ(message.type, 9);
-        ASSERT_TRUE(Same(message.payload, VideoBody(Picture(number / 3 + 1, number))));
+        ASSERT_TRUE(Same(message.payload, InterBody(InterPicture(number / 3 + 1, number))));
     }
     EXPECT_GE(sounds, 3 * 300U - 1);
 }
@@ -85,24 +85,24 @@ TEST(WireStandardPicture, AsLongAsTheSequenceHeaderArrivesAsItWas)
 {
     TestServer server;
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
     const size_t still = AvcHeaderBody().size() - 5;
     uint64_t time = 1000;
     for (const size_t length : {still + 80, still, still, still + 80, still}) {
         EXPECT_EQ(SendVideo(session, VideoFrame(length), time), 0);
-        EXPECT_TRUE(Same(player.peer.read().payload, VideoBody(VideoFrame(length))));
+        EXPECT_TRUE(Same(player.peer.read().payload, InterBody(VideoFrame(length))));
         time += 1000;
     }
 }
 
 // Sound has a chunk stream of its own, where its sequence header is the first message.
-static void SendSound(RtmpSession *session)
+static void SendThreeSounds(RtmpSession *session)
 {
     EXPECT_EQ(SendVideo(session, VideoFrame(20), 1000), 0);
-    EXPECT_EQ(SendAudio(session, Numbered(50, 1), 1001), 0);
-    EXPECT_EQ(SendAudio(session, Numbered(2, 2), 1002), 0); // as long as the sequence header
-    EXPECT_EQ(SendAudio(session, Numbered(60, 3), 1003), 0);
+    EXPECT_EQ(SendAudio(session, PatternBytes(50, 1), 1001), 0);
+    EXPECT_EQ(SendAudio(session, PatternBytes(2, 2), 1002), 0); // as long as the sequence header
+    EXPECT_EQ(SendAudio(session, PatternBytes(60, 3), 1003), 0);
     EXPECT_EQ(SendVideo(session, VideoFrame(20), 61000), 0);
 }
 
@@ -110,14 +110,14 @@ TEST(WireStandardSound, AsLongAsTheSequenceHeaderIsGarbledByTheDefault)
 {
     TestServer server;
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_EXACT);
+    StandardPlayer player(server, RTMP_PLAYERS_EXACT);
     player.peer.playing("cam");
-    SendSound(session);
+    SendThreeSounds(session);
     player.peer.read();
-    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), Numbered(50, 1)})));
+    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), PatternBytes(50, 1)})));
     const Message garbled = player.peer.read();
     EXPECT_EQ(garbled.payload.size(), 52U) << "the length of the frame before";
-    EXPECT_TRUE(Same(Slice(garbled.payload, 2, 2), Numbered(2, 2)));
+    EXPECT_TRUE(Same(Slice(garbled.payload, 2, 2), PatternBytes(2, 2)));
     EXPECT_EQ(garbled.payload[4], 0x46) << "the next one's header, taken for sound";
 }
 
@@ -125,13 +125,13 @@ TEST(WireStandardSound, AsLongAsTheSequenceHeaderArrivesAsItWas)
 {
     TestServer server;
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
-    SendSound(session);
+    SendThreeSounds(session);
     player.peer.read();
-    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), Numbered(50, 1)})));
-    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), Numbered(2, 2)})));
-    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), Numbered(60, 3)})));
+    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), PatternBytes(50, 1)})));
+    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), PatternBytes(2, 2)})));
+    EXPECT_TRUE(Same(player.peer.read().payload, Join({Hex("af 01"), PatternBytes(60, 3)})));
     EXPECT_EQ(player.peer.read().type, 9);
 }
 
@@ -140,7 +140,7 @@ TEST(WireStandardPlayer, AnExactPlayerBesideGetsItsExactHeaders)
 {
     TestServer server(200);
     RtmpSession *session = server.session();
-    Player cured(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer cured(server, RTMP_PLAYERS_CHUNKS_OUT);
     cured.peer.playing("cam");
     RtmpPlayerSettings(server.server, RTMP_PLAYERS_EXACT);
     ScriptedPeer exact(server.port);
@@ -159,7 +159,7 @@ TEST(WireStandardPlayer, AnExactPlayerBesideGetsItsExactHeaders)
         const Message standard = cured.peer.read();
         EXPECT_EQ(strict.headerType, row.exact);
         EXPECT_EQ(standard.headerType, row.standard);
-        EXPECT_TRUE(Same(strict.payload, VideoBody(VideoFrame(row.length))));
+        EXPECT_TRUE(Same(strict.payload, InterBody(VideoFrame(row.length))));
         EXPECT_TRUE(Same(standard.payload, strict.payload));
         time += 40;
     }
@@ -169,7 +169,7 @@ TEST(WireStandardPlayer, AnExtendedTimeIsRepeatedInEveryFurtherChunk)
 {
     TestServer server(200);
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
     EXPECT_EQ(SendVideo(session, VideoFrame(1000), 1000), 0);
     const Message first = player.peer.read();
@@ -180,7 +180,7 @@ TEST(WireStandardPlayer, AnExtendedTimeIsRepeatedInEveryFurtherChunk)
         EXPECT_TRUE(far.extended);
         EXPECT_EQ(far.chunks, 6U);
         EXPECT_EQ(far.raw.size(), 1 + 3 + 4 + 5 * 5 + 1005U);
-        EXPECT_TRUE(Same(far.payload, VideoBody(VideoFrame(1000))));
+        EXPECT_TRUE(Same(far.payload, InterBody(VideoFrame(1000))));
     }
     EXPECT_EQ(SendVideo(session, VideoFrame(1000), 0x1000 + 2 * 0xFFFFFF + 40), 0);
     const Message next = player.peer.read();
@@ -193,7 +193,7 @@ TEST(WireStandardPlayer, AFrameInAFileIsCutTheSameWay)
 {
     TestServer server(200);
     RtmpSession *session = server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
     const size_t size = 4096;
     const int file = memfd_create("frames", 0);
@@ -209,7 +209,7 @@ TEST(WireStandardPlayer, AFrameInAFileIsCutTheSameWay)
                                time, 0),
                   0);
         const Message message = player.peer.read();
-        EXPECT_TRUE(Same(message.payload, VideoBody(Slice(frame, 0, length))));
+        EXPECT_TRUE(Same(message.payload, InterBody(Slice(frame, 0, length))));
         EXPECT_EQ(message.extended, time > 0xFFFFFF);
         time += 0xFFFFFF;
     }
@@ -220,7 +220,7 @@ TEST(WireStandardPlayer, AFrameInAFileIsCutTheSameWay)
 TEST(WireStandardReplies, AFailedConnectIsToldOnChunkStream3)
 {
     TestServer server;
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.connected();
     player.peer.command(amf0::Values({amf0::String("nonsense"), amf0::Number(2), amf0::Null()}).bytes);
     const Message failed = player.peer.read();
@@ -233,7 +233,7 @@ TEST(WireStandardReplies, APingResponseHasAFullHeaderAtTime0AndTheNextMessageFol
 {
     TestServer server;
     server.session();
-    Player player(server, RTMP_PLAYERS_CHUNKS_OUT);
+    StandardPlayer player(server, RTMP_PLAYERS_CHUNKS_OUT);
     player.peer.playing("cam");
     for (int i = 0; i < 2; ++i) {
         player.peer.pingRequest(0x12345);
