@@ -112,6 +112,17 @@ constexpr PlayerRuleRow kPlayerRules[] = {
 };
 static_assert(sizeof kPlayerRules / sizeof kPlayerRules[0] == RULE_COUNT, "every rule has its row");
 
+// What is odd for every player, whatever the flags; none that was tried meets it, and each is marked KEPT
+// where it stands:
+//   - a ping before "play" gets no answer, and createStream is answered once a connection;
+//   - of received AMF0, the length of a long string, the index of a reference and an object end among unnamed
+//   values
+//     are read otherwise; no AMF3 is;
+//   - an FLV audio tag says 44.1 kHz stereo, an AAC sequence header has two bytes of AudioSpecificConfig
+//   without an
+//     explicit frequency, and a video tag has no composition time;
+//   - audio, video and aggregates from a player end its connection, whose socket then stays open.
+
 constexpr bool AreInOrder(const PlayerRuleRow *rows)
 {
     for (int i = 0; i < RULE_COUNT; i++) {
