@@ -227,13 +227,22 @@ bool SendErrorReply(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t reply, uint32
     return true;
 }
 
+// The answer is longer than a chunk of the protocol's first size (RTMP 1.0, 5.4.1): a peer that has not been
+// told how the server cuts is told first. What fails is logged; the connection ends anyway.
+void AnswerRejectedConnect(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
+{
+    if (SendErrorReply(client, pkt, RTMP_MSG_SET_CHUNK_SIZE, kind)) {
+        (void)SendErrorReply(client, pkt, RTMP_MSG_CONNECT_REJECTED, kind);
+    }
+}
+
 // AnswerRefusal tells a peer why its request failed, where it is told at all.
 void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
     if (pkt->Refusal.Reason == REFUSED_PUBLISH) {
         (void)SendErrorReply(client, pkt, RTMP_MSG_PUBLISH, kind); // logged; the connection ends anyway
     } else if (pkt->Refusal.Reason == REFUSED_CONNECT_PROPERTY && Allows(client, RULE_CONNECT_REJECTED)) {
-        (void)SendErrorReply(client, pkt, RTMP_MSG_CONNECT_REJECTED, kind); // the same
+        AnswerRejectedConnect(client, pkt, kind);
     }
 }
 

@@ -592,7 +592,8 @@ TEST_P(WireConnectRejected, IsToldWhyAndTheConnectionEnds)
                                         {"description", String("The value of " + GetParam().member.first +
                                                                " is not accepted")}})})
                             .bytes;
-    EXPECT_TRUE(Sent(peer.read(), "09" + Fields(error, "14") + "00000000", error, 128));
+    EXPECT_TRUE(Matches(peer.read().raw, "02 ?????? 000004 01 00000000 00001000")) << "how the answer is cut";
+    EXPECT_TRUE(Sent(peer.read(), "09" + Fields(error, "14") + "00000000", error));
     EXPECT_TRUE(peer.socket.ends());
     ASSERT_TRUE(host.log.waitFor("Exiting ServeRtmpClient thread"));
     const Lines lines = Transcript(host.log, {"AcceptRtmpConnectionThread"});
@@ -606,13 +607,31 @@ TEST_P(WireConnectRejected, IsToldWhyAndTheConnectionEnds)
 INSTANTIATE_TEST_SUITE_P(Rows, WireConnectRejected, testing::ValuesIn(kRejected),
                          [](const testing::TestParamInfo<Property> &row) { return row.param.name; });
 
-TEST(WireConnectRejection, WithoutATransactionIdEndsWithoutAWord)
+TEST(WireConnectRejection, IsCutAsThePeerHasBeenToldAlsoBehindAnotherPlayer)
+{
+    Host host(RTMP_PLAYERS_CONNECT | RTMP_PLAYERS_CHUNKS_OUT);
+    ScriptedPeer other(host.port);
+    other.chunks.standard = true;
+    other.connected(); // from here on the server cuts at 4096
+    ScriptedPeer peer(host.port);
+    peer.chunks.standard = true;
+    peer.handshake();
+    peer.command(ConnectWith({"objectEncoding", Number(3)}, Number(7)));
+    EXPECT_EQ(peer.read().type, 1);
+    const Message error = peer.read();
+    EXPECT_GT(error.payload.size(), 128U);
+    EXPECT_EQ(error.type, 20);
+    EXPECT_TRUE(peer.socket.ends());
+}
+
+TEST(WireConnectRejection, WithoutATransactionIdEndsWithoutAWordOnIt)
 {
     for (const Value &transaction : {Null(), Number(-1), String("1")}) {
         Host host(RTMP_PLAYERS_CONNECT);
         ScriptedPeer peer(host.port);
         peer.handshake();
         peer.command(ConnectWith({"app", Number(1)}, transaction));
+        EXPECT_EQ(peer.read().type, 1);
         EXPECT_TRUE(peer.socket.ends());
         EXPECT_TRUE(host.log.waitFor("3 ERROR: ServeClientForError: Cannot generate RTMP response message"));
     }
