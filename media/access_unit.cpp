@@ -1,10 +1,10 @@
 #include "media/access_unit.h"
 
+#include "media/h264.h"
 #include "net/byte_order.h"
 
 namespace {
 
-constexpr uint64_t kNalLengthSize = 4;
 constexpr uint8_t kNalTypeMask = 0x1F;
 constexpr uint8_t kIdrSlice = 5;
 

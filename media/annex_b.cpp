@@ -1,5 +1,6 @@
 #include "media/annex_b.h"
 
+#include "media/h264.h"
 #include "net/byte_writer.h"
 #include "net/record.h"
 
@@ -7,9 +8,6 @@ namespace {
 
 constexpr uint64_t kPrefixLen = 3; // start_code_prefix_one_3bytes
 constexpr uint32_t kLongestNal = 0xFFFF;
-constexpr uint32_t kStartCodeLen = 4;
-constexpr uint8_t kNalTypeSps = 7;
-constexpr uint8_t kNalTypePps = 8;
 
 // FindPrefix returns the first position at or behind `from` of 00 00 01, or `length`.
 uint64_t FindPrefix(const uint8_t *data, uint64_t length, uint64_t from)

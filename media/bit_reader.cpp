@@ -1,8 +1,9 @@
 #include "media/bit_reader.h"
 
+#include "media/h264.h"
+
 namespace {
 
-constexpr int32_t kBitsInByte = 8;
 constexpr uint32_t kLongestExpGolombPrefix = 32;
 
 // mask[n] has the low n bits set.

@@ -14,7 +14,6 @@ namespace {
 constexpr uint8_t kKeyFrameAvc = 0x17;
 constexpr uint8_t kInterFrameAvc = 0x27;
 constexpr uint8_t kAac44kHz16BitStereo = 0xAF;
-constexpr uint32_t kStereoChannels = 2;
 
 constexpr uint64_t kAvccBoxFixedLen = 16;
 

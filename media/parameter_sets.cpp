@@ -1,13 +1,10 @@
 #include "media/parameter_sets.h"
 
+#include "media/h264.h"
 #include "net/byte_order.h"
 #include "net/log.h"
 
 namespace {
-
-constexpr int64_t kStartCodeLen = 4;
-constexpr uint8_t kNalTypeSps = 7;
-constexpr uint8_t kNalTypePps = 8;
 
 // FindStartCode returns the first position at or behind `from` of 00 00 00 01, or -1.
 int64_t FindStartCode(const uint8_t *data, int64_t len, int64_t from)

@@ -13,7 +13,6 @@ namespace {
 constexpr char kOnMetaData[] = "onMetaData";
 constexpr uint64_t kMetadataRoom = 512; // all members together take half of it
 constexpr uint32_t kRecordExtensionLen = 4;
-constexpr uint32_t kStereoChannels = 2;
 
 // Channels by channelConfiguration (ISO/IEC 14496-3, table 1.19); 0: not known from it.
 constexpr uint32_t kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 7, 8, 24, 8, 0};

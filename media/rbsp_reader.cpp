@@ -1,12 +1,13 @@
 #include "media/rbsp_reader.h"
 
+#include "media/h264.h"
+
 namespace {
 
-constexpr uint32_t kBitsInByte = 8;
-constexpr uint32_t kEmulationPrevention = 3;     // behind two zero bytes
-constexpr uint32_t kLongestExpGolombPrefix = 31; // ue(v) goes up to 2^32 - 2
+constexpr uint32_t kEmulationPrevention = 3; // behind two zero bytes
+constexpr uint32_t kLongestUePrefix = 31;    // ue(v) goes up to 2^32 - 2
 
-void StepToNextByte(RbspReader *bits)
+void StepToPayloadByte(RbspReader *bits)
 {
     if (bits->Zeros >= 2 && bits->Next < bits->End && *bits->Next == kEmulationPrevention) {
         bits->Next++;
@@ -27,7 +28,7 @@ uint64_t ReadCodeNumber(RbspReader *bits)
     uint32_t zeros = 0;
     while (!ReadRbspFlag(bits) && !bits->Broken) {
         zeros++;
-        bits->Broken = zeros > kLongestExpGolombPrefix;
+        bits->Broken = zeros > kLongestUePrefix;
     }
     if (bits->Broken) {
         return 0;
@@ -48,7 +49,7 @@ RbspReader ReadRbspOf(const uint8_t *data, uint32_t length)
 bool ReadRbspFlag(RbspReader *bits)
 {
     if (!bits->Broken && bits->BitsLeft == 0) {
-        StepToNextByte(bits);
+        StepToPayloadByte(bits);
     }
     if (bits->Broken) {
         return false;

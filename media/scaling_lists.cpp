@@ -1,13 +1,11 @@
 #include "media/scaling_lists.h"
 
 #include "media/bit_reader.h"
+#include "media/h264.h"
 
 #include <string.h>
 
 namespace {
-
-constexpr int64_t kSize4x4 = 16;
-constexpr int64_t kSize8x8 = 64;
 
 // Default_4x4_Intra and Default_4x4_Inter in zig-zag order (ITU-T H.264, table 7-3).
 constexpr uint8_t defaultScaling4[] = {

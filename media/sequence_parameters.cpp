@@ -1,5 +1,6 @@
 #include "media/sequence_parameters.h"
 
+#include "media/h264.h"
 #include "media/rbsp_reader.h"
 
 namespace {
@@ -18,23 +19,19 @@ struct CropUnit {
     uint32_t High;
 };
 constexpr uint32_t kChroma420 = 1;
-constexpr uint32_t kChroma444 = 3;
 constexpr CropUnit kCropUnits[] = {{1, 1}, {2, 2}, {2, 1}, {1, 1}};
 static_assert(sizeof kCropUnits / sizeof kCropUnits[0] == kChroma444 + 1, "one for each chroma format");
 
-constexpr uint32_t kMacroblock = 16;
 // Level 6.2 allows 1,055 macroblocks in a row (A.3.1: the root of 8 * MaxFS), and no level allows more.
 constexpr uint32_t kMostMacroblocks = 1055;
 constexpr uint32_t kMostCropping = kMostMacroblocks * kMacroblock;
 constexpr uint32_t kMostBitDepthMinus8 = 6;
 constexpr uint32_t kMostSpsId = 31;
 constexpr uint32_t kMostLog2Minus4 = 12;
-constexpr uint32_t kMostRefFramesInCycle = 255;
+constexpr uint32_t kMostOffsetsInCycle = 255;
 constexpr uint32_t kHighestUe = 0xFFFFFFFE;
 constexpr int32_t kFarthestOffset = 0x7FFFFFFF;
 constexpr uint32_t kLists4x4 = 6;
-constexpr uint32_t kSize4x4 = 16;
-constexpr uint32_t kSize8x8 = 64;
 
 // The size of the picture as it is coded, and what one unit of the cropping is.
 struct CodedSize {
@@ -103,7 +100,7 @@ void SkipPictureOrderCount(RbspReader *bits)
     (void)ReadRbspFlag(bits); // delta_pic_order_always_zero_flag
     SkipOffset(bits);         // offset_for_non_ref_pic
     SkipOffset(bits);         // offset_for_top_to_bottom_field
-    const uint32_t cycle = ReadRbspUe(bits, kMostRefFramesInCycle);
+    const uint32_t cycle = ReadRbspUe(bits, kMostOffsetsInCycle);
     for (uint32_t i = 0; i < cycle; i++) {
         SkipOffset(bits); // offset_for_ref_frame
     }

@@ -1,14 +1,13 @@
 #include "media/sps.h"
 
 #include "media/bit_reader.h"
+#include "media/h264.h"
 #include "media/scaling_lists.h"
 
 namespace {
 
-constexpr uint32_t kMacroblock = 16;
 constexpr uint32_t kMostRefFramesInCycle = 256; // 255 in a valid stream
 constexpr uint32_t kHighestProfileWithoutChroma = 99;
-constexpr uint32_t kChroma444 = 3;
 
 void SkipChromaAndScaling(BitStructure *bits)
 {

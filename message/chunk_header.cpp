@@ -1,5 +1,6 @@
 #include "message/chunk_header.h"
 
+#include "message/header_fields.h"
 #include "message/standard_header.h"
 #include "net/atomic.h"
 #include "net/byte_writer.h"
@@ -10,8 +11,6 @@
 namespace {
 
 constexpr uint32_t kNoBasicHdr = 0; // the value of a chunk stream id that has no basic header
-constexpr uint32_t kFirstTwoByteId = 64;
-constexpr uint32_t kFirstThreeByteId = 320;
 constexpr uint32_t kFirstInvalidId = 65600;
 constexpr uint32_t kMsgHdrLength[] = {11, 7, 3, 0}; // by header type
 static_assert(sizeof kMsgHdrLength / sizeof kMsgHdrLength[0] == 4, "one length for each header type");
@@ -66,12 +65,6 @@ ByteWriter StartHdr(RtmpChunkHdr *hdr, uint32_t hdrType, uint32_t chunkStreamId)
     PutU8(&first, hdrType);
     PutBasicHdr(&out, hdrType, chunkStreamId);
     return out;
-}
-
-// A field of all ones says that the whole value follows the message header.
-bool IsExtended(const uint8_t field[3])
-{
-    return field[0] == 0xFF && field[1] == 0xFF && field[2] == 0xFF;
 }
 
 const uint8_t *TimeFieldOf(const RtmpSendPkt *pkt, int hdrType)

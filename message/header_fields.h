@@ -3,6 +3,16 @@
 
 #include "rtmpcast/types.h"
 
+// Chunk stream ids from here on take a basic header of two and of three bytes (RTMP 1.0, 5.3.1.1).
+constexpr uint32_t kFirstTwoByteId = 64;
+constexpr uint32_t kFirstThreeByteId = 320;
+
+// A time field of all ones says that the whole value follows the message header.
+inline bool IsExtended(const uint8_t field[3])
+{
+    return field[0] == 0xFF && field[1] == 0xFF && field[2] == 0xFF;
+}
+
 extern "C" {
 
 // StampNow sets Timestamp and HdrTimestamp to the age of the client record.

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr uint8_t kChunkStreamIdMask = 0x3F; // RTMP 1.0, 5.3.1.1
+constexpr uint8_t kWholeIdMask = 0x3F; // RTMP 1.0, 5.3.1.1
 
 // A type 3 chunk has the field when the chunk stream's last header of another type had it
 // (RTMP 1.0, 5.3.1.3).
@@ -98,7 +98,7 @@ RtmpRecvPkt *ReadStandardChunk(RtmpClient *client, const char *who)
 {
     uint8_t bytes[kChunkHeaderMax] = {};
     ReceivedHeader header = {};
-    if (ReadFixedHeader(client, kChunkStreamIdMask, bytes, &header) != 0) {
+    if (ReadFixedHeader(client, kWholeIdMask, bytes, &header) != 0) {
         LogFailedPiece(client, READ_FAILED, who);
         return nullptr;
     }

@@ -8,13 +8,6 @@
 namespace {
 
 constexpr uint64_t kLongestDelta = 0x7FFFFFFF; // RTMP 1.0, 5.1: what is further ahead counts as older
-constexpr uint32_t kFirstTwoByteId = 64;
-constexpr uint32_t kFirstThreeByteId = 320;
-
-bool IsExtended(const uint8_t (&field)[3])
-{
-    return field[0] == 0xFF && field[1] == 0xFF && field[2] == 0xFF;
-}
 
 // A type 3 header repeats the delta of the message before. Behind a full header that would be its timestamp.
 bool RepeatsDelta(const RtmpSendPkt *next, const RtmpSendPkt *last)

@@ -15,6 +15,7 @@ constexpr uint32_t kBaseBandwidth = 6000000;      // bit/s
 constexpr uint32_t kPeerBandwidthMargin = 500000; // bit/s: what players are told, above the base
 constexpr uint32_t kVideoCodecAvc = 7;            // FLV, E.4.3.1
 constexpr uint32_t kAudioCodecAac = 10;           // FLV, E.4.2.1
+constexpr uint32_t kStereoChannels = 2;
 
 // AMF0 objects and arrays within one another; one more is refused like any corrupted value. A level costs
 // little enough stack that this many fit a thread of 256 KiB.

@@ -139,7 +139,7 @@ int SendVideo(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item, uint64_
 }
 
 // Between this frame and the last one sent, others were dropped: their sound has gone, or goes, without them.
-void NoticeBreaks(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
+void NoticeBreaksBefore(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
 {
     if (queue->BreaksSent != item->Breaks) {
         queue->BreaksSent = item->Breaks;
@@ -155,7 +155,7 @@ int SendInterleaved(RtmpThreadedQueue *queue, const RtmpQueueBufferItem *item)
         return -1;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = listLock;
-    NoticeBreaks(queue, item);
+    NoticeBreaksBefore(queue, item);
     const NextVideo video = {DeltaTo(item, queue->LastVideoTs), item->Timestamp,
                              IsHostsOrder(queue->Session)};
     if (SendAllDueAudio(queue, &video) != 0) {

@@ -192,7 +192,7 @@ void AfterVideo(RtmpThreadedQueue *queue, int added, uint64_t timestamp)
 
 // Players that wait for key frames begin anew behind a picture that is lost. What is lost of the sound is
 // only missed.
-void NoteLostFrame(RtmpThreadedQueue *queue, int64_t mediaType)
+void NoteUnqueuedFrame(RtmpThreadedQueue *queue, int64_t mediaType)
 {
     if (static_cast<uint32_t>(mediaType) == RTMP_FRAME_VIDEO) {
         RtmpQueueBufferSkip(queue->VideoBuffer);
@@ -341,7 +341,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         return -1;
     }
     if (!FirstClientPlays(session)) {
-        NoteLostFrame(queue, mediaType);
+        NoteUnqueuedFrame(queue, mediaType);
         return 0;
     }
     RtmpLogger *logger = LoggerOf(session->Server);
@@ -352,7 +352,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         return 0;
     }
     if (sender == SENDER_NOT_STARTED) {
-        NoteLostFrame(queue, mediaType);
+        NoteUnqueuedFrame(queue, mediaType);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to create thread\n", __func__);
         return -1;
     }
@@ -367,7 +367,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         RtmpQueueBufferAdd(isVideo ? queue->VideoBuffer : queue->AudioBuffer,
                            isVideo ? RTMP_MSG_VIDEO : RTMP_MSG_AUDIO, data, length, fd, mapBase, timestamp);
     if (added == QUEUE_BUFFER_NO_MEMORY) {
-        NoteLostFrame(queue, mediaType);
+        NoteUnqueuedFrame(queue, mediaType);
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to add buffer to queue\n", __func__);
         return -1;
     }

@@ -7,6 +7,7 @@
 #include "delivery/write/socket_writer.h"
 #include "media/access_unit.h"
 #include "media/flv_tag.h"
+#include "media/h264.h"
 #include "message/chunk_header.h"
 #include "message/generate.h"
 #include "message/media.h"
@@ -20,8 +21,6 @@
 #include "net/scope.h"
 
 namespace {
-
-constexpr int32_t kNalLengthSize = 4; // ISO/IEC 14496-15: lengthSizeMinusOne is 3
 
 // A frame cut up once for all clients: piece 0 is each client's chunk header, the prefix follows.
 struct CutFrame {
