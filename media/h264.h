@@ -9,8 +9,8 @@ constexpr uint8_t kNalTypePps = 8;
 constexpr uint8_t kStartCodeLen = 4; // Annex B: zero_byte and the prefix of three bytes
 constexpr uint8_t kMacroblock = 16;  // samples a side
 constexpr uint8_t kChroma444 = 3;    // chroma_format_idc
-constexpr uint8_t kSize4x4 = 16;     // entries of a scaling list
-constexpr uint8_t kSize8x8 = 64;
+constexpr int64_t kSize4x4 = 16;     // entries of a scaling list
+constexpr int64_t kSize8x8 = 64;
 
 constexpr uint8_t kBitsInByte = 8;
 
