@@ -134,14 +134,29 @@ constexpr bool AreInOrder(const PlayerRuleRow *rows)
 }
 static_assert(AreInOrder(kPlayerRules), "a rule is its row's number");
 
+// The flags alone: nothing of the texts above reaches the library.
+struct PlayerRuleFlags {
+    uint32_t Of[RULE_COUNT];
+};
+
+constexpr PlayerRuleFlags FlagsOf(const PlayerRuleRow *rows)
+{
+    PlayerRuleFlags flags = {};
+    for (int i = 0; i < RULE_COUNT; i++) {
+        flags.Of[i] = rows[i].Flag;
+    }
+    return flags;
+}
+constexpr PlayerRuleFlags kRuleFlags = FlagsOf(kPlayerRules);
+
 // Allows tells whether a connection is served by the standard in place of this rule.
 inline bool Allows(const RtmpClient *client, enum PlayerRule rule)
 {
-    return (client->PlayerFlags & kPlayerRules[rule].Flag) != 0;
+    return (client->PlayerFlags & kRuleFlags.Of[rule]) != 0;
 }
 
 // The same for what a server prepares for all connections to come.
 inline bool Allows(const RtmpServer *server, enum PlayerRule rule)
 {
-    return (LoadShared(&server->PlayerFlags) & kPlayerRules[rule].Flag) != 0;
+    return (LoadShared(&server->PlayerFlags) & kRuleFlags.Of[rule]) != 0;
 }

@@ -14,6 +14,9 @@ trap 'rm -f "$log" "$stripped"' EXIT
 # tool NAME: a program of the tool chain that the preset chose.
 tool() { sed -n "s/^CMAKE_$1:[A-Z]*=//p" build/arm64/CMakeCache.txt; }
 
+# The compiler; one that a toolchain file names is not in the cache.
+compiler() { sed -n 's/^set(CMAKE_CXX_COMPILER "\(.*\)")$/\1/p' build/arm64/CMakeFiles/*/CMakeCXXCompiler.cmake; }
+
 # build DIRECTORY CMAKE-ARGUMENT...
 build() {
     local directory=$1
@@ -34,7 +37,7 @@ row() {
 
 build build/arm64
 build build/arm64-Os -DCMAKE_CXX_FLAGS_RELEASE='-Os -DNDEBUG' -DRTMPCAST_BUILD_TESTS=OFF
-echo "librtmpcast.so, $("$(tool CXX_COMPILER)" -dumpmachine), $("$(tool CXX_COMPILER)" -dumpfullversion):"
+echo "librtmpcast.so, $("$(compiler)" -dumpmachine), $("$(compiler)" -dumpfullversion):"
 printf '  %-4s %14s %9s %9s %9s\n' '' stripped text data bss
 row -Os build/arm64-Os
 row -O2 build/arm64
