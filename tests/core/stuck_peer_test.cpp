@@ -95,7 +95,9 @@ TEST(StuckPeer, AClientThatPausedIsNotTornDownUnderTheFrameThatIsBeingWrittenToI
     std::thread sender([&] {
         EXPECT_EQ(SendMsgToConnectedClients(rig.session, frame.data(), 100, 0, 0, 0, RTMP_MSG_AUDIO), -1);
     });
-    ASSERT_TRUE(WaitUntil([&] { return IsHeld(&client->WriteLock); }));
+    // The frame has its reference: whether the client plays has been looked at before.
+    const int chunkStream = static_cast<int>(client->AudioChunkStreamId);
+    ASSERT_TRUE(WaitUntil([&] { return GetSendPktFromList(client, chunkStream) != nullptr; }));
     SetClientState(client, CLIENT_STATE_PAUSE_DONE);
     std::thread owner([&] { EXPECT_EQ(DestroyRtmpClient(client), 0); });
     EXPECT_FALSE(rig.log.waitFor("DestroyRtmpClient", 200));
