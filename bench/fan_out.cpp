@@ -261,12 +261,14 @@ RtmpLogger g_silent = {Swallow, &g_silent};
 
 class Library {
   public:
-    Library(PlayerProcess &players, uint32_t count, uint32_t mode, Path path)
+    // `rules`: RTMP_PLAYERS_... of the players.
+    Library(PlayerProcess &players, uint32_t count, uint32_t mode, Path path, uint32_t rules)
         : players_(players), mode_(mode), path_(path)
     {
         int err = 0;
         const uint16_t port = port_ = FreePort();
         server_ = RtmpServerCreate(&g_silent, "lo", port, 0, 0, kChunkSize, &err);
+        RtmpPlayerSettings(server_, rules);
         session_ = server_ != nullptr ? RtmpSessionCreate(server_, "live", &err) : nullptr;
         if (session_ == nullptr) {
             fprintf(stderr, "no session: %d\n", err);
@@ -414,10 +416,10 @@ void PrintRow(uint32_t count, const char *sender, const Cost &cost, const Cost &
     fflush(stdout);
 }
 
-void Measure(uint32_t count, uint32_t mode, Path path, const char *sender)
+void Measure(uint32_t count, uint32_t mode, Path path, uint32_t rules, const char *sender)
 {
     PlayerProcess players;
-    Library library(players, count, mode, path);
+    Library library(players, count, mode, path, rules);
     Floor floor(players, count);
     Cost libraryCost;
     Cost floorCost;
@@ -436,7 +438,7 @@ void MeasureProducer()
 {
     constexpr int kFrames = 4000;
     PlayerProcess players;
-    Library library(players, 10, kThreaded, Path::Copying);
+    Library library(players, 10, kThreaded, Path::Copying, RTMP_PLAYERS_EXACT);
     const double without = library.slowestCalls(kFrames);
     players.connectStalled(library.port());
     const double with = library.slowestCalls(kFrames);
@@ -486,11 +488,13 @@ int main(int argc, char **argv)
     printf("players  sender              CPU s/GB   floor s/GB    ratio  KiB/player  "
            "allocations/frame/player\n");
     for (const uint32_t count : counts) {
-        InOwnProcess([=] { Measure(count, kMonitor, Path::Copying, "monitor"); });
-        InOwnProcess([=] { Measure(count, kThreaded, Path::Copying, "threaded"); });
+        InOwnProcess([=] { Measure(count, kMonitor, Path::Copying, RTMP_PLAYERS_EXACT, "monitor"); });
+        InOwnProcess(
+            [=] { Measure(count, kMonitor, Path::Copying, RTMP_PLAYERS_ALL, "monitor, all rules"); });
+        InOwnProcess([=] { Measure(count, kThreaded, Path::Copying, RTMP_PLAYERS_EXACT, "threaded"); });
     }
     const uint32_t fromFile = std::min(200U, counts.back());
-    InOwnProcess([=] { Measure(fromFile, kMonitor, Path::File, "monitor, from file"); });
+    InOwnProcess([=] { Measure(fromFile, kMonitor, Path::File, RTMP_PLAYERS_EXACT, "monitor, from file"); });
     InOwnProcess(MeasureProducer);
     return 0;
 }

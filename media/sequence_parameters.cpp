@@ -57,7 +57,7 @@ void SkipScalingMatrix(RbspReader *bits, uint32_t lists)
 {
     for (uint32_t i = 0; i < lists; i++) {
         if (ReadRbspFlag(bits)) { // seq_scaling_list_present_flag
-            SkipScalingList(bits, i < kLists4x4 ? kSize4x4 : kSize8x8);
+            SkipScalingList(bits, static_cast<uint32_t>(i < kLists4x4 ? kSize4x4 : kSize8x8));
         }
     }
 }
