@@ -14,8 +14,8 @@ command -v npm >/dev/null || edge="$edge npm"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3
 clang clang-tidy clang-format"
 # Every player that is tried in front of the reference host, headless.
-players="mpv vlc-bin vlc-plugin-base gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
-nginx-light libnginx-mod-rtmp"
+players="mpv vlc-bin vlc-plugin-base vlc-plugin-access-extra gstreamer1.0-tools gstreamer1.0-plugins-good
+gstreamer1.0-plugins-bad nginx-light libnginx-mod-rtmp"
 tests="$tests $players"
 # The tests run on 64-bit ARM too. Elsewhere that takes a cross compiler, an emulator, and the libraries in both
 # architectures, side by side.
