@@ -187,9 +187,12 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
     ASSERT_NE(mapped, MAP_FAILED);
     // A player whose frame is ended in the middle is ended with it; another one joins.
     RigClient player = join(session_);
-    const auto readToEnd = [](int peer) {
+    std::atomic<uint64_t> received = 0;
+    const auto readToEnd = [&received](int peer) {
         std::vector<uint8_t> sink(65536);
-        while (recv(peer, sink.data(), sink.size(), 0) > 0) {
+        ssize_t got;
+        while ((got = recv(peer, sink.data(), sink.size(), 0)) > 0) {
+            received += static_cast<uint64_t>(got);
         }
     };
     std::thread reader(readToEnd, player.peer);
@@ -201,13 +204,17 @@ TEST_F(ThreadedSender, ASenderOfFilesIsCancelledAtAnyMoment)
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     const auto hasSeenBoth = [&] { return ended > 0 && round > static_cast<uint64_t>(ended); };
     for (; round < 300 || (!hasSeenBoth() && std::chrono::steady_clock::now() < deadline); round++) {
+        const uint64_t before = received;
         for (uint64_t i = 0; i < 3; i++) {
             ASSERT_EQ(RtmpSendData(session_, static_cast<uint8_t *>(mapped), kSize, fd,
                                    reinterpret_cast<uintptr_t>(mapped), 1000 + round * 10 + i,
                                    RTMP_FRAME_VIDEO),
                       0);
         }
-        for (uint32_t spins = random() % 100000; spins > 0; spins--) {
+        if (round % 3 == 0) { // in the midst of a frame, as a rule
+            ASSERT_TRUE(WaitUntil([&] { return received > before; }));
+        }
+        for (uint32_t spins = random() % 100000; spins > 0 && round % 3 != 0; spins--) {
             std::atomic_signal_fence(std::memory_order_seq_cst);
         }
         ASSERT_EQ(RtmpThreadedQueueReset(session_), 0);

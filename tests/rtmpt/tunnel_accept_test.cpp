@@ -9,7 +9,9 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -30,6 +32,15 @@ size_t EntriesOf(const char *directory)
 size_t Threads()
 {
     return EntriesOf("/proc/self/task");
+}
+
+// While it is captured, which is in a file.
+size_t BytesOnStdout()
+{
+    struct stat file = {};
+    fflush(stdout);
+    EXPECT_EQ(fstat(STDOUT_FILENO, &file), 0);
+    return static_cast<size_t>(file.st_size);
 }
 
 size_t Descriptors()
@@ -178,9 +189,11 @@ TEST(AcceptRtmptConnectionThread, WithoutAServerEndsAtOnce)
     testing::internal::CaptureStdout();
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, AcceptRtmptConnectionThread, nullptr), 0);
-    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RTMPWriter: ERROR: AcceptRtmptConnectionThread: Invalid thread input arguments\n");
+    const std::string line =
+        "RTMPWriter: ERROR: AcceptRtmptConnectionThread: Invalid thread input arguments\n";
+    EXPECT_TRUE(WaitUntil([&] { return BytesOnStdout() >= line.size(); }));
+    EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
 }
 
 TEST(AcceptRtmptConnectionThread, WithoutASocketEndsWithItsLine)
@@ -203,7 +216,8 @@ TEST(ServeRtmptClient, WithoutAClientEndsAtOnce)
     testing::internal::CaptureStdout();
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, ServeRtmptClient, nullptr), 0);
-    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RTMPWriter: ERROR: ServeRtmptClient: Invalid thread input arguments\n");
+    const std::string line = "RTMPWriter: ERROR: ServeRtmptClient: Invalid thread input arguments\n";
+    EXPECT_TRUE(WaitUntil([&] { return BytesOnStdout() >= line.size(); }));
+    EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
 }
