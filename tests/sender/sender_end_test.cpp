@@ -312,8 +312,11 @@ TEST(SenderThread, TheFirstClientMayChangeAtAnyTime)
     }
     done = true;
     players.join();
-    if (rig.session.ClientListHead != &rig.first) {
-        delete rig.session.ClientListHead;
-    }
+    (void)RtmpMutexLock(&rig.session.MemberLock); // the sender's thread may still be looking
+    RtmpClient *last = rig.session.ClientListHead;
     rig.session.ClientListHead = nullptr;
+    (void)RtmpMutexUnlock(&rig.session.MemberLock);
+    if (last != &rig.first) {
+        delete last;
+    }
 }
