@@ -1,5 +1,6 @@
 #include "delivery/senders/monitor.h"
 #include "delivery/senders/threaded_queue.h"
+#include "delivery/steady/steady_sender.h"
 #include "net/atomic.h"
 #include "net/log.h"
 #include "rtmpcast/media.h"
@@ -41,13 +42,16 @@ int32_t RtmpSendData(RtmpSession *session, const uint8_t *data, int32_t length, 
     if (LoadShared(&session->MediaInfoAdded) != 1) {
         return RTMP_ERR_NO_MEDIA_INFO;
     }
-    if (IsAnyClientConnected(session) != 0) {
+    if (session->Stream == nullptr && IsAnyClientConnected(session) != 0) {
         return RTMP_ERR_NO_CLIENT;
     }
     if (BeginFrame(session) != 0) {
         return RTMP_ERR_NO_CLIENT; // the session is being destroyed
     }
     END_FRAME_AT_EXIT RtmpSession *underWay = session;
+    if (session->Stream != nullptr) {
+        return SendDataSteadily(session, data, length, timestamp, static_cast<uint32_t>(mediaType));
+    }
     RtmpLogger *logger = LoggerOf(session->Server);
     int32_t result;
     if (!HasSender(session)) {

@@ -1,5 +1,6 @@
 #include "rtmpcast/server.h"
 
+#include "core/service_end.h"
 #include "core/session_end.h"
 #include "net/atomic.h"
 #include "net/limits.h"
@@ -285,5 +286,6 @@ int RtmpServerDestroy(RtmpServer *server)
             RtmpLogPrint(nullptr, RTMP_LOG_ERROR, "ERROR: %s: Can not destroy RTMP session\n", __func__);
         }
     }
+    EndService(server);
     return ReleaseServer(server);
 }

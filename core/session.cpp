@@ -4,6 +4,7 @@
 #include "core/session_end.h"
 #include "delivery/senders/monitor.h"
 #include "delivery/senders/threaded_queue.h"
+#include "delivery/steady/steady_sender.h"
 #include "media/media_info.h"
 #include "net/atomic.h"
 #include "net/log.h"
@@ -13,8 +14,24 @@
 #include "rtmpcast/host.h"
 #include "state/frame_under_way.h"
 #include "state/session_list.h"
+#include "steady/message_ring.h"
 
 namespace {
+
+// The session takes the steady road.
+int OpenStream(RtmpSession *session)
+{
+    session->Stream = NewSteadyStream(session->Server->Service, session);
+    return session->Stream != nullptr ? NewSteadySender(session->Stream) : -1;
+}
+
+void CloseStream(RtmpSession *session)
+{
+    if (session->Stream != nullptr) {
+        FreeSteadySender(session->Stream);
+        FreeSteadyStream(session->Stream);
+    }
+}
 
 // FillSession allocates what a session owns. No text, or that of what failed; the caller frees the record.
 LogText FillSession(RtmpSession *session, RtmpServer *server, const char *name)
@@ -32,6 +49,9 @@ LogText FillSession(RtmpSession *session, RtmpServer *server, const char *name)
     if (session->CcGen == nullptr) {
         return LOG_TEXT("ERROR: %s: Cannot allocate memory for CC\n");
     }
+    if (server->Service != nullptr && OpenStream(session) != 0) {
+        return LOG_TEXT("ERROR: %s: Cannot allocate memory to the session's frames\n");
+    }
     WITHOUT_CANCEL int restore = ForbidCancel();
     session->CcGen->Handle = cc_gen_init();
     return {};
@@ -39,6 +59,7 @@ LogText FillSession(RtmpSession *session, RtmpServer *server, const char *name)
 
 void FreeSession(RtmpSession *session)
 {
+    CloseStream(session);
     free(session->Pieces);
     free(session->CcGen);
     free(session->Name);

@@ -1,6 +1,7 @@
 #include "core/session_end.h"
 
 #include "delivery/senders/threaded_queue.h"
+#include "delivery/steady/steady_sender.h"
 #include "net/atomic.h"
 #include "net/log.h"
 #include "net/log_line.h"
@@ -196,7 +197,9 @@ void StopFrames(RtmpSession *session)
     RefuseFrames(session);
     for (int slices = 0; PressFrame(session, slices); slices++) {
     }
-    if (session->SenderMode == RTMP_SENDER_THREADED) {
+    if (session->Stream != nullptr) {
+        StopSteadySender(session->Stream);
+    } else if (session->SenderMode == RTMP_SENDER_THREADED) {
         RtmpThreadedQueueStop(session);
     }
 }

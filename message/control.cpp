@@ -34,12 +34,6 @@ uint32_t TypeOfProtocolControl(uint32_t msgKind)
     }
 }
 
-uint32_t AnnouncedChunkSize(const RtmpServer *server)
-{
-    const int32_t configured = server->ConfiguredChunkSize;
-    return configured < 1 ? kDefaultChunkSize : static_cast<uint32_t>(configured);
-}
-
 // set chunk size, window acknowledgement size:  value:32
 // set peer bandwidth:                           value:32  limit type:8
 // acknowledgement:                              value:32, of a connection that has the rule
@@ -109,6 +103,12 @@ RtmpSendPkt *MakeControlMsg(RtmpClient *client, uint32_t msgKind, uint32_t msgTy
 }
 
 } // namespace
+
+uint32_t AnnouncedChunkSize(const RtmpServer *server)
+{
+    const int32_t configured = server->ConfiguredChunkSize;
+    return configured < 1 ? kDefaultChunkSize : static_cast<uint32_t>(configured);
+}
 
 RtmpSendPkt *GenerateProtoCtrlMsgRes(RtmpClient *client, void * /*recvPkt*/, uint32_t msgKind)
 {

@@ -5,6 +5,9 @@
 
 extern "C" {
 
+// AnnouncedChunkSize returns what set chunk size (43) announces.
+uint32_t AnnouncedChunkSize(const RtmpServer *server);
+
 // GenerateProtoCtrlMsgRes makes kinds 43 to 47. Set chunk size (43) also makes the announced size the one by
 // which the server cuts messages from now on. Null (logged).
 RtmpSendPkt *GenerateProtoCtrlMsgRes(RtmpClient *client, void *recvPkt, uint32_t msgKind);

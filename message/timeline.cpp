@@ -29,6 +29,11 @@ bool IsJump(int64_t step, bool leads)
     return step < -kClockJumpMs || step > (leads ? kFarthestStep : kClockJumpMs);
 }
 
+bool HasOwnTimeline(const RtmpClient *client)
+{
+    return client->Line != nullptr || Allows(client, RULE_TIMELINE);
+}
+
 } // namespace
 
 void BeginTimeline(RtmpClient *client)
@@ -66,7 +71,7 @@ uint64_t PlaceOnTimeline(RtmpClient *client, const RtmpFrameTime *frame)
 
 int StampReply(RtmpClient *client, RtmpSendPkt *message, uint32_t kind)
 {
-    if (!Allows(client, RULE_TIMELINE) || message->Stored != 0) {
+    if (!HasOwnTimeline(client) || message->Stored != 0) {
         return 0; // one that a host has stored is a reference already
     }
     SetTimestamp(message, client->TimelineTime);

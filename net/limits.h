@@ -31,6 +31,22 @@ constexpr uint64_t kInfoFieldSize = 1024; // bytes of a text in PublishCtx, its 
 constexpr int kStatisticTextMost = 4095;  // bytes of a key or value of "moduleInfo" that are looked at
 constexpr uint32_t kHttpHeadersMost = 16; // of a request of the tunnel
 
+// ------------------------------------------------------------------------------------- the steady road
+
+// Defaults of RtmpServiceLimits.
+constexpr uint32_t kRingMilliseconds = 8000;
+constexpr uint32_t kRingBytes = 16 << 20;
+constexpr uint32_t kStallMilliseconds = 15000;
+constexpr uint32_t kReplyBytes = 64 << 10;
+constexpr uint32_t kSoundWaitMilliseconds = 500;
+constexpr uint32_t kMostClients = 1000;
+constexpr uint32_t kMostClientsPerAddress = 100;
+constexpr uint32_t kHandshakeMilliseconds = 10000;
+constexpr uint32_t kPlayMilliseconds = 30000;
+constexpr uint32_t kAssemblyBytes = 256 << 10;
+constexpr uint32_t kChunkStreams = 64;
+constexpr uint32_t kTunnelMilliseconds = 10000;
+
 // ---------------------------------------------------------------------------------------------- senders
 
 constexpr uint32_t kFramePrefixSize = 1024; // bytes in front of a frame: tag header, captions

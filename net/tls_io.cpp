@@ -235,6 +235,12 @@ int64_t TlsWrite(const TlsLine *line, const uint8_t *buf, uint32_t length)
     return result;
 }
 
+int64_t TlsWriteNow(const TlsLine *line, const uint8_t *buf, uint32_t length)
+{
+    bool wouldBlock = false;
+    return WriteInTurn(line, buf, length, &wouldBlock); // errno says what wouldBlock does
+}
+
 void TlsReportEnd(const TlsLine *line, RtmpLogger *logger)
 {
     WITHOUT_CANCEL int restore = ForbidCancel();

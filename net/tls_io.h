@@ -19,6 +19,10 @@ struct TlsLine {
 int64_t TlsRead(const TlsLine *line, uint8_t *buf, uint32_t length);
 int64_t TlsWrite(const TlsLine *line, const uint8_t *buf, uint32_t length);
 
+// TlsWriteNow is one SSL_write that waits for nobody: -1 with EAGAIN in errno where TlsWrite would wait. The
+// same bytes must then be written next.
+int64_t TlsWriteNow(const TlsLine *line, const uint8_t *buf, uint32_t length);
+
 // TlsReportEnd tells the host that a read or write has answered 0. A null handle: it was a plain write.
 void TlsReportEnd(const TlsLine *line, RtmpLogger *logger);
 }

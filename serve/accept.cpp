@@ -9,6 +9,7 @@
 #include "serve/serve.h"
 #include "state/client.h"
 #include "state/server_hold.h"
+#include "steady/line.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -36,6 +37,12 @@ RtmpClient *ClientForConnection(RtmpServer *server, int fd, const char *who)
         return nullptr;
     }
     client->PlayerFlags = LoadShared(&server->PlayerFlags);
+    SteadyService *service = LoadShared(&server->Service);
+    if (service != nullptr && NewLine(service, client, 1) != 0) {
+        FreeClientRecord(client);
+        (void)RtmpCloseSocket(LoggerOf(server), &fd); // logged
+        return nullptr;
+    }
     return client;
 }
 

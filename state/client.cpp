@@ -13,6 +13,8 @@
 #include "net/socket_io.h"
 #include "state/client_list.h"
 #include "state/server_hold.h"
+#include "steady/line.h"
+#include "steady/line_end.h"
 
 #include <sys/socket.h>
 
@@ -149,6 +151,7 @@ int TearDown(RtmpClient *client, const char *who)
     free(client->StreamName);
     client->StreamName = nullptr;
 
+    FreeLine(client); // while the session is there; nothing to do on the default road
     // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
     // half torn down, and whoever ends it frees the record (FreeClientRecord). Required; changes a code and
     // log lines.
@@ -213,6 +216,7 @@ int DestroyRtmpClient(RtmpClient *client)
 
 void FreeClientRecord(RtmpClient *client)
 {
+    FreeLine(client);
     RtmpSession *session = client->Session;
     if (session != nullptr) {
         UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
@@ -232,6 +236,10 @@ void FreeClientRecord(RtmpClient *client)
 
 void CloseClientSocket(RtmpClient *client)
 {
+    if (client->Line != nullptr) {
+        EndLine(client->Line, STEADY_END_REFUSED); // its thread closes the descriptor
+        return;
+    }
     // A frame that is stuck in a write to this peer is not waited for: the peer must see the end at once.
     if (pthread_mutex_trylock(&client->WriteLock) != 0) {
         shutdown(client->Socket, SHUT_RDWR);

@@ -8,6 +8,7 @@
 #include "net/scope.h"
 #include "state/client.h"
 #include "state/client_list.h"
+#include "steady/line.h"
 
 #include <string.h>
 
@@ -103,9 +104,22 @@ int UnlockAfterLookup(RtmpClient *client)
     return 0;
 }
 
+// GiveLine gives a line to a client of the host's own, or one that was accepted before the server took the
+// steady road. -1: no memory.
+int GiveLine(RtmpSession *session, RtmpClient *client)
+{
+    if (session->Stream == nullptr || client->Line != nullptr) {
+        return 0;
+    }
+    return NewLine(session->Stream->Service, client, 0);
+}
+
 // The caller holds LiveSessionListLock.
 void JoinSession(RtmpSession *session, RtmpClient *client)
 {
+    if (session->Stream != nullptr && client->Line != nullptr && client->Line->Stream == nullptr) {
+        JoinPlayers(session->Stream, client->Line);
+    }
     const int32_t count = LinkClient(session, client);
     RtmpLogPrint(LoggerOf(session->Server), RTMP_LOG_INFO,
                  "INFO: %s: Adding client: No. of connected clients : %d\n", "AddClientInSession", count);
@@ -192,6 +206,11 @@ int IsAnyClientConnected(RtmpSession *session)
 int AddClientInSession(RtmpSession *session, RtmpClient *client)
 {
     RtmpServer *server = session->Server;
+    if (GiveLine(session, client) != 0) {
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to the client's frames\n", __func__);
+        return -1;
+    }
     if (RtmpMutexLock(&server->LiveSessionListLock) != 0) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot lock Rtmp session list\n",
                      __func__);
@@ -212,7 +231,10 @@ int JoinStream(RtmpClient *client, const char *name)
         return JOIN_NOT_FOUND;
     }
     RtmpSession *session = nullptr;
-    const int result = FindStream(client, name, &session);
+    int result = FindStream(client, name, &session);
+    if (result == 0 && client->Session == nullptr) {
+        result = GiveLine(session, client) == 0 ? 0 : JOIN_FAILED;
+    }
     if (result == 0 && client->Session == nullptr) {
         JoinSession(session, client);
     }

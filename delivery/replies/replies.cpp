@@ -45,6 +45,9 @@ int MoveTo(RtmpClient *client, uint32_t state)
                      kProcess);
         return -1;
     }
+    if (state == CLIENT_STATE_PLAY_DONE) {
+        SendWhatIsHeld(client);
+    }
     return 0;
 }
 

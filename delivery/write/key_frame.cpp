@@ -3,8 +3,11 @@
 #include "message/timeline.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/platform.h"
 #include "net/player_rules.h"
 #include "net/scope.h"
+#include "steady/line.h"
+#include "steady/line_flush.h"
 
 namespace {
 
@@ -38,6 +41,11 @@ bool MayHaveFrame(RtmpClient *client, const RtmpSession *session, const RtmpFram
 
 void StartAnew(RtmpClient *client, int again)
 {
+    if (client->Line != nullptr) {
+        UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
+        BeginAnew(client->Line, again);
+        return;
+    }
     if (!Allows(client, RULE_TIMELINE) && !Allows(client, RULE_KEY_FRAME_FIRST)) {
         return;
     }
@@ -47,5 +55,13 @@ void StartAnew(RtmpClient *client, int again)
         InterruptTimeline(client);
     } else {
         BeginTimeline(client);
+    }
+}
+
+void SendWhatIsHeld(RtmpClient *client)
+{
+    if (client->Line != nullptr) {
+        UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
+        FlushLine(client->Line, RtmpGetSystemTime());
     }
 }

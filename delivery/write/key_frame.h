@@ -17,4 +17,8 @@ bool MayHaveFrame(RtmpClient *client, const RtmpSession *session, const RtmpFram
 // StartAnew has the client begin with the next key frame: after "play" (`again` 0) with media time 0, after
 // an unpause where its timeline was. No frame is on its way to the client.
 void StartAnew(RtmpClient *client, int again);
+
+// SendWhatIsHeld sends a client that plays from now on what its session holds for newcomers; by default that
+// is nothing.
+void SendWhatIsHeld(RtmpClient *client);
 }

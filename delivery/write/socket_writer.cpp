@@ -1,5 +1,6 @@
 #include "delivery/write/socket_writer.h"
 
+#include "delivery/write/line_writer.h"
 #include "message/standard_header.h"
 #include "net/client_state.h"
 #include "net/limits.h"
@@ -342,8 +343,11 @@ int SendPiecesFromFile(RtmpClient *client, const RtmpPiece *pieces, uint32_t cou
 int SendMessage(RtmpClient *client, const RtmpPiece *pieces, uint32_t count, const RtmpSendPkt *message,
                 enum RtmpFollowing following)
 {
-    CUT_AT_EXIT RtmpClient *unfinished = client;
     Separator separator = SeparatorOf(client, message);
+    if (client->Line != nullptr) {
+        return PutOnLine(client->Line, pieces, count, separator.Bytes, separator.Length);
+    }
+    CUT_AT_EXIT RtmpClient *unfinished = client;
     // A closed socket fails as a closed descriptor does, TLS or not: the handle's own descriptor may be
     // reused. And the handle would write to a socket that has been shut down, signal or not.
     const bool overTls = TlsInUse(client) != nullptr && client->MessageState != MESSAGE_CUT;

@@ -28,6 +28,7 @@
 #include "rtmpcast/publish.h"
 #include "rtmpcast/sender.h"
 #include "rtmpcast/server.h"
+#include "rtmpcast/service.h"
 #include "rtmpcast/types.h"
 
 #endif

@@ -350,6 +350,7 @@ struct RtmpClient {
     uint8_t IsTimelineBegun; /* since play or unpause; guarded by WriteLock */
     uint64_t TimelineStart;  /* what RtmpSession.FrameTime was where media time is 0; guarded by WriteLock */
     uint64_t TimelineTime;   /* media time of the last frame, and of replies; guarded by WriteLock */
+    struct SteadyLine *Line; /* what leaves on the steady road; null: it does not take that road */
 };
 
 /**
@@ -482,6 +483,7 @@ struct RtmpSession {
     uint8_t FramesRefused;              /* the session is being destroyed; guarded by MemberLock */
     uint64_t FrameTime;    /* ms on the host's clock, of the frame being sent; LiveSessionListLock */
     uint32_t StreamBreaks; /* how often pictures were dropped that no player got */
+    struct SteadyStream *Stream; /* the session's finished messages on the steady road; null: not on it */
 };
 
 /** RtmpServer: listeners, sessions and logger of one library instance. */
@@ -512,6 +514,7 @@ struct RtmpServer {
     int32_t Holders;      /* the host, every serve thread, and clients that are being destroyed */
     RtmpMutex LinkLock;   /* leaf: the links of the session list, for whoever looks without the lock above */
     uint32_t PlayerFlags; /* RTMP_PLAYERS_... of connections to come */
+    struct SteadyService *Service; /* set by RtmpServiceSettings, for good; null: not on the steady road */
 };
 
 #ifdef __cplusplus

@@ -1,0 +1,226 @@
+#include "steady/line.h"
+
+#include "net/atomic.h"
+#include "net/client_state.h"
+#include "net/platform.h"
+#include "net/record.h"
+#include "net/scope.h"
+#include "steady/line_end.h"
+#include "steady/line_flush.h"
+#include "steady/message_pool.h"
+#include "steady/message_ring.h"
+#include "steady/place.h"
+#include "steady/room.h"
+
+namespace {
+
+constexpr uint64_t kProgressMs = 2000; // a full socket that took nothing for so long makes no progress
+
+// The caller holds Lock.
+void Link(SteadyService *service, SteadyLine *line)
+{
+    line->PrevLine = service->LastLine;
+    (line->PrevLine != nullptr ? line->PrevLine->NextLine : service->FirstLine) = line;
+    service->LastLine = line;
+    service->LineCount++;
+}
+
+void Unlink(SteadyService *service, SteadyLine *line)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    (line->PrevLine != nullptr ? line->PrevLine->NextLine : service->FirstLine) = line->NextLine;
+    (line->NextLine != nullptr ? line->NextLine->PrevLine : service->LastLine) = line->PrevLine;
+    service->LineCount--;
+    pthread_cond_broadcast(&service->LineLeft);
+}
+
+int Admit(SteadyService *service, SteadyLine *line)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    if (service->Closing != 0 || WatchLine(line) != 0) {
+        return -1;
+    }
+    Link(service, line);
+    return 0;
+}
+
+void FreeReplies(SteadyLine *line)
+{
+    free(line->Half.Reply);
+    while (line->FirstReply != nullptr) {
+        SteadyReply *next = line->FirstReply->Next;
+        free(line->FirstReply);
+        line->FirstReply = next;
+    }
+}
+
+bool MakesProgress(const SteadyLine *line, uint64_t now)
+{
+    return line->WantsRoom == 0 || now - line->LastProgress < kProgressMs;
+}
+
+// The caller holds the client's WriteLock.
+void MeasureLag(SteadyLine *line, uint64_t now, SteadyLag *lag)
+{
+    const SteadyPlace *place = &line->Place;
+    if (ClientStateOf(line->Client) != CLIENT_STATE_PLAY_DONE || place->IsBased == 0) {
+        return;
+    }
+    lag->Playing++;
+    if (!MakesProgress(line, now)) {
+        return;
+    }
+    const SteadyBehind behind = BehindOf(line);
+    lag->Pictures = behind.Pictures > lag->Pictures ? behind.Pictures : lag->Pictures;
+    lag->Milliseconds = behind.Milliseconds > lag->Milliseconds ? behind.Milliseconds : lag->Milliseconds;
+}
+
+// FlushPlayer returns the number of the first message that the player needs; kNoMessage: none.
+uint64_t FlushPlayer(SteadyLine *line, uint64_t now)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
+    if (line->WantsRoom == 0) {
+        FlushLine(line, now);
+    }
+    return ClientStateOf(line->Client) == CLIENT_STATE_PLAY_DONE ? line->Place.Next : kNoMessage;
+}
+
+} // namespace
+
+int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket)
+{
+    SteadyLine *line = NewRecord<SteadyLine>();
+    if (line == nullptr) {
+        return -1;
+    }
+    line->Client = client;
+    line->Service = service;
+    line->OwnsSocket = static_cast<uint8_t>(ownsSocket);
+    line->Since = RtmpGetSystemTime();
+    PlaceAtBeginning(&line->Place, 0);
+    client->Line = line;
+    if (Admit(service, line) != 0) {
+        client->Line = nullptr;
+        free(line);
+        return -1;
+    }
+    return 0;
+}
+
+void FreeLine(RtmpClient *client)
+{
+    SteadyLine *line = client->Line;
+    if (line == nullptr) {
+        return;
+    }
+    {
+        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&line->Service->Lock);
+        UnwatchLine(line);
+    }
+    LeavePlayers(line);
+    Unlink(line->Service, line);
+    client->Line = nullptr;
+    FreeReplies(line);
+    free(line->App);
+    free(line->TcUrl);
+    free(line->StreamQuery);
+    free(line);
+}
+
+void JoinPlayers(SteadyStream *stream, SteadyLine *line)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    line->Stream = stream;
+    line->PrevPlayer = stream->LastPlayer;
+    (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line;
+    stream->LastPlayer = line;
+    stream->ViewersInAll++;
+}
+
+void LeavePlayers(SteadyLine *line)
+{
+    SteadyStream *stream = line->Stream;
+    if (stream == nullptr) {
+        return;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line->NextPlayer;
+    (line->NextPlayer != nullptr ? line->NextPlayer->PrevPlayer : stream->LastPlayer) = line->PrevPlayer;
+    stream->GoneBytes += line->BytesOut;
+    stream->GoneFrames += line->FramesOut;
+    stream->GoneDropped += line->FramesDropped;
+    DropMessage(stream, line->Half.Message); // half a message; the connection is over
+    line->Half.Message = nullptr;
+    line->Stream = nullptr;
+}
+
+void BeginAnew(SteadyLine *line, int again)
+{
+    PlaceAtBeginning(&line->Place, again);
+    if (again == 0) {
+        line->Client->TimelineTime = 0;
+    }
+    SteadyStream *stream = line->Stream;
+    if (stream != nullptr && (line->Service->Limits.Options & RTMP_SERVICE_NO_BURST) != 0) {
+        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
+        line->Joined = stream->Next;
+    }
+}
+
+SteadyReply *NewReply(uint32_t length)
+{
+    SteadyReply *reply = static_cast<SteadyReply *>(malloc(sizeof *reply + length));
+    if (reply != nullptr) {
+        *reply = {nullptr, length, reinterpret_cast<uint8_t *>(reply + 1)};
+    }
+    return reply;
+}
+
+int QueueReply(SteadyLine *line, SteadyReply *reply)
+{
+    if (reply->Length > line->Service->Limits.ReplyBytes - line->ReplyBytes) {
+        EndLine(line, STEADY_END_REPLIES);
+    }
+    if (LoadShared(&line->End) != STEADY_GOES_ON) {
+        free(reply);
+        return -1;
+    }
+    (line->LastReply != nullptr ? line->LastReply->Next : line->FirstReply) = reply;
+    line->LastReply = reply;
+    line->ReplyBytes += reply->Length;
+    if (line->WantsRoom == 0) {
+        FlushLine(line, RtmpGetSystemTime());
+    }
+    return LoadShared(&line->End) == STEADY_GOES_ON ? 0 : -1;
+}
+
+bool HasRepliesOut(const SteadyLine *line)
+{
+    return line->FirstReply == nullptr && line->Half.Reply == nullptr;
+}
+
+void FlushPlayers(SteadyStream *stream)
+{
+    const uint64_t now = RtmpGetSystemTime();
+    uint64_t needed = kNoMessage;
+    {
+        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+        for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
+            const uint64_t next = FlushPlayer(line, now);
+            needed = next < needed ? next : needed;
+        }
+    }
+    TrimRing(stream, needed);
+}
+
+SteadyLag LagOf(SteadyStream *stream)
+{
+    const uint64_t now = RtmpGetSystemTime();
+    SteadyLag lag = {};
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
+        UNLOCK_AT_EXIT RtmpMutex *writing = HoldForWriting(line->Client);
+        MeasureLag(line, now, &lag);
+    }
+    return lag;
+}

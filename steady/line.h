@@ -1,0 +1,45 @@
+// A connection's way out on the steady road. A write never waits: what the socket does not take stays where
+// it is, and goes on when the keeper is told that there is room.
+#pragma once
+
+#include "steady/records.h"
+
+extern "C" {
+
+// NewLine makes the client's line, and counts it among the service's. -1: no memory, or the service closes
+// (not logged). The keeper may end it from now on.
+RTMP_STATUS int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket);
+
+// FreeLine takes the client's line out of everything and frees it; null is nothing. Nobody else uses the
+// client any more but the session's players list and the keeper, which it leaves here.
+void FreeLine(RtmpClient *client);
+
+// JoinPlayers adds the line to those who get the stream's messages while their client plays.
+void JoinPlayers(SteadyStream *stream, SteadyLine *line);
+void LeavePlayers(SteadyLine *line);
+
+// BeginAnew has the line go on where newcomers begin: with the last key frame of the ring, or the next one.
+// `again` 0: behind "play", media time begins at 0; 1: behind an unpause it goes on. The caller holds the
+// client's WriteLock.
+void BeginAnew(SteadyLine *line, int again);
+
+// QueueReply takes over an answer of `length` bytes, which `NewReply` made, and sends what the socket takes.
+// 0; -1: the connection is ending (not logged). The caller holds the client's WriteLock.
+SteadyReply *NewReply(uint32_t length);
+RTMP_STATUS int QueueReply(SteadyLine *line, SteadyReply *reply);
+
+// HasRepliesOut tells whether all answers have left. The caller holds the client's WriteLock.
+bool HasRepliesOut(const SteadyLine *line);
+
+// FlushPlayers sends what is due to every player of the stream that is not waiting for room, and lets the
+// ring go of what nobody needs.
+void FlushPlayers(SteadyStream *stream);
+
+// How far the slowest player that makes progress is behind; 0 and 0 where there is none.
+typedef struct SteadyLag {
+    uint32_t Pictures;
+    uint32_t Milliseconds;
+    uint32_t Playing; // players
+} SteadyLag;
+SteadyLag LagOf(SteadyStream *stream);
+}
