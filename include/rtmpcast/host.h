@@ -184,6 +184,33 @@ RTMP_HOST int SSL_write(struct ssl_st *ssl, const void *buf, int num);
  */
 RTMP_HOST void TLS_print_error(RtmpLogger *logger, void *tls, int result);
 
+/**
+ * rtmpTlsAccept makes the TLS handle of a connection to RtmpServiceLimits.TlsPort, whose peer speaks TLS
+ * first. Called once for each, on the connection's own thread, no locks held: it may block, and no other
+ * connection waits for it. As a rule it is SSL_new, SSL_set_fd and SSL_accept, on a context that the host
+ * shares between all connections. The handle must keep the rules of SSL_read and SSL_write above.
+ *
+ * Time: TLS's handshake counts towards RtmpServiceLimits.HandshakeMilliseconds. When that time is up, or the
+ * server is being destroyed, another thread shuts the socket down (shutdown(2)): reads of it answer 0 from
+ * then on and writes fail, and the function has to return. RtmpServerDestroy waits for it.
+ *
+ * @param fd       the connection's socket, which blocks. It stays the library's: not to be closed, and left
+ *                 blocking
+ * @param address  the peer's IPv4 address as text, valid for the call
+ * @return the handle, with its handshake done, which the library uses from now on (SSL_read, SSL_write) and
+ *         gives back with rtmpTlsEnd; null: refused, or the handshake failed. The connection is then closed
+ *         with a log line, and rtmpTlsEnd is not called: free what was made before returning. Default: null.
+ */
+RTMP_HOST struct ssl_st *rtmpTlsAccept(RtmpServer *server, int fd, const char *address);
+
+/**
+ * rtmpTlsEnd takes back a handle that rtmpTlsAccept returned, and frees it. Called once for each, on the
+ * connection's own thread, no locks held, after the last use of the handle and before its descriptor is
+ * closed. The connection is over in nearly every case: SSL_free is enough, and where the host wants to say
+ * farewell (SSL_shutdown), it must not wait for the answer. Default: nothing.
+ */
+RTMP_HOST void rtmpTlsEnd(struct ssl_st *tls);
+
 #ifdef __cplusplus
 }
 #endif

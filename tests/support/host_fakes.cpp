@@ -19,6 +19,8 @@ void HostFakes::reset()
     status = nullptr;
     sslRead = nullptr;
     sslWrite = nullptr;
+    tlsAccept = nullptr;
+    tlsEnd = nullptr;
     statusReports.clear();
     bitrates.clear();
     syslog.clear();
@@ -107,5 +109,19 @@ void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
 void TLS_print_error(RtmpLogger *, void *tls, int result)
 {
     HostFakes::get().tlsErrors.add({tls, result});
+}
+
+struct ssl_st *rtmpTlsAccept(RtmpServer *, int fd, const char *address)
+{
+    HostFakes &fakes = HostFakes::get();
+    return fakes.tlsAccept ? fakes.tlsAccept(fd, address) : nullptr;
+}
+
+void rtmpTlsEnd(struct ssl_st *tls)
+{
+    HostFakes &fakes = HostFakes::get();
+    if (fakes.tlsEnd) {
+        fakes.tlsEnd(tls);
+    }
 }
 }

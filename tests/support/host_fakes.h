@@ -53,6 +53,8 @@ class HostFakes {
     std::function<void()> status;                    // runs inside rtmpStatusMessage
     std::function<int(void *, void *, int)> sslRead; // only where libssl is not linked
     std::function<int(void *, const void *, int)> sslWrite;
+    std::function<struct ssl_st *(int, const std::string &)> tlsAccept; // the socket, the peer's address
+    std::function<void(struct ssl_st *)> tlsEnd;
 
     // What the host was told.
     Recorded<StatusReport> statusReports;
