@@ -11,6 +11,7 @@
 #include "net/scope.h"
 #include "state/client_list.h"
 #include "state/session_list.h"
+#include "state/viewers.h"
 
 #include <string.h>
 
@@ -226,6 +227,10 @@ int PlayStream(const ReceivedCommand *command, const AmfString *name)
                      command->Caller);
         return RTMP_FAILED;
     }
+    if (AdmitPlay(command->Client) != 0) {
+        NoteRefusal(command->Pkt, REFUSED_BY_HOST, nullptr);
+        return RTMP_ERR_STREAM_NOT_FOUND; // who may not watch does not learn what there is
+    }
     switch (JoinStream(command->Client, command->Client->StreamName)) {
     case 0:
         return 0;
@@ -260,6 +265,10 @@ int HandleConnect(ReceivedCommand *command)
         if (CheckConnectProperty(command, property) != 0) {
             return RTMP_FAILED;
         }
+    }
+    if (AdmitConnect(command->Client, &command->Properties) != 0) {
+        NoteRefusal(command->Pkt, REFUSED_BY_HOST, nullptr);
+        return RTMP_FAILED;
     }
     return 0;
 }

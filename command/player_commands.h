@@ -6,11 +6,12 @@
 
 extern "C" {
 
-// HandleConnect checks the command object. Nothing of it is kept.
+// HandleConnect checks the command object, and asks the host about a viewer. The texts that a host is told
+// are kept, and nothing else.
 RTMP_STATUS int HandleConnect(ReceivedCommand *command);
 
 // HandlePlay records the stream name and joins the stream's session. RTMP_ERR_STREAM_NOT_FOUND (logged):
-// there is no such stream.
+// there is no such stream, or the host does not admit the viewer.
 RTMP_STATUS int HandlePlay(ReceivedCommand *command);
 
 // HandlePublish refuses (logged): nobody's stream is taken here.

@@ -8,6 +8,7 @@
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/player_rules.h"
+#include "net/refusal.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -78,13 +79,15 @@ int WriteConnectResult(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *
     return WriteCmdMsgPayload(client, pkt, &payload);
 }
 
-// RTMP 1.0, 7.2.1.1: the answer to a "connect" that is refused. It names the property.
+// RTMP 1.0, 7.2.1.1: the answer to a "connect" that is refused. It names the property, if there is one.
 int WriteConnectError(RtmpClient *client, RtmpSendPkt *pkt, const RtmpRecvPkt *request)
 {
-    const AmfString property = request != nullptr ? request->Refusal.What : AmfString{};
-    char description[64]; // keys of "connect" are far shorter
-    snprintf(description, sizeof description, "The value of %.*s is not accepted", property.len,
-             property.data != nullptr ? property.data : "");
+    const RtmpRefusal refusal = request != nullptr ? request->Refusal : RtmpRefusal{};
+    char description[64] = "The viewer is not admitted"; // keys of "connect" are far shorter
+    if (refusal.Reason != REFUSED_BY_HOST) {
+        snprintf(description, sizeof description, "The value of %.*s is not accepted", refusal.What.len,
+                 refusal.What.data != nullptr ? refusal.What.data : "");
+    }
     CmdMsgPayload payload = {};
     payload.Command = "_error";
     payload.TransactionId = TransactionIdOf(client->Server, request);

@@ -15,7 +15,8 @@ enum RtmpRefusalReason {
     REFUSED_DATA,             // AMF0 data
     REFUSED_SHARED_OBJECT,    // AMF0 shared object
     REFUSED_MESSAGE_TYPE,     // AMF3 forms, and every other type
-    REFUSED_PUBLISH           // "publish", where the connection's rules know it. What: its name
+    REFUSED_PUBLISH,          // "publish", where the connection's rules know it. What: its name
+    REFUSED_BY_HOST           // "connect" or "play" of a viewer that the host does not admit
 };
 
 inline void NoteRefusal(RtmpRecvPkt *pkt, enum RtmpRefusalReason reason, const AmfString *what)

@@ -241,6 +241,8 @@ void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
     if (pkt->Refusal.Reason == REFUSED_PUBLISH) {
         (void)SendErrorReply(client, pkt, RTMP_MSG_PUBLISH, kind); // logged; the connection ends anyway
+    } else if (pkt->Refusal.Reason == REFUSED_BY_HOST) {
+        AnswerRejectedConnect(client, pkt, kind);
     } else if (pkt->Refusal.Reason == REFUSED_CONNECT_PROPERTY && Allows(client, RULE_CONNECT_REJECTED)) {
         AnswerRejectedConnect(client, pkt, kind);
     }

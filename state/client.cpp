@@ -144,6 +144,7 @@ int TearDown(RtmpClient *client, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     LeavePlayingState(client);
+    FreeLine(client); // while session and address are there; nothing to do on the default road
 
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing client ip address and session name\n", who);
     free(client->ClientIP);
@@ -151,7 +152,6 @@ int TearDown(RtmpClient *client, const char *who)
     free(client->StreamName);
     client->StreamName = nullptr;
 
-    FreeLine(client); // while the session is there; nothing to do on the default road
     // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
     // half torn down, and whoever ends it frees the record (FreeClientRecord). Required; changes a code and
     // log lines.

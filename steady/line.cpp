@@ -123,7 +123,6 @@ void FreeLine(RtmpClient *client)
     FreeReplies(line);
     free(line->App);
     free(line->TcUrl);
-    free(line->StreamQuery);
     free(line);
 }
 

@@ -160,10 +160,10 @@ struct SteadyLine {
     uint8_t WaitsFor;  // SteadyWait: what the deadline is for
     uint8_t End;       // SteadyEnd
 
-    // What the peer said in "connect" and "play"; heap copies, null: nothing yet. The serve thread's.
-    char *App;
+    // What the host is told of it. The serve thread's.
+    uint8_t IsAnnounced; // the host has been told of it, and not yet that it left
+    char *App;           // of "connect"; heap copies, null: nothing yet
     char *TcUrl;
-    char *StreamQuery; // the name with its query, as asked for
 };
 
 // A server on the steady road.

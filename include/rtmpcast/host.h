@@ -12,6 +12,7 @@
 #ifndef RTMPCAST_HOST_H
 #define RTMPCAST_HOST_H
 
+#include "rtmpcast/service.h"
 #include "rtmpcast/types.h"
 
 #ifdef __cplusplus
@@ -210,6 +211,36 @@ RTMP_HOST struct ssl_st *rtmpTlsAccept(RtmpServer *server, int fd, const char *a
  * farewell (SSL_shutdown), it must not wait for the answer. Default: nothing.
  */
 RTMP_HOST void rtmpTlsEnd(struct ssl_st *tls);
+
+/**
+ * rtmpViewerAccepted, rtmpViewerConnects and rtmpViewerPlays tell of a viewer on its way, and ask whether it
+ * may go on; rtmpViewerLeft tells that it has left. Only connections that the library accepts on the steady
+ * road, after RtmpServiceSettings, are told of.
+ *
+ *   - rtmpViewerAccepted: the connection is there, and counts as a client; nothing has been read from it, and
+ *     TLS has not begun. Refused: it is closed.
+ *   - rtmpViewerConnects: "connect" named the application, and passes the library's own rules. Refused: it is
+ *     answered with "_error", NetConnection.Connect.Rejected, and the connection ends.
+ *   - rtmpViewerPlays: "play" named a stream, which has not been looked up yet. Called for every "play", and
+ *     also where no stream of that name exists. Refused: the player is answered as if there were none
+ *     (NetStream.Play.StreamNotFound), so that strangers do not learn names, and the connection ends.
+ *   - rtmpViewerLeft: called exactly once for each rtmpViewerAccepted, whatever it answered and however the
+ *     connection ended. Figures is what the viewer got; Session still exists.
+ *
+ * @param viewer  valid for the call
+ * @return 0: the viewer goes on; any other value refuses it. Default: 0 for everybody, and nothing.
+ *
+ * Called on the thread that serves the connection, no locks held. Each may block: that viewer waits, and
+ * nobody else, but for RtmpSessionDestroy of a session that it has joined and RtmpServerDestroy, which wait
+ * until the function returns. The time limits for handshake and "play" go on meanwhile. So it must neither
+ * destroy a session or the server nor wait for a thread that may be doing so, and must not call what takes
+ * the session list lock: RtmpSessionDestroy holds it while it waits. The look-ups of server.h but
+ * ValidateRtmpStreamName, RtmpSessionStatistics and RtmpClientStatistics of `viewer->Session` may be called.
+ */
+RTMP_HOST int32_t rtmpViewerAccepted(const RtmpViewer *viewer);
+RTMP_HOST int32_t rtmpViewerConnects(const RtmpViewer *viewer);
+RTMP_HOST int32_t rtmpViewerPlays(const RtmpViewer *viewer);
+RTMP_HOST void rtmpViewerLeft(const RtmpViewer *viewer);
 
 #ifdef __cplusplus
 }

@@ -75,7 +75,7 @@ typedef struct RtmpSessionFigures {
     uint32_t SlowestPictures;     /* the same in video frames */
 } RtmpSessionFigures;
 
-/** RtmpClientFigures: one player of a session at one moment. */
+/** RtmpClientFigures: one connection of the steady road at one moment. */
 typedef struct RtmpClientFigures {
     char Address[48]; /* text */
     uint16_t Port;    /* host byte order */
@@ -87,9 +87,25 @@ typedef struct RtmpClientFigures {
     uint64_t DroppedFrames; /* that it did not get because it fell behind */
     uint32_t Restarts;      /* how often it went on at a key frame */
     uint32_t LagMilliseconds;
+    uint32_t LagPictures;     /* the same in video frames */
     uint64_t WaitingBytes;    /* that it has not been sent yet, of frames and answers */
     uint32_t RoundTripMicros; /* TCP's smoothed round-trip time; 0: unknown */
 } RtmpClientFigures;
+
+/**
+ * RtmpViewer: a connection that the library has accepted, as the host functions rtmpViewer... are told of it.
+ * Texts are never null: "" stands for what the peer has not said yet. They are the peer's own words; nobody
+ * has looked for control characters in them.
+ */
+typedef struct RtmpViewer {
+    RtmpServer *Server;
+    RtmpClient *Client;   /* the same in every call about one viewer; another viewer may get it afterwards */
+    RtmpSession *Session; /* that it has joined; null: none yet */
+    const char *App;      /* "app" and "tcUrl" of its "connect", cut after 1023 bytes */
+    const char *TcUrl;
+    const char *Stream; /* the stream of its last "play" as asked for, with what stands behind a "?" */
+    RtmpClientFigures Figures;
+} RtmpViewer;
 
 /**
  * RtmpSessionStatistics fills the figures of a session.
@@ -101,8 +117,8 @@ typedef struct RtmpClientFigures {
 RTMP_API int32_t RtmpSessionStatistics(RtmpSession *session, RtmpSessionFigures *figures);
 
 /**
- * RtmpClientStatistics fills the figures of the first `most` players of a session, the longest-connected
- * first.
+ * RtmpClientStatistics fills the figures of the first `most` players of a session, in the order in which they
+ * joined.
  *
  * @param clients  room for `most` records; may be null when `most` is 0
  * @return how many players there are, also above `most`; RTMP_ERR_INVALID_ARGUMENT as above

@@ -19,6 +19,7 @@ void HostFakes::reset()
     status = nullptr;
     sslRead = nullptr;
     sslWrite = nullptr;
+    viewer = nullptr;
     tlsAccept = nullptr;
     tlsEnd = nullptr;
     statusReports.clear();
@@ -28,7 +29,20 @@ void HostFakes::reset()
     publishStates.clear();
     recordActions.clear();
     tlsErrors.clear();
+    viewers.clear();
 }
+
+namespace {
+
+int32_t Answer(const char *what, const RtmpViewer *viewer)
+{
+    HostFakes &fakes = HostFakes::get();
+    const ViewerCall call = {what, *viewer, viewer->App, viewer->TcUrl, viewer->Stream, pthread_self()};
+    fakes.viewers.add(call);
+    return fakes.viewer ? fakes.viewer(call) : 0;
+}
+
+} // namespace
 
 extern "C" {
 
@@ -123,5 +137,25 @@ void rtmpTlsEnd(struct ssl_st *tls)
     if (fakes.tlsEnd) {
         fakes.tlsEnd(tls);
     }
+}
+
+int32_t rtmpViewerAccepted(const RtmpViewer *viewer)
+{
+    return Answer("accepted", viewer);
+}
+
+int32_t rtmpViewerConnects(const RtmpViewer *viewer)
+{
+    return Answer("connects", viewer);
+}
+
+int32_t rtmpViewerPlays(const RtmpViewer *viewer)
+{
+    return Answer("plays", viewer);
+}
+
+void rtmpViewerLeft(const RtmpViewer *viewer)
+{
+    (void)Answer("left", viewer);
 }
 }

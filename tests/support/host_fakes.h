@@ -9,6 +9,14 @@
 #include <utility>
 #include <vector>
 
+// A call of rtmpViewer...: the texts outlive it.
+struct ViewerCall {
+    std::string what;  // "accepted", "connects", "plays", "left"
+    RtmpViewer viewer; // the texts are the three below
+    std::string app, tcUrl, stream;
+    pthread_t thread;
+};
+
 struct StatusReport {
     void *context;
     std::string key, value, description;
@@ -56,6 +64,8 @@ class HostFakes {
     std::function<struct ssl_st *(int, const std::string &)> tlsAccept; // the socket, the peer's address
     std::function<void(struct ssl_st *)> tlsEnd;
 
+    std::function<int32_t(const ViewerCall &)> viewer; // what rtmpViewer... answers; runs inside
+
     // What the host was told.
     Recorded<StatusReport> statusReports;
     Recorded<std::pair<void *, int32_t>> bitrates;
@@ -64,4 +74,5 @@ class HostFakes {
     Recorded<std::pair<RtmpClient *, int32_t>> publishStates;
     Recorded<std::pair<RtmpClient *, std::string>> recordActions;
     Recorded<std::pair<void *, int>> tlsErrors;
+    Recorded<ViewerCall> viewers;
 };

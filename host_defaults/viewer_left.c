@@ -1,0 +1,7 @@
+/* Nobody asks who has left. */
+#include "rtmpcast/host.h"
+
+void rtmpViewerLeft(const RtmpViewer *viewer)
+{
+    (void)viewer;
+}
