@@ -56,7 +56,7 @@ void FreeReplies(SteadyLine *line)
 
 bool MakesProgress(const SteadyLine *line, uint64_t now)
 {
-    return line->WantsRoom == 0 || now - line->LastProgress < kProgressMs;
+    return line->WantsRoom == 0 || MillisecondsSince(line->LastProgress, now) < kProgressMs;
 }
 
 // The caller holds the client's WriteLock.
@@ -129,6 +129,7 @@ void FreeLine(RtmpClient *client)
 void JoinPlayers(SteadyStream *stream, SteadyLine *line)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    UNLOCK_AT_EXIT RtmpMutex *writing = HoldForWriting(line->Client); // the keeper may be sending an answer
     line->Stream = stream;
     line->PrevPlayer = stream->LastPlayer;
     (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line;
