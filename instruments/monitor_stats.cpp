@@ -1,9 +1,12 @@
 #include "instruments/monitor_stats.h"
 
+#include "net/atomic.h"
 #include "net/host_call.h"
 #include "net/limits.h"
+#include "net/scope.h"
 
 #include <stdio.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -70,6 +73,17 @@ void DecideUptime(RtmpMonitorStats *stats, const RtmpMonitorTime *now, RtmpMonit
     stats->LastUptimeReport = *now;
 }
 
+RtmpMonitorReports CountFrameLocked(RtmpMonitor *monitor, uint32_t bytes)
+{
+    struct timeval now = {};
+    gettimeofday(&now, nullptr);
+    const uint32_t statsInterval = LoadShared(&monitor->Session->StatsInterval);
+    RtmpMonitorReports due;
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
+    AddSampleToMonitor(monitor->Stats, RTMP_MSG_VIDEO, now.tv_sec, now.tv_usec, bytes, statsInterval, &due);
+    return due;
+}
+
 } // namespace
 
 int timeval_subtract(RtmpMonitorTime *result, const RtmpMonitorTime *x, RtmpMonitorTime *y)
@@ -130,4 +144,10 @@ void addPacketToMonitor(RtmpMonitorStats *stats, void *hostContext, uint32_t kin
     RtmpMonitorReports due;
     AddSampleToMonitor(stats, kind, seconds, microseconds, bytes, statsInterval, &due);
     SendMonitorReports(hostContext, &due);
+}
+
+void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
+{
+    const RtmpMonitorReports due = CountFrameLocked(monitor, bytes);
+    SendMonitorReports(monitor->Session, &due);
 }

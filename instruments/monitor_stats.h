@@ -16,6 +16,10 @@ void AddSampleToMonitor(RtmpMonitorStats *stats, uint32_t kind, int64_t seconds,
                         uint32_t bytes, uint32_t statsInterval, RtmpMonitorReports *due);
 void SendMonitorReports(void *hostContext, const RtmpMonitorReports *due);
 
+// CountFrame adds a picture that has just been sent to the monitor's window, and reports what is due, without
+// the monitor's lock, which the last client that leaves waits for.
+void CountFrame(RtmpMonitor *monitor, uint32_t bytes);
+
 // timeval_subtract sets `result` to x - y, microseconds 0 to 999999. 1: x is earlier than y, else 0. `y` may
 // be renormalised in place; its value stays.
 int timeval_subtract(RtmpMonitorTime *result, const RtmpMonitorTime *x, RtmpMonitorTime *y);

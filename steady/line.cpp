@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr uint64_t kProgressMs = 2000; // a full socket that took nothing for so long makes no progress
-
 // The caller holds Lock.
 void Link(SteadyService *service, SteadyLine *line)
 {
@@ -52,11 +50,6 @@ void FreeReplies(SteadyLine *line)
         free(line->FirstReply);
         line->FirstReply = next;
     }
-}
-
-bool MakesProgress(const SteadyLine *line, uint64_t now)
-{
-    return line->WantsRoom == 0 || MillisecondsSince(line->LastProgress, now) < kProgressMs;
 }
 
 // The caller holds the client's WriteLock.
@@ -129,7 +122,6 @@ void FreeLine(RtmpClient *client)
 void JoinPlayers(SteadyStream *stream, SteadyLine *line)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
-    UNLOCK_AT_EXIT RtmpMutex *writing = HoldForWriting(line->Client); // the keeper may be sending an answer
     line->Stream = stream;
     line->PrevPlayer = stream->LastPlayer;
     (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line;
@@ -157,6 +149,8 @@ void LeavePlayers(SteadyLine *line)
 void BeginAnew(SteadyLine *line, int again)
 {
     PlaceAtBeginning(&line->Place, again);
+    line->Look.Begun = RtmpGetSystemTime();
+    line->Look.HasCaughtUp = 0;
     if (again == 0) {
         line->Client->TimelineTime = 0;
     }

@@ -6,17 +6,6 @@
 
 #include <sys/socket.h>
 
-namespace {
-
-bool EndAfter(SteadyLine *line, enum SteadyEnd before, enum SteadyEnd reason)
-{
-    uint8_t expected = static_cast<uint8_t>(before);
-    return __atomic_compare_exchange_n(&line->End, &expected, static_cast<uint8_t>(reason), false,
-                                       __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
-}
-
-} // namespace
-
 void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds)
 {
     StoreShared(&line->Deadline, uint64_t{0}); // the keeper takes no old time for a new reason
@@ -26,13 +15,13 @@ void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds)
     }
 }
 
-// What was refused has been answered, and the answer still leaves; unless its peer does not take it.
 void EndLine(SteadyLine *line, enum SteadyEnd reason)
 {
-    const bool isRefusal = reason == STEADY_END_REFUSED;
-    if (EndAfter(line, STEADY_GOES_ON, reason) ||
-        (!isRefusal && EndAfter(line, STEADY_END_REFUSED, reason))) {
-        StoreShared(&line->Client->ToldToLeave, uint8_t{1}); // what it has sent already is not read
-        (void)shutdown(SocketInUse(line->Client), isRefusal ? SHUT_RD : SHUT_RDWR);
+    uint8_t goesOn = STEADY_GOES_ON;
+    if (!__atomic_compare_exchange_n(&line->End, &goesOn, static_cast<uint8_t>(reason), false,
+                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+        return;
     }
+    // What was refused has been answered: the answer still leaves.
+    (void)shutdown(SocketInUse(line->Client), reason == STEADY_END_REFUSED ? SHUT_RD : SHUT_RDWR);
 }

@@ -3,19 +3,12 @@
 
 #include "steady/records.h"
 
-// MillisecondsSince is 0 where `then` came after the caller looked at the clock, as it may on another thread.
-inline uint64_t MillisecondsSince(uint64_t then, uint64_t now)
-{
-    return now > then ? now - then : 0;
-}
-
 extern "C" {
 
 // SetDeadline gives the peer `milliseconds` from now for `wait`; 0 takes the deadline away.
 void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds);
 
-// EndLine ends the connection: its socket is shut down, its thread leaves. Only the first reason counts, but
-// that a refused one, whose answers still leave, may be ended for another. The caller holds
-// SteadyService.Lock or the client's WriteLock, or is the thread that serves the client.
+// EndLine ends the connection: its socket is shut down, its thread leaves. Only the first reason counts. The
+// caller holds SteadyService.Lock or the client's WriteLock, or is the thread that serves the client.
 void EndLine(SteadyLine *line, enum SteadyEnd reason);
 }

@@ -20,6 +20,7 @@ namespace {
 
 constexpr uint32_t kItemsOfWrite = 8; // sound that is due and the picture behind it, or a part of a burst
 constexpr uint32_t kVectorsOfItem = 2;
+constexpr uint64_t kProgressMs = 2000; // a full socket that took nothing for so long makes no progress
 
 // What goes out next: an answer or a message, and where the player is behind it.
 struct Outgoing {
@@ -86,6 +87,7 @@ void NoteMissed(SteadyLine *line, uint64_t missed, bool restarted)
 {
     if (missed > 0) {
         StoreShared(&line->FramesDropped, line->FramesDropped + missed);
+        (void)AddShared(&line->Stream->DroppedInAll, missed);
     }
     if (restarted) {
         StoreShared(&line->Restarts, line->Restarts + 1);
@@ -176,6 +178,7 @@ void End(SteadyLine *line, const SteadyHalf *item)
         return;
     }
     StoreShared(&line->FramesOut, line->FramesOut + 1);
+    line->Look.PictureBytes += item->Message->Kind == STEADY_VIDEO ? item->Message->BodyLength : 0;
     DropMessage(line->Stream, item->Message);
 }
 
@@ -263,21 +266,13 @@ bool WriteBatch(SteadyLine *line, Batch *batch)
 
 // ------------------------------------------------------------------------------------ TLS
 
-constexpr uint32_t kTlsRecord = 16384; // RFC 8446, 5.1
-
-// A call takes a record's worth at most: it is done in whole or not at all, and a slow peer's progress shows.
-uint32_t LengthOfCall(uint32_t left)
-{
-    return left < kTlsRecord ? left : kTlsRecord;
-}
-
 // WriteSpan writes what is left of a span. A call that would wait is repeated with the same bytes, as
 // SSL_write demands: they stay where they are until they are out.
 bool WriteSpan(SteadyLine *line, const TlsLine *tls, Span span, uint32_t before)
 {
     while (line->Half.Out < before + span.Length) {
         const uint32_t done = line->Half.Out - before;
-        const int64_t out = TlsWriteNow(tls, span.Bytes + done, LengthOfCall(span.Length - done));
+        const int64_t out = TlsWriteNow(tls, span.Bytes + done, span.Length - done);
         if (out <= 0) {
             if (out == 0 || !IsPassing(errno)) {
                 EndLine(line, STEADY_END_BROKEN);
@@ -339,11 +334,14 @@ void FlushLine(SteadyLine *line, uint64_t now)
         }
         line->WantsRoom = goesOn ? 0 : 1;
     }
-    if (!MaySend(line)) {
-        line->WantsRoom = 0; // nothing leaves any more
-    } else if (line->WantsRoom != 0) {
+    if (line->WantsRoom != 0) {
         AwaitRoom(line);
     }
+}
+
+bool MakesProgress(const SteadyLine *line, uint64_t now)
+{
+    return line->WantsRoom == 0 || now - line->LastProgress < kProgressMs;
 }
 
 SteadyBehind BehindOf(const SteadyLine *line)

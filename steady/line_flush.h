@@ -14,6 +14,10 @@ typedef struct SteadyBehind {
 // FlushLine sends what is due and fits. The caller holds the client's WriteLock.
 void FlushLine(SteadyLine *line, uint64_t now);
 
+// MakesProgress: the player takes what there is, or has taken something not long ago. The caller holds the
+// client's WriteLock.
+bool MakesProgress(const SteadyLine *line, uint64_t now);
+
 // The caller holds the client's WriteLock.
 SteadyBehind BehindOf(const SteadyLine *line);
 

@@ -144,4 +144,6 @@ void EmptyRing(SteadyStream *stream)
     while (stream->First < stream->Next) {
         DropOldest(stream);
     }
+    stream->First++; // a number that no message gets: also who has got everything has fallen out
+    stream->Next++;
 }

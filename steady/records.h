@@ -70,7 +70,8 @@ struct SteadyStream {
     uint64_t GoneFrames;
     uint64_t GoneDropped;
 
-    uint8_t KeyFrameWanted;      // shared: a player waits, and the host has not been asked
+    uint8_t KeyFrameWanted;      // shared: a player waits for one that the ring does not have
+    uint64_t DroppedInAll;       // shared: frames that players which fell behind did not get
     struct SteadySender *Sender; // delivery/steady: what is on its way into the ring
 };
 
@@ -123,6 +124,16 @@ typedef struct SteadyPlace {
     uint64_t Time;                     // FinishedMessage.Time of it
 } SteadyPlace;
 
+// What LookAtSlowest knows of a player.
+typedef struct SteadyLook {
+    uint64_t PictureBytes;     // of pictures that are out
+    uint64_t PictureBytesSeen; // at the last look, here and below
+    uint64_t BytesSeen;        // of everything
+    uint64_t Begun;            // ms: when it began anew
+    uint32_t PicturesBehind;   // when it last took something
+    uint8_t HasCaughtUp;       // since Begun
+} SteadyLook;
+
 // A connection on the steady road.
 struct SteadyLine {
     RtmpClient *Client;
@@ -148,6 +159,7 @@ struct SteadyLine {
     uint64_t Joined;       // messages in front of this one are nothing to begin with
     uint8_t WantsRoom;     // the socket takes nothing; the keeper goes on
     uint64_t LastProgress; // ms: something left, or the socket was not full yet
+    SteadyLook Look;
 
     // Figures. Written under the WriteLock, shared.
     uint64_t BytesOut;

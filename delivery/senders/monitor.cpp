@@ -14,8 +14,6 @@
 #include "net/scope.h"
 #include "rtmpcast/media.h"
 
-#include <sys/time.h>
-
 namespace {
 
 // MoveTimeline notes the time of a frame and returns the milliseconds since the one before: 0 for the first.
@@ -53,24 +51,6 @@ void SendDueAudio(RtmpMonitor *monitor, uint64_t videoDelta, uint64_t videoTime)
         (void)SendMsgToConnectedClients(packet.Session, packet.Data, packet.Length, packet.Fd, packet.MapBase,
                                         packet.Delta, packet.Kind);
     }
-}
-
-RtmpMonitorReports CountFrameLocked(RtmpMonitor *monitor, uint32_t bytes)
-{
-    struct timeval now = {};
-    gettimeofday(&now, nullptr);
-    const uint32_t statsInterval = LoadShared(&monitor->Session->StatsInterval);
-    RtmpMonitorReports due;
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&monitor->RingLock);
-    AddSampleToMonitor(monitor->Stats, RTMP_MSG_VIDEO, now.tv_sec, now.tv_usec, bytes, statsInterval, &due);
-    return due;
-}
-
-// The host is told without the lock, which the last client that leaves waits for.
-void CountFrame(RtmpMonitor *monitor, uint32_t bytes)
-{
-    const RtmpMonitorReports due = CountFrameLocked(monitor, bytes);
-    SendMonitorReports(monitor->Session, &due);
 }
 
 void FreeStats(RtmpMonitorStats *stats)

@@ -5,11 +5,10 @@
 #include "instruments/adaptive_bitrate.h"
 #include "instruments/bandwidth_monitor.h"
 #include "instruments/debug_trace.h"
+#include "instruments/encoder_feedback.h"
 #include "instruments/ring.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
-#include "net/host_call.h"
-#include "net/limits.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -21,9 +20,6 @@
 #include <pthread.h>
 
 namespace {
-
-int32_t c = 0;            // frames since the last burn-in, of all sessions
-int32_t warning_sent = 0; // "Buffer full" is outstanding, for whichever session
 
 // ------------------------------------------------------------------------------------- the first client
 
@@ -112,83 +108,6 @@ SenderState EnsureSender(RtmpThreadedQueue *queue)
 }
 
 // ---------------------------------------------------------------------------------------------- frames
-
-void UpdateTrace(RtmpThreadedQueue *queue, uint64_t timestamp)
-{
-    if (queue->Debug == nullptr) {
-        return;
-    }
-    if (LoadShared(&queue->Debug->StartTs) == 0) {
-        (void)RtmpQueueDebugInit(queue->Debug, timestamp); // not null
-    }
-    (void)RtmpQueueDebugUpdate(queue->Debug, queue->Session, timestamp);
-}
-
-// 0 until the video has been described with a bitrate.
-int32_t ConfiguredBitrate(const RtmpSession *session)
-{
-    const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
-    if (codecInfo == nullptr || codecInfo->VdCodecInfo == nullptr) {
-        return 0;
-    }
-    const uint32_t bitrate = codecInfo->VdCodecInfo->bitrate;
-    return bitrate > INT32_MAX ? INT32_MAX : static_cast<int32_t>(bitrate);
-}
-
-// Starts the controller, and the host's encoder, at the configured bitrate as soon as there is one.
-void StartController(RtmpThreadedQueue *queue)
-{
-    const int32_t bitrate = ConfiguredBitrate(queue->Session);
-    if (bitrate == 0) {
-        return;
-    }
-    (void)RtmpQueueAdaptiveBitrateInit(queue->Abr, bitrate);                               // not null
-    (void)RtmpQueueDebugBurnin(queue->Debug, queue->Session, -1, bitrate / 1000, bitrate); // null is fine
-    SetEncoderBitrate(queue->Session, bitrate);
-}
-
-void RunController(RtmpThreadedQueue *queue, uint64_t timestamp)
-{
-    if (queue->Abr->CurrentBitrate < 0) {
-        StartController(queue);
-        return;
-    }
-    RtmpQueueBuffer *video = queue->VideoBuffer;
-    const int32_t kbps = RtmpQueueBWMKbps(queue->Bwm, -1);
-    (void)RtmpQueueAdaptiveBitrateUpdate(queue->Abr, kbps, RtmpQueueBufferCount(video), video->Size,
-                                         queue->Session, timestamp, queue->Debug); // not null
-    if (AddShared(&c, 1) - 1 > kFramesBetweenBurnins) {
-        (void)RtmpQueueDebugBurnin(queue->Debug, queue->Session, RtmpQueueBufferCount(video), kbps,
-                                   queue->Abr->CurrentBitrate); // null is fine
-        StoreShared(&c, 0);
-    }
-}
-
-// True for the one caller that moves the latch from `from` to `to`.
-bool MoveWarning(int32_t from, int32_t to)
-{
-    return __atomic_compare_exchange_n(&warning_sent, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
-}
-
-// What a host without a controller is told of congestion.
-void WarnOfFullness(RtmpThreadedQueue *queue, int added)
-{
-    if (added == QUEUE_BUFFER_FULL && MoveWarning(0, 1)) {
-        ReportStatus(queue->Session, "rtmpLowBitrate", "1", "Buffer full");
-    } else if (added == QUEUE_BUFFER_OK && RtmpQueueBufferCount(queue->VideoBuffer) < kAlmostEmptyRing &&
-               MoveWarning(1, 0)) {
-        ReportStatus(queue->Session, "rtmpLowBitrate", "0", "Buffer is empty");
-    }
-}
-
-void AfterVideo(RtmpThreadedQueue *queue, int added, uint64_t timestamp)
-{
-    if (queue->Abr != nullptr) {
-        RunController(queue, timestamp);
-    } else {
-        WarnOfFullness(queue, added);
-    }
-}
 
 // Players that wait for key frames begin anew behind a picture that is lost. What is lost of the sound is
 // only missed.
@@ -356,7 +275,7 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Error: Failed to create thread\n", __func__);
         return -1;
     }
-    UpdateTrace(queue, timestamp);
+    TraceFrame(queue, timestamp);
 
     const uint32_t frameKind = static_cast<uint32_t>(mediaType);
     if (frameKind != RTMP_FRAME_AUDIO && frameKind != RTMP_FRAME_VIDEO) {
@@ -372,7 +291,8 @@ int RtmpThreadedQueueSendData(RtmpSession *session, const uint8_t *data, int32_t
         return -1;
     }
     if (isVideo) {
-        AfterVideo(queue, added, timestamp);
+        RtmpQueueBuffer *video = queue->VideoBuffer;
+        FollowVideo(queue, RtmpQueueBufferCount(video), added == QUEUE_BUFFER_FULL, timestamp);
     }
     if (added == QUEUE_BUFFER_FULL && isVideo) {
         FlushVideo(queue, __func__);
@@ -390,7 +310,7 @@ void RtmpThreadedQueueStop(RtmpSession *session)
     }
 }
 
-int RtmpThreadedQueueReset(RtmpSession *session)
+int ResetThreadedQueue(RtmpSession *session)
 {
     RtmpThreadedQueue *queue = QueueOf(session);
     if (queue == nullptr) {
@@ -399,9 +319,7 @@ int RtmpThreadedQueueReset(RtmpSession *session)
     StopSender(queue);
     RtmpQueueBufferReset(queue->AudioBuffer);
     RtmpQueueBufferReset(queue->VideoBuffer);
-    (void)RtmpQueueBWMReset(queue->Bwm); // null is fine, here and below
-    (void)RtmpQueueDebugReset(queue->Debug);
-    (void)RtmpQueueAdaptiveBitrateReset(queue->Abr);
+    ResetInstruments(queue);
     queue->LastAudioTs = 0;
     queue->LastVideoTs = 0;
     StoreShared(&queue->LastVideoRtmpTs, uint64_t{0});
@@ -411,13 +329,13 @@ int RtmpThreadedQueueReset(RtmpSession *session)
     return 0;
 }
 
-int RtmpThreadedQueueClose(RtmpSession *session)
+int CloseThreadedQueue(RtmpSession *session)
 {
     RtmpThreadedQueue *queue = QueueOf(session);
     if (queue == nullptr) {
         return 0;
     }
-    (void)RtmpThreadedQueueReset(session); // always 0
+    (void)ResetThreadedQueue(session); // always 0
     StoreShared(&queue->Closed, uint8_t{1});
     return 0;
 }

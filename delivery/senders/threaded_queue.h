@@ -8,9 +8,10 @@
 
 extern "C" {
 
-// Exported; documented in rtmpcast/sender.h.
-RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
-RTMP_API int32_t RtmpThreadedQueueClose(RtmpSession *session);
+// ResetThreadedQueue and CloseThreadedQueue do the work of RtmpThreadedQueueReset and RtmpThreadedQueueClose
+// (rtmpcast/sender.h). 0.
+int ResetThreadedQueue(RtmpSession *session);
+int CloseThreadedQueue(RtmpSession *session);
 
 // RtmpThreadedQueueInit makes the session's queue. A session that has one keeps it. 0; -1 no memory (logged).
 RTMP_STATUS int RtmpThreadedQueueInit(RtmpSession *session, uint32_t audioQueueSize, uint32_t videoQueueSize);

@@ -16,9 +16,11 @@ void FreeSteadySender(SteadyStream *stream);
 RTMP_STATUS int SendDataSteadily(RtmpSession *session, const uint8_t *data, int32_t length,
                                  uint64_t timestamp, uint32_t mediaType);
 
-// StopSteadySender ends the thread that writes, if there is one; the next frame starts another.
+// StopSteadySender ends the thread that writes, if there is one; the next frame starts another. No frame is
+// under way.
 void StopSteadySender(SteadyStream *stream);
 
-// ResetSteadySender drops what waits and forgets all timing, as RtmpThreadedQueueReset says.
-void ResetSteadySender(SteadyStream *stream);
+// ResetSteadySender does the work of RtmpThreadedQueueReset: what waits is dropped, and all timing forgotten.
+// With `closed` that of RtmpThreadedQueueClose: frames are dropped until the next reset.
+void ResetSteadySender(SteadyStream *stream, int closed);
 }

@@ -116,7 +116,8 @@ RTMP_HOST void PublishUstreamRecord(RtmpClient *client, const char *action);
 
 /**
  * rtmpStatusMessage reports a status: a key such as "rtmpBandwidth" (kbit/s), "rtmpUptime" (seconds),
- * "rtmpLowBitrate" ("0" or "1"), "rtmpCurrentViewerCount", "rtmpTotalViewerCount"; its value as decimal
+ * "rtmpLowBitrate" ("0" or "1"), "rtmpDroppedFrames" (frames that players which fell behind did not get,
+ * since the session was made), "rtmpCurrentViewerCount", "rtmpTotalViewerCount"; its value as decimal
  * text; and a description for people. The texts are valid for the call.
  *
  * @param hostContext  delivery reports: the RtmpSession; viewer counts: PublishCtx.StatusHostContext
@@ -124,7 +125,10 @@ RTMP_HOST void PublishUstreamRecord(RtmpClient *client, const char *action);
  * Called, by key:
  *   - rtmpBandwidth, rtmpUptime of the packet monitor: on the thread that calls RtmpSendData, with
  *     the server's session list lock held; of the threaded sender: on the sender thread, with the session
- *     list lock and a lock of the ring held;
+ *     list lock and a lock of the ring held; both on the steady road (RtmpServiceSettings): on the thread
+ *     that calls RtmpSendData, no locks held;
+ *   - rtmpDroppedFrames, on the steady road alone: on the thread that calls RtmpSendData, no locks held, at
+ *     most once a second, when the number has grown;
  *   - rtmpLowBitrate: on the thread that calls RtmpSendData, no locks held;
  *   - viewer counts: on the thread that handles a service's messages (ParseRequestMsg), no locks held.
  * Must not block (players wait) and must not call the library. Default: nothing.
@@ -139,6 +143,18 @@ RTMP_HOST void rtmpStatusMessage(void *hostContext, const char *key, const char 
  * target and hand it to the encoder between two frames. Default: nothing.
  */
 RTMP_HOST void rtmpSendZandBitrate(void *hostContext, int32_t bitrate);
+
+/**
+ * rtmpKeyFrameWanted tells that a player waits for a key frame, and that the session holds none to begin
+ * with: it has just joined, or has fallen far behind. A host that can make its encoder do so sends one soon;
+ * nothing is wrong where it does not, the player waits for the next. On the steady road alone
+ * (RtmpServiceSettings).
+ *
+ * Called on the thread that calls RtmpSendData, no locks held, behind a frame, at most once a second until a
+ * key frame comes; RtmpSendData returns when it does. Must not call RtmpSendData, the settings or
+ * RtmpThreadedQueueReset of the session. Default: nothing.
+ */
+RTMP_HOST void rtmpKeyFrameWanted(RtmpSession *session);
 
 /**
  * SSL_read and SSL_write carry the bytes of a client that has a TLS handle (RtmpClient.Tls). They are

@@ -1,6 +1,7 @@
 // A wall clock that is set back an hour makes nobody wait for an hour.
 #include "delivery/senders/threaded_queue.h"
 #include "net/platform.h"
+#include "rtmpcast/sender.h"
 #include "sender/scripted_fan_out.h"
 
 #include <thread>

@@ -24,6 +24,7 @@ void HostFakes::reset()
     tlsEnd = nullptr;
     statusReports.clear();
     bitrates.clear();
+    keyFramesWanted.clear();
     syslog.clear();
     closedCaptionHandles.clear();
     publishStates.clear();
@@ -118,6 +119,11 @@ void rtmpStatusMessage(void *hostContext, const char *key, const char *value, co
 void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
 {
     HostFakes::get().bitrates.add({hostContext, bitrate});
+}
+
+void rtmpKeyFrameWanted(RtmpSession *session)
+{
+    HostFakes::get().keyFramesWanted.add(session);
 }
 
 void TLS_print_error(RtmpLogger *, void *tls, int result)

@@ -69,6 +69,7 @@ class HostFakes {
     // What the host was told.
     Recorded<StatusReport> statusReports;
     Recorded<std::pair<void *, int32_t>> bitrates;
+    Recorded<RtmpSession *> keyFramesWanted;
     Recorded<std::string> syslog; // "tag|text"
     Recorded<uint64_t> closedCaptionHandles;
     Recorded<std::pair<RtmpClient *, int32_t>> publishStates;
