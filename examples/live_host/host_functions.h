@@ -9,6 +9,7 @@ struct HostFunctions {
     Console *console = nullptr;
     Counters *counters = nullptr;
     BitrateWishes bitrates;
+    bool keyFrameWanted = false; // by a player; the thread's that sends
 };
 
 // The library's host functions are plain C: there is one set for the process.
