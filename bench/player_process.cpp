@@ -3,6 +3,7 @@
 #include "support/scripted_peer.h"
 
 #include <arpa/inet.h>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -20,10 +21,14 @@ namespace {
 // Nothing has come for this long: everything has.
 constexpr int kQuietMilliseconds = 2;
 
+// Nobody waits longer for what does not come.
+constexpr int kPatienceMilliseconds = 20000;
+
 struct Order {
     char what;
+    bool standard;
     uint16_t port;
-    uint32_t count;
+    uint64_t count; // of connections, or of bytes
 };
 
 int ConnectPlain(uint16_t port)
@@ -40,6 +45,14 @@ int ConnectPlain(uint16_t port)
     return fd;
 }
 
+void PlayUnanswered(wire::ScriptedPeer &player)
+{
+    player.handshake(wire::kPlainHandshake);
+    player.command(wire::ConnectCommand("live"));
+    player.command(wire::CreateStreamCommand());
+    player.send({.payload = wire::PlayCommand("live"), .chunkStream = 3, .stream = 1});
+}
+
 // The child: carries out orders, and reads and discards whatever comes in between.
 class Players {
   public:
@@ -52,10 +65,9 @@ class Players {
     {
         for (;;) {
             epoll_event events[256];
-            const int ready = epoll_wait(epoll_, events, 256, drainWanted_ ? kQuietMilliseconds : -1);
-            if (ready == 0 && drainWanted_) {
-                drainWanted_ = false;
-                acknowledge();
+            const int ready = epoll_wait(epoll_, events, 256, patience());
+            if (ready == 0) {
+                endDrain();
             }
             for (int i = 0; i < ready; i++) {
                 if (events[i].data.fd == orders_) {
@@ -76,12 +88,33 @@ class Players {
         epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
     }
 
+    int patience() const
+    {
+        if (!drainWanted_) {
+            return -1;
+        }
+        return received_ >= awaited_ ? kQuietMilliseconds : kPatienceMilliseconds;
+    }
+
+    void endDrain()
+    {
+        if (received_ < awaited_) {
+            fprintf(stderr, "%" PRIu64 " of %" PRIu64 " bytes have come\n", received_, awaited_);
+            exit(1);
+        }
+        drainWanted_ = false;
+        received_ = 0;
+        acknowledge();
+    }
+
     void discard(int fd)
     {
         static char buffer[1 << 18];
-        if (recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) == 0) {
+        const ssize_t count = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (count == 0) {
             epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
         }
+        received_ += count > 0 ? static_cast<uint64_t>(count) : 0;
     }
 
     void acknowledge()
@@ -99,16 +132,18 @@ class Players {
         }
         if (order.what == 'D') {
             drainWanted_ = true;
+            awaited_ = order.count;
             return;
         }
         if (order.what == 'X') {
+            received_ = 0;
             players_.clear();
             for (int fd : plain_) {
                 close(fd);
             }
             plain_.clear();
         }
-        for (uint32_t i = 0; i < order.count; i++) {
+        for (uint64_t i = 0; i < order.count; i++) {
             connectOne(order);
         }
         acknowledge();
@@ -121,16 +156,23 @@ class Players {
             watch(plain_.back());
             return;
         }
-        players_.emplace_back(order.port);
-        players_.back().playing("live");
-        if (order.what == 'P') {
-            watch(players_.back().socket.descriptor());
+        wire::ScriptedPeer &player = players_.emplace_back(order.port);
+        player.chunks.standard = order.standard;
+        if (order.what == 'R') {
+            PlayUnanswered(player);
+        } else {
+            player.playing("live");
+        }
+        if (order.what != 'S') {
+            watch(player.socket.descriptor());
         }
     }
 
     int orders_;
     int epoll_;
     bool drainWanted_ = false;
+    uint64_t received_ = 0; // since the last drain
+    uint64_t awaited_ = 0;
     std::list<wire::ScriptedPeer> players_;
     std::vector<int> plain_;
 };
@@ -159,9 +201,13 @@ PlayerProcess::~PlayerProcess()
     waitpid(pid_, nullptr, 0);
 }
 
-void PlayerProcess::command(char what, uint16_t port, uint32_t count)
+void PlayerProcess::command(char what, uint16_t port, uint64_t count, bool standard)
 {
-    const Order order = {what, port, count};
+    Order order = {};
+    order.what = what;
+    order.standard = standard;
+    order.port = port;
+    order.count = count;
     char done;
     if (write(socket_, &order, sizeof order) != static_cast<ssize_t>(sizeof order) ||
         read(socket_, &done, 1) != 1) {
@@ -170,9 +216,14 @@ void PlayerProcess::command(char what, uint16_t port, uint32_t count)
     }
 }
 
-void PlayerProcess::connectPlayers(uint16_t port, uint32_t count)
+void PlayerProcess::connectPlayers(uint16_t port, uint32_t count, bool standard)
 {
-    command('P', port, count);
+    command('P', port, count, standard);
+}
+
+void PlayerProcess::connectRelayed(uint16_t port, uint32_t count)
+{
+    command('R', port, count);
 }
 
 void PlayerProcess::connectPlain(uint16_t port, uint32_t count)
@@ -180,14 +231,14 @@ void PlayerProcess::connectPlain(uint16_t port, uint32_t count)
     command('C', port, count);
 }
 
-void PlayerProcess::connectStalled(uint16_t port)
+void PlayerProcess::connectStopped(uint16_t port, uint32_t count, bool standard)
 {
-    command('S', port, 1);
+    command('S', port, count, standard);
 }
 
-void PlayerProcess::waitUntilDrained()
+void PlayerProcess::waitUntilDrained(uint64_t bytes)
 {
-    command('D', 0, 0);
+    command('D', 0, bytes);
 }
 
 void PlayerProcess::disconnectAll()

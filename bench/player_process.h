@@ -9,18 +9,22 @@ class PlayerProcess {
     PlayerProcess(); // forks: make it before any thread runs
     ~PlayerProcess();
 
-    // Both return once all connections stand: players that play "live", or plain connections.
-    void connectPlayers(uint16_t port, uint32_t count);
+    // These return once all connections stand: players that play "live" (`standard`: they read what RTMP 1.0
+    // allows, not what the exact road sends), players of another server, whose answers are not waited for,
+    // and plain connections.
+    void connectPlayers(uint16_t port, uint32_t count, bool standard);
+    void connectRelayed(uint16_t port, uint32_t count);
     void connectPlain(uint16_t port, uint32_t count);
-    // A player that plays and then reads nothing more.
-    void connectStalled(uint16_t port);
+    // Players that play and then read nothing more.
+    void connectStopped(uint16_t port, uint32_t count, bool standard);
 
-    // Returns once every connection has read all of what will come without further writes.
-    void waitUntilDrained();
+    // Returns once at least `bytes` have come for all connections together since the last call, and no more
+    // come.
+    void waitUntilDrained(uint64_t bytes);
     void disconnectAll();
 
   private:
-    void command(char what, uint16_t port, uint32_t count);
+    void command(char what, uint16_t port, uint64_t count, bool standard = false);
     pid_t pid_;
     int socket_;
 };

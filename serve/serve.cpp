@@ -23,6 +23,14 @@ namespace {
 
 constexpr const char *kServe = "ServeRtmpClient";
 
+// What one round of the serve loop leads to.
+enum Round {
+    ROUND_AGAIN,
+    ROUND_ERROR,   // the connection is over: read or handshake failed
+    ROUND_DELETED, // the player sent deleteStream
+    ROUND_CLOSED,  // somebody else closed the client
+};
+
 // ReadWholeMessage reads chunks until one completes its message. `stored`: the receive list owns the packet.
 RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored)
 {
@@ -113,6 +121,29 @@ enum Round ServeMessage(RtmpClient *client)
         (void)FreeRecvPkt(client->Server, pkt); // no list owns it; a failure is logged
     }
     return ROUND_AGAIN;
+}
+
+enum Round ServeRound(RtmpClient *client)
+{
+    const uint32_t state = ClientStateOf(client);
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Serving RTMP Client: %p : %d\n", kServe,
+                 static_cast<void *>(client), static_cast<int>(state));
+    switch (state) {
+    case CLIENT_STATE_CLOSED:
+    case CLIENT_STATE_EXIT:
+        return ROUND_CLOSED;
+    case CLIENT_STATE_DELETESTREAM:
+        return ROUND_DELETED;
+    case CLIENT_STATE_INIT:
+        if (PerformHandshake(client) != 0) {
+            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Handshaking failed\n", kServe);
+            return ROUND_ERROR;
+        }
+        SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
+        return ROUND_AGAIN;
+    default:
+        return ServeMessage(client);
+    }
 }
 
 // DetachUnlessAwaited detaches the calling thread, unless RtmpSessionDestroy has said that it will join it.
@@ -218,29 +249,6 @@ void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 }
 
 } // namespace
-
-enum Round ServeRound(RtmpClient *client)
-{
-    const uint32_t state = ClientStateOf(client);
-    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Serving RTMP Client: %p : %d\n", kServe,
-                 static_cast<void *>(client), static_cast<int>(state));
-    switch (state) {
-    case CLIENT_STATE_CLOSED:
-    case CLIENT_STATE_EXIT:
-        return ROUND_CLOSED;
-    case CLIENT_STATE_DELETESTREAM:
-        return ROUND_DELETED;
-    case CLIENT_STATE_INIT:
-        if (PerformHandshake(client) != 0) {
-            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Handshaking failed\n", kServe);
-            return ROUND_ERROR;
-        }
-        SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
-        return ROUND_AGAIN;
-    default:
-        return ServeMessage(client);
-    }
-}
 
 void *ServeRtmpClient(void *argument)
 {

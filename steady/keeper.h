@@ -10,7 +10,6 @@ extern "C" {
 RTMP_STATUS int StartKeeper(SteadyService *service);
 void StopKeeper(SteadyService *service);
 
-// EndLines ends every connection that the library has accepted, all at once, admits nobody any more, and
-// returns when all have left and their descriptors are closed.
+// EndLines ends every line of the service, admits nobody any more, and returns when all have left.
 void EndLines(SteadyService *service);
 }

@@ -44,7 +44,4 @@ class FrameSource {
     {
         (void)bitrate;
     }
-
-    // The next picture is to be one that players can begin with. A file has those that it has.
-    virtual void makeKeyFrame() {}
 };

@@ -57,10 +57,4 @@ void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
     hostFunctions.bitrates.wish(hostContext, bitrate);
     writeLine("STATUS: %s: encode at %d bit/s\n", nameOf(hostContext), bitrate);
 }
-
-void rtmpKeyFrameWanted(RtmpSession *session)
-{
-    hostFunctions.keyFrameWanted = true;
-    writeLine("STATUS: %s: a player waits for a key frame\n", session->Name);
-}
 }

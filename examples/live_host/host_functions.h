@@ -9,7 +9,6 @@ struct HostFunctions {
     Console *console = nullptr;
     Counters *counters = nullptr;
     BitrateWishes bitrates;
-    bool keyFrameWanted = false; // by a player; the thread's that sends
 };
 
 // The library's host functions are plain C: there is one set for the process.
