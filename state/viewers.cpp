@@ -1,5 +1,6 @@
 #include "state/viewers.h"
 
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/record.h"
@@ -29,10 +30,10 @@ RtmpViewer ViewerOf(RtmpClient *client)
     viewer.Server = client->Server;
     viewer.Client = client;
     viewer.Session = client->Session;
-    viewer.App = TextOrNone(client->Line->App);
-    viewer.TcUrl = TextOrNone(client->Line->TcUrl);
+    viewer.App = TextOrNone(client->Line != nullptr ? client->Line->App : nullptr);
+    viewer.TcUrl = TextOrNone(client->Line != nullptr ? client->Line->TcUrl : nullptr);
     viewer.Stream = TextOrNone(client->StreamName);
-    FillClientFigures(client->Line, &viewer.Figures);
+    FillClientFigures(client, &viewer.Figures);
     return viewer;
 }
 
@@ -99,7 +100,8 @@ int AdmitConnect(RtmpClient *client, const AmfObject *properties)
 
 int AdmitPlay(RtmpClient *client)
 {
-    if (!IsAnnounced(client) || Ask(rtmpViewerPlays, client) == 0) {
+    // Also about one that was accepted before the server took the steady road: nobody plays unasked.
+    if (LoadShared(&client->Server->Service) == nullptr || Ask(rtmpViewerPlays, client) == 0) {
         return 0;
     }
     RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: The host refuses the play of %s\n",

@@ -14,7 +14,8 @@ RTMP_STATUS int AdmitViewer(RtmpClient *client);
 // refused, or no memory (logged). A repeated "connect" changes nothing.
 RTMP_STATUS int AdmitConnect(RtmpClient *client, const AmfObject *properties);
 
-// AdmitPlay asks the host about the stream that the client's StreamName names. 0; -1: refused (logged).
+// AdmitPlay asks the host of a server on the steady road about the stream that the client's StreamName names,
+// announced or not. 0; -1: refused (logged).
 RTMP_STATUS int AdmitPlay(RtmpClient *client);
 
 // ViewerLeft tells the host, once, that an announced client is going. Its line, and its session, are still

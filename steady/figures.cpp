@@ -30,8 +30,12 @@ uint32_t RoundTripOf(const RtmpClient *client)
     return info.tcpi_rtt;
 }
 
-void FillWhatWaits(const SteadyLine *line, RtmpClientFigures *figures)
+void FillFromLine(const SteadyLine *line, RtmpClientFigures *figures)
 {
+    figures->Bytes = LoadShared(&line->BytesOut);
+    figures->Frames = LoadShared(&line->FramesOut);
+    figures->DroppedFrames = LoadShared(&line->FramesDropped);
+    figures->Restarts = LoadShared(&line->Restarts);
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
     const SteadyBehind behind = BehindOf(line);
     figures->LagMilliseconds = behind.Milliseconds;
@@ -75,21 +79,18 @@ void AddRing(SteadyStream *stream, RtmpSessionFigures *figures)
 
 } // namespace
 
-void FillClientFigures(const SteadyLine *line, RtmpClientFigures *figures)
+void FillClientFigures(RtmpClient *client, RtmpClientFigures *figures)
 {
-    const RtmpClient *client = line->Client;
     *figures = {};
     strncpy(figures->Address, client->ClientIP, sizeof figures->Address - 1);
     figures->Port = ntohs(client->Port);
     figures->IsTls = client->Tls != nullptr ? 1 : 0;
     figures->State = ClientStateOf(client);
-    figures->Milliseconds = static_cast<uint32_t>(RtmpGetSystemTime() - line->Since);
-    figures->Bytes = LoadShared(&line->BytesOut);
-    figures->Frames = LoadShared(&line->FramesOut);
-    figures->DroppedFrames = LoadShared(&line->FramesDropped);
-    figures->Restarts = LoadShared(&line->Restarts);
+    figures->Milliseconds = static_cast<uint32_t>(RtmpGetSystemTime() - client->CreateTime);
     figures->RoundTripMicros = RoundTripOf(client);
-    FillWhatWaits(line, figures);
+    if (client->Line != nullptr) {
+        FillFromLine(client->Line, figures);
+    }
 }
 
 uint32_t FillFiguresOfPlayers(SteadyStream *stream, RtmpClientFigures *clients, uint32_t most)
@@ -98,7 +99,7 @@ uint32_t FillFiguresOfPlayers(SteadyStream *stream, RtmpClientFigures *clients, 
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
     for (const SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer, count++) {
         if (count < most) {
-            FillClientFigures(line, &clients[count]);
+            FillClientFigures(line->Client, &clients[count]);
         }
     }
     return count;

@@ -11,6 +11,13 @@ void Console::say(const std::string &text)
     print(stdout, text + "\n");
 }
 
+void Console::note(const std::string &text)
+{
+    if (maxLevel_ >= 0) {
+        say(text);
+    }
+}
+
 void Console::warn(const std::string &text)
 {
     print(stderr, "live_host: warning: " + text + "\n");

@@ -11,6 +11,7 @@ class Console {
     explicit Console(int maxLevel); // the least urgent syslog priority that lineOfTheLibrary shows; -1: none
 
     void say(const std::string &text);  // standard output
+    void note(const std::string &text); // the same, unless nothing of the library's is shown
     void warn(const std::string &text); // standard error, as the next two
     void fail(const std::string &text);
     void lineOfTheLibrary(int level, const char *format, va_list arguments);

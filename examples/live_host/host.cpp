@@ -24,6 +24,17 @@ std::string whyNoServer(int code, const Options &options)
     }
 }
 
+std::string whyNotSteady(int code, const Options &options)
+{
+    switch (code) {
+    case RTMP_ERR_BIND:
+    case RTMP_ERR_LISTEN:
+        return "port " + std::to_string(options.rtmpsPort) + " is taken, or needs privileges";
+    default:
+        return "the steady road cannot be taken (code " + std::to_string(code) + ")";
+    }
+}
+
 std::string whyNoMedia(int code)
 {
     switch (code) {
@@ -38,8 +49,9 @@ std::string whyNoMedia(int code)
 
 } // namespace
 
-Host::Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters)
-    : console_(console), logger_{writeLine, this}, counters_(counters)
+Host::Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters,
+           SessionWatch &watch)
+    : console_(console), logger_{writeLine, this}, counters_(counters), watch_(watch)
 {
     if (options.zeroCopy) {
         memory_ = std::make_unique<MemoryFile>(size_t{options.zeroCopyMib} << 20);
@@ -52,17 +64,36 @@ Host::Host(const Options &options, const MediaDescription &media, Console &conso
     if (server_ == nullptr) {
         throw HostError(whyNoServer(code, options));
     }
-    (void)RtmpPlayerSettings(server_, options.players);
-    if (options.sendBuffer != 0 && options.rtmpPort != 0) {
-        setSendBuffer(options.sendBuffer);
-    }
     try {
+        prepareServer(options);
         for (const std::string &name : options.sessions) {
             addSession(name, options, media);
         }
     } catch (const HostError &) {
         destroyAll();
         throw;
+    }
+}
+
+// Whoever connects before the sessions are there finds no stream.
+void Host::prepareServer(const Options &options)
+{
+    (void)RtmpPlayerSettings(server_, options.players); // of a server: nothing fails
+    if (options.sendBuffer != 0 && options.rtmpPort != 0) {
+        setSendBuffer(options.sendBuffer);
+    }
+    if (!options.exact) {
+        takeSteadyRoad(options);
+    }
+}
+
+void Host::takeSteadyRoad(const Options &options)
+{
+    RtmpServiceLimits limits = {}; // the defaults
+    limits.TlsPort = static_cast<uint16_t>(options.rtmpsPort);
+    const int code = RtmpServiceSettings(server_, &limits);
+    if (code != RTMP_OK) {
+        throw HostError(whyNotSteady(code, options));
     }
 }
 
@@ -129,6 +160,9 @@ void Host::addSession(const std::string &name, const Options &options, const Med
                             media.audioConfig.empty() ? nullptr : &audio);
     if (code != RTMP_OK) {
         throw HostError("session '" + name + "': " + whyNoMedia(code));
+    }
+    if (!options.exact) {
+        watch_.add(name, session);
     }
 }
 
@@ -202,6 +236,7 @@ void Host::count(int32_t status, size_t bytes)
 
 void Host::destroyAll()
 {
+    watch_.clear();
     for (RtmpSession *session : sessions_) {
         const int code = RtmpSessionDestroy(session);
         if (code != RTMP_OK) {

@@ -5,6 +5,7 @@
 #include "frame_source.h"
 #include "memory_file.h"
 #include "options.h"
+#include "session_watch.h"
 
 #include <rtmpcast/rtmpcast.h>
 
@@ -36,7 +37,8 @@ class HostError : public std::runtime_error {
 class Host {
   public:
     // Opens the listeners and makes every session. Throws HostError.
-    Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters);
+    Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters,
+         SessionWatch &watch);
 
     // Ends the sessions, then the server.
     ~Host();
@@ -48,6 +50,8 @@ class Host {
 
   private:
     static void writeLine(void *host, uint8_t level, const char *format, va_list arguments);
+    void prepareServer(const Options &options);
+    void takeSteadyRoad(const Options &options);
     void setSendBuffer(uint32_t kib);
     void addSession(const std::string &name, const Options &options, const MediaDescription &media);
     void applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory);
@@ -61,5 +65,6 @@ class Host {
     std::vector<RtmpSession *> sessions_;
     std::unique_ptr<MemoryFile> memory_; // null: frames are copied
     Counters &counters_;
+    SessionWatch &watch_;                   // of the sessions that are on the steady road
     std::atomic<bool> senderEnded_ = false; // set on the sender thread, seen on the sending one
 };

@@ -1,5 +1,7 @@
 #include "host_functions.h"
 
+#include "viewers.h"
+
 #include <rtmpcast/rtmpcast.h>
 
 #include <cstdarg>
@@ -19,6 +21,14 @@ void RTMP_PRINTF(1, 2) writeLine(const char *format, ...)
     va_start(arguments, format);
     hostFunctions.console->lineOfTheLibrary(RTMP_LOG_INFO, format, arguments);
     va_end(arguments);
+}
+
+// Who comes and goes is said unless nothing is to be said; and only of those that asked for a stream.
+void sayOf(const std::string &text)
+{
+    if (hostFunctions.console != nullptr) {
+        hostFunctions.console->note(text);
+    }
 }
 
 const char *nameOf(void *session)
@@ -56,5 +66,35 @@ void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
 {
     hostFunctions.bitrates.wish(hostContext, bitrate);
     writeLine("STATUS: %s: encode at %d bit/s\n", nameOf(hostContext), bitrate);
+}
+
+// The whole name with its query is the player's; whether there is such a stream, the library looks itself.
+int32_t rtmpViewerPlays(const RtmpViewer *viewer)
+{
+    const bool mayWatch = hostFunctions.token.empty() || hasToken(viewer->Stream, hostFunctions.token);
+    sayOf(mayWatch ? joins(*viewer) : isRefused(*viewer));
+    return mayWatch ? 0 : -1;
+}
+
+void rtmpViewerLeft(const RtmpViewer *viewer)
+{
+    if (viewer->Session != nullptr) {
+        sayOf(leaves(*viewer));
+    }
+}
+
+struct ssl_st *rtmpTlsAccept(RtmpServer *, int fd, const char *address)
+{
+    std::string why = "there is no certificate";
+    struct ssl_st *tls = hostFunctions.tls != nullptr ? hostFunctions.tls->accept(fd, why) : nullptr;
+    if (tls == nullptr) {
+        sayOf("viewer over TLS " + std::string(address) + " fails in its handshake: " + why);
+    }
+    return tls;
+}
+
+void rtmpTlsEnd(struct ssl_st *tls)
+{
+    TlsContext::end(tls);
 }
 }

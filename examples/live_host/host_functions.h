@@ -4,11 +4,14 @@
 #include "bitrate_wishes.h"
 #include "console.h"
 #include "host.h"
+#include "tls_context.h"
 
 struct HostFunctions {
     Console *console = nullptr;
     Counters *counters = nullptr;
     BitrateWishes bitrates;
+    TlsContext *tls = nullptr; // null: no viewers over TLS
+    std::string token;         // what viewers must bring; empty: nothing
 };
 
 // The library's host functions are plain C: there is one set for the process.

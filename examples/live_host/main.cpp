@@ -7,8 +7,10 @@
 #include "media_file.h"
 #include "options.h"
 #include "pacer.h"
+#include "session_watch.h"
 #include "supervisor.h"
 #include "test_pattern.h"
+#include "tls_context.h"
 
 #include <cstdio>
 #include <exception>
@@ -66,20 +68,41 @@ std::unique_ptr<FrameSource> openSource(const Options &options)
     return std::make_unique<MediaFile>(options.input.empty() ? LIVE_HOST_CLIP : options.input);
 }
 
+std::unique_ptr<TlsContext> makeTls(const Options &options)
+{
+    return options.rtmpsPort != 0 ? std::make_unique<TlsContext>(options.tlsCertificate, options.tlsKey)
+                                  : nullptr;
+}
+
+std::unique_ptr<LineFile> openStats(const Options &options)
+{
+    return options.statsFile.empty() ? nullptr : std::make_unique<LineFile>(options.statsFile);
+}
+
+void announce(const Options &options, const std::string &scheme, uint32_t port, const std::string &session,
+              Console &console)
+{
+    if (port == 0) {
+        return;
+    }
+    const std::string where = options.interfaceName == "lo" ? "127.0.0.1" : "HOST";
+    const std::string query = options.token.empty() ? "" : "?token=" + options.token;
+    console.say("serving " + scheme + "://" + where + ":" + std::to_string(port) + "/live/" + session +
+                query);
+}
+
 void introduce(const Options &options, const MediaDescription &media, Console &console)
 {
     console.say(media.summary);
     for (const std::string &warning : media.warnings) {
         console.warn(warning);
     }
-    if (options.rtmpPort == 0) {
+    if (options.rtmpPort == 0 && options.rtmpsPort == 0) {
         console.warn("--rtmp-port 0: there is no RTMP listener, and nobody can watch");
     }
-    const std::string where = options.interfaceName == "lo" ? "127.0.0.1" : "HOST";
     for (const std::string &name : options.sessions) {
-        if (options.rtmpPort != 0) {
-            console.say("serving rtmp://" + where + ":" + std::to_string(options.rtmpPort) + "/live/" + name);
-        }
+        announce(options, "rtmp", options.rtmpPort, name, console);
+        announce(options, "rtmps", options.rtmpsPort, name, console);
     }
 }
 
@@ -109,9 +132,14 @@ void serve(const Options &options, Console &console)
     StopFlag stop;
     Counters counters;
     hostFunctions.counters = &counters;
-    Supervisor supervisor(options, counters, console, stop);
+    hostFunctions.token = options.token;
+    const std::unique_ptr<TlsContext> tls = makeTls(options);
+    hostFunctions.tls = tls.get();
+    const std::unique_ptr<LineFile> stats = openStats(options);
+    SessionWatch watch;
+    Supervisor supervisor(options, counters, watch, stats.get(), console, stop);
     const std::unique_ptr<FrameSource> source = openSource(options);
-    Host host(options, source->description(), console, counters);
+    Host host(options, source->description(), console, counters, watch);
     introduce(options, source->description(), console);
     try {
         sendFrames(*source, host, console, counters, stop);

@@ -1,298 +1,13 @@
 #include "options.h"
 
+#include "option_table.h"
+
 #include <rtmpcast/types.h>
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cstdio>
 #include <span>
-#include <string_view>
 
 namespace {
-
-struct Option {
-    const char *name;
-    const char *argument; // what the help calls it; null: a switch
-    const char *help;
-    void (*apply)(Options &options, const Option &self, const std::string &value);
-    uint32_t low = 0; // of numbers
-    uint32_t high = UINT32_MAX;
-};
-
-[[noreturn]] void refuse(const Option &option, const std::string &value, const std::string &wanted)
-{
-    throw OptionError(std::string(option.name) + ": '" + value + "' is not " + wanted);
-}
-
-uint32_t readNumber(const Option &option, const std::string &value)
-{
-    uint32_t number = 0;
-    const char *end = value.data() + value.size();
-    const std::from_chars_result read = std::from_chars(value.data(), end, number);
-    if (value.empty() || read.ec != std::errc() || read.ptr != end || number < option.low ||
-        number > option.high) {
-        refuse(option, value,
-               "a number from " + std::to_string(option.low) + " to " + std::to_string(option.high));
-    }
-    return number;
-}
-
-// number<&Options::rtmpPort>, number<&Options::sender, &SenderOptions::flag>: a number into that field.
-template <auto Field> void number(Options &options, const Option &self, const std::string &value)
-{
-    options.*Field = readNumber(self, value);
-}
-
-template <auto Group, auto Field> void number(Options &options, const Option &self, const std::string &value)
-{
-    options.*Group.*Field = readNumber(self, value);
-}
-
-// A field of AdaptiveOptions; naming one switches the controller on.
-template <auto Field> void adaptive(Options &options, const Option &self, const std::string &value)
-{
-    options.adaptive.enabled = true;
-    options.adaptive.*Field = readNumber(self, value);
-}
-
-// A field of EncodeOptions.
-template <auto Field> void encode(Options &options, const Option &self, const std::string &value)
-{
-    options.encode.*Field = readNumber(self, value);
-    options.encode.firstOption = self.name;
-}
-
-template <auto Field> void text(Options &options, const Option &self, const std::string &value)
-{
-    if (value.empty()) {
-        refuse(self, value, "a name");
-    }
-    options.*Field = value;
-}
-
-template <auto Field> void turnOn(Options &options, const Option &, const std::string &)
-{
-    options.*Field = true;
-}
-
-template <auto Group, auto Field> void turnOn(Options &options, const Option &, const std::string &)
-{
-    options.*Group.*Field = true;
-}
-
-void addSession(Options &options, const Option &self, const std::string &value)
-{
-    if (value.empty()) {
-        refuse(self, value, "a name");
-    }
-    if (std::ranges::find(options.sessions, value) != options.sessions.end()) {
-        throw OptionError("--session: '" + value + "' is given twice");
-    }
-    options.sessions.push_back(value);
-}
-
-void chooseSender(Options &options, const Option &self, const std::string &value)
-{
-    if (value != "monitor" && value != "threaded") {
-        refuse(self, value, "monitor or threaded");
-    }
-    options.sender.mode = value == "threaded" ? RTMP_SENDER_THREADED : 0;
-}
-
-void chooseLogLevel(Options &options, const Option &self, const std::string &value)
-{
-    if (value == "quiet") {
-        options.logLevel = LogLevel::Quiet;
-    } else if (value == "error") {
-        options.logLevel = LogLevel::Error;
-    } else if (value == "info") {
-        options.logLevel = LogLevel::Info;
-    } else {
-        refuse(self, value, "quiet, error or info");
-    }
-}
-
-struct PlayerName {
-    std::string_view name;
-    uint32_t flags;
-};
-
-constexpr PlayerName kPlayerNames[] = {
-    {"all", RTMP_PLAYERS_ALL},
-    {"none", RTMP_PLAYERS_EXACT},
-    {"commands", RTMP_PLAYERS_COMMANDS},
-    {"handshake", RTMP_PLAYERS_HANDSHAKE},
-    {"version", RTMP_PLAYERS_VERSION},
-    {"description", RTMP_PLAYERS_DESCRIPTION},
-    {"timeline", RTMP_PLAYERS_TIMELINE},
-    {"chunks-in", RTMP_PLAYERS_CHUNKS_IN},
-    {"chunks-out", RTMP_PLAYERS_CHUNKS_OUT},
-    {"connect", RTMP_PLAYERS_CONNECT},
-    {"stream-name", RTMP_PLAYERS_STREAM_NAME},
-    {"key-frame", RTMP_PLAYERS_KEY_FRAME},
-    {"acknowledge", RTMP_PLAYERS_ACKNOWLEDGE},
-};
-
-uint32_t playerFlags(const Option &option, std::string_view name)
-{
-    const PlayerName *found = std::ranges::find(kPlayerNames, name, &PlayerName::name);
-    if (found == std::end(kPlayerNames)) {
-        refuse(option, std::string(name), "a rule: see live_host --help");
-    }
-    return found->flags;
-}
-
-// "handshake,version" as the sum of their flags.
-void choosePlayers(Options &options, const Option &self, const std::string &value)
-{
-    options.players = 0;
-    options.playersChosen = true;
-    size_t begin = 0;
-    for (size_t comma = 0; comma != std::string::npos; begin = comma + 1) {
-        comma = value.find(',', begin);
-        options.players |= playerFlags(self, std::string_view(value).substr(begin, comma - begin));
-    }
-}
-
-// "640x360" as two even numbers.
-void setSize(Options &options, const Option &self, const std::string &value)
-{
-    unsigned width = 0;
-    unsigned height = 0;
-    int end = 0;
-    const bool read = !value.empty() && isdigit(static_cast<unsigned char>(value[0])) != 0 &&
-                      sscanf(value.c_str(), "%5ux%5u%n", &width, &height, &end) == 2 &&
-                      static_cast<size_t>(end) == value.size();
-    const auto fits = [](unsigned length) { return length >= 64 && length <= 4096 && length % 2 == 0; };
-    if (!read || !fits(width) || !fits(height)) {
-        refuse(self, value, "WxH with even numbers from 64 to 4096");
-    }
-    options.encode.width = width;
-    options.encode.height = height;
-    options.encode.firstOption = self.name;
-}
-
-void setPreset(Options &options, const Option &self, const std::string &value)
-{
-    constexpr const char *kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",   "fast",
-                                        "medium",    "slow",      "slower",   "veryslow", "placebo"};
-    if (std::ranges::find(kPresets, value) == std::end(kPresets)) {
-        refuse(self, value, "one of x264's presets");
-    }
-    options.encode.preset = value;
-    options.encode.firstOption = self.name;
-}
-
-void setTraceDirectory(Options &options, const Option &self, const std::string &value)
-{
-    // The library cuts longer paths, and the name of the trace with them.
-    constexpr size_t kLongest = 100;
-    if (value.empty() || value.size() > kLongest) {
-        refuse(self, value, "a directory of 1 to " + std::to_string(kLongest) + " bytes");
-    }
-    options.trace.directory = value;
-}
-
-using S = SenderOptions;
-using A = AdaptiveOptions;
-using E = EncodeOptions;
-
-constexpr Option kOptions[] = {
-    {nullptr, nullptr, "What is served", nullptr},
-    {"--input", "FILE", "MP4, MKV, FLV or MPEG-TS with H.264, AAC or both (a test clip)",
-     text<&Options::input>},
-    {"--session", "NAME", "a stream of this name; repeat it for more (stream)", addSession},
-    {"--video-bitrate", "BITS", "announce this rate, bit/s (what the file says); see --encode",
-     number<&Options::videoBitrate>, 0, INT32_MAX},
-    {"--duration", "SECONDS", "stop after this long (0: on SIGINT or SIGTERM)", number<&Options::duration>},
-
-    {nullptr, nullptr, "Encoding here: x264 and AAC, no B-frames, a key frame a second", nullptr},
-    {"--encode", nullptr, "a test pattern with a clock and a tone, or --input decoded;",
-     turnOn<&Options::encode, &E::enabled>},
-    {"", nullptr, "--video-bitrate is what it starts with and never exceeds (4000000)", nullptr},
-    {"--size", "WxH", "of the pictures, even (1280x720, or the input's)", setSize},
-    {"--frame-rate", "N", "pictures per second (30, or the input's)", encode<&E::frameRate>, 1, 120},
-    {"--preset", "NAME", "x264's, from ultrafast to placebo (superfast)", setPreset},
-    {"--audio-bitrate", "BITS", "bit/s (96000)", encode<&E::audioBitrate>, 16'000, 512'000},
-
-    {nullptr, nullptr, "Where", nullptr},
-    {"--interface", "NAME", "network interface, such as lo or eth0 (any: all of them)",
-     text<&Options::interfaceName>},
-    {"--rtmp-port", "PORT", "(1935; 0: none)", number<&Options::rtmpPort>, 0, 65535},
-    {"--rtmpt-port", "PORT", "(0: none) accepts connections and serves no tunnel",
-     number<&Options::rtmptPort>, 0, 65535},
-    {"--dscp", "0-63", "differentiated services code point (0)", number<&Options::dscp>, 0, 63},
-    {"--chunk-size", "BYTES", "payload per outgoing chunk (4096)", number<&Options::chunkSize>, 1, 0xFFFFFF},
-
-    {nullptr, nullptr,
-     "Who may watch: ffmpeg, VLC, GStreamer and every other player of today, unless said here", nullptr},
-    {"--exact", nullptr, "the library's default: only players which sign their handshake and send",
-     turnOn<&Options::exact>},
-    {"", nullptr, "nothing that it does not know", nullptr},
-    {"--players", "LIST", "like --exact, but for these rules: commands, handshake, version,", choosePlayers},
-    {"", nullptr, "description, timeline, chunks-in, chunks-out, connect, stream-name,", nullptr},
-    {"", nullptr, "key-frame, acknowledge, all or none, with commas between them (all)", nullptr},
-
-    {nullptr, nullptr, "How frames leave", nullptr},
-    {"--sender", "WHICH", "monitor: on the host's thread; threaded: on a sender thread (monitor)",
-     chooseSender},
-    {"--audio-queue", "FRAMES", "threaded sender's audio ring (240)",
-     number<&Options::sender, &S::audioQueue>, 1, 1000000},
-    {"--video-queue", "FRAMES", "threaded sender's video ring (120)",
-     number<&Options::sender, &S::videoQueue>, 1, 1000000},
-    {"--send-buffer", "KIB", "the kernel's, for each player (0: its choice, up to megabytes, which hide a",
-     number<&Options::sendBuffer>, 0, 65536},
-    {"", nullptr, "slow link for long: a controller sees it late)", nullptr},
-    {"--zero-copy", nullptr, "put frames in a memory file and send them with sendfile",
-     turnOn<&Options::zeroCopy>},
-    {"--zero-copy-mib", "MIB", "size of that file: all that queues and sockets hold, and more (64)",
-     number<&Options::zeroCopyMib>, 8, 4096},
-    {"--sender-param", "N", "stored by the library (0)", number<&Options::sender, &S::param>},
-    {"--sender-flag", "N", "stored by the library (0)", number<&Options::sender, &S::flag>, 0, 255},
-    {"--encoder-handle", "N", "the monitor warns about 0 (1)", number<&Options::sender, &S::encoderHandle>},
-    {"--caption-mode", "N", "0: in the video; 1: message to the first player; 2: none (0)",
-     number<&Options::sender, &S::captionMode>, 0, 255},
-
-    {nullptr, nullptr, "What is measured", nullptr},
-    {"--stats-interval", "SECONDS", "between the monitor's bandwidth reports (5)",
-     number<&Options::sender, &S::statsInterval>},
-    {"--bandwidth-window", "FRAMES", "threaded sender's bandwidth monitor over so many frames (0: none)",
-     number<&Options::bandwidthWindow>, 0, 1000000},
-    {"--trace-dir", "DIR", "threaded sender writes debug-<time>.csv here (several sessions: in",
-     setTraceDirectory},
-    {"", nullptr, "DIR/1, DIR/2, ...); the status line then shows the queue", nullptr},
-    {"--trace-every", "FRAMES", "video frames between its lines (30)",
-     number<&Options::trace, &TraceOptions::every>},
-    {"--burn-in", nullptr, "format the burn-in texts too", turnOn<&Options::trace, &TraceOptions::burnIn>},
-
-    {nullptr, nullptr, "Adaptive bitrate of the threaded sender; 0 is the library's default", nullptr},
-    {"--adaptive", nullptr, "switch it on; so does each of these", turnOn<&Options::adaptive, &A::enabled>},
-    {"--abr-min-bitrate", "BITS", "never ask for less, bit/s (0)", adaptive<&A::minBitrate>, 0, INT32_MAX},
-    {"--abr-start-delay", "MS", "before the first decision (5000)", adaptive<&A::startDelay>},
-    {"--abr-increase-fullness", "PERCENT", "raise only below this fullness (200)",
-     adaptive<&A::increaseFullness>},
-    {"--abr-increase-percent", "PERCENT", "of the headroom per raise (10)", adaptive<&A::increasePercent>},
-    {"--abr-increase-min-step", "BITS", "smallest raise (10000)", adaptive<&A::increaseMinStep>},
-    {"--abr-increase-interval", "SECONDS", "more than this before a raise (10)",
-     adaptive<&A::increaseInterval>},
-    {"--abr-decrease-fullness", "PERCENT", "lower only above this fullness (500)",
-     adaptive<&A::decreaseFullness>},
-    {"--abr-decrease-percent", "PERCENT", "how far towards the measured rate (50)",
-     adaptive<&A::decreasePercent>},
-    {"--abr-decrease-fullness-high", "PERCENT", "above this the next gain counts (1000)",
-     adaptive<&A::decreaseFullnessHigh>},
-    {"--abr-decrease-percent-high", "PERCENT", "the gain above it (110)", adaptive<&A::decreasePercentHigh>},
-    {"--abr-decrease-interval", "SECONDS", "more than this between lowerings (1)",
-     adaptive<&A::decreaseInterval>},
-    {"--abr-reserved-1", "N", "ignored by the library (0)", adaptive<&A::reserved1>},
-    {"--abr-reserved-2", "N", "ignored by the library (0)", adaptive<&A::reserved2>},
-    {"--abr-reserved-3", "N", "stored by the library (10)", adaptive<&A::reserved3>},
-
-    {nullptr, nullptr, "What is said", nullptr},
-    {"--log-level", "LEVEL", "the library's lines: quiet, error or info (error)", chooseLogLevel},
-    {"--help", nullptr, "this text", turnOn<&Options::help>},
-};
 
 constexpr const char *kHelpEnd = R"(
 Lowering the bitrate: fullness is the share of the video ring that is taken, so it never exceeds 100, and the
@@ -304,21 +19,28 @@ library's defaults (lower above 500, raise below 200) only ever raise. To lower,
     --abr-decrease-fullness-high 30 --abr-decrease-percent-high 150
 Several sessions share one encoder: it follows the lowest of their wishes. A file cannot follow.
 
-The status line: what the library took (in), what it measured (out), what the encoder was told (target); with
---trace-dir the video ring as the last traced frame left it, and every frame dropped. Without a trace the
-library tells of flushed rings only in its log: they are counted as flushes.
+The status line: what the library took (in), what all viewers together were sent (out; with --exact what the
+library measured), what the encoder was told (target), frames that a viewer which fell behind did not get
+(dropped), how far the slowest viewer that makes progress is behind (lag). With --trace-dir also the video ring as
+the last traced frame left it. With --exact every frame dropped is in the trace alone; without one the library
+tells of flushed rings only in its log: they are counted as flushes.
 
 Watch it:
   ffplay rtmp://127.0.0.1:1935/live/stream
+Over TLS, with a certificate of one's own:
+  openssl req -x509 -newkey rsa:2048 -nodes -days 365 -subj /CN=live -keyout key.pem -out cert.pem
+  live_host --rtmps-port 4433 --tls-cert cert.pem --tls-key key.pem
+  ffplay rtmps://127.0.0.1:4433/live/stream
 With --exact, a player that signs its handshake:
   rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -
 )";
 
 const Option &findOption(const std::string &name)
 {
-    const Option *found = std::ranges::find_if(
-        kOptions, [&name](const Option &option) { return option.apply != nullptr && name == option.name; });
-    if (found == std::end(kOptions)) {
+    const std::span<const Option> table = optionTable();
+    const auto found = std::ranges::find_if(
+        table, [&name](const Option &option) { return option.apply != nullptr && name == option.name; });
+    if (found == table.end()) {
         throw OptionError("unknown option '" + name + "'");
     }
     return *found;
@@ -343,13 +65,46 @@ void checkEncoding(Options &options)
     }
 }
 
+void checkPorts(const Options &options)
+{
+    if (options.rtmpPort != 0 && options.rtmpPort == options.rtmptPort) {
+        throw OptionError("--rtmp-port and --rtmpt-port are the same port");
+    }
+    if (options.rtmpsPort != 0 &&
+        (options.rtmpsPort == options.rtmpPort || options.rtmpsPort == options.rtmptPort)) {
+        throw OptionError("--rtmps-port is the port of another listener");
+    }
+    if (options.rtmpsPort != 0 && (options.tlsCertificate.empty() || options.tlsKey.empty())) {
+        throw OptionError("--rtmps-port needs --tls-cert and --tls-key");
+    }
+    if (options.rtmpsPort == 0 && (!options.tlsCertificate.empty() || !options.tlsKey.empty())) {
+        throw OptionError("--tls-cert and --tls-key need --rtmps-port");
+    }
+}
+
+// What only the steady road has; and whom it serves.
+void checkRoad(Options &options)
+{
+    if (options.exact && options.playersChosen) {
+        throw OptionError("--exact and --players exclude each other");
+    }
+    if (options.exact && (!options.token.empty() || options.rtmpsPort != 0 || !options.statsFile.empty())) {
+        throw OptionError("--token, --rtmps-port and --stats-json are not for --exact");
+    }
+    if (!options.token.empty() && (options.players & RTMP_PLAYERS_STREAM_NAME) == 0) {
+        throw OptionError("--token needs the rule stream-name among --players");
+    }
+    if (options.exact) {
+        options.players = RTMP_PLAYERS_EXACT;
+    }
+}
+
 // What belongs together, or does not.
 void checkTogether(Options &options)
 {
     checkEncoding(options);
-    if (options.rtmpPort != 0 && options.rtmpPort == options.rtmptPort) {
-        throw OptionError("--rtmp-port and --rtmpt-port are the same port");
-    }
+    checkPorts(options);
+    checkRoad(options);
     const bool threaded = options.sender.mode == RTMP_SENDER_THREADED;
     if (!threaded && options.bandwidthWindow != 0) {
         throw OptionError("--bandwidth-window needs --sender threaded");
@@ -362,12 +117,6 @@ void checkTogether(Options &options)
     }
     if (!threaded && options.adaptive.enabled) {
         throw OptionError("--adaptive and --abr-... need --sender threaded");
-    }
-    if (options.exact && options.playersChosen) {
-        throw OptionError("--exact and --players exclude each other");
-    }
-    if (options.exact) {
-        options.players = RTMP_PLAYERS_EXACT;
     }
     if (options.sessions.empty()) {
         options.sessions.push_back("stream");
@@ -408,7 +157,7 @@ std::string helpText()
         "live_host serves a media file, or what it encodes itself, as live RTMP streams, in real "
         "time and on and on.\n\n"
         "Usage: live_host [options]      defaults in parentheses\n";
-    for (const Option &option : kOptions) {
+    for (const Option &option : optionTable()) {
         if (option.name == nullptr) {
             out.append("\n").append(option.help).append("\n");
             continue;

@@ -69,7 +69,13 @@ struct Options {
     uint32_t sendBuffer = 0;             // KiB of the kernel's for each player; 0: the kernel's choice
     uint32_t players = RTMP_PLAYERS_ALL; // the argument of RtmpPlayerSettings
     bool playersChosen = false;
-    bool exact = false;
+    bool exact = false; // the library's default road, and its default players
+
+    std::string token;      // what viewers must bring; empty: nothing
+    uint32_t rtmpsPort = 0; // of viewers over TLS; 0: none
+    std::string tlsCertificate;
+    std::string tlsKey;
+    std::string statsFile; // empty: none
 
     std::vector<std::string> sessions; // never empty once parsed
     std::string input;                 // empty: the clip beside the program's sources

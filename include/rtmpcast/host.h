@@ -230,15 +230,16 @@ RTMP_HOST void rtmpTlsEnd(struct ssl_st *tls);
 
 /**
  * rtmpViewerAccepted, rtmpViewerConnects and rtmpViewerPlays tell of a viewer on its way, and ask whether it
- * may go on; rtmpViewerLeft tells that it has left. Only connections that the library accepts on the steady
- * road, after RtmpServiceSettings, are told of.
+ * may go on; rtmpViewerLeft tells that it has left. Told of are the connections that the library accepts on
+ * the steady road (RtmpServiceSettings).
  *
  *   - rtmpViewerAccepted: the connection is there, and counts as a client; nothing has been read from it, and
  *     TLS has not begun. Refused: it is closed.
  *   - rtmpViewerConnects: "connect" named the application, and passes the library's own rules. Refused: it is
  *     answered with "_error", NetConnection.Connect.Rejected, and the connection ends.
- *   - rtmpViewerPlays: "play" named a stream, which has not been looked up yet. Called for every "play", and
- *     also where no stream of that name exists. Refused: the player is answered as if there were none
+ *   - rtmpViewerPlays: "play" named a stream, which has not been looked up yet. Called for every "play", also
+ *     where no stream of that name exists, and for every connection, also one that was there before
+ *     RtmpServiceSettings and is told of nowhere else. Refused: the player is answered as if there were none
  *     (NetStream.Play.StreamNotFound), so that strangers do not learn names, and the connection ends.
  *   - rtmpViewerLeft: called exactly once for each rtmpViewerAccepted, whatever it answered and however the
  *     connection ended. Figures is what the viewer got; Session still exists.
