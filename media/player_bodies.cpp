@@ -1,8 +1,9 @@
 #include "media/player_bodies.h"
 
-#include "amf/ecma_array.h"
+#include "amf/value_writer.h"
 #include "media/parameter_sets.h"
 #include "media/sequence_parameters.h"
+#include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/player_rules.h"
@@ -10,8 +11,6 @@
 
 namespace {
 
-constexpr char kOnMetaData[] = "onMetaData";
-constexpr uint64_t kMetadataRoom = 512; // all members together take half of it
 constexpr uint32_t kRecordExtensionLen = 4;
 
 // Channels by channelConfiguration (ISO/IEC 14496-3, table 1.19); 0: not known from it.
@@ -29,7 +28,7 @@ bool ReadRegisteredSps(RtmpSession *session, SequenceParameters *out)
 }
 
 // The size of a broken SPS is the exact reader's.
-void PutVideoMembers(EcmaArray *array, RtmpSession *session, const VdCodecInfo *video)
+void PutVideoMembers(AmfMembers *array, RtmpSession *session, const VdCodecInfo *video)
 {
     SequenceParameters sps = {};
     sps.Width = video->width;
@@ -46,7 +45,7 @@ void PutVideoMembers(EcmaArray *array, RtmpSession *session, const VdCodecInfo *
 }
 
 // A rate or a number of channels that the configuration's first two bytes do not tell is left out.
-void PutAudioMembers(EcmaArray *array, const AdCodecInfo *audio)
+void PutAudioMembers(AmfMembers *array, const AdCodecInfo *audio)
 {
     const uint32_t channels = kChannels[audio->channels & 15U];
     if (audio->sampleRate != 0) {
@@ -57,24 +56,6 @@ void PutAudioMembers(EcmaArray *array, const AdCodecInfo *audio)
     }
     PutBooleanMember(array, "stereo", channels == kStereoChannels);
     PutNumberMember(array, "audiocodecid", kAudioCodecAac);
-}
-
-// "onMetaData", [members]. An ECMA array, as FLV has it (E.5) and as receivers expect it. No frame rate: the
-// host does not tell it, and what the timing of an SPS says of it is a wish.
-void PutMetadata(ByteWriter *out, RtmpSession *session)
-{
-    const CodecInfo *codecInfo = session->CodecInfo;
-    PutU8(out, AMF_STRING);
-    PutU16Be(out, sizeof kOnMetaData - 1);
-    PutBytes(out, kOnMetaData, sizeof kOnMetaData - 1);
-    EcmaArray array = BeginEcmaArray(out);
-    if (codecInfo->VdCodecInfo != nullptr) {
-        PutVideoMembers(&array, session, codecInfo->VdCodecInfo);
-    }
-    if (codecInfo->AdCodecInfo != nullptr) {
-        PutAudioMembers(&array, codecInfo->AdCodecInfo);
-    }
-    EndEcmaArray(&array);
 }
 
 // reserved:6 chroma_format:2  reserved:5 bit_depth_luma_minus8:3  reserved:5 bit_depth_chroma_minus8:3
@@ -89,6 +70,22 @@ void PutRecordExtension(ByteWriter *out, const SequenceParameters *sps)
 
 } // namespace
 
+// "onMetaData", [members]. An ECMA array, as FLV has it (E.5) and as receivers expect it. No frame rate: the
+// host does not tell it, and what the timing of an SPS says of it is a wish.
+void WriteWholeMetadata(RtmpSession *session, ByteWriter *out)
+{
+    const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
+    PutTextValue(out, "onMetaData");
+    AmfMembers array = BeginEcmaArray(out);
+    if (codecInfo->VdCodecInfo != nullptr) {
+        PutVideoMembers(&array, session, codecInfo->VdCodecInfo);
+    }
+    if (codecInfo->AdCodecInfo != nullptr) {
+        PutAudioMembers(&array, codecInfo->AdCodecInfo);
+    }
+    EndMembers(&array);
+}
+
 int GeneratePlayerMetadata(RtmpSession *session)
 {
     if (!Allows(session->Server, RULE_METADATA)) {
@@ -96,7 +93,7 @@ int GeneratePlayerMetadata(RtmpSession *session)
     }
     uint8_t room[kMetadataRoom];
     ByteWriter out = WriterOver(room, sizeof room);
-    PutMetadata(&out, session);
+    WriteWholeMetadata(session, &out);
     const uint64_t length = sizeof room - RoomIn(&out);
     uint8_t *body = out.Overrun ? nullptr : NewArray<uint8_t>(length);
     if (body == nullptr) {

@@ -1,7 +1,10 @@
 // The well-formed bodies of RTMP_PLAYERS_DESCRIPTION, beside the exact ones of media/flv_tag.h.
 #pragma once
 
+#include "net/byte_writer.h"
 #include "rtmpcast/types.h"
+
+constexpr uint64_t kMetadataRoom = 512; // all members together take half of it
 
 extern "C" {
 
@@ -9,4 +12,7 @@ extern "C" {
 // a server without the flag they do nothing. -1 (logged): no memory.
 RTMP_STATUS int GeneratePlayerMetadata(RtmpSession *session);
 RTMP_STATUS int CreatePlayerAvccBox(RtmpSession *session);
+
+// WriteWholeMetadata writes "onMetaData" and its members for a session whose media are registered.
+void WriteWholeMetadata(RtmpSession *session, ByteWriter *out);
 }

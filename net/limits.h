@@ -11,6 +11,7 @@ constexpr uint32_t kDefaultChunkSize = 4096;      // outgoing, where the host ha
 constexpr uint32_t kControlChunkStreamId = 2;     // RTMP 1.0, 5.4
 constexpr uint32_t kCommandChunkStreamId = 3;     // where commands of the connection go by custom
 constexpr uint32_t kFirstStatusChunkStreamId = 4; // status, data and video
+constexpr uint32_t kDataChunkStreamId = 8;        // a publisher's data: its video's clock stays as it is
 constexpr uint32_t kBaseBandwidth = 6000000;      // bit/s
 constexpr uint32_t kPeerBandwidthMargin = 500000; // bit/s: what players are told, above the base
 constexpr uint32_t kVideoCodecAvc = 7;            // FLV, E.4.3.1

@@ -31,21 +31,6 @@ enum Round {
     ROUND_CLOSED,  // somebody else closed the client
 };
 
-// ReadWholeMessage reads chunks until one completes its message. `stored`: the receive list owns the packet.
-RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored)
-{
-    RtmpRecvPkt *pkt;
-    do {
-        pkt = ReadRtmpMessage(client);
-        if (pkt == nullptr) {
-            return nullptr;
-        }
-        *stored = IsKnownRecvPktStored(client, pkt) == 0 || AddRecvPkt(client, pkt) == 0;
-        AcknowledgeReceived(client);
-    } while (*stored && pkt->Complete != 1);
-    return pkt;
-}
-
 // Refuse answers a message that cannot be served, and ends the connection: the next read fails.
 void Refuse(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)
 {
@@ -113,13 +98,7 @@ enum Round ServeMessage(RtmpClient *client)
         return ROUND_ERROR;
     }
     Dispatch(client, pkt);
-    if (stored) {
-        // The list keeps it for the headers that inherit from it. Its values, which may take eighty times its
-        // own memory, are not asked for again.
-        (void)FreeDecodedCommand(client->Server, pkt);
-    } else {
-        (void)FreeRecvPkt(client->Server, pkt); // no list owns it; a failure is logged
-    }
+    LetGoOfMessage(client, pkt, stored);
     return ROUND_AGAIN;
 }
 
@@ -249,6 +228,31 @@ void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 }
 
 } // namespace
+
+RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored)
+{
+    RtmpRecvPkt *pkt;
+    do {
+        pkt = ReadRtmpMessage(client);
+        if (pkt == nullptr) {
+            return nullptr;
+        }
+        *stored = IsKnownRecvPktStored(client, pkt) == 0 || AddRecvPkt(client, pkt) == 0;
+        AcknowledgeReceived(client);
+    } while (*stored && pkt->Complete != 1);
+    return pkt;
+}
+
+void LetGoOfMessage(RtmpClient *client, RtmpRecvPkt *pkt, bool stored)
+{
+    if (stored) {
+        // The list keeps it for the headers that inherit from it. Its values, which may take eighty times its
+        // own memory, are not asked for again.
+        (void)FreeDecodedCommand(client->Server, pkt);
+    } else {
+        (void)FreeRecvPkt(client->Server, pkt); // no list owns it; a failure is logged
+    }
+}
 
 void *ServeRtmpClient(void *argument)
 {

@@ -12,6 +12,13 @@ void *ServeRtmpClient(void *argument);
 // thread gives back: it may end, and the server go, before the new thread has run.
 void *ServeAcceptedClient(void *argument);
 
+// ReadWholeMessage reads chunks until one completes its message, and acknowledges what has come. `stored`:
+// the receive list owns the packet. Null: the connection is over (logged).
+RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored);
+
+// LetGoOfMessage frees what nobody needs of a message that has been handled.
+void LetGoOfMessage(RtmpClient *client, RtmpRecvPkt *pkt, bool stored);
+
 // ServeClientForError sends the replies that belong to a refused request of kind `kind`.
 void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind);
 }

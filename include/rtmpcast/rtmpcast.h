@@ -26,6 +26,7 @@
 #include "rtmpcast/media.h"
 #include "rtmpcast/player.h"
 #include "rtmpcast/publish.h"
+#include "rtmpcast/publish_client.h"
 #include "rtmpcast/sender.h"
 #include "rtmpcast/server.h"
 #include "rtmpcast/service.h"

@@ -14,6 +14,7 @@
 #include "message/recv_list.h"
 #include "message/send_list.h"
 #include "net/log.h"
+#include "publish/command_writer.h"
 #include "serve/dispatch.h"
 #include "state/client.h"
 #include "state/session_list.h"

@@ -1,4 +1,4 @@
-#include "amf/ecma_array.h"
+#include "amf/value_writer.h"
 #include "support/amf_bytes.h"
 
 namespace {
@@ -10,11 +10,11 @@ Bytes Written(uint8_t *buffer, const ByteWriter &out)
 
 void PutThree(ByteWriter *out)
 {
-    EcmaArray array = BeginEcmaArray(out);
+    AmfMembers array = BeginEcmaArray(out);
     PutNumberMember(&array, "width", 1280);
     PutBooleanMember(&array, "stereo", true);
     PutBooleanMember(&array, "", false);
-    EndEcmaArray(&array);
+    EndMembers(&array);
 }
 
 } // namespace
@@ -37,8 +37,8 @@ TEST(AmfEcmaArray, OneWithoutMembers)
 {
     uint8_t buffer[64];
     ByteWriter out = WriterOver(buffer, sizeof buffer);
-    EcmaArray array = BeginEcmaArray(&out);
-    EndEcmaArray(&array);
+    AmfMembers array = BeginEcmaArray(&out);
+    EndMembers(&array);
     EXPECT_TRUE(Same(Written(buffer, out), Hex("08 00000000 0000 09")));
 }
 

@@ -1,0 +1,16 @@
+// A publisher's record, and what its steps share. The exported functions are in rtmpcast/publish_client.h.
+#pragma once
+
+#include "rtmpcast/publish_client.h"
+
+extern "C" {
+
+struct RtmpPublisher {
+    RtmpClient *Client;
+    RtmpPublisherTarget Target; // its texts are the publisher's
+    PublishCtx Answers;
+    double LastTransaction;
+    double CreateStreamTransaction; // whose answer carries the stream's id; 0: none is awaited
+    uint8_t StopAsked;              // shared
+};
+}
