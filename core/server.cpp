@@ -276,6 +276,7 @@ int RtmpServerDestroy(RtmpServer *server)
         return result;
     }
     EndAuxThread(server);
+    EndConnections(server);
 
     // KEPT: the logger goes first; what the sessions say while they end appears on standard output. Required;
     // changes where log lines go.

@@ -2,6 +2,7 @@
 #include "rtmpcast/service.h"
 
 #include "core/service_end.h"
+#include "core/tls_listener.h"
 #include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
@@ -70,8 +71,22 @@ int32_t RtmpServiceSettings(RtmpServer *server, const RtmpServiceLimits *limits)
         free(service);
         return RTMP_ERR_THREAD_CREATE;
     }
+    const int result = OpenTlsListener(service);
+    if (result != 0) {
+        StopKeeper(service);
+        free(service);
+        return result; // logged
+    }
     StoreShared(&server->Service, service);
     return 0;
+}
+
+void EndConnections(RtmpServer *server)
+{
+    if (server->Service != nullptr) {
+        CloseTlsListener(server->Service);
+        EndLines(server->Service);
+    }
 }
 
 void EndService(RtmpServer *server)
@@ -80,7 +95,6 @@ void EndService(RtmpServer *server)
     if (service == nullptr) {
         return;
     }
-    EndLines(service);
     StopKeeper(service);
     StoreShared(&server->Service, static_cast<SteadyService *>(nullptr));
     free(service);

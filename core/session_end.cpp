@@ -12,6 +12,7 @@
 #include "state/client_list.h"
 #include "state/client_signal.h"
 #include "state/frame_under_way.h"
+#include "steady/line.h"
 
 namespace {
 
@@ -190,6 +191,27 @@ LogText EndFirstClient(RtmpSession *session, int *code)
     return first != nullptr ? WaitForThread(session, &ending, code) : LogText{};
 }
 
+// Connections that the library has accepted on the steady road end their threads themselves. The caller holds
+// MemberLock.
+bool HasLeavingMember(const RtmpSession *session)
+{
+    const RtmpClient *each = session->MemberHead;
+    while (each != nullptr && each->ThreadOwner != THREAD_OWNER_ITSELF) {
+        each = each->NextMember;
+    }
+    return each != nullptr;
+}
+
+// EndSteadyClients tells all of them at once, and returns when they have left.
+void EndSteadyClients(RtmpSession *session)
+{
+    EndPlayers(session->Stream);
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
+    while (HasLeavingMember(session)) {
+        (void)RtmpConditionWaitSlice(&session->MemberLeft, &session->MemberLock); // the look decides
+    }
+}
+
 } // namespace
 
 void StopFrames(RtmpSession *session)
@@ -206,6 +228,9 @@ void StopFrames(RtmpSession *session)
 
 LogText EndClients(RtmpSession *session, int *code)
 {
+    if (session->Stream != nullptr) {
+        EndSteadyClients(session);
+    }
     while (FirstMember(session) != nullptr) {
         const LogText failure = EndFirstClient(session, code);
         if (failure.Format != nullptr) {

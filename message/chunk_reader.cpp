@@ -1,6 +1,7 @@
 #include "message/chunk_reader.h"
 
 #include "message/chunk_input.h"
+#include "message/receive_limits.h"
 #include "message/recv_list.h"
 #include "message/standard_chunk_reader.h"
 #include "net/handshake.h"
@@ -76,6 +77,9 @@ RtmpRecvPkt *BeginMessage(RtmpClient *client, uint8_t **chunk, const ReceivedHea
         return nullptr;
     }
     const uint32_t messageLength = static_cast<uint32_t>(length);
+    if (!MayBegin(client, header->ChunkStreamId, messageLength)) {
+        return nullptr;
+    }
     const uint32_t piece = Smaller(client->InChunkSize, messageLength);
     const ReadResult result = ReadFirstPiece(client, chunk, header->Length, piece);
     if (result == READ_NO_MEMORY) {

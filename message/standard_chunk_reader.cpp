@@ -1,6 +1,7 @@
 #include "message/standard_chunk_reader.h"
 
 #include "message/chunk_input.h"
+#include "message/receive_limits.h"
 #include "message/recv_list.h"
 #include "net/log.h"
 #include "net/number.h"
@@ -59,6 +60,9 @@ RtmpRecvPkt *MakeMessage(RtmpClient *client, const RtmpRecvPkt *previous, const 
     const int32_t length = MessageLengthOf(client, bytes, header);
     if (length < 0) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Getting payload header size failed\n", who);
+        return nullptr;
+    }
+    if (!MayBegin(client, header->ChunkStreamId, static_cast<uint32_t>(length))) {
         return nullptr;
     }
     // The packet gets none of the payload yet: what stands behind the header of a type 3 chunk is its time.

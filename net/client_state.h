@@ -3,6 +3,7 @@
 
 #include "net/atomic.h"
 #include "net/platform.h"
+#include "net/scope.h"
 #include "rtmpcast/types.h"
 
 inline uint32_t ClientStateOf(const RtmpClient *client)
@@ -29,6 +30,15 @@ inline RtmpMutex *HoldForWriting(RtmpClient *client)
 inline int SocketInUse(const RtmpClient *client)
 {
     return LoadShared(&client->SocketClosed) != 0 ? -1 : client->Socket;
+}
+
+// MarkSocketClosed has everybody know it. The caller holds the client's WriteLock; MemberLock keeps others
+// from shutting a socket down whose number may be somebody else's by then.
+inline void MarkSocketClosed(RtmpClient *client)
+{
+    RtmpSession *session = client->Session;
+    UNLOCK_AT_EXIT RtmpMutex *held = session != nullptr ? HoldLeaf(&session->MemberLock) : nullptr;
+    StoreShared(&client->SocketClosed, uint8_t{1});
 }
 
 // TlsInUse returns the client's TLS handle, or null once CloseClientSocket has closed the socket: the handle

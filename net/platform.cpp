@@ -28,6 +28,8 @@ void ReportClockError()
     pthread_setcancelstate(previous, nullptr);
 }
 
+constexpr size_t kConnectionStack = 1 << 20; // reserved; what is used of it becomes resident
+
 struct timespec EndOfSlice()
 {
     constexpr long nanosecondsPerSecond = 1000000000;
@@ -132,6 +134,21 @@ int RtmpMutexDestroy(RtmpMutex *mutex)
 int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument)
 {
     return StatusOf(pthread_create(thread, nullptr, start, argument));
+}
+
+int RtmpDetachedThreadCreate(RtmpThreadStart start, void *argument)
+{
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
+        return -1;
+    }
+    RtmpThread thread;
+    const int result = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+                               pthread_attr_setstacksize(&attributes, kConnectionStack) == 0
+                           ? pthread_create(&thread, &attributes, start, argument)
+                           : -1;
+    pthread_attr_destroy(&attributes);
+    return StatusOf(result);
 }
 
 void RtmpThreadExit(RtmpThread /*thread*/)

@@ -31,6 +31,12 @@ RTMP_STATUS int RtmpConditionInit(pthread_cond_t *condition);
 int RtmpConditionWaitSlice(pthread_cond_t *condition, RtmpMutex *mutex);
 
 RTMP_STATUS int RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument);
+
+// RtmpDetachedThreadCreate starts a thread for one connection, for which nobody waits. Its stack is small: of
+// a large one the kernel may make huge pages resident. It holds AMF0 values as deep as kDeepestAmf
+// (net/limits.h), and what a host does in a handshake of TLS.
+RTMP_STATUS int RtmpDetachedThreadCreate(RtmpThreadStart start, void *argument);
+
 [[noreturn]] void RtmpThreadExit(RtmpThread thread); // ends the calling thread, whatever `thread` is
 int RtmpThreadCancel(RtmpThread thread);             // always 0
 int RtmpThreadDetach(RtmpThread thread);             // -1 for no thread

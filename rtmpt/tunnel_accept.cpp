@@ -4,6 +4,7 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/socket_io.h"
+#include "rtmpt/steady_tunnel.h"
 #include "state/client.h"
 
 #include <arpa/inet.h>
@@ -63,7 +64,11 @@ void *AcceptRtmptConnectionThread(void *argument)
     while (LoadShared(&server->RtmptSocket) != -1) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Waiting for RTMPT client connection on %d\n",
                      __func__, server->RtmptPort);
-        const int fd = accept(LoadShared(&server->RtmptSocket), nullptr, nullptr);
+        int fd = accept(LoadShared(&server->RtmptSocket), nullptr, nullptr);
+        if (LoadShared(&server->Service) != nullptr) {
+            AcceptTunnelsSteadily(server, fd);
+            fd = -1; // it returns when nobody is accepted any more
+        }
         if (fd == -1) {
             break; // RtmpServerDestroy closed the listening socket
         }

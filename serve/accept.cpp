@@ -7,9 +7,9 @@
 #include "net/socket_io.h"
 #include "rtmpcast/host.h"
 #include "serve/serve.h"
+#include "serve/steady_accept.h"
 #include "state/client.h"
 #include "state/server_hold.h"
-#include "steady/line.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -37,12 +37,6 @@ RtmpClient *ClientForConnection(RtmpServer *server, int fd, const char *who)
         return nullptr;
     }
     client->PlayerFlags = LoadShared(&server->PlayerFlags);
-    SteadyService *service = LoadShared(&server->Service);
-    if (service != nullptr && NewLine(service, client, 1) != 0) {
-        FreeClientRecord(client);
-        (void)RtmpCloseSocket(LoggerOf(server), &fd); // logged
-        return nullptr;
-    }
     return client;
 }
 
@@ -90,7 +84,11 @@ void *AcceptRtmpConnectionThread(void *argument)
     while (LoadShared(&server->RtmpSocket) != -1) {
         // KEPT: both lines before every accept, not only at the start. Required.
         AnnounceListening(server, __func__);
-        const int fd = accept(LoadShared(&server->RtmpSocket), nullptr, nullptr);
+        int fd = accept(LoadShared(&server->RtmpSocket), nullptr, nullptr);
+        if (LoadShared(&server->Service) != nullptr) {
+            AcceptPlayersSteadily(server, fd);
+            fd = -1; // it returns when nobody is accepted any more
+        }
         if (fd == -1) {
             // KEPT: whatever the reason, lack of descriptors included, nobody is accepted any more. Required.
             RtmpLogPrint(LoggerOf(server), RTMP_LOG_INFO, "INFO: %s: Exiting RTMP connection accept thread\n",

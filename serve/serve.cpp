@@ -23,14 +23,6 @@ namespace {
 
 constexpr const char *kServe = "ServeRtmpClient";
 
-// What one round of the serve loop leads to.
-enum Round {
-    ROUND_AGAIN,
-    ROUND_ERROR,   // the connection is over: read or handshake failed
-    ROUND_DELETED, // the player sent deleteStream
-    ROUND_CLOSED,  // somebody else closed the client
-};
-
 // Refuse answers a message that cannot be served, and ends the connection: the next read fails.
 void Refuse(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind)
 {
@@ -100,29 +92,6 @@ enum Round ServeMessage(RtmpClient *client)
     Dispatch(client, pkt);
     LetGoOfMessage(client, pkt, stored);
     return ROUND_AGAIN;
-}
-
-enum Round ServeRound(RtmpClient *client)
-{
-    const uint32_t state = ClientStateOf(client);
-    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Serving RTMP Client: %p : %d\n", kServe,
-                 static_cast<void *>(client), static_cast<int>(state));
-    switch (state) {
-    case CLIENT_STATE_CLOSED:
-    case CLIENT_STATE_EXIT:
-        return ROUND_CLOSED;
-    case CLIENT_STATE_DELETESTREAM:
-        return ROUND_DELETED;
-    case CLIENT_STATE_INIT:
-        if (PerformHandshake(client) != 0) {
-            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Handshaking failed\n", kServe);
-            return ROUND_ERROR;
-        }
-        SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
-        return ROUND_AGAIN;
-    default:
-        return ServeMessage(client);
-    }
 }
 
 // DetachUnlessAwaited detaches the calling thread, unless RtmpSessionDestroy has said that it will join it.
@@ -251,6 +220,29 @@ void LetGoOfMessage(RtmpClient *client, RtmpRecvPkt *pkt, bool stored)
         (void)FreeDecodedCommand(client->Server, pkt);
     } else {
         (void)FreeRecvPkt(client->Server, pkt); // no list owns it; a failure is logged
+    }
+}
+
+enum Round ServeRound(RtmpClient *client)
+{
+    const uint32_t state = ClientStateOf(client);
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: Serving RTMP Client: %p : %d\n", kServe,
+                 static_cast<void *>(client), static_cast<int>(state));
+    switch (state) {
+    case CLIENT_STATE_CLOSED:
+    case CLIENT_STATE_EXIT:
+        return ROUND_CLOSED;
+    case CLIENT_STATE_DELETESTREAM:
+        return ROUND_DELETED;
+    case CLIENT_STATE_INIT:
+        if (PerformHandshake(client) != 0) {
+            RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Handshaking failed\n", kServe);
+            return ROUND_ERROR;
+        }
+        SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
+        return ROUND_AGAIN;
+    default:
+        return ServeMessage(client);
     }
 }
 

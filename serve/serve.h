@@ -19,6 +19,18 @@ RtmpRecvPkt *ReadWholeMessage(RtmpClient *client, bool *stored);
 // LetGoOfMessage frees what nobody needs of a message that has been handled.
 void LetGoOfMessage(RtmpClient *client, RtmpRecvPkt *pkt, bool stored);
 
+// What one round of a serve loop leads to.
+enum Round {
+    ROUND_AGAIN,
+    ROUND_ERROR,   // the connection is over: read or handshake failed
+    ROUND_DELETED, // the player sent deleteStream
+    ROUND_CLOSED,  // somebody else closed the client
+};
+
+// ServeRound does what the client's state asks for: the handshake, or one message, which it reads and
+// answers.
+enum Round ServeRound(RtmpClient *client);
+
 // ServeClientForError sends the replies that belong to a refused request of kind `kind`.
 void ServeClientForError(RtmpClient *client, RtmpRecvPkt *pkt, int code, uint32_t kind);
 }

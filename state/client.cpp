@@ -131,14 +131,6 @@ int TearDownSendList(RtmpClient *client, RtmpLogger *logger, const char *who)
     return 0;
 }
 
-// MemberLock keeps others from shutting a socket down whose number may be somebody else's by then.
-void MarkSocketClosed(RtmpClient *client)
-{
-    RtmpSession *session = client->Session;
-    UNLOCK_AT_EXIT RtmpMutex *held = session != nullptr ? HoldLeaf(&session->MemberLock) : nullptr;
-    StoreShared(&client->SocketClosed, static_cast<uint8_t>(1));
-}
-
 // TearDown is DestroyRtmpClient; the caller holds the server, which may go with the client's session.
 int TearDown(RtmpClient *client, const char *who)
 {
@@ -237,7 +229,7 @@ void FreeClientRecord(RtmpClient *client)
 void CloseClientSocket(RtmpClient *client)
 {
     if (client->Line != nullptr) {
-        EndLine(client->Line, STEADY_END_REFUSED); // its thread closes the descriptor
+        EndLine(client->Line, STEADY_END_REFUSED); // its thread sees the answers out
         return;
     }
     // A frame that is stuck in a write to this peer is not waited for: the peer must see the end at once.

@@ -16,11 +16,11 @@ enum RtmpThreadOwner {
     THREAD_OWNER_SESSION = 2 // RtmpSessionDestroy signals it and joins it
 };
 
-// FreeClientRecord frees a client that DestroyRtmpClient refused. The client is out of its session first,
-// and nothing is logged.
+// FreeClientRecord frees a client that DestroyRtmpClient refused, or one of the steady road. The client is
+// out of its session first, and nothing is logged.
 void FreeClientRecord(RtmpClient *client);
 
 // CloseClientSocket closes the connection so that the peer sees it at once; no later read or write uses the
-// number again.
+// number again. On the steady road the peer is sent its answers first, by the client's thread.
 void CloseClientSocket(RtmpClient *client);
 }

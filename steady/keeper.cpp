@@ -51,8 +51,12 @@ void ServeRoom(SteadyService *service, uint64_t now)
     }
 }
 
+// A connection that was not accepted by this road may wait as long as it likes.
 bool IsStalled(SteadyLine *line, uint64_t now)
 {
+    if (line->OwnsSocket == 0) {
+        return false;
+    }
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
     return line->WantsRoom != 0 && now - line->LastProgress > line->Service->Limits.StallMilliseconds;
 }
@@ -146,9 +150,11 @@ void EndLines(SteadyService *service)
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
     service->Closing = 1;
     for (SteadyLine *line = service->FirstLine; line != nullptr; line = line->NextLine) {
-        EndLine(line, STEADY_END_SERVER);
+        if (line->OwnsSocket != 0) {
+            EndLine(line, STEADY_END_SERVER);
+        }
     }
-    while (service->LineCount > 0) {
+    while (service->AcceptedCount > 0) {
         (void)RtmpConditionWaitSlice(&service->LineLeft, &service->Lock); // the count decides
     }
 }

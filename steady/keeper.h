@@ -10,6 +10,7 @@ extern "C" {
 RTMP_STATUS int StartKeeper(SteadyService *service);
 void StopKeeper(SteadyService *service);
 
-// EndLines ends every line of the service, admits nobody any more, and returns when all have left.
+// EndLines ends every connection that the library has accepted, all at once, admits nobody any more, and
+// returns when all have left and their descriptors are closed.
 void EndLines(SteadyService *service);
 }

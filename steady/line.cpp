@@ -12,6 +12,8 @@
 #include "steady/place.h"
 #include "steady/room.h"
 
+#include <arpa/inet.h>
+
 namespace {
 
 // The caller holds Lock.
@@ -21,25 +23,62 @@ void Link(SteadyService *service, SteadyLine *line)
     (line->PrevLine != nullptr ? line->PrevLine->NextLine : service->FirstLine) = line;
     service->LastLine = line;
     service->LineCount++;
+    service->AcceptedCount += line->OwnsSocket;
 }
 
-void Unlink(SteadyService *service, SteadyLine *line)
+uint32_t CountAddress(const SteadyService *service, uint32_t address)
 {
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
-    (line->PrevLine != nullptr ? line->PrevLine->NextLine : service->FirstLine) = line->NextLine;
-    (line->NextLine != nullptr ? line->NextLine->PrevLine : service->LastLine) = line->PrevLine;
-    service->LineCount--;
-    pthread_cond_broadcast(&service->LineLeft);
+    uint32_t count = 0;
+    for (const SteadyLine *line = service->FirstLine; line != nullptr; line = line->NextLine) {
+        count += line->OwnsSocket != 0 && line->Address == address ? 1 : 0;
+    }
+    return count;
+}
+
+// The limits are those of connections that the library accepts.
+int CheckLimits(const SteadyService *service, const SteadyLine *line)
+{
+    if (line->OwnsSocket == 0) {
+        return 0;
+    }
+    if (service->AcceptedCount >= service->Limits.MostClients) {
+        return LINE_TOO_MANY;
+    }
+    return CountAddress(service, line->Address) >= service->Limits.MostClientsPerAddress
+               ? LINE_TOO_MANY_OF_ADDRESS
+               : 0;
 }
 
 int Admit(SteadyService *service, SteadyLine *line)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    const int result = CheckLimits(service, line);
+    if (result != 0) {
+        return result;
+    }
     if (service->Closing != 0 || WatchLine(line) != 0) {
-        return -1;
+        return LINE_NO_MEMORY;
     }
     Link(service, line);
     return 0;
+}
+
+// LeaveKeeper: from now on nobody finds the line among the service's. It still counts.
+void LeaveKeeper(SteadyService *service, SteadyLine *line)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    UnwatchLine(line);
+    (line->PrevLine != nullptr ? line->PrevLine->NextLine : service->FirstLine) = line->NextLine;
+    (line->NextLine != nullptr ? line->NextLine->PrevLine : service->LastLine) = line->PrevLine;
+    service->LineCount--;
+}
+
+// Uncount is the last that an accepted connection does with the service, which may be gone afterwards.
+void Uncount(SteadyService *service)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    service->AcceptedCount--;
+    pthread_cond_broadcast(&service->LineLeft);
 }
 
 void FreeReplies(SteadyLine *line)
@@ -84,20 +123,21 @@ int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket)
 {
     SteadyLine *line = NewRecord<SteadyLine>();
     if (line == nullptr) {
-        return -1;
+        return LINE_NO_MEMORY;
     }
     line->Client = client;
     line->Service = service;
     line->OwnsSocket = static_cast<uint8_t>(ownsSocket);
+    line->Address = inet_addr(client->ClientIP);
     line->Since = RtmpGetSystemTime();
     PlaceAtBeginning(&line->Place, 0);
     client->Line = line;
-    if (Admit(service, line) != 0) {
+    const int result = Admit(service, line);
+    if (result != 0) {
         client->Line = nullptr;
         free(line);
-        return -1;
     }
-    return 0;
+    return result;
 }
 
 void FreeLine(RtmpClient *client)
@@ -106,17 +146,21 @@ void FreeLine(RtmpClient *client)
     if (line == nullptr) {
         return;
     }
-    {
-        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&line->Service->Lock);
-        UnwatchLine(line);
-    }
+    SteadyService *service = line->Service;
+    const bool ownsSocket = line->OwnsSocket != 0;
+    LeaveKeeper(service, line);
     LeavePlayers(line);
-    Unlink(line->Service, line);
+    if (ownsSocket) {
+        CloseLine(client);
+    }
     client->Line = nullptr;
     FreeReplies(line);
     free(line->App);
     free(line->TcUrl);
     free(line);
+    if (ownsSocket) {
+        Uncount(service);
+    }
 }
 
 void JoinPlayers(SteadyStream *stream, SteadyLine *line)
@@ -188,9 +232,19 @@ int QueueReply(SteadyLine *line, SteadyReply *reply)
     return LoadShared(&line->End) == STEADY_GOES_ON ? 0 : -1;
 }
 
-bool HasRepliesOut(const SteadyLine *line)
+bool HasAllOut(const SteadyLine *line)
 {
-    return line->FirstReply == nullptr && line->Half.Reply == nullptr;
+    return line->FirstReply == nullptr && line->Half.Reply == nullptr && line->Half.Message == nullptr;
+}
+
+void EndPlayers(SteadyStream *stream)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
+        if (line->OwnsSocket != 0) {
+            EndLine(line, STEADY_END_SESSION);
+        }
+    }
 }
 
 void FlushPlayers(SteadyStream *stream)

@@ -6,12 +6,21 @@
 
 extern "C" {
 
-// NewLine makes the client's line, and counts it among the service's. -1: no memory, or the service closes
-// (not logged). The keeper may end it from now on.
+// Why a client gets no line.
+enum {
+    LINE_NO_MEMORY = -1, // or the service closes
+    LINE_TOO_MANY = -2,
+    LINE_TOO_MANY_OF_ADDRESS = -3
+};
+
+// NewLine makes the client's line, and counts it among the service's. 0, or one of the above (not logged).
+// `ownsSocket` 1: the limits of connections hold for it, and FreeLine closes it. The keeper may end it from
+// now on.
 RTMP_STATUS int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket);
 
-// FreeLine takes the client's line out of everything and frees it; null is nothing. Nobody else uses the
-// client any more but the session's players list and the keeper, which it leaves here.
+// FreeLine takes the client's line out of everything and frees it; null is nothing. The socket of a line that
+// owns it is closed: whoever waits for the line finds its descriptor given back. Nobody else uses the client
+// any more but the session's players list and the keeper, which it leaves here.
 void FreeLine(RtmpClient *client);
 
 // JoinPlayers adds the line to those who get the stream's messages while their client plays.
@@ -28,8 +37,12 @@ void BeginAnew(SteadyLine *line, int again);
 SteadyReply *NewReply(uint32_t length);
 RTMP_STATUS int QueueReply(SteadyLine *line, SteadyReply *reply);
 
-// HasRepliesOut tells whether all answers have left. The caller holds the client's WriteLock.
-bool HasRepliesOut(const SteadyLine *line);
+// HasAllOut tells whether all answers have left, and no message is half out. The caller holds the client's
+// WriteLock.
+bool HasAllOut(const SteadyLine *line);
+
+// EndPlayers ends every player's connection that the library has accepted, all at once.
+void EndPlayers(SteadyStream *stream);
 
 // FlushPlayers sends what is due to every player of the stream that is not waiting for room, and lets the
 // ring go of what nobody needs.

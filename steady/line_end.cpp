@@ -3,8 +3,47 @@
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/platform.h"
+#include "net/scope.h"
+#include "rtmpcast/host.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// The first reason stays.
+bool TakeReason(SteadyLine *line, enum SteadyEnd reason)
+{
+    uint8_t goesOn = STEADY_GOES_ON;
+    return __atomic_compare_exchange_n(&line->End, &goesOn, static_cast<uint8_t>(reason), false,
+                                       __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+struct ssl_st *TakeHandle(RtmpClient *client)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
+    void *handle = client->Tls;
+    client->Tls = nullptr;
+    return static_cast<struct ssl_st *>(handle);
+}
+
+void MarkClosed(RtmpClient *client)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client);
+    MarkSocketClosed(client);
+}
+
+// A farewell that the host sends waits for nobody.
+void StopBlocking(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        (void)fcntl(fd, F_SETFL, flags | O_NONBLOCK); // of an open socket: cannot fail
+    }
+}
+
+} // namespace
 
 void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds)
 {
@@ -17,11 +56,28 @@ void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds)
 
 void EndLine(SteadyLine *line, enum SteadyEnd reason)
 {
-    uint8_t goesOn = STEADY_GOES_ON;
-    if (!__atomic_compare_exchange_n(&line->End, &goesOn, static_cast<uint8_t>(reason), false,
-                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    const bool isFirst = TakeReason(line, reason);
+    StoreShared(&line->Client->ToldToLeave, uint8_t{1});
+    if (isFirst && reason == STEADY_END_REFUSED && line->OwnsSocket != 0) {
         return;
     }
-    // What was refused has been answered: the answer still leaves.
-    (void)shutdown(SocketInUse(line->Client), reason == STEADY_END_REFUSED ? SHUT_RD : SHUT_RDWR);
+    (void)shutdown(SocketInUse(line->Client),
+                   SHUT_RDWR); // of a connection that is already gone: nothing to do
+}
+
+void EndTls(RtmpClient *client)
+{
+    struct ssl_st *handle = TakeHandle(client);
+    if (handle != nullptr) {
+        StopBlocking(client->Socket);
+        WITHOUT_CANCEL int restore = ForbidCancel();
+        rtmpTlsEnd(handle);
+    }
+}
+
+void CloseLine(RtmpClient *client)
+{
+    MarkClosed(client);
+    EndTls(client);
+    close(client->Socket);
 }

@@ -8,7 +8,17 @@ extern "C" {
 // SetDeadline gives the peer `milliseconds` from now for `wait`; 0 takes the deadline away.
 void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds);
 
-// EndLine ends the connection: its socket is shut down, its thread leaves. Only the first reason counts. The
-// caller holds SteadyService.Lock or the client's WriteLock, or is the thread that serves the client.
+// EndLine ends the connection: its socket is shut down, its thread reads nothing more and leaves. Only the
+// first reason counts. What is refused (STEADY_END_REFUSED) is left to its own thread, which sees its answers
+// out; a second reason cuts that short. The caller holds SteadyService.Lock, PlayersLock of the stream that
+// the line has joined or the client's WriteLock, or is the thread that serves the client.
 void EndLine(SteadyLine *line, enum SteadyEnd reason);
+
+// EndTls gives the client's TLS handle, if there is one, back to the host. What is due has been sent, or
+// never will be. Called by the thread that serves the client, which holds no lock.
+void EndTls(RtmpClient *client);
+
+// CloseLine closes the connection, once; nobody but the thread that serves the client, which calls it, finds
+// the line any more. It holds no lock.
+void CloseLine(RtmpClient *client);
 }

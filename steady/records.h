@@ -107,8 +107,12 @@ enum SteadyEnd {
     STEADY_END_REPLIES = 4, // more answers wait for it than may
     STEADY_END_BROKEN = 5,  // a write failed
     STEADY_END_TUNNEL = 6,
-    STEADY_END_SERVER = 7, // the server is being destroyed
-    STEADY_END_REFUSED = 8 // what it sent, or the host, ended it: its answers still leave
+    STEADY_END_SERVER = 7,  // the server is being destroyed
+    STEADY_END_REFUSED = 8, // what it sent, or the host, ended it: its answers still leave
+    STEADY_END_SESSION = 9, // its session is being destroyed
+    STEADY_END_ASSEMBLY = 10,
+    STEADY_END_CHUNK_STREAMS = 11,
+    STEADY_ENDS = 12
 };
 
 // Where a player is. LastOfKind: the number of the last message sent, or one of these two.
@@ -139,6 +143,8 @@ struct SteadyLine {
     RtmpClient *Client;
     SteadyService *Service;
     uint8_t OwnsSocket; // accepted by the library, which closes it
+    uint8_t SpeaksTls;  // accepted by the listener of TLS
+    uint32_t Address;   // the peer's, network byte order
     uint64_t Since;     // ms of RtmpGetSystemTime
 
     // All lines of a server. Guarded by SteadyService.Lock.
@@ -188,7 +194,8 @@ struct SteadyService {
     SteadyLine *FirstLine;
     SteadyLine *LastLine;
     uint32_t LineCount;
-    uint8_t Closing; // nobody is admitted any more
+    uint32_t AcceptedCount; // connections that own their socket, until it is closed
+    uint8_t Closing;        // nobody is admitted any more
 
     int Epoll; // lines that want room, and Wake
     int Wake;  // eventfd: the keeper looks at its lines

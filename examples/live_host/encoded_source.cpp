@@ -62,6 +62,11 @@ void EncodedSource::setBitrate(int32_t bitrate)
     raw_->bitrateIs(bitrate);
 }
 
+void EncodedSource::makeKeyFrame()
+{
+    video_.makeKeyFrame();
+}
+
 bool EncodedSource::soundIsDue() const
 {
     return audio_ && soundTime() <= pictureTime();

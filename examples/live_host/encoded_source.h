@@ -27,6 +27,7 @@ class EncodedSource : public FrameSource {
 
     Frame next() override;
     void setBitrate(int32_t bitrate) override;
+    void makeKeyFrame() override;
 
   private:
     void describe(const EncoderSettings &settings);

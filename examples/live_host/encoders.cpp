@@ -7,6 +7,8 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include <utility>
+
 namespace {
 
 constexpr int32_t kLowestBitrate = 16'000; // below it x264's buffer model has no room for a picture
@@ -92,7 +94,13 @@ AVFrame &VideoEncoder::picture()
 std::span<const uint8_t> VideoEncoder::encode()
 {
     ++frame_->pts;
+    frame_->pict_type = std::exchange(keyFrameWanted_, false) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     return encodeOne(codec_, frame_, packet_);
+}
+
+void VideoEncoder::makeKeyFrame()
+{
+    keyFrameWanted_ = true; // x264 makes an I picture that is asked for an IDR picture
 }
 
 // libavcodec compares these with what x264 runs at before every picture, and tells x264 of a difference.

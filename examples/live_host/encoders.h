@@ -27,10 +27,14 @@ class VideoEncoder {
     // From the next picture on. Cheap: nothing is encoded or waited for.
     void setBitrate(int32_t bitrate);
 
+    // The next picture is a key frame, wherever the last one was.
+    void makeKeyFrame();
+
   private:
     CodecPtr codec_;
     FramePtr frame_;
     PacketPtr packet_;
+    bool keyFrameWanted_ = false;
 };
 
 class AudioEncoder {

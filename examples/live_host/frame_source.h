@@ -44,4 +44,7 @@ class FrameSource {
     {
         (void)bitrate;
     }
+
+    // The next picture is to be one that players can begin with. A file has those that it has.
+    virtual void makeKeyFrame() {}
 };

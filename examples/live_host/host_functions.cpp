@@ -97,4 +97,10 @@ void rtmpTlsEnd(struct ssl_st *tls)
 {
     TlsContext::end(tls);
 }
+
+void rtmpKeyFrameWanted(RtmpSession *session)
+{
+    hostFunctions.keyFrameWanted = true;
+    writeLine("STATUS: %s: a player waits for a key frame\n", session->Name);
+}
 }

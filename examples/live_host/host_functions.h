@@ -12,6 +12,8 @@ struct HostFunctions {
     BitrateWishes bitrates;
     TlsContext *tls = nullptr; // null: no viewers over TLS
     std::string token;         // what viewers must bring; empty: nothing
+
+    bool keyFrameWanted = false; // by a player; the thread's that sends
 };
 
 // The library's host functions are plain C: there is one set for the process.

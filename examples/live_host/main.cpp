@@ -16,6 +16,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -123,6 +124,9 @@ void sendFrames(FrameSource &source, Host &host, Console &console, Counters &cou
         if (const int32_t bitrate = hostFunctions.bitrates.take(); bitrate > 0) {
             source.setBitrate(bitrate);
             counters.targetBitrate = bitrate;
+        }
+        if (std::exchange(hostFunctions.keyFrameWanted, false)) {
+            source.makeKeyFrame();
         }
     }
 }

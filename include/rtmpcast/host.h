@@ -23,8 +23,9 @@ extern "C" {
  * KelvoraSyslog writes a line to the host's system log.
  *
  * Called with the tag "RTMP" when a session was created (on the creating thread) and before every accept
- * (on the accept thread). No locks are held. A call that blocks keeps new players waiting, and
- * RtmpServerDestroy, which joins the accept thread. Default: syslog(3) at LOG_INFO, behind "<tag>: ".
+ * (on the accept thread); on the steady road once for the first port and once for that of TLS. No locks are
+ * held. A call that blocks keeps new players waiting, and RtmpServerDestroy, which joins the accept thread.
+ * Default: syslog(3) at LOG_INFO, behind "<tag>: ".
  */
 RTMP_HOST void KelvoraSyslog(const char *tag, const char *format, ...) RTMP_PRINTF(2, 3);
 
@@ -223,8 +224,9 @@ RTMP_HOST struct ssl_st *rtmpTlsAccept(RtmpServer *server, int fd, const char *a
 /**
  * rtmpTlsEnd takes back a handle that rtmpTlsAccept returned, and frees it. Called once for each, on the
  * connection's own thread, no locks held, after the last use of the handle and before its descriptor is
- * closed. The connection is over in nearly every case: SSL_free is enough, and where the host wants to say
- * farewell (SSL_shutdown), it must not wait for the answer. Default: nothing.
+ * closed, with SSL_free as a rule. The descriptor does not block any more, so that one SSL_shutdown before it
+ * waits for nobody: a refused peer hears of it, and with most others the socket has been shut down and the
+ * call fails. Default: nothing.
  */
 RTMP_HOST void rtmpTlsEnd(struct ssl_st *tls);
 
