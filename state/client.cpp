@@ -136,6 +136,7 @@ int TearDown(RtmpClient *client, const char *who)
 {
     RtmpLogger *logger = LoggerOf(client->Server);
     LeavePlayingState(client);
+    const bool isSteady = client->Line != nullptr;
     FreeLine(client); // while session and address are there; nothing to do on the default road
 
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: Freeing client ip address and session name\n", who);
@@ -146,8 +147,11 @@ int TearDown(RtmpClient *client, const char *who)
 
     // KEPT: an empty list is a failure here, so a client that never received or never sent a message stays
     // half torn down, and whoever ends it frees the record (FreeClientRecord). Required; changes a code and
-    // log lines.
-    if (TearDownRecvList(client, logger, who) != 0 || TearDownSendList(client, logger, who) != 0) {
+    // log lines. On the steady road frames are in no list.
+    if (!(isSteady && client->RecvPktCount == 0) && TearDownRecvList(client, logger, who) != 0) {
+        return -1;
+    }
+    if (!(isSteady && client->SendPktCount == 0) && TearDownSendList(client, logger, who) != 0) {
         return -1;
     }
     if (client->Session != nullptr && LeaveSession(client, logger, who) != 0) {

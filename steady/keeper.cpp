@@ -58,7 +58,8 @@ bool IsStalled(SteadyLine *line, uint64_t now)
         return false;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
-    return line->WantsRoom != 0 && now - line->LastProgress > line->Service->Limits.StallMilliseconds;
+    return line->WantsRoom != 0 &&
+           MillisecondsSince(line->LastProgress, now) > line->Service->Limits.StallMilliseconds;
 }
 
 void CheckLine(SteadyLine *line, uint64_t now)

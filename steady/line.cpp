@@ -166,6 +166,7 @@ void FreeLine(RtmpClient *client)
 void JoinPlayers(SteadyStream *stream, SteadyLine *line)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    UNLOCK_AT_EXIT RtmpMutex *writing = HoldForWriting(line->Client); // the keeper may be sending an answer
     line->Stream = stream;
     line->PrevPlayer = stream->LastPlayer;
     (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line;

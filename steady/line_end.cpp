@@ -12,11 +12,10 @@
 
 namespace {
 
-// The first reason stays.
-bool TakeReason(SteadyLine *line, enum SteadyEnd reason)
+bool EndAfter(SteadyLine *line, enum SteadyEnd before, enum SteadyEnd reason)
 {
-    uint8_t goesOn = STEADY_GOES_ON;
-    return __atomic_compare_exchange_n(&line->End, &goesOn, static_cast<uint8_t>(reason), false,
+    uint8_t expected = static_cast<uint8_t>(before);
+    return __atomic_compare_exchange_n(&line->End, &expected, static_cast<uint8_t>(reason), false,
                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 
@@ -54,15 +53,18 @@ void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds)
     }
 }
 
+// What was refused has been answered, and the answer still leaves; unless its peer does not take it.
 void EndLine(SteadyLine *line, enum SteadyEnd reason)
 {
-    const bool isFirst = TakeReason(line, reason);
-    StoreShared(&line->Client->ToldToLeave, uint8_t{1});
-    if (isFirst && reason == STEADY_END_REFUSED && line->OwnsSocket != 0) {
+    const bool isRefusal = reason == STEADY_END_REFUSED;
+    if (!EndAfter(line, STEADY_GOES_ON, reason) &&
+        (isRefusal || !EndAfter(line, STEADY_END_REFUSED, reason))) {
         return;
     }
-    (void)shutdown(SocketInUse(line->Client),
-                   SHUT_RDWR); // of a connection that is already gone: nothing to do
+    StoreShared(&line->Client->ToldToLeave, uint8_t{1}); // what it has sent already is not read
+    if (!isRefusal || line->OwnsSocket == 0) {
+        (void)shutdown(SocketInUse(line->Client), SHUT_RDWR); // a connection that is gone already needs none
+    }
 }
 
 void EndTls(RtmpClient *client)

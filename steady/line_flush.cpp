@@ -266,13 +266,21 @@ bool WriteBatch(SteadyLine *line, Batch *batch)
 
 // ------------------------------------------------------------------------------------ TLS
 
+constexpr uint32_t kTlsRecord = 16384; // RFC 8446, 5.1
+
+// A call takes a record's worth at most: it is done in whole or not at all, and a slow peer's progress shows.
+uint32_t LengthOfCall(uint32_t left)
+{
+    return left < kTlsRecord ? left : kTlsRecord;
+}
+
 // WriteSpan writes what is left of a span. A call that would wait is repeated with the same bytes, as
 // SSL_write demands: they stay where they are until they are out.
 bool WriteSpan(SteadyLine *line, const TlsLine *tls, Span span, uint32_t before)
 {
     while (line->Half.Out < before + span.Length) {
         const uint32_t done = line->Half.Out - before;
-        const int64_t out = TlsWriteNow(tls, span.Bytes + done, span.Length - done);
+        const int64_t out = TlsWriteNow(tls, span.Bytes + done, LengthOfCall(span.Length - done));
         if (out <= 0) {
             if (out == 0 || !IsPassing(errno)) {
                 EndLine(line, STEADY_END_BROKEN);
@@ -334,14 +342,16 @@ void FlushLine(SteadyLine *line, uint64_t now)
         }
         line->WantsRoom = goesOn ? 0 : 1;
     }
-    if (line->WantsRoom != 0) {
+    if (!MaySend(line)) {
+        line->WantsRoom = 0; // nothing leaves any more
+    } else if (line->WantsRoom != 0) {
         AwaitRoom(line);
     }
 }
 
 bool MakesProgress(const SteadyLine *line, uint64_t now)
 {
-    return line->WantsRoom == 0 || now - line->LastProgress < kProgressMs;
+    return line->WantsRoom == 0 || MillisecondsSince(line->LastProgress, now) < kProgressMs;
 }
 
 SteadyBehind BehindOf(const SteadyLine *line)

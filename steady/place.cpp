@@ -21,38 +21,39 @@ void SetBase(SteadyPlace *place, const FinishedMessage *message)
     place->IsBased = 1;
 }
 
-// A difference that does not fit its field (4.6 hours) moves the player's timeline instead.
-uint64_t DeltaTo(SteadyPlace *place, uint64_t time, uint8_t kind)
-{
-    const uint64_t last = place->TimeOfKind[kind];
-    const uint64_t delta = time > last ? time - last : 0;
-    if (delta > kMostDelta) {
-        place->Base += delta - kMostDelta;
-        return kMostDelta;
-    }
-    return delta;
-}
-
-int PutOwnHeader(SteadyPlace *place, const FinishedMessage *message, uint64_t time, uint32_t msgStreamId,
-                 uint8_t *header)
-{
-    const enum SteadyKind kind = static_cast<enum SteadyKind>(message->Kind);
-    if (!HasSent(place, message->Kind)) {
-        PutFirstHeader(header, kind, message->BodyLength, time, msgStreamId);
-        place->TimeOfKind[kind] = time;
-        return kOwnHeaderMost;
-    }
-    const uint64_t delta = DeltaTo(place, time, message->Kind);
-    PutSharedHeader(header, kind, message->BodyLength, delta);
-    place->TimeOfKind[kind] += delta;
-    return kSharedHeaderSize;
-}
-
 void MoveBehind(SteadyPlace *place, const FinishedMessage *message)
 {
     place->LastOfKind[message->Kind] = message->Number;
     place->Pictures = message->Pictures;
     place->Time = message->Time;
+}
+
+// What does not fit the field (4.6 hours) is told by the next header, which is the player's own again.
+int PutOwnHeader(SteadyPlace *place, const FinishedMessage *message, uint64_t time, uint32_t msgStreamId,
+                 uint8_t *header)
+{
+    const enum SteadyKind kind = static_cast<enum SteadyKind>(message->Kind);
+    const bool isFirst = !HasSent(place, message->Kind);
+    const uint64_t wanted = isFirst ? time : time - place->TimeOfKind[kind];
+    const uint64_t told = wanted < kMostDelta ? wanted : kMostDelta;
+    place->TimeOfKind[kind] += told;
+    MoveBehind(place, message);
+    if (told < wanted) {
+        place->LastOfKind[kind] = kOtherMessage;
+    }
+    if (isFirst) {
+        PutFirstHeader(header, kind, message->BodyLength, told, msgStreamId);
+        return kOwnHeaderMost;
+    }
+    PutSharedHeader(header, kind, message->BodyLength, told);
+    return kSharedHeaderSize;
+}
+
+// Late sound, from in front of the beginning, or of what the player has had already.
+bool IsLate(const SteadyPlace *place, const FinishedMessage *message)
+{
+    const int64_t time = static_cast<int64_t>(message->Time - place->Base);
+    return time < 0 || static_cast<uint64_t>(time) < place->TimeOfKind[message->Kind];
 }
 
 } // namespace
@@ -80,8 +81,8 @@ uint64_t FindPlace(SteadyStream *stream, SteadyPlace *place, uint64_t joined, bo
     }
     const bool fellOut = place->Next != kNoMessage;
     if (stream->Start == kNoMessage || stream->Start < (fellOut ? place->Next : joined)) {
-        StoreShared(&stream->KeyFrameWanted, uint8_t{1});
-        return 0; // it waits for the next one
+        StoreShared(&stream->KeyFrameWanted, uint8_t{1}); // it waits for the next one
+        return 0;
     }
     const uint64_t missed = fellOut ? stream->Start - place->Next : 0;
     place->Next = stream->Start;
@@ -101,12 +102,10 @@ int StepOver(SteadyPlace *place, const FinishedMessage *message, uint32_t msgStr
         MoveBehind(place, message);
         return 0;
     }
-    if (static_cast<int64_t>(message->Time - place->Base) < 0) {
-        return STEP_SKIPPED; // late sound from in front of the beginning
+    if (IsLate(place, message)) {
+        return STEP_SKIPPED;
     }
-    const int length = PutOwnHeader(place, message, message->Time - place->Base, msgStreamId, header);
-    MoveBehind(place, message);
-    return length;
+    return PutOwnHeader(place, message, message->Time - place->Base, msgStreamId, header);
 }
 
 uint64_t TimeOnTimeline(const SteadyPlace *place)
