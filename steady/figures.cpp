@@ -5,6 +5,7 @@
 #include "net/platform.h"
 #include "net/scope.h"
 #include "steady/line.h"
+#include "steady/line_end.h"
 #include "steady/line_flush.h"
 
 #include <arpa/inet.h>
@@ -73,8 +74,9 @@ void AddRing(SteadyStream *stream, RtmpSessionFigures *figures)
         return;
     }
     const uint32_t mask = stream->SlotCount - 1;
-    figures->RingMilliseconds = static_cast<uint32_t>(stream->Slots[(stream->Next - 1) & mask]->Time -
-                                                      stream->Slots[stream->First & mask]->Time);
+    const uint64_t newest = stream->Slots[(stream->Next - 1) & mask]->Time;
+    figures->RingMilliseconds =
+        static_cast<uint32_t>(MillisecondsSince(stream->Slots[stream->First & mask]->Time, newest));
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "net/client_state.h"
 #include "net/platform.h"
 #include "net/scope.h"
+#include "steady/line_end.h"
 #include "steady/line_flush.h"
 
 namespace {
@@ -48,7 +49,7 @@ bool Counts(const SteadyLine *line, const RingNow *ring)
 {
     const uint64_t now = ring->Milliseconds;
     return IsInRing(line, ring) && MakesProgress(line, now) &&
-           (line->Look.HasCaughtUp != 0 || now - line->Look.Begun > kCatchUpMs);
+           (line->Look.HasCaughtUp != 0 || MillisecondsSince(line->Look.Begun, now) > kCatchUpMs);
 }
 
 void LookAtLine(SteadyLine *line, const RingNow *ring, SteadySlowest *slowest)
