@@ -38,6 +38,7 @@ void FillFromLine(const SteadyLine *line, RtmpClientFigures *figures)
     figures->DroppedFrames = LoadShared(&line->FramesDropped);
     figures->Restarts = LoadShared(&line->Restarts);
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
+    figures->IsTls = line->SpeaksTls != 0 || line->Client->Tls != nullptr ? 1 : 0; // its handle may be gone
     const SteadyBehind behind = BehindOf(line);
     figures->LagMilliseconds = behind.Milliseconds;
     figures->LagPictures = behind.Pictures;
@@ -86,7 +87,6 @@ void FillClientFigures(RtmpClient *client, RtmpClientFigures *figures)
     *figures = {};
     strncpy(figures->Address, client->ClientIP, sizeof figures->Address - 1);
     figures->Port = ntohs(client->Port);
-    figures->IsTls = client->Tls != nullptr ? 1 : 0;
     figures->State = ClientStateOf(client);
     figures->Milliseconds = static_cast<uint32_t>(RtmpGetSystemTime() - client->CreateTime);
     figures->RoundTripMicros = RoundTripOf(client);
