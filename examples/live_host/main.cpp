@@ -1,16 +1,14 @@
 // live_host: a reference host. It serves a media file, or what it encodes itself, as live RTMP streams.
-#include "console.h"
-#include "decoded_file.h"
-#include "encoded_source.h"
-#include "host.h"
-#include "host_functions.h"
-#include "media_file.h"
 #include "options.h"
-#include "pacer.h"
-#include "session_watch.h"
-#include "supervisor.h"
-#include "test_pattern.h"
-#include "tls_context.h"
+#include "status_line.h"
+
+#include "common/console.h"
+#include "common/host.h"
+#include "common/host_functions.h"
+#include "common/session_watch.h"
+#include "common/source.h"
+#include "common/supervisor.h"
+#include "common/tls_context.h"
 
 #include <cstdio>
 #include <exception>
@@ -21,53 +19,6 @@
 namespace {
 
 enum ExitCode { kOk = 0, kFailed = 1, kBadUsage = 2 };
-
-int logLevelOf(const Options &options)
-{
-    switch (options.logLevel) {
-    case LogLevel::Quiet:
-        return -1;
-    case LogLevel::Error:
-        return RTMP_LOG_ERROR;
-    default:
-        return RTMP_LOG_INFO;
-    }
-}
-
-std::unique_ptr<RawSource> openRawSource(const Options &options)
-{
-    const EncodeOptions &encode = options.encode;
-    RawFormat format = {.width = static_cast<int>(encode.width),
-                        .height = static_cast<int>(encode.height),
-                        .rateNumerator = static_cast<int>(encode.frameRate),
-                        .rateDenominator = 1,
-                        .sampleRate = 0,
-                        .name = ""};
-    if (!options.input.empty()) {
-        return std::make_unique<DecodedFile>(options.input, format);
-    }
-    if (format.width == 0) {
-        format.width = 1280;
-        format.height = 720;
-    }
-    if (format.rateNumerator == 0) {
-        format.rateNumerator = 30;
-    }
-    format.sampleRate = 44'100;
-    format.name = "test pattern";
-    return std::make_unique<TestPattern>(format);
-}
-
-std::unique_ptr<FrameSource> openSource(const Options &options)
-{
-    if (options.encode.enabled) {
-        const EncoderSettings settings = {.videoBitrate = static_cast<int32_t>(options.videoBitrate),
-                                          .audioBitrate = static_cast<int32_t>(options.encode.audioBitrate),
-                                          .preset = options.encode.preset};
-        return std::make_unique<EncodedSource>(openRawSource(options), settings);
-    }
-    return std::make_unique<MediaFile>(options.input.empty() ? LIVE_HOST_CLIP : options.input);
-}
 
 std::unique_ptr<TlsContext> makeTls(const Options &options)
 {
@@ -107,27 +58,15 @@ void introduce(const Options &options, const MediaDescription &media, Console &c
     }
 }
 
-// Frames from the source to the host, each at its time, until the flag is raised.
-void sendFrames(FrameSource &source, Host &host, Console &console, Counters &counters, const StopFlag &stop)
+// What the library asked of the encoder meanwhile.
+void followWishes(FrameSource &source, Counters &counters)
 {
-    Pacer pacer;
-    while (!stop.raised()) {
-        const Frame frame = source.next();
-        if (!pacer.waitFor(frame.time, stop)) {
-            return;
-        }
-        if (const std::chrono::milliseconds delay = pacer.takeDelay(); delay.count() > 0) {
-            console.warn("sending was held up for " + std::to_string(delay.count()) +
-                         " ms; going on from there");
-        }
-        host.send(frame, pacer.timestamp(frame.time));
-        if (const int32_t bitrate = hostFunctions.bitrates.take(); bitrate > 0) {
-            source.setBitrate(bitrate);
-            counters.targetBitrate = bitrate;
-        }
-        if (std::exchange(hostFunctions.keyFrameWanted, false)) {
-            source.makeKeyFrame();
-        }
+    if (const int32_t bitrate = hostFunctions.bitrates.take(); bitrate > 0) {
+        source.setBitrate(bitrate);
+        counters.targetBitrate = bitrate;
+    }
+    if (std::exchange(hostFunctions.keyFrameWanted, false)) {
+        source.makeKeyFrame();
     }
 }
 
@@ -141,12 +80,18 @@ void serve(const Options &options, Console &console)
     hostFunctions.tls = tls.get();
     const std::unique_ptr<LineFile> stats = openStats(options);
     SessionWatch watch;
-    Supervisor supervisor(options, counters, watch, stats.get(), console, stop);
-    const std::unique_ptr<FrameSource> source = openSource(options);
+    StatusLine status(options, counters, watch, stats.get(), console);
+    Supervisor supervisor(
+        std::chrono::seconds(options.duration), [&status] { status.show(); }, console, stop);
+    const std::unique_ptr<FrameSource> source = openSource(options, DEFAULT_CLIP);
     Host host(options, source->description(), console, counters, watch);
     introduce(options, source->description(), console);
+    const auto deliver = [&](const Frame &frame, uint64_t timestamp) {
+        host.send(frame, timestamp);
+        followWishes(*source, counters);
+    };
     try {
-        sendFrames(*source, host, console, counters, stop);
+        sendFrames(*source, deliver, console, stop);
     } catch (const SourceError &) {
         supervisor.sendingIsOver();
         if (!stop.raised()) {
@@ -176,7 +121,7 @@ int main(int argc, char **argv)
         fputs(helpText().c_str(), stdout);
         return kOk;
     }
-    Console console(logLevelOf(options));
+    Console console("live_host", logLevelOf(options));
     hostFunctions.console = &console;
     try {
         serve(options, console);

@@ -1,88 +1,25 @@
 #include "option_table.h"
 
+#include "common/option_rows.h"
+#include "common/option_setters.h"
+
 #include <rtmpcast/types.h>
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
-#include <cstdio>
 #include <string_view>
 
 namespace {
 
-[[noreturn]] void refuse(const Option &option, const std::string &value, const std::string &wanted)
-{
-    throw OptionError(std::string(option.name) + ": '" + value + "' is not " + wanted);
-}
-
-uint32_t readNumber(const Option &option, const std::string &value)
-{
-    uint32_t number = 0;
-    const char *end = value.data() + value.size();
-    const std::from_chars_result read = std::from_chars(value.data(), end, number);
-    if (value.empty() || read.ec != std::errc() || read.ptr != end || number < option.low ||
-        number > option.high) {
-        refuse(option, value,
-               "a number from " + std::to_string(option.low) + " to " + std::to_string(option.high));
-    }
-    return number;
-}
-
-// number<&Options::rtmpPort>, number<&Options::sender, &SenderOptions::flag>: a number into that field.
-template <auto Field> void number(Options &options, const Option &self, const std::string &value)
-{
-    options.*Field = readNumber(self, value);
-}
-
-template <auto Group, auto Field> void number(Options &options, const Option &self, const std::string &value)
-{
-    options.*Group.*Field = readNumber(self, value);
-}
-
-// A field of AdaptiveOptions; naming one switches the controller on.
-template <auto Field> void adaptive(Options &options, const Option &self, const std::string &value)
-{
-    options.adaptive.enabled = true;
-    options.adaptive.*Field = readNumber(self, value);
-}
-
-// A field of EncodeOptions.
-template <auto Field> void encode(Options &options, const Option &self, const std::string &value)
-{
-    options.encode.*Field = readNumber(self, value);
-    options.encode.firstOption = self.name;
-}
-
-template <auto Field> void text(Options &options, const Option &self, const std::string &value)
-{
-    if (value.empty()) {
-        refuse(self, value, "a name");
-    }
-    options.*Field = value;
-}
-
-template <auto Field> void file(Options &options, const Option &self, const std::string &value)
-{
-    if (value.empty()) {
-        refuse(self, value, "a file");
-    }
-    options.*Field = value;
-}
-
-template <auto Field> void turnOn(Options &options, const Option &, const std::string &)
-{
-    options.*Field = true;
-}
-
-template <auto Group, auto Field> void turnOn(Options &options, const Option &, const std::string &)
-{
-    options.*Group.*Field = true;
-}
+using setters::file;
+using setters::number;
+using setters::text;
+using setters::turnOn;
 
 void addSession(Options &options, const Option &self, const std::string &value)
 {
     if (value.empty()) {
-        refuse(self, value, "a name");
+        refuseOption(self, value, "a name");
     }
     if (std::ranges::find(options.sessions, value) != options.sessions.end()) {
         throw OptionError("--session: '" + value + "' is given twice");
@@ -93,22 +30,9 @@ void addSession(Options &options, const Option &self, const std::string &value)
 void chooseSender(Options &options, const Option &self, const std::string &value)
 {
     if (value != "monitor" && value != "threaded") {
-        refuse(self, value, "monitor or threaded");
+        refuseOption(self, value, "monitor or threaded");
     }
     options.sender.mode = value == "threaded" ? RTMP_SENDER_THREADED : 0;
-}
-
-void chooseLogLevel(Options &options, const Option &self, const std::string &value)
-{
-    if (value == "quiet") {
-        options.logLevel = LogLevel::Quiet;
-    } else if (value == "error") {
-        options.logLevel = LogLevel::Error;
-    } else if (value == "info") {
-        options.logLevel = LogLevel::Info;
-    } else {
-        refuse(self, value, "quiet, error or info");
-    }
 }
 
 struct PlayerName {
@@ -136,7 +60,7 @@ uint32_t playerFlags(const Option &option, std::string_view name)
 {
     const PlayerName *found = std::ranges::find(kPlayerNames, name, &PlayerName::name);
     if (found == std::end(kPlayerNames)) {
-        refuse(option, std::string(name), "a rule: see live_host --help");
+        refuseOption(option, std::string(name), "a rule: see live_host --help");
     }
     return found->flags;
 }
@@ -161,38 +85,9 @@ void setToken(Options &options, const Option &self, const std::string &value)
                std::string_view("-._~").find(static_cast<char>(each)) != std::string_view::npos;
     };
     if (value.empty() || !std::ranges::all_of(value, isUnreserved)) {
-        refuse(self, value, "made of letters, digits and -._~");
+        refuseOption(self, value, "made of letters, digits and -._~");
     }
     options.token = value;
-}
-
-// "640x360" as two even numbers.
-void setSize(Options &options, const Option &self, const std::string &value)
-{
-    unsigned width = 0;
-    unsigned height = 0;
-    int end = 0;
-    const bool read = !value.empty() && isdigit(static_cast<unsigned char>(value[0])) != 0 &&
-                      sscanf(value.c_str(), "%5ux%5u%n", &width, &height, &end) == 2 &&
-                      static_cast<size_t>(end) == value.size();
-    const auto fits = [](unsigned length) { return length >= 64 && length <= 4096 && length % 2 == 0; };
-    if (!read || !fits(width) || !fits(height)) {
-        refuse(self, value, "WxH with even numbers from 64 to 4096");
-    }
-    options.encode.width = width;
-    options.encode.height = height;
-    options.encode.firstOption = self.name;
-}
-
-void setPreset(Options &options, const Option &self, const std::string &value)
-{
-    constexpr const char *kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",   "fast",
-                                        "medium",    "slow",      "slower",   "veryslow", "placebo"};
-    if (std::ranges::find(kPresets, value) == std::end(kPresets)) {
-        refuse(self, value, "one of x264's presets");
-    }
-    options.encode.preset = value;
-    options.encode.firstOption = self.name;
 }
 
 void setTraceDirectory(Options &options, const Option &self, const std::string &value)
@@ -200,16 +95,14 @@ void setTraceDirectory(Options &options, const Option &self, const std::string &
     // The library cuts longer paths, and the name of the trace with them.
     constexpr size_t kLongest = 100;
     if (value.empty() || value.size() > kLongest) {
-        refuse(self, value, "a directory of 1 to " + std::to_string(kLongest) + " bytes");
+        refuseOption(self, value, "a directory of 1 to " + std::to_string(kLongest) + " bytes");
     }
     options.trace.directory = value;
 }
 
 using S = SenderOptions;
-using A = AdaptiveOptions;
-using E = EncodeOptions;
 
-constexpr Option kOptions[] = {
+constexpr Option kServedRows[] = {
     {nullptr, nullptr, "What is served", nullptr},
     {"--input", "FILE", "MP4, MKV, FLV or MPEG-TS with H.264, AAC or both (a test clip)",
      text<&Options::input>},
@@ -218,15 +111,9 @@ constexpr Option kOptions[] = {
      number<&Options::videoBitrate>, 0, INT32_MAX},
     {"--duration", "SECONDS", "stop after this long (0: on SIGINT or SIGTERM)", number<&Options::duration>},
 
-    {nullptr, nullptr, "Encoding here: x264 and AAC, no B-frames, a key frame a second", nullptr},
-    {"--encode", nullptr, "a test pattern with a clock and a tone, or --input decoded;",
-     turnOn<&Options::encode, &E::enabled>},
-    {"", nullptr, "--video-bitrate is what it starts with and never exceeds (4000000)", nullptr},
-    {"--size", "WxH", "of the pictures, even (1280x720, or the input's)", setSize},
-    {"--frame-rate", "N", "pictures per second (30, or the input's)", encode<&E::frameRate>, 1, 120},
-    {"--preset", "NAME", "x264's, from ultrafast to placebo (superfast)", setPreset},
-    {"--audio-bitrate", "BITS", "bit/s (96000)", encode<&E::audioBitrate>, 16'000, 512'000},
+};
 
+constexpr Option kRows[] = {
     {nullptr, nullptr, "Where", nullptr},
     {"--interface", "NAME", "network interface, such as lo or eth0 (any: all of them)",
      text<&Options::interfaceName>},
@@ -287,37 +174,11 @@ constexpr Option kOptions[] = {
      number<&Options::trace, &TraceOptions::every>},
     {"--burn-in", nullptr, "format the burn-in texts too", turnOn<&Options::trace, &TraceOptions::burnIn>},
 
-    {nullptr, nullptr, "Adaptive bitrate of the threaded sender; 0 is the library's default", nullptr},
-    {"--adaptive", nullptr, "switch it on; so does each of these", turnOn<&Options::adaptive, &A::enabled>},
-    {"--abr-min-bitrate", "BITS", "never ask for less, bit/s (0)", adaptive<&A::minBitrate>, 0, INT32_MAX},
-    {"--abr-start-delay", "MS", "before the first decision (5000)", adaptive<&A::startDelay>},
-    {"--abr-increase-fullness", "PERCENT", "raise only below this fullness (200)",
-     adaptive<&A::increaseFullness>},
-    {"--abr-increase-percent", "PERCENT", "of the headroom per raise (10)", adaptive<&A::increasePercent>},
-    {"--abr-increase-min-step", "BITS", "smallest raise (10000)", adaptive<&A::increaseMinStep>},
-    {"--abr-increase-interval", "SECONDS", "more than this before a raise (10)",
-     adaptive<&A::increaseInterval>},
-    {"--abr-decrease-fullness", "PERCENT", "lower only above this fullness (500)",
-     adaptive<&A::decreaseFullness>},
-    {"--abr-decrease-percent", "PERCENT", "how far towards the measured rate (50)",
-     adaptive<&A::decreasePercent>},
-    {"--abr-decrease-fullness-high", "PERCENT", "above this the next gain counts (1000)",
-     adaptive<&A::decreaseFullnessHigh>},
-    {"--abr-decrease-percent-high", "PERCENT", "the gain above it (110)", adaptive<&A::decreasePercentHigh>},
-    {"--abr-decrease-interval", "SECONDS", "more than this between lowerings (1)",
-     adaptive<&A::decreaseInterval>},
-    {"--abr-reserved-1", "N", "ignored by the library (0)", adaptive<&A::reserved1>},
-    {"--abr-reserved-2", "N", "ignored by the library (0)", adaptive<&A::reserved2>},
-    {"--abr-reserved-3", "N", "stored by the library (10)", adaptive<&A::reserved3>},
-
-    {nullptr, nullptr, "What is said", nullptr},
-    {"--log-level", "LEVEL", "the library's lines: quiet, error or info (error)", chooseLogLevel},
-    {"--help", nullptr, "this text", turnOn<&Options::help>},
 };
 
 } // namespace
 
-std::span<const Option> optionTable()
+std::vector<Option> optionTable()
 {
-    return kOptions;
+    return joined({kServedRows, encoderRows(), kRows, adaptiveRows(), saidRows()});
 }

@@ -4,9 +4,6 @@
 
 #include <rtmpcast/types.h>
 
-#include <algorithm>
-#include <span>
-
 namespace {
 
 constexpr const char *kHelpEnd = R"(
@@ -34,36 +31,6 @@ Over TLS, with a certificate of one's own:
 With --exact, a player that signs its handshake:
   rtmpdump -r rtmp://127.0.0.1:1935/live/stream -w $(printf '%064d' 0) -x 1 -o - | ffplay -
 )";
-
-const Option &findOption(const std::string &name)
-{
-    const std::span<const Option> table = optionTable();
-    const auto found = std::ranges::find_if(
-        table, [&name](const Option &option) { return option.apply != nullptr && name == option.name; });
-    if (found == table.end()) {
-        throw OptionError("unknown option '" + name + "'");
-    }
-    return *found;
-}
-
-void checkEncoding(Options &options)
-{
-    constexpr uint32_t kLowest = 64'000;
-    constexpr uint32_t kHighest = 100'000'000;
-    if (!options.encode.enabled) {
-        if (options.encode.firstOption != nullptr) {
-            throw OptionError(std::string(options.encode.firstOption) + " needs --encode");
-        }
-        return;
-    }
-    if (options.videoBitrate == 0) {
-        options.videoBitrate = 4'000'000;
-    }
-    if (options.videoBitrate < kLowest || options.videoBitrate > kHighest) {
-        throw OptionError("--video-bitrate: --encode takes from " + std::to_string(kLowest) + " to " +
-                          std::to_string(kHighest) + " bit/s");
-    }
-}
 
 void checkPorts(const Options &options)
 {
@@ -127,49 +94,15 @@ void checkTogether(Options &options)
 
 Options parseOptions(int argc, char **argv)
 {
-    Options options;
-    const std::span<char *> words(argv, static_cast<size_t>(argc));
-    for (size_t at = 1; at < words.size(); ++at) {
-        const std::string word = words[at];
-        const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
-        const Option &option = findOption(word.substr(0, equals));
-        if (option.argument == nullptr) {
-            if (equals != std::string::npos) {
-                throw OptionError(std::string(option.name) + " takes no value");
-            }
-            option.apply(options, option, "");
-        } else if (equals != std::string::npos) {
-            option.apply(options, option, word.substr(equals + 1));
-        } else if (at + 1 < words.size()) {
-            option.apply(options, option, words[++at]);
-        } else {
-            throw OptionError(std::string(option.name) + " needs a value: " + option.argument);
-        }
-    }
+    Options options = readOptions(argc, argv, optionTable());
     checkTogether(options);
     return options;
 }
 
 std::string helpText()
 {
-    constexpr size_t kColumn = 40; // of the explanations
-    std::string out =
-        "live_host serves a media file, or what it encodes itself, as live RTMP streams, in real "
-        "time and on and on.\n\n"
-        "Usage: live_host [options]      defaults in parentheses\n";
-    for (const Option &option : optionTable()) {
-        if (option.name == nullptr) {
-            out.append("\n").append(option.help).append("\n");
-            continue;
-        }
-        std::string left(2, ' ');
-        left.append(option.name);
-        if (option.argument != nullptr) {
-            left.append(" ").append(option.argument);
-        }
-        left.resize(std::max(left.size() + 2, kColumn), ' ');
-        out.append(left).append(option.help).append("\n");
-    }
-    out.append(kHelpEnd);
-    return out;
+    return "live_host serves a media file, or what it encodes itself, as live RTMP streams, in real "
+           "time and on and on.\n\n"
+           "Usage: live_host [options]      defaults in parentheses\n" +
+           optionsHelp(optionTable()) + kHelpEnd;
 }

@@ -1,4 +1,4 @@
-#include "live_host/aac.h"
+#include "common/aac.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "live_host/libav.h"
+#include "common/libav.h"
 #include "media/media_info.h"
 #include "rtmpcast/rtmpcast.h"
 

@@ -1,7 +1,7 @@
-#include "live_host/encoded_source.h"
+#include "common/encoded_source.h"
 
-#include "live_host/decoded_file.h"
-#include "live_host/test_pattern.h"
+#include "common/decoded_file.h"
+#include "common/test_pattern.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

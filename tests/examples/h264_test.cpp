@@ -1,4 +1,4 @@
-#include "live_host/h264.h"
+#include "common/h264.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "live_host/media_file.h"
+#include "common/media_file.h"
 
 #include <gtest/gtest.h>
 

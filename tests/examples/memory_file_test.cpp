@@ -1,4 +1,4 @@
-#include "live_host/memory_file.h"
+#include "common/memory_file.h"
 
 #include <gtest/gtest.h>
 

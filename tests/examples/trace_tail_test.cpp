@@ -1,6 +1,6 @@
-#include "live_host/trace_tail.h"
+#include "common/trace_tail.h"
 
-#include "live_host/bitrate_wishes.h"
+#include "common/bitrate_wishes.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,9 @@
 
 class Console {
   public:
-    explicit Console(int maxLevel); // the least urgent syslog priority that lineOfTheLibrary shows; -1: none
+    // Messages begin with the program's name. `maxLevel`: the least urgent syslog priority that
+    // lineOfTheLibrary shows; -1: none
+    Console(std::string program, int maxLevel);
 
     void say(const std::string &text);  // standard output
     void note(const std::string &text); // the same, unless nothing of the library's is shown
@@ -26,6 +28,7 @@ class Console {
     void print(FILE *to, const std::string &text);
 
     std::mutex mutex_;
+    const std::string program_;
     int maxLevel_;
     bool terminal_;
     std::string status_; // what stands on the terminal's last line

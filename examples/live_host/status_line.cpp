@@ -1,118 +1,26 @@
-#include "supervisor.h"
+#include "status_line.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 
-#include <unistd.h>
-
 using std::chrono::duration_cast;
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-namespace {
-
-constexpr seconds kStatusInterval(1);
-constexpr milliseconds kTick(100);
-constexpr seconds kStopLimit(10); // for a clean stop
-
-sigset_t stopSignals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    return set;
-}
-
-void wakeUp(int) {}
-
-} // namespace
-
-void prepareSignals()
-{
-    const sigset_t set = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-
-    // Without SA_RESTART: the signal ends a blocked read or write of the thread that it is sent to.
-    struct sigaction action = {};
-    action.sa_handler = wakeUp;
-    sigaction(SIGUSR1, &action, nullptr);
-    (void)HandleSignal(); // returns how SIGPIPE was handled before
-}
-
-Supervisor::Supervisor(const Options &options, const Counters &counters, const SessionWatch &watch,
-                       LineFile *stats, Console &console, StopFlag &stop)
-    : options_(options), counters_(counters), watch_(watch), stats_(stats), console_(console), stop_(stop),
-      duration_(options.duration)
+StatusLine::StatusLine(const Options &options, const Counters &counters, const SessionWatch &watch,
+                       LineFile *stats, Console &console)
+    : options_(options), counters_(counters), watch_(watch), stats_(stats), console_(console)
 {
     if (!options.trace.directory.empty()) {
         for (const std::string &directory : traceDirectories(options)) {
             traces_.emplace_back(directory);
         }
     }
-    thread_ = std::thread([this] { run(); });
-}
-
-Supervisor::~Supervisor()
-{
-    over_ = true;
-    thread_.join();
-}
-
-void Supervisor::sendingIsOver()
-{
-    sending_ = false;
-}
-
-void Supervisor::run()
-{
-    const steady_clock::time_point limit =
-        duration_.count() > 0 ? start_ + duration_ : steady_clock::time_point::max();
-    steady_clock::time_point nextStatus = start_ + kStatusInterval;
-    while (!over_) {
-        const bool signalled = waitForSignal(std::min({steady_clock::now() + kTick, nextStatus, limit}));
-        if (signalled && stop_.raised()) {
-            leaveAtOnce("second signal: leaving at once");
-        }
-        if (signalled || steady_clock::now() >= limit) {
-            stop_.raise();
-        }
-        if (stop_.raised() || !sending_) {
-            finish();
-        } else if (steady_clock::now() >= nextStatus) {
-            showStatus();
-            nextStatus += kStatusInterval;
-        }
-    }
-}
-
-// Hastens the end.
-void Supervisor::finish()
-{
-    if (sending_) {
-        pthread_kill(sender_, SIGUSR1); // out of a write that a player blocks
-    }
-    ending_ = ending_.value_or(steady_clock::now());
-    if (steady_clock::now() - *ending_ > kStopLimit) {
-        leaveAtOnce("the library does not let go: leaving without a clean stop");
-    }
-}
-
-// True when SIGINT or SIGTERM came before `until`.
-bool Supervisor::waitForSignal(steady_clock::time_point until)
-{
-    const sigset_t set = stopSignals();
-    const int64_t left =
-        std::max<int64_t>(duration_cast<std::chrono::nanoseconds>(until - steady_clock::now()).count(), 0);
-    const timespec timeout = {.tv_sec = left / 1'000'000'000, .tv_nsec = left % 1'000'000'000};
-    return sigtimedwait(&set, nullptr, &timeout) > 0;
 }
 
 // What went in and out since the last time.
-Second Supervisor::sinceShown(const Look &look)
+Second StatusLine::sinceShown(const Look &look)
 {
     const steady_clock::time_point now = steady_clock::now();
     const double kilobits = 8.0 / 1000 / std::chrono::duration<double>(now - shown_).count();
@@ -130,7 +38,7 @@ Second Supervisor::sinceShown(const Look &look)
 
 // In: what the library took. Out: what viewers were sent, or with --exact what the library measured. Target:
 // what the encoder was told.
-void Supervisor::showStatus()
+void StatusLine::show()
 {
     const Look look = watch_.look(stats_ != nullptr); // nothing with --exact
     const Second second = sinceShown(look);
@@ -144,14 +52,14 @@ void Supervisor::showStatus()
     writeStats(second, look);
 }
 
-void Supervisor::writeStats(const Second &second, const Look &look)
+void StatusLine::writeStats(const Second &second, const Look &look)
 {
     if (stats_ != nullptr && !stats_->append(jsonLine(second, look))) {
         console_.warn("--stats-json: a line could not be written");
     }
 }
 
-std::string Supervisor::rates(const Second &second) const
+std::string StatusLine::rates(const Second &second) const
 {
     std::string text;
     const int32_t measured = counters_.measuredKbps;
@@ -167,7 +75,7 @@ std::string Supervisor::rates(const Second &second) const
 }
 
 // Of several sessions the one with the fullest ring; what they dropped is summed up.
-std::optional<TraceLine> Supervisor::fullest(uint64_t &dropped) const
+std::optional<TraceLine> StatusLine::fullest(uint64_t &dropped) const
 {
     std::optional<TraceLine> found;
     for (const TraceTail &trace : traces_) {
@@ -180,7 +88,7 @@ std::optional<TraceLine> Supervisor::fullest(uint64_t &dropped) const
     return found;
 }
 
-std::string Supervisor::queue(const TraceLine &line) const
+std::string StatusLine::queue(const TraceLine &line) const
 {
     const uint32_t slots = options_.sender.videoQueue + 1;
     const uint32_t queued = static_cast<uint32_t>(std::max(line.queued, 0));
@@ -188,7 +96,7 @@ std::string Supervisor::queue(const TraceLine &line) const
            "/" + std::to_string(slots) + ")";
 }
 
-std::string Supervisor::sent() const
+std::string StatusLine::sent() const
 {
     return "  sent " + std::to_string(counters_.sent) + "  unwatched " + std::to_string(counters_.unwatched);
 }
@@ -197,7 +105,7 @@ std::string Supervisor::sent() const
  * The library tells how full a ring is in its trace alone. The trace also counts the frames of a flushed
  * ring; the one that found it full is not among them. Without a trace only the flushes can be counted.
  */
-std::string Supervisor::losses() const
+std::string StatusLine::losses() const
 {
     const uint64_t flushes = counters_.flushes;
     uint64_t dropped = counters_.dropped;
@@ -212,17 +120,11 @@ std::string Supervisor::losses() const
 }
 
 // The same of the steady road, where each viewer has losses of its own.
-std::string Supervisor::lag(const Look &look) const
+std::string StatusLine::lag(const Look &look) const
 {
     uint64_t traced = 0;
     const std::optional<TraceLine> line = fullest(traced);
     return (line ? queue(*line) : std::string()) + "  dropped " +
            std::to_string(counters_.dropped + look.droppedFrames()) + "  lag " +
            std::to_string(look.slowestMilliseconds()) + " ms" + sent();
-}
-
-void Supervisor::leaveAtOnce(const char *why)
-{
-    console_.fail(why);
-    _exit(1);
 }

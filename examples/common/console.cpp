@@ -1,10 +1,14 @@
 #include "console.h"
 
 #include <cstdio>
+#include <utility>
 
 #include <unistd.h>
 
-Console::Console(int maxLevel) : maxLevel_(maxLevel), terminal_(isatty(STDOUT_FILENO) != 0) {}
+Console::Console(std::string program, int maxLevel)
+    : program_(std::move(program)), maxLevel_(maxLevel), terminal_(isatty(STDOUT_FILENO) != 0)
+{
+}
 
 void Console::say(const std::string &text)
 {
@@ -20,12 +24,12 @@ void Console::note(const std::string &text)
 
 void Console::warn(const std::string &text)
 {
-    print(stderr, "live_host: warning: " + text + "\n");
+    print(stderr, program_ + ": warning: " + text + "\n");
 }
 
 void Console::fail(const std::string &text)
 {
-    print(stderr, "live_host: " + text + "\n");
+    print(stderr, program_ + ": " + text + "\n");
 }
 
 void Console::lineOfTheLibrary(int level, const char *format, va_list arguments)
