@@ -5,6 +5,7 @@
 
 namespace wire {
 
+uint64_t Writes();
 uint64_t WritesOfThisThread();
 
 } // namespace wire

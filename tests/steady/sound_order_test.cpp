@@ -96,12 +96,15 @@ TEST(SoundOrder, SoundAndThePictureBehindItLeaveInOneWrite)
     OnePlayer one;
     one.picture(1000, kKeyNal);
     (void)one.seen();
-    one.sound(1010);
-    one.sound(1031);
-    const uint64_t before = WritesOfThisThread();
-    one.picture(1040);
-    EXPECT_EQ(WritesOfThisThread() - before, 1u); // one player, one sendmsg
-    EXPECT_EQ(one.seen().size(), 3u);
+    const uint64_t before = Writes();
+    for (uint64_t i = 1; i <= 50; i++) {
+        one.sound(1000 + 40 * i - 30);
+        one.sound(1000 + 40 * i - 10);
+        one.picture(1000 + 40 * i);
+    }
+    EXPECT_GE(Writes() - before, 50u); // one player, one sendmsg
+    EXPECT_LE(Writes() - before, 52u); // its thread may still be at an answer, and take frames along
+    EXPECT_EQ(one.seen().size(), 150u);
 }
 
 TEST(SoundOrder, SoundThatHasWaitedLeavesByItself)
@@ -223,7 +226,10 @@ TEST(SoundOrder, LargeSoundIsBoundedByItsBytes)
     for (uint64_t i = 1; i <= 5; i++) {
         ASSERT_EQ(SendAudio(one.session, Bytes(400000, 0x77), 1000 + i), 0);
     }
-    EXPECT_EQ(one.seen().size(), 3u); // two of them are below a MiB
+    for (uint32_t i = 1; i <= 3; i++) { // two of them are below a MiB, and wait
+        EXPECT_EQ(one.peer.read().timestamp, i);
+    }
+    EXPECT_EQ(one.seen(), Sequence{});
 }
 
 TEST(SoundOrder, FramesAreKeptForWhoJoinsWhileNobodyIsConnected)
