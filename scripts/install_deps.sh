@@ -11,7 +11,7 @@ adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
 edge="ffmpeg nginx-light libnginx-mod-rtmp chromium nodejs"
 # Node.js from elsewhere brings its own npm, beside which Debian's cannot be installed.
 command -v npm >/dev/null || edge="$edge npm"
-tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3
+tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3 openssl
 clang clang-tidy clang-format"
 # Every player that is tried in front of the reference host, headless.
 players="mpv vlc-bin vlc-plugin-base vlc-plugin-access-extra gstreamer1.0-tools gstreamer1.0-plugins-good

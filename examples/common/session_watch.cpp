@@ -188,7 +188,7 @@ LineFile::LineFile(const std::string &path)
     : file_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644))
 {
     if (file_ < 0) {
-        throw std::runtime_error("'" + path + "': " + strerror(errno));
+        throw std::runtime_error("--stats-json: '" + path + "': " + strerror(errno));
     }
 }
 

@@ -1,6 +1,7 @@
 #include "tls_context.h"
 
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
 #include <cerrno>
@@ -18,6 +19,9 @@ std::string reason()
     }
     if (ERR_SYSTEM_ERROR(code)) {
         return strerror(ERR_GET_REASON(code));
+    }
+    if (ERR_GET_LIB(code) == ERR_LIB_PEM && ERR_GET_REASON(code) == PEM_R_NO_START_LINE) {
+        return "there is none in it";
     }
     const char *text = ERR_reason_error_string(code);
     return text != nullptr ? text : "error " + std::to_string(code);
@@ -47,7 +51,9 @@ TlsContext::TlsContext(const std::string &certificateFile, const std::string &ke
         SSL_CTX_free(context_);
         throw TlsError(wrong);
     }
-    SSL_CTX_set_options(context_, SSL_OP_NO_RENEGOTIATION);
+    // No tickets: players do not resume, and some take a ticket for the end of the connection.
+    SSL_CTX_set_options(context_, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_TICKET);
+    (void)SSL_CTX_set_num_tickets(context_, 0); // always 1
     SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_OFF);
 }
 

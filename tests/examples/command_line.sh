@@ -39,6 +39,12 @@ expect 2 'exclude each other' --exact --players all
 expect 2 "is not a rule" --players handshakes
 expect 1 'No such file or directory' --encode --input "$work/none.mp4"
 expect 1 'Invalid data found' --encode --input "$work/text.txt"
+expect 2 'not for --exact' --exact --token x
+expect 1 "--tls-cert: '$work/none.pem': No such file or directory" --rtmps-port 4433 --tls-cert "$work/none.pem" \
+    --tls-key "$work/none.pem"
+expect 1 "--tls-cert: '$work/text.txt': there is none in it" --rtmps-port 4433 --tls-cert "$work/text.txt" \
+    --tls-key "$work/text.txt"
+expect 1 "--stats-json: '$work/none/stats.json': No such file or directory" --stats-json "$work/none/stats.json"
 expect 1 "no network interface 'nosuch0' with an IPv4 address" --interface nosuch0 --log-level quiet
 expect 0 'there is no RTMP listener' --rtmp-port 0 --duration 1
 expect 0 'while nobody watched' --rtmp-port 0 --session a --session b --zero-copy --duration 1

@@ -176,6 +176,49 @@ TEST(Options, RulesForPlayersAreRefusedWithTheirReason)
     EXPECT_EQ(refusal({"--players", "all", "--exact"}), "--exact and --players exclude each other");
 }
 
+TEST(Options, TheSteadyRoadIsTakenUnlessTheDefaultOfTheLibraryIsWanted)
+{
+    EXPECT_FALSE(parse({}).exact);
+    EXPECT_TRUE(parse({"--exact"}).exact);
+    EXPECT_FALSE(parse({"--players", "none"}).exact) << "players are another matter";
+}
+
+TEST(Options, WhatOnlyTheSteadyRoadHas)
+{
+    const Options options = parse({"--token", "aZ0-._~", "--rtmps-port", "4433", "--tls-cert", "c.pem",
+                                   "--tls-key", "k.pem", "--stats-json", "s.json"});
+    EXPECT_EQ(options.token, "aZ0-._~");
+    EXPECT_EQ(options.rtmpsPort, 4433u);
+    EXPECT_EQ(options.tlsCertificate, "c.pem");
+    EXPECT_EQ(options.tlsKey, "k.pem");
+    EXPECT_EQ(options.statsFile, "s.json");
+    const Options none = parse({});
+    EXPECT_EQ(none.token + none.tlsCertificate + none.tlsKey + none.statsFile, "");
+    EXPECT_EQ(none.rtmpsPort, 0u);
+    EXPECT_EQ(parse({"--token", "x", "--players", "handshake,stream-name"}).token, "x");
+}
+
+TEST(Options, WhatOnlyTheSteadyRoadHasIsRefusedWithItsReason)
+{
+    const char *others = "--token, --rtmps-port and --stats-json are not for --exact";
+    EXPECT_EQ(refusal({"--exact", "--token", "x"}), others);
+    EXPECT_EQ(refusal({"--exact", "--stats-json", "x"}), others);
+    EXPECT_EQ(refusal({"--exact", "--rtmps-port", "1", "--tls-cert", "c", "--tls-key", "k"}), others);
+    EXPECT_EQ(refusal({"--token", "a b"}), "--token: 'a b' is not made of letters, digits and -._~");
+    EXPECT_EQ(refusal({"--token", ""}), "--token: '' is not made of letters, digits and -._~");
+    EXPECT_EQ(refusal({"--token", "x", "--players", "none"}),
+              "--token needs the rule stream-name among --players");
+    EXPECT_EQ(refusal({"--rtmps-port", "1", "--tls-key", "k"}),
+              "--rtmps-port needs --tls-cert and --tls-key");
+    EXPECT_EQ(refusal({"--rtmps-port", "1", "--tls-cert", "c"}),
+              "--rtmps-port needs --tls-cert and --tls-key");
+    EXPECT_EQ(refusal({"--tls-cert", "c"}), "--tls-cert and --tls-key need --rtmps-port");
+    EXPECT_EQ(refusal({"--rtmps-port", "1935", "--tls-cert", "c", "--tls-key", "k"}),
+              "--rtmps-port is the port of another listener");
+    EXPECT_EQ(refusal({"--rtmps-port", "70000"}), "--rtmps-port: '70000' is not a number from 0 to 65535");
+    EXPECT_EQ(refusal({"--stats-json", ""}), "--stats-json: '' is not a file");
+}
+
 TEST(Options, EncodingHasItsOwn)
 {
     const Options options = parse({"--encode", "--size", "640x360", "--frame-rate=25", "--preset", "veryfast",
