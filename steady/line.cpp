@@ -11,6 +11,7 @@
 #include "steady/message_ring.h"
 #include "steady/place.h"
 #include "steady/room.h"
+#include "steady/shared_write.h"
 
 #include <arpa/inet.h>
 
@@ -108,11 +109,11 @@ void MeasureLag(SteadyLine *line, uint64_t now, SteadyLag *lag)
 }
 
 // FlushPlayer returns the number of the first message that the player needs; kNoMessage: none.
-uint64_t FlushPlayer(SteadyLine *line, uint64_t now)
+uint64_t FlushPlayer(SteadyLine *line, const SharedWrite *write)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
-    if (line->WantsRoom == 0) {
-        FlushLine(line, now);
+    if (line->WantsRoom == 0 && !WriteShared(line, write)) {
+        FlushLine(line, write->Time);
     }
     return ClientStateOf(line->Client) == CLIENT_STATE_PLAY_DONE ? line->Place.Next : kNoMessage;
 }
@@ -250,14 +251,16 @@ void EndPlayers(SteadyStream *stream)
 
 void FlushPlayers(SteadyStream *stream)
 {
-    const uint64_t now = RtmpGetSystemTime();
     uint64_t needed = kNoMessage;
     {
         UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+        SharedWrite write;
+        BeginSharedWrite(stream, RtmpGetSystemTime(), &write);
         for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
-            const uint64_t next = FlushPlayer(line, now);
+            const uint64_t next = FlushPlayer(line, &write);
             needed = next < needed ? next : needed;
         }
+        EndSharedWrite(stream, &write);
     }
     TrimRing(stream, needed);
 }

@@ -165,10 +165,7 @@ void Begin(SteadyLine *line, const Outgoing *outgoing)
         return;
     }
     line->Place = outgoing->Behind;
-    const uint64_t time = TimeOnTimeline(&line->Place);
-    if (time > line->Client->TimelineTime) {
-        line->Client->TimelineTime = time;
-    }
+    NoteTimeOut(line);
 }
 
 void End(SteadyLine *line, const SteadyHalf *item)
@@ -177,8 +174,7 @@ void End(SteadyLine *line, const SteadyHalf *item)
         free(item->Reply);
         return;
     }
-    StoreShared(&line->FramesOut, line->FramesOut + 1);
-    line->Look.PictureBytes += item->Message->Kind == STEADY_VIDEO ? item->Message->BodyLength : 0;
+    NoteFrameOut(line, item->Message);
     DropMessage(line->Stream, item->Message);
 }
 
@@ -347,6 +343,20 @@ void FlushLine(SteadyLine *line, uint64_t now)
     } else if (line->WantsRoom != 0) {
         AwaitRoom(line);
     }
+}
+
+void NoteTimeOut(SteadyLine *line)
+{
+    const uint64_t time = TimeOnTimeline(&line->Place);
+    if (time > line->Client->TimelineTime) {
+        line->Client->TimelineTime = time;
+    }
+}
+
+void NoteFrameOut(SteadyLine *line, const FinishedMessage *message)
+{
+    StoreShared(&line->FramesOut, line->FramesOut + 1);
+    line->Look.PictureBytes += message->Kind == STEADY_VIDEO ? message->BodyLength : 0;
 }
 
 bool MakesProgress(const SteadyLine *line, uint64_t now)

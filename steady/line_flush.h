@@ -14,6 +14,11 @@ typedef struct SteadyBehind {
 // FlushLine sends what is due and fits. The caller holds the client's WriteLock.
 void FlushLine(SteadyLine *line, uint64_t now);
 
+// What is noted of a message that goes out: where the client's timeline is with its first byte, and that it
+// has left with its last. The caller holds the client's WriteLock.
+void NoteTimeOut(SteadyLine *line);
+void NoteFrameOut(SteadyLine *line, const FinishedMessage *message);
+
 // MakesProgress: the player takes what there is, or has taken something not long ago. The caller holds the
 // client's WriteLock.
 bool MakesProgress(const SteadyLine *line, uint64_t now);

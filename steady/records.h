@@ -69,6 +69,7 @@ struct SteadyStream {
     uint64_t GoneBytes; // of those that have left
     uint64_t GoneFrames;
     uint64_t GoneDropped;
+    uint64_t Flushed; // the number of the first message that no SharedWrite has had
 
     uint8_t KeyFrameWanted;      // shared: a player waits for one that the ring does not have
     uint64_t DroppedInAll;       // shared: frames that players which fell behind did not get
