@@ -115,7 +115,7 @@ void CaptionSource::readInput()
 void CaptionSource::addTo(RtmpSession *session)
 {
     if (generatorOf(session) == nullptr) {
-        throw CaptionError("captions: no memory");
+        return; // there was no memory for it
     }
     generatorOf(session)->begin(*this, session->CcGen->Mode == 0);
     session->CcGen->Enabled = 1;
@@ -131,7 +131,9 @@ void CaptionSource::pictureAt(uint64_t timestamp)
 
 void CaptionSource::pictureWasUnwatched(RtmpSession *session)
 {
-    generatorOf(session)->wasUnwatched();
+    if (CaptionGenerator *generator = generatorOf(session)) {
+        generator->wasUnwatched();
+    }
 }
 
 void CaptionGenerator::begin(const CaptionSource &source, bool inStream)

@@ -50,8 +50,8 @@ std::string whyNoMedia(int code)
 } // namespace
 
 Host::Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters,
-           SessionWatch &watch)
-    : console_(console), logger_{writeLine, this}, counters_(counters), watch_(watch)
+           SessionWatch &watch, CaptionSource *captions)
+    : console_(console), logger_{writeLine, this}, counters_(counters), captions_(captions), watch_(watch)
 {
     if (options.zeroCopy) {
         memory_ = std::make_unique<MemoryFile>(size_t{options.zeroCopyMib} << 20);
@@ -173,6 +173,9 @@ void Host::applySettings(RtmpSession *session, const Options &options, const std
     (void)RtmpSenderSettings(session, sender.mode, sender.param, static_cast<uint8_t>(sender.flag),
                              sender.encoderHandle, static_cast<uint8_t>(sender.captionMode),
                              sender.statsInterval, sender.audioQueue, sender.videoQueue);
+    if (captions_ != nullptr) {
+        captions_->addTo(session);
+    }
     if (options.bandwidthWindow != 0) {
         (void)RtmpBWMSettings(session, 1, options.bandwidthWindow);
     }
@@ -201,10 +204,16 @@ void Host::send(const Frame &frame, uint64_t timestamp)
     const int64_t type = frame.type == MediaType::Video ? RTMP_FRAME_VIDEO : RTMP_FRAME_AUDIO;
     int32_t viewers = 0;
     reopenSenders();
+    if (captions_ != nullptr && frame.type == MediaType::Video) {
+        captions_->pictureAt(timestamp);
+    }
     for (RtmpSession *session : sessions_) {
-        count(
-            RtmpSendData(session, data, static_cast<int32_t>(frame.data.size()), file, base, timestamp, type),
-            frame.data.size());
+        const int32_t status =
+            RtmpSendData(session, data, static_cast<int32_t>(frame.data.size()), file, base, timestamp, type);
+        count(status, frame.data.size());
+        if (captions_ != nullptr && status == RTMP_ERR_NO_CLIENT) {
+            CaptionSource::pictureWasUnwatched(session);
+        }
         viewers += __atomic_load_n(&session->ClientCount, __ATOMIC_RELAXED);
     }
     counters_.viewers = viewers;

@@ -1,6 +1,7 @@
 // The library as live_host uses it: one server, its sessions, and every frame to all of them.
 #pragma once
 
+#include "captions/caption_source.h"
 #include "console.h"
 #include "frame_source.h"
 #include "memory_file.h"
@@ -38,7 +39,7 @@ class Host {
   public:
     // Opens the listeners and makes every session. Throws HostError.
     Host(const Options &options, const MediaDescription &media, Console &console, Counters &counters,
-         SessionWatch &watch);
+         SessionWatch &watch, CaptionSource *captions = nullptr);
 
     // Ends the sessions, then the server.
     ~Host();
@@ -65,6 +66,7 @@ class Host {
     std::vector<RtmpSession *> sessions_;
     std::unique_ptr<MemoryFile> memory_; // null: frames are copied
     Counters &counters_;
+    CaptionSource *captions_;               // null: none
     SessionWatch &watch_;                   // of the sessions that are on the steady road
     std::atomic<bool> senderEnded_ = false; // set on the sender thread, seen on the sending one
 };

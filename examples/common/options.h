@@ -79,6 +79,7 @@ struct Options {
 
     std::vector<std::string> sessions; // of players
     std::string input;                 // empty: the clip beside the program's sources
+    std::string captions;              // a file, or "-"; empty: none
     uint32_t videoBitrate = 0;         // bit/s; 0: what the file says. Never 0 when encoding
     EncodeOptions encode;
     bool zeroCopy = false;

@@ -31,6 +31,11 @@ std::unique_ptr<LineFile> openStats(const Options &options)
     return options.statsFile.empty() ? nullptr : std::make_unique<LineFile>(options.statsFile);
 }
 
+std::unique_ptr<CaptionSource> openCaptions(const Options &options)
+{
+    return options.captions.empty() ? nullptr : std::make_unique<CaptionSource>(options.captions);
+}
+
 void announce(const Options &options, const std::string &scheme, uint32_t port, const std::string &session,
               Console &console)
 {
@@ -79,12 +84,13 @@ void serve(const Options &options, Console &console)
     const std::unique_ptr<TlsContext> tls = makeTls(options);
     hostFunctions.tls = tls.get();
     const std::unique_ptr<LineFile> stats = openStats(options);
+    const std::unique_ptr<CaptionSource> captions = openCaptions(options);
     SessionWatch watch;
     StatusLine status(options, counters, watch, stats.get(), console);
     Supervisor supervisor(
         std::chrono::seconds(options.duration), [&status] { status.show(); }, console, stop);
     const std::unique_ptr<FrameSource> source = openSource(options, DEFAULT_CLIP);
-    Host host(options, source->description(), console, counters, watch);
+    Host host(options, source->description(), console, counters, watch, captions.get());
     introduce(options, source->description(), console);
     const auto deliver = [&](const Frame &frame, uint64_t timestamp) {
         host.send(frame, timestamp);

@@ -79,6 +79,9 @@ void checkTogether(Options &options)
     if (!threaded && !options.trace.directory.empty()) {
         throw OptionError("--trace-dir needs --sender threaded");
     }
+    if (!options.captions.empty() && options.sender.captionMode > 1) {
+        throw OptionError("--captions needs --caption-mode 0 or 1");
+    }
     if (options.trace.burnIn && options.trace.directory.empty()) {
         throw OptionError("--burn-in needs --trace-dir");
     }
