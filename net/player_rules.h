@@ -106,7 +106,7 @@ constexpr PlayerRuleRow kPlayerRules[] = {
     {RULE_KEY_FRAME_TAG, RTMP_PLAYERS_DESCRIPTION, "The first NAL unit alone tells a key frame.",
      "WriteFrameTo"},
     {RULE_TIMELINE, RTMP_PLAYERS_TIMELINE, "Message time is the time since the connection was made.",
-     "FillFrameMessage StampReply StartAnew MovesSenderClock"},
+     "FillFrameMessage HasOwnTimeline StartAnew MovesSenderClock"},
     {RULE_KEY_FRAME_FIRST, RTMP_PLAYERS_KEY_FRAME, "A player gets frames from any picture on.",
      "MayHaveFrame StartAnew MovesSenderClock"},
 };

@@ -12,6 +12,7 @@ template <typename Record> Record *NewRecord()
 
 template <typename Element> Element *NewArray(uint64_t count)
 {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers has elements of a pointer's size
     return static_cast<Element *>(calloc(count > 0 ? count : 1, sizeof(Element)));
 }
 

@@ -187,11 +187,11 @@ void AnswerRejectedConnect(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 // AnswerRefusal tells a peer why its request failed, where it is told at all.
 void AnswerRefusal(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
-    if (pkt->Refusal.Reason == REFUSED_PUBLISH) {
+    const uint32_t reason = pkt->Refusal.Reason;
+    if (reason == REFUSED_PUBLISH) {
         (void)SendErrorReply(client, pkt, RTMP_MSG_PUBLISH, kind); // logged; the connection ends anyway
-    } else if (pkt->Refusal.Reason == REFUSED_BY_HOST) {
-        AnswerRejectedConnect(client, pkt, kind);
-    } else if (pkt->Refusal.Reason == REFUSED_CONNECT_PROPERTY && Allows(client, RULE_CONNECT_REJECTED)) {
+    } else if (reason == REFUSED_BY_HOST ||
+               (reason == REFUSED_CONNECT_PROPERTY && Allows(client, RULE_CONNECT_REJECTED))) {
         AnswerRejectedConnect(client, pkt, kind);
     }
 }

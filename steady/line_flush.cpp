@@ -270,23 +270,30 @@ uint32_t LengthOfCall(uint32_t left)
     return left < kTlsRecord ? left : kTlsRecord;
 }
 
+bool WriteSome(SteadyLine *line, const TlsLine *tls, Span span)
+{
+    const int64_t out = TlsWriteNow(tls, span.Bytes, LengthOfCall(span.Length));
+    if (out > 0) {
+        line->Half.Out += static_cast<uint32_t>(out);
+        StoreShared(&line->BytesOut, line->BytesOut + static_cast<uint64_t>(out));
+        return true;
+    }
+    if (out == 0 || !IsPassing(errno)) {
+        EndLine(line, STEADY_END_BROKEN);
+    }
+    return false;
+}
+
 // WriteSpan writes what is left of a span. A call that would wait is repeated with the same bytes, as
 // SSL_write demands: they stay where they are until they are out.
 bool WriteSpan(SteadyLine *line, const TlsLine *tls, Span span, uint32_t before)
 {
-    while (line->Half.Out < before + span.Length) {
+    bool goesOn = true;
+    while (goesOn && line->Half.Out < before + span.Length) {
         const uint32_t done = line->Half.Out - before;
-        const int64_t out = TlsWriteNow(tls, span.Bytes + done, LengthOfCall(span.Length - done));
-        if (out <= 0) {
-            if (out == 0 || !IsPassing(errno)) {
-                EndLine(line, STEADY_END_BROKEN);
-            }
-            return false;
-        }
-        line->Half.Out += static_cast<uint32_t>(out);
-        StoreShared(&line->BytesOut, line->BytesOut + static_cast<uint64_t>(out));
+        goesOn = WriteSome(line, tls, {span.Bytes + done, span.Length - done});
     }
-    return true;
+    return goesOn;
 }
 
 // One item at a time: it is under way before its first byte is handed over.

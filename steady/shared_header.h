@@ -20,9 +20,9 @@ extern "C" {
 
 // PutSharedHeader writes a type 1 header for a message of `bodyLength` bytes, `delta` ms behind the one
 // before it. kSharedHeaderSize bytes.
-void PutSharedHeader(uint8_t *out, enum SteadyKind kind, uint32_t bodyLength, uint64_t delta);
+void PutSharedHeader(uint8_t *bytes, enum SteadyKind kind, uint32_t bodyLength, uint64_t delta);
 
 // PutFirstHeader writes a type 0 header at `time`. kOwnHeaderMost bytes.
-void PutFirstHeader(uint8_t *out, enum SteadyKind kind, uint32_t bodyLength, uint64_t time,
+void PutFirstHeader(uint8_t *bytes, enum SteadyKind kind, uint32_t bodyLength, uint64_t time,
                     uint32_t msgStreamId);
 }

@@ -481,8 +481,8 @@ struct RtmpSession {
     struct CodecInfo *RetiredCodecInfo; /* earlier registrations: messages under way may use their bodies */
     RtmpThread FrameThread;             /* the thread that is in RtmpSendData; guarded by MemberLock */
     uint8_t FramesRefused;              /* the session is being destroyed; guarded by MemberLock */
-    uint64_t FrameTime;    /* ms on the host's clock, of the frame being sent; LiveSessionListLock */
-    uint32_t StreamBreaks; /* how often pictures were dropped that no player got */
+    uint64_t FrameTime;          /* ms on the host's clock, of the frame being sent; LiveSessionListLock */
+    uint32_t StreamBreaks;       /* how often pictures were dropped that no player got */
     struct SteadyStream *Stream; /* the session's finished messages on the steady road; null: not on it */
 };
 
