@@ -45,7 +45,8 @@ TlsContext::TlsContext(const std::string &certificateFile, const std::string &ke
     } else if (SSL_CTX_use_certificate_chain_file(context_, certificateFile.c_str()) != 1) {
         wrong = "--tls-cert: '" + certificateFile + "': " + reason();
     } else if (SSL_CTX_use_PrivateKey_file(context_, keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
-        wrong = "--tls-key: '" + keyFile + "': " + reason();
+        wrong = "--tls-key: '" + keyFile + "': " + reason() +
+                " (wanted: the certificate's private key, PEM, no passphrase)";
     }
     if (!wrong.empty()) {
         SSL_CTX_free(context_);

@@ -1,5 +1,5 @@
 // The figures that live_host writes: a line of JSON, whole or not at all.
-#include "live_host/session_watch.h"
+#include "common/session_watch.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,5 @@
 // Who may watch, and what is said of viewers.
-#include "live_host/viewers.h"
+#include "common/viewers.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
