@@ -6,13 +6,13 @@
 #include "frame_source.h"
 #include "memory_file.h"
 #include "options.h"
+#include "session_setup.h"
 #include "session_watch.h"
 
 #include <rtmpcast/rtmpcast.h>
 
 #include <atomic>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 // What went out so far; written by the sending thread, read by any.
@@ -29,11 +29,6 @@ struct Counters {
 
 // The directories for --trace-dir, one a session: traces of the same second have the same name.
 std::vector<std::string> traceDirectories(const Options &options);
-
-// A server or session that cannot be made.
-class HostError : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 class Host {
   public:
@@ -55,7 +50,6 @@ class Host {
     void takeSteadyRoad(const Options &options);
     void setSendBuffer(uint32_t kib);
     void addSession(const std::string &name, const Options &options, const MediaDescription &media);
-    void applySettings(RtmpSession *session, const Options &options, const std::string &traceDirectory);
     void reopenSenders();
     void count(int32_t status, size_t bytes);
     void destroyAll();

@@ -26,9 +26,9 @@ std::vector<Option> joined(std::initializer_list<std::span<const Option>> tables
     return all;
 }
 
-Options readOptions(int argc, char **argv, std::span<const Option> table)
+Options readOptions(int argc, char **argv, std::span<const Option> table, const Options &defaults)
 {
-    Options options;
+    Options options = defaults;
     const std::span<char *> words(argv, static_cast<size_t>(argc));
     for (size_t at = 1; at < words.size(); ++at) {
         const std::string word = words[at];

@@ -19,7 +19,7 @@ struct Option {
 std::vector<Option> joined(std::initializer_list<std::span<const Option>> tables);
 
 // Applies the words of a command line in their order. Throws OptionError.
-Options readOptions(int argc, char **argv, std::span<const Option> table);
+Options readOptions(int argc, char **argv, std::span<const Option> table, const Options &defaults = {});
 
 // "  --name ARGUMENT      what it does", a line for each.
 std::string optionsHelp(std::span<const Option> table);

@@ -8,6 +8,8 @@
 
 namespace {
 
+using setters::file;
+using setters::number;
 using setters::turnOn;
 
 // A field of AdaptiveOptions; naming one switches the controller on.
@@ -68,6 +70,7 @@ void chooseLogLevel(Options &options, const Option &self, const std::string &val
 
 using A = AdaptiveOptions;
 using E = EncodeOptions;
+using S = SenderOptions;
 
 constexpr Option kEncoderRows[] = {
     {nullptr, nullptr, "Encoding here: x264 and AAC, no B-frames, a key frame a second", nullptr},
@@ -105,6 +108,14 @@ constexpr Option kAdaptiveRows[] = {
     {"--abr-reserved-3", "N", "stored by the library (10)", adaptive<&A::reserved3>},
 };
 
+constexpr Option kCaptionRows[] = {
+    {"--captions", "FILE", "SubRip (SRT) or plain text as CEA-608 captions; -: standard input, shown as",
+     file<&Options::captions>},
+    {"", nullptr, "it comes", nullptr},
+    {"--caption-mode", "N", "0: in the video; 1: message to the first player; 2: none (0)",
+     number<&Options::sender, &S::captionMode>, 0, 255},
+};
+
 constexpr Option kSaidRows[] = {
     {nullptr, nullptr, "What is said", nullptr},
     {"--log-level", "LEVEL", "the library's lines: quiet, error or info (error)", chooseLogLevel},
@@ -121,6 +132,11 @@ std::span<const Option> encoderRows()
 std::span<const Option> adaptiveRows()
 {
     return kAdaptiveRows;
+}
+
+std::span<const Option> captionRows()
+{
+    return kCaptionRows;
 }
 
 std::span<const Option> saidRows()

@@ -5,4 +5,5 @@
 
 std::span<const Option> encoderRows();
 std::span<const Option> adaptiveRows();
+std::span<const Option> captionRows();
 std::span<const Option> saidRows();

@@ -57,6 +57,15 @@ struct AdaptiveOptions {
     uint32_t reserved3 = 0;
 };
 
+// Where publish_host sends its stream, and whom else.
+struct PublishOptions {
+    std::vector<std::string> services; // rtmp[s]://[USER:PASSWORD@]HOST[:PORT]/APP/KEY
+    std::string caFile;                // empty: the system's store
+    bool insecure = false;             // no certificate is checked
+    bool fixedBitrate = false;
+    uint32_t servePort = 0; // 0: no players
+};
+
 enum class LogLevel { Quiet, Error, Info };
 
 struct Options {
@@ -84,6 +93,8 @@ struct Options {
     EncodeOptions encode;
     bool zeroCopy = false;
     uint32_t zeroCopyMib = 64;
+
+    PublishOptions publish;
 
     SenderOptions sender;
     uint32_t bandwidthWindow = 0; // the argument of RtmpBWMSettings, video frames; 0: no monitor

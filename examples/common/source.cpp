@@ -46,6 +46,11 @@ std::unique_ptr<FrameSource> openSource(const Options &options, const std::strin
     return std::make_unique<MediaFile>(options.input.empty() ? clip : options.input);
 }
 
+std::unique_ptr<CaptionSource> openCaptions(const Options &options)
+{
+    return options.captions.empty() ? nullptr : std::make_unique<CaptionSource>(options.captions);
+}
+
 void sendFrames(FrameSource &source,
                 const std::function<void(const Frame &frame, uint64_t timestamp)> &deliver, Console &console,
                 const StopFlag &stop)

@@ -1,6 +1,7 @@
 // The source of frames that the command line chose, and its frames at their time.
 #pragma once
 
+#include "captions/caption_source.h"
 #include "console.h"
 #include "frame_source.h"
 #include "options.h"
@@ -12,6 +13,9 @@
 
 // `clip` is the file without --input and --encode. Throws SourceError.
 std::unique_ptr<FrameSource> openSource(const Options &options, const std::string &clip);
+
+// Null without --captions. Throws CaptionError.
+std::unique_ptr<CaptionSource> openCaptions(const Options &options);
 
 // Hands over each frame at its time, with the host's clock in milliseconds, until the flag is raised. Throws
 // SourceError.

@@ -31,11 +31,6 @@ std::unique_ptr<LineFile> openStats(const Options &options)
     return options.statsFile.empty() ? nullptr : std::make_unique<LineFile>(options.statsFile);
 }
 
-std::unique_ptr<CaptionSource> openCaptions(const Options &options)
-{
-    return options.captions.empty() ? nullptr : std::make_unique<CaptionSource>(options.captions);
-}
-
 void announce(const Options &options, const std::string &scheme, uint32_t port, const std::string &session,
               Console &console)
 {

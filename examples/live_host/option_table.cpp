@@ -156,12 +156,9 @@ constexpr Option kRows[] = {
     {"--sender-param", "N", "stored by the library (0)", number<&Options::sender, &S::param>},
     {"--sender-flag", "N", "stored by the library (0)", number<&Options::sender, &S::flag>, 0, 255},
     {"--encoder-handle", "N", "the monitor warns about 0 (1)", number<&Options::sender, &S::encoderHandle>},
-    {"--captions", "FILE", "SubRip (SRT) or plain text as CEA-608 captions; -: standard input, shown as",
-     file<&Options::captions>},
-    {"", nullptr, "it comes", nullptr},
-    {"--caption-mode", "N", "0: in the video; 1: message to the first player; 2: none (0)",
-     number<&Options::sender, &S::captionMode>, 0, 255},
+};
 
+constexpr Option kMeasureRows[] = {
     {nullptr, nullptr, "What is measured", nullptr},
     {"--stats-json", "FILE", "every second a line with a JSON object behind those that are there: rates,",
      file<&Options::statsFile>},
@@ -183,5 +180,6 @@ constexpr Option kRows[] = {
 
 std::vector<Option> optionTable()
 {
-    return joined({kServedRows, encoderRows(), kRows, adaptiveRows(), saidRows()});
+    return joined(
+        {kServedRows, encoderRows(), kRows, captionRows(), kMeasureRows, adaptiveRows(), saidRows()});
 }

@@ -1,0 +1,206 @@
+// publish_host: a reference host. It publishes a media file, or what it encodes itself, to streaming
+// services.
+#include "options.h"
+#include "service.h"
+
+#include "common/console.h"
+#include "common/host.h"
+#include "common/host_functions.h"
+#include "common/session_watch.h"
+#include "common/source.h"
+#include "common/supervisor.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+enum ExitCode { kOk = 0, kFailed = 1, kBadUsage = 2, kRefused = 3 };
+
+using Services = std::vector<std::unique_ptr<Service>>;
+
+bool hasGivenUp(const std::unique_ptr<Service> &service)
+{
+    return service->state() == Service::State::GivenUp;
+}
+
+Services openServices(const Options &options, const MediaDescription &media, const ServiceTrust &trust,
+                      CaptionSource *captions, Console &console)
+{
+    Services services;
+    for (const std::string &url : options.publish.services) {
+        services.push_back(
+            std::make_unique<Service>(parseServiceUrl(url), options, media, trust, captions, console));
+    }
+    return services;
+}
+
+// Players beside the services: the encoder does not follow them.
+std::unique_ptr<Host> openHost(const Options &options, const MediaDescription &media, Console &console,
+                               Counters &counters, SessionWatch &watch, CaptionSource *captions)
+{
+    if (options.publish.servePort == 0) {
+        return nullptr;
+    }
+    Options players = options;
+    players.rtmpPort = options.publish.servePort;
+    players.sessions = {"stream"};
+    players.adaptive = {};
+    players.bandwidthWindow = 0;
+    console.say("serving rtmp://" + std::string(options.interfaceName == "lo" ? "127.0.0.1" : "HOST") + ":" +
+                std::to_string(players.rtmpPort) + "/live/stream");
+    return std::make_unique<Host>(players, media, console, counters, watch, captions);
+}
+
+// What the library asked of the encoder meanwhile. A service that is away asks for nothing.
+void followWishes(FrameSource &source, const Services &services, Counters &counters)
+{
+    BitrateWishes &wishes = hostFunctions.bitrates;
+    for (const std::unique_ptr<Service> &service : services) {
+        wishes.heed(service->session(), service->state() == Service::State::Publishing);
+    }
+    if (const int32_t bitrate = wishes.take(); bitrate > 0) {
+        source.setBitrate(bitrate);
+        counters.targetBitrate = bitrate;
+    }
+    if (std::exchange(hostFunctions.keyFrameWanted, false)) {
+        source.makeKeyFrame();
+    }
+}
+
+// The status line, every second.
+class Status {
+  public:
+    Status(const Counters &counters, Console &console) : counters_(counters), console_(console) {}
+
+    void show(const Services &services)
+    {
+        const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+        const long up = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
+        const uint64_t bytes = bytes_;
+        char text[80];
+        snprintf(text, sizeof text, "up %02ld:%02ld:%02ld  in %4.0f", up / 3600, up / 60 % 60, up % 60,
+                 static_cast<double>(bytes - bytesShown_) * 8 / 1000 /
+                     std::chrono::duration<double>(now - shown_).count());
+        bytesShown_ = bytes;
+        shown_ = now;
+        std::string line = text;
+        if (const int32_t target = counters_.targetBitrate; target >= 0) {
+            line += " target " + std::to_string(target / 1000);
+        }
+        line += " kbit/s";
+        for (const std::unique_ptr<Service> &service : services) {
+            line += "  | " + service->status();
+        }
+        console_.status(line);
+    }
+
+    void count(size_t bytes)
+    {
+        bytes_ += bytes;
+    }
+
+  private:
+    const Counters &counters_;
+    Console &console_;
+    std::atomic<uint64_t> bytes_ = 0; // from the source
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point shown_ = start_;
+    uint64_t bytesShown_ = 0;
+};
+
+// All say good-bye at once; then each is waited for.
+void stopAll(const Services &services)
+{
+    for (const std::unique_ptr<Service> &service : services) {
+        service->stop();
+    }
+    for (const std::unique_ptr<Service> &service : services) {
+        service->wait();
+    }
+}
+
+int publish(const Options &options, Console &console)
+{
+    StopFlag stop;
+    Counters counters;
+    hostFunctions.counters = &counters;
+    const ServiceTrust trust(options.publish.caFile, options.publish.insecure);
+    const std::unique_ptr<FrameSource> source = openSource(options, DEFAULT_CLIP);
+    console.say(source->description().summary);
+    for (const std::string &warning : source->description().warnings) {
+        console.warn(warning);
+    }
+    const std::unique_ptr<CaptionSource> captions = openCaptions(options);
+    SessionWatch watch;
+    const std::unique_ptr<Host> host =
+        openHost(options, source->description(), console, counters, watch, captions.get());
+    const Services services = openServices(options, source->description(), trust, captions.get(), console);
+    Status status(counters, console);
+    Supervisor supervisor(
+        std::chrono::seconds(options.duration), [&] { status.show(services); }, console, stop);
+    for (const std::unique_ptr<Service> &service : services) {
+        service->start();
+    }
+
+    const auto deliver = [&](const Frame &frame, uint64_t timestamp) {
+        if (captions != nullptr && frame.type == MediaType::Video) {
+            captions->pictureAt(timestamp);
+        }
+        for (const std::unique_ptr<Service> &service : services) {
+            service->send(frame, timestamp);
+        }
+        if (host != nullptr) {
+            host->send(frame, timestamp);
+        }
+        status.count(frame.data.size());
+        followWishes(*source, services, counters);
+        if (std::ranges::all_of(services, hasGivenUp)) {
+            stop.raise();
+        }
+    };
+    try {
+        sendFrames(*source, deliver, console, stop);
+    } catch (const SourceError &) {
+        supervisor.sendingIsOver();
+        if (!stop.raised()) {
+            throw; // else a read was interrupted, as it should be
+        }
+    }
+    supervisor.sendingIsOver();
+    console.endStatus();
+    console.say("stopping");
+    stopAll(services);
+    return std::ranges::any_of(services, hasGivenUp) ? kRefused : kOk;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    prepareSignals();
+    Options options;
+    try {
+        options = parsePublishOptions(argc, argv);
+    } catch (const OptionError &error) {
+        fprintf(stderr, "publish_host: %s\npublish_host --help shows all options.\n", error.what());
+        return kBadUsage;
+    }
+    if (options.help) {
+        fputs(publishHelpText().c_str(), stdout);
+        return kOk;
+    }
+    Console console("publish_host", logLevelOf(options));
+    hostFunctions.console = &console;
+    try {
+        return publish(options, console);
+    } catch (const std::exception &error) {
+        console.fail(error.what());
+        return kFailed;
+    }
+}
