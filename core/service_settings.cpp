@@ -10,6 +10,8 @@
 #include "net/record.h"
 #include "steady/keeper.h"
 
+#include <sys/socket.h>
+
 namespace {
 
 uint32_t OrDefault(uint32_t value, uint32_t standard)
@@ -51,6 +53,14 @@ SteadyService *NewService(RtmpServer *server, const RtmpServiceLimits *limits)
     return service;
 }
 
+// A burst of players finds room: of a socket that listens already this is a longer queue.
+void LengthenQueue(int fd)
+{
+    if (fd >= 0) {
+        (void)listen(fd, SOMAXCONN); // the queue of before still serves
+    }
+}
+
 } // namespace
 
 int32_t RtmpServiceSettings(RtmpServer *server, const RtmpServiceLimits *limits)
@@ -77,6 +87,8 @@ int32_t RtmpServiceSettings(RtmpServer *server, const RtmpServiceLimits *limits)
         free(service);
         return result; // logged
     }
+    LengthenQueue(LoadShared(&server->RtmpSocket));
+    LengthenQueue(LoadShared(&server->RtmptSocket));
     StoreShared(&server->Service, service);
     return 0;
 }

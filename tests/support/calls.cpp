@@ -23,6 +23,7 @@ struct Order {
     std::atomic<bool> always{false};
     std::atomic<const void *> mutex{nullptr}; // null: any
     std::atomic<uint64_t> made{0};
+    std::atomic<int> error{EMFILE};
 };
 
 std::array<Order, static_cast<size_t>(Call::Count_)> orders;
@@ -142,6 +143,7 @@ REAL int __real_setsockopt(int fd, int level, int name, const void *value, sockl
 REAL int __real_bind(int fd, const struct sockaddr *address, socklen_t length);
 REAL int __real_listen(int fd, int backlog);
 REAL int __real_accept(int fd, struct sockaddr *address, socklen_t *length);
+REAL int __real_accept4(int fd, struct sockaddr *address, socklen_t *length, int flags);
 REAL int __real_getpeername(int fd, struct sockaddr *address, socklen_t *length);
 REAL int __real_shutdown(int fd, int how);
 REAL int __real_close(int fd);
@@ -300,6 +302,12 @@ int __wrap_accept(int fd, struct sockaddr *address, socklen_t *length)
     return accepted;
 }
 
+int __wrap_accept4(int fd, struct sockaddr *address, socklen_t *length, int flags)
+{
+    return MustFail(Call::Accept4) ? FailWith(OrderOf(Call::Accept4).error)
+                                   : __real_accept4(fd, address, length, flags);
+}
+
 int __wrap_getpeername(int fd, struct sockaddr *address, socklen_t *length)
 {
     return MustFail(Call::GetPeerName) ? FailWith(ENOTCONN) : __real_getpeername(fd, address, length);
@@ -385,6 +393,11 @@ void failNever(Call call)
     OrderOf(call).left = 0;
 }
 
+void failWith(Call call, int error)
+{
+    OrderOf(call).error = error;
+}
+
 uint64_t made(Call call)
 {
     return OrderOf(call).made;
@@ -410,6 +423,7 @@ void reset()
 {
     for (size_t call = 0; call < orders.size(); call++) {
         failNever(static_cast<Call>(call));
+        orders[call].error = EMFILE;
     }
     clockStands = false;
     wallClockAhead = 0;

@@ -27,6 +27,7 @@ enum class Call {
     Bind, // binds to a port of the system's choice, so that tests do not meet on one
     Listen,
     Accept,
+    Accept4, // a failing one leaves the connection where it waits
     GetPeerName,
     Shutdown,
     Close,       // a failing one closes all the same
@@ -78,7 +79,8 @@ void failNext(Call call, int number = 1);                     // the one of this
 bool hasFailed(Call call);                                    // it came to that
 void failAlways(Call call, const RtmpMutex *mutex = nullptr); // on this very mutex only, when one is given
 void failNever(Call call);
-uint64_t made(Call call); // so far
+void failWith(Call call, int error); // errno of a failing one from now on, where it is Accept4
+uint64_t made(Call call);            // so far
 
 // The library's clock stands, and shows this.
 void setClock(uint64_t milliseconds);
