@@ -72,7 +72,7 @@ void rtmpSendZandBitrate(void *hostContext, int32_t bitrate)
 int32_t rtmpViewerPlays(const RtmpViewer *viewer)
 {
     const bool mayWatch = hostFunctions.token.empty() || hasToken(viewer->Stream, hostFunctions.token);
-    sayOf(mayWatch ? joins(*viewer) : isRefused(*viewer));
+    sayOf(mayWatch ? asks(*viewer) : isRefused(*viewer));
     return mayWatch ? 0 : -1;
 }
 

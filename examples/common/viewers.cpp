@@ -63,9 +63,9 @@ std::string printable(std::string_view text)
     return text.size() > kLongest ? out + "..." : out;
 }
 
-std::string joins(const RtmpViewer &viewer)
+std::string asks(const RtmpViewer &viewer)
 {
-    return addressOf(viewer) + " joins " + nameOf(viewer);
+    return addressOf(viewer) + " asks for " + nameOf(viewer);
 }
 
 std::string isRefused(const RtmpViewer &viewer)

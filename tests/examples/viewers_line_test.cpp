@@ -48,7 +48,7 @@ TEST(Viewers, WordsOfPeersAreShownWithoutControlCharacters)
 TEST(Viewers, AreNamedWithoutTheirToken)
 {
     RtmpViewer viewer = viewerOf("live", "stream?token=secret");
-    EXPECT_EQ(joins(viewer), "viewer 192.0.2.7:40112 joins live/stream");
+    EXPECT_EQ(asks(viewer), "viewer 192.0.2.7:40112 asks for live/stream");
     EXPECT_EQ(isRefused(viewer), "viewer 192.0.2.7:40112 is refused live/stream: it brings no valid token");
     viewer.Figures.IsTls = 1;
     viewer.Figures.Milliseconds = 62999;

@@ -70,7 +70,7 @@ size_t LinesOf(const std::string &file)
 
 // ------------------------------------------------------------------------------------------------- tokens
 
-TEST(SteadyHost, SaysWhoJoinsAndWhatItGot)
+TEST(SteadyHost, SaysWhoComesAndWhatItGot)
 {
     Directory work;
     LiveHost host;
@@ -78,7 +78,7 @@ TEST(SteadyHost, SaysWhoJoinsAndWhatItGot)
     EXPECT_EQ(player.exit, kCleanEnd) << player.output;
     EXPECT_TRUE(host.waitForLog(" leaves live/stream after ")) << host.output();
     EXPECT_NE(host.output().find("viewer 127.0.0.1:"), std::string::npos);
-    EXPECT_NE(host.output().find(" joins live/stream\n"), std::string::npos);
+    EXPECT_NE(host.output().find(" asks for live/stream\n"), std::string::npos);
     EXPECT_NE(host.output().find(" frames, 0 dropped\n"), std::string::npos);
     EXPECT_EQ(host.stop(SIGTERM), kCleanEnd) << host.output();
 }
@@ -113,8 +113,8 @@ TEST(SteadyHost, RefusesWhoBringsNoTokenOrAWrongOne)
         EXPECT_NE(player.output.find("Stream not found"), std::string::npos) << name << player.output;
     }
     EXPECT_TRUE(host.waitForLog(" is refused live/stream: it brings no valid token\n"));
-    EXPECT_EQ(host.output().find(" joins live/stream"), host.output().rfind(" joins live/stream"))
-        << "one has joined";
+    EXPECT_EQ(host.output().find(" asks for live/stream"), host.output().rfind(" asks for live/stream"))
+        << "one has been admitted";
     EXPECT_TRUE(watching.waitForSeconds(watching.seconds() + 1)) << "others do not notice";
     watching.stop();
     EXPECT_EQ(host.stop(SIGTERM), kCleanEnd) << host.output();
