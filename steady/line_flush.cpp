@@ -392,7 +392,8 @@ SteadyBehind BehindOf(const SteadyLine *line)
 uint64_t WaitingBytesOf(const SteadyLine *line)
 {
     SteadyStream *stream = line->Stream;
-    uint64_t bytes = line->ReplyBytes;
+    const SteadyHalf *half = &line->Half;
+    uint64_t bytes = line->ReplyBytes + (IsSomething(half) ? LengthOf(half) - half->Out : 0);
     if (stream == nullptr || line->Place.IsBased == 0) {
         return bytes;
     }

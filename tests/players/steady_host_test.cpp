@@ -129,7 +129,9 @@ TEST(SteadyHost, ServesFfmpegOverTls)
     const Finished player = RunToEnd(FfmpegRecords(tls.url(), file));
     EXPECT_EQ(player.exit, kCleanEnd) << player.output << tls.host->output();
     EXPECT_TRUE(Plays(file, tls.work)) << player.output << tls.host->output();
-    EXPECT_TRUE(tls.host->waitForLog("viewer over TLS 127.0.0.1:")) << tls.host->output();
+    EXPECT_TRUE(tls.host->waitForLog(" leaves live/stream after ")) << tls.host->output();
+    EXPECT_NE(tls.host->output().find("viewer over TLS 127.0.0.1:"), std::string::npos);
+    EXPECT_EQ(tls.host->output().find("viewer 127.0.0.1:"), std::string::npos) << "it is over TLS to its end";
     EXPECT_EQ(tls.host->stop(SIGTERM), kCleanEnd) << tls.host->output();
 }
 
