@@ -12,7 +12,8 @@ bool hasToken(std::string_view stream, std::string_view token);
 // A peer's own words with its control characters, and what is too long to be read, taken out.
 std::string printable(std::string_view text);
 
-// "viewer 192.0.2.7:40112 asks for live/stream", and with what it got: "... leaves live/stream after 62 s: ..."
+// "viewer 192.0.2.7:40112 asks for live/stream", and with what it got: "... leaves live/stream after 62 s:
+// ..."
 std::string asks(const RtmpViewer &viewer);
 std::string isRefused(const RtmpViewer &viewer);
 std::string leaves(const RtmpViewer &viewer);
