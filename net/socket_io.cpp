@@ -2,6 +2,7 @@
 
 #include "net/client_state.h"
 #include "net/log.h"
+#include "net/read_deadline.h"
 #include "net/tls_io.h"
 
 #include <arpa/inet.h>
@@ -31,6 +32,9 @@ int64_t ReadOnce(const TlsLine *line, uint8_t *buf, uint32_t length)
     if (line->Handle != nullptr) {
         return TlsRead(line, buf, length);
     }
+    if (line->Until != 0 && AwaitInput(line->Fd, line->Until) != 0) {
+        return -1;
+    }
     return length > 0 ? recv(line->Fd, buf, length, 0) : ReadNothing(line->Fd, buf);
 }
 
@@ -41,13 +45,17 @@ int64_t Interrupted()
 }
 
 // ReadOnceFor is ReadOnce for a client, or for nobody in particular. A client that is told to leave may have
-// been told between two reads, where a signal interrupts nothing, or by the end of its reading side.
+// been told between two reads, where a signal interrupts nothing, or by the end of its reading side. A signal
+// that tells nothing ends no wait that has a limit of its own.
 int64_t ReadOnceFor(const RtmpClient *client, const TlsLine *line, uint8_t *buf, uint32_t length)
 {
-    if (client != nullptr && IsToldToLeave(client)) {
-        return Interrupted();
-    }
-    const int64_t result = ReadOnce(line, buf, length);
+    int64_t result;
+    do {
+        if (client != nullptr && IsToldToLeave(client)) {
+            return Interrupted();
+        }
+        result = ReadOnce(line, buf, length);
+    } while (result < 0 && errno == EINTR && line->Until != 0);
     return result <= 0 && client != nullptr && IsToldToLeave(client) ? Interrupted() : result;
 }
 
@@ -188,7 +196,8 @@ int RtmpSendBytes(RtmpLogger *logger, int fd, const uint8_t *buf, uint32_t lengt
 
 int ReadClientBytes(RtmpClient *client, uint8_t *buf, uint32_t length)
 {
-    const TlsLine line = LineOf(client);
+    TlsLine line = LineOf(client);
+    line.Until = client->ReadsUntil;
     if (ReadWhole(client, LoggerOf(client->Server), &line, buf, length) != 0) {
         return -1;
     }

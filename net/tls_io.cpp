@@ -1,6 +1,7 @@
 #include "net/tls_io.h"
 
 #include "net/platform.h"
+#include "net/read_deadline.h"
 #include "net/scope.h"
 #include "rtmpcast/host.h"
 
@@ -214,7 +215,8 @@ int64_t TlsRead(const TlsLine *line, uint8_t *buf, uint32_t length)
     bool wouldBlock = false;
     int64_t result = ReadInTurn(line, buf, length, &wouldBlock);
     while (wouldBlock) {
-        if (WaitForInput(line->Fd) != 0) {
+        const int waited = line->Until != 0 ? AwaitInput(line->Fd, line->Until) : WaitForInput(line->Fd);
+        if (waited != 0) {
             return -1;
         }
         result = ReadInTurn(line, buf, length, &wouldBlock);

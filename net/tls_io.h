@@ -9,8 +9,9 @@ extern "C" {
 
 struct TlsLine {
     void *Handle;
-    int Fd;          // the socket below the handle
-    RtmpMutex *Lock; // leaf: held around each call of the handle. Null: no other thread uses the handle
+    int Fd;             // the socket below the handle
+    RtmpMutex *Lock;    // leaf: held around each call of the handle. Null: no other thread uses the handle
+    uint64_t Until = 0; // ms of RtmpGetSystemTime: reads then fail with EAGAIN; 0: without limit
 };
 
 // TlsRead reads at most `length` bytes and TlsWrite writes up to `length`: what SSL_read and SSL_write answer

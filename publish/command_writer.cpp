@@ -89,7 +89,7 @@ uint64_t RoomFor(const RtmpPublisherTarget *target)
            strlen(target->FlashVer);
 }
 
-// SendOwn sends `length` bytes, which it takes over. -1 (logged): no memory, or not sent.
+// SendOwn sends `length` bytes, which it takes over. -1: no memory; RTMP_ERR_CONNECTION (logged): not sent.
 int SendOwn(RtmpClient *client, uint32_t type, uint32_t chunkStreamId, uint32_t streamId, uint8_t *payload,
             uint32_t length)
 {
@@ -104,14 +104,38 @@ int SendOwn(RtmpClient *client, uint32_t type, uint32_t chunkStreamId, uint32_t 
     message->PayloadData = payload;
     SetMsgStreamId(message, streamId);
     own = nullptr;
-    return SendMsgToClient(client, message, RTMP_MSG_RESULT); // any kind without a rule of its own
+    constexpr uint32_t kind = RTMP_MSG_RESULT; // any without a rule of its own
+    return SendMsgToClient(client, message, kind) == 0 ? 0 : RTMP_ERR_CONNECTION;
 }
 
-int LogNotSent(const RtmpPublisher *publisher, const char *who, const char *what)
+// LogUnlessSent returns `code`.
+int LogUnlessSent(const RtmpPublisher *publisher, int code, const char *who, const char *what)
 {
-    RtmpLogPrint(LoggerOf(publisher->Client->Server), RTMP_LOG_ERROR,
-                 "ERROR: %s: Cannot send %s to the service\n", who, what);
-    return RTMP_FAILED;
+    if (code != 0) {
+        RtmpLogPrint(LoggerOf(publisher->Client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot send %s to the service\n", who, what);
+    }
+    return code;
+}
+
+// A command as it is sent.
+struct Written {
+    uint8_t *Payload; // null: no memory
+    uint32_t Length;
+};
+
+Written WriteCommand(const RtmpPublisher *publisher, const CommandRow *row, double transaction)
+{
+    const uint64_t room = RoomFor(&publisher->Target);
+    uint8_t *payload = NewArray<uint8_t>(room);
+    if (payload == nullptr) {
+        return {nullptr, 0};
+    }
+    ByteWriter out = WriterOver(payload, room); // enough: RtmpPublisherCreate refuses texts that do not fit
+    PutTextValue(&out, row->Name);
+    PutNumberValue(&out, transaction);
+    PutArguments(&out, publisher, row->Arguments);
+    return {payload, static_cast<uint32_t>(room - RoomIn(&out))};
 }
 
 } // namespace
@@ -122,16 +146,11 @@ int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherCommand co
     if (row == nullptr) {
         return RTMP_ERR_INVALID_ARGUMENT;
     }
-    const double id = row->IsAnswered ? ++publisher->LastTransaction : 0;
-    const uint64_t room = RoomFor(&publisher->Target);
-    uint8_t *payload = NewArray<uint8_t>(room);
-    if (payload == nullptr) {
-        return LogNotSent(publisher, __func__, row->Name);
+    const double id = row->IsAnswered ? AddShared(&publisher->LastTransaction, uint32_t{1}) : 0;
+    const Written written = WriteCommand(publisher, row, id);
+    if (written.Payload == nullptr) {
+        return LogUnlessSent(publisher, RTMP_FAILED, __func__, row->Name);
     }
-    ByteWriter out = WriterOver(payload, room);
-    PutTextValue(&out, row->Name);
-    PutNumberValue(&out, id);
-    PutArguments(&out, publisher, row->Arguments);
     if (transaction != nullptr) {
         *transaction = id;
     }
@@ -139,43 +158,41 @@ int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherCommand co
         publisher->CreateStreamTransaction = id;
     }
     const uint32_t stream = row->OnStream ? publisher->Client->StreamId : 0;
-    if (out.Overrun) {
-        free(payload);
-        return LogNotSent(publisher, __func__, row->Name);
-    }
-    if (SendOwn(publisher->Client, RTMP_TYPE_AMF0_COMMAND, kCommandChunkStreamId, stream, payload,
-                static_cast<uint32_t>(room - RoomIn(&out))) != 0) {
-        return LogNotSent(publisher, __func__, row->Name);
-    }
-    return 0;
+    return LogUnlessSent(publisher,
+                         SendOwn(publisher->Client, RTMP_TYPE_AMF0_COMMAND, kCommandChunkStreamId, stream,
+                                 written.Payload, written.Length),
+                         __func__, row->Name);
 }
 
 int32_t RtmpPublisherSendData(RtmpPublisher *publisher, const uint8_t *values, uint32_t length)
 {
+    constexpr uint32_t longest = 0xFFFFFF; // RTMP 1.0, 5.3.1.2.1
     RtmpClient *client = publisher->Client;
+    if (values == nullptr || length == 0 || length > longest) {
+        return LogUnlessSent(publisher, RTMP_ERR_INVALID_ARGUMENT, __func__, "data");
+    }
     uint8_t *copy = NewArray<uint8_t>(length);
     if (copy == nullptr) {
-        return LogNotSent(publisher, __func__, "data");
+        return LogUnlessSent(publisher, RTMP_FAILED, __func__, "data");
     }
     memcpy(copy, values, length);
-    if (SendOwn(client, RTMP_TYPE_AMF0_DATA, kDataChunkStreamId, client->StreamId, copy, length) != 0) {
-        return LogNotSent(publisher, __func__, "data");
-    }
-    return 0;
+    return LogUnlessSent(
+        publisher, SendOwn(client, RTMP_TYPE_AMF0_DATA, kDataChunkStreamId, client->StreamId, copy, length),
+        __func__, "data");
 }
 
 int32_t RtmpPublisherSendMetaData(RtmpPublisher *publisher)
 {
     RtmpSession *session = LoadShared(&publisher->Client->Session);
     if (session == nullptr || LoadShared(&session->CodecInfo) == nullptr) {
-        return LogNotSent(publisher, __func__, "metadata");
+        return LogUnlessSent(publisher, RTMP_FAILED, __func__, "metadata");
     }
     uint8_t room[kMetadataRoom];
     ByteWriter out = WriterOver(room, sizeof room);
     PutTextValue(&out, "@setDataFrame");
     WriteWholeMetadata(session, &out);
     if (out.Overrun) {
-        return LogNotSent(publisher, __func__, "metadata");
+        return LogUnlessSent(publisher, RTMP_FAILED, __func__, "metadata");
     }
     return RtmpPublisherSendData(publisher, room, static_cast<uint32_t>(sizeof room - RoomIn(&out)));
 }

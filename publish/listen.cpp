@@ -11,7 +11,6 @@
 #include "serve/serve.h"
 
 #include <string.h>
-#include <sys/socket.h>
 
 namespace {
 
@@ -25,8 +24,24 @@ constexpr const char *kPlayersCommands[] = {"connect",      "createStream", "pla
 bool IsNamed(const RtmpRecvPkt *pkt, const char *name)
 {
     const uint64_t length = strlen(name);
-    return pkt->MsgLength >= kNameHeader + length && pkt->PayloadData[1] == 0 &&
+    return pkt->ReceivedBytes >= kNameHeader + length && pkt->PayloadData[1] == 0 &&
            pkt->PayloadData[2] == length && memcmp(pkt->PayloadData + kNameHeader, name, length) == 0;
+}
+
+// An answer is told by its own texts: what it leaves out is not what an earlier one said.
+void ForgetTexts(PublishCtx *answers, const RtmpRecvPkt *pkt)
+{
+    if (pkt->MsgTypeId != RTMP_TYPE_AMF0_COMMAND) {
+        return;
+    }
+    if (IsNamed(pkt, "_error")) {
+        answers->ErrorCode[0] = '\0';
+        answers->ErrorDescription[0] = '\0';
+    } else if (IsNamed(pkt, "onStatus") || IsNamed(pkt, "onClientLogin")) {
+        answers->StatusLevel[0] = '\0';
+        answers->StatusCode[0] = '\0';
+        answers->StatusDescription[0] = '\0';
+    }
 }
 
 bool IsPlayersCommand(const RtmpRecvPkt *pkt)
@@ -42,16 +57,16 @@ bool IsPlayersCommand(const RtmpRecvPkt *pkt)
     return false;
 }
 
-// The number behind name, transaction id and null.
+// The number behind name, transaction id and null; kNoStreamId: there is none.
 double StreamIdIn(RtmpServer *server, const RtmpRecvPkt *pkt)
 {
     constexpr int32_t place = 3;
     AmfObject *values = pkt->Result.Amf;
     if (pkt->MsgTypeId != RTMP_TYPE_AMF0_COMMAND || values == nullptr || values->count <= place) {
-        return 0;
+        return kNoStreamId;
     }
     AmfObjProperty *value = GetAmfProp(server, values, nullptr, place);
-    return GetAmfPropType(server, value) == AMF_NUMBER ? GetAmfPropNumber(server, value) : 0;
+    return GetAmfPropType(server, value) == AMF_NUMBER ? GetAmfPropNumber(server, value) : kNoStreamId;
 }
 
 // A ping is answered before the session is joined, too.
@@ -67,10 +82,11 @@ void AnswerEarlyPing(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 int Handle(RtmpPublisher *publisher, RtmpRecvPkt *pkt, Heard *heard)
 {
     RtmpClient *client = publisher->Client;
-    *heard = {RTMP_MSG_UNSUPPORTED, 0}; // events that are passed over leave the kind alone
+    *heard = {RTMP_MSG_UNSUPPORTED, kNoStreamId}; // events that are passed over leave the kind alone
     if (IsPlayersCommand(pkt)) {
         return 0;
     }
+    ForgetTexts(&publisher->Answers, pkt);
     if (ParseRequestMsg(client, pkt, &heard->Kind) != 0) {
         return -1;
     }
@@ -83,25 +99,22 @@ int Handle(RtmpPublisher *publisher, RtmpRecvPkt *pkt, Heard *heard)
 
 } // namespace
 
-void LimitReads(const RtmpPublisher *publisher, uint32_t milliseconds)
-{
-    const struct timeval limit = {static_cast<time_t>(milliseconds / 1000),
-                                  static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
-    (void)setsockopt(publisher->Client->Socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-}
-
-int32_t HearMessage(RtmpPublisher *publisher, uint32_t milliseconds, Heard *heard)
+int32_t HearMessage(RtmpPublisher *publisher, uint64_t until, Heard *heard)
 {
     RtmpClient *client = publisher->Client;
-    const uint64_t start = RtmpGetSystemTime();
     bool stored = false;
-    LimitReads(publisher, milliseconds);
+    client->ReadsUntil = until;
     RtmpRecvPkt *pkt = ReadWholeMessage(client, &stored);
     if (pkt == nullptr) {
-        const bool isLate = milliseconds != 0 && RtmpGetSystemTime() - start >= milliseconds;
-        return isLate ? RTMP_ERR_NO_ANSWER : RTMP_ERR_CONNECTION;
+        return CodeOfFailedRead(client);
     }
     const int result = Handle(publisher, pkt, heard);
     LetGoOfMessage(client, pkt, stored);
     return result == 0 ? 0 : RTMP_ERR_CONNECTION;
+}
+
+int32_t CodeOfFailedRead(const RtmpClient *client)
+{
+    const bool isLate = client->ReadsUntil != 0 && RtmpGetSystemTime() >= client->ReadsUntil;
+    return isLate ? RTMP_ERR_NO_ANSWER : RTMP_ERR_CONNECTION;
 }

@@ -5,17 +5,19 @@
 
 extern "C" {
 
+constexpr double kNoStreamId = -1;
+
 // What one message was.
 typedef struct Heard {
     uint32_t Kind;   // RtmpMsgKind; RTMP_MSG_UNSUPPORTED for what is passed over
-    double StreamId; // of an answer to createStream; 0: none
+    double StreamId; // of an answer to createStream
 } Heard;
 
-// HearMessage waits at most `milliseconds` (0: without limit) for a message and handles it: what the peer
-// announces is noted, pings are answered, bytes acknowledged, answers stored. 0; RTMP_ERR_NO_ANSWER;
-// RTMP_ERR_CONNECTION.
-RTMP_STATUS int32_t HearMessage(RtmpPublisher *publisher, uint32_t milliseconds, Heard *heard);
+// HearMessage waits until `until` (ms of RtmpGetSystemTime; 0: without limit) for a whole message and handles
+// it: what the peer announces is noted, pings are answered, bytes acknowledged, answers stored. 0;
+// RTMP_ERR_NO_ANSWER; RTMP_ERR_CONNECTION.
+RTMP_STATUS int32_t HearMessage(RtmpPublisher *publisher, uint64_t until, Heard *heard);
 
-// LimitReads has each read of the connection wait at most so long; 0: without limit.
-void LimitReads(const RtmpPublisher *publisher, uint32_t milliseconds);
+// CodeOfFailedRead tells why a read has failed.
+int32_t CodeOfFailedRead(const RtmpClient *client);
 }

@@ -8,11 +8,13 @@
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
+#include "net/scope.h"
 #include "publish/command_writer.h"
 #include "publish/listen.h"
 #include "publish/publisher.h"
 #include "rtmpcast/player.h"
 #include "state/client.h"
+#include "state/server_hold.h"
 #include "state/session_list.h"
 
 #include <arpa/inet.h>
@@ -22,8 +24,21 @@
 
 namespace {
 
+constexpr const char *kStart = "RtmpPublisherStart";
 constexpr uint32_t kAnswerMilliseconds = 10000;
+constexpr uint64_t kLongestText = UINT16_MAX;                   // AMF0, 2.4
 constexpr char kFlashVer[] = "FMLE/3.0 (compatible; rtmpcast)"; // services look for the first word
+
+bool IsText(const char *text)
+{
+    return text != nullptr && strlen(text) <= kLongestText;
+}
+
+bool IsWhole(const RtmpPublisherTarget *target)
+{
+    return target != nullptr && IsText(target->App) && IsText(target->TcUrl) && IsText(target->Key) &&
+           (target->FlashVer == nullptr || IsText(target->FlashVer));
+}
 
 char *CopyOf(const char *text)
 {
@@ -77,16 +92,19 @@ bool IsError(const RtmpPublisher *publisher)
     return strcmp(publisher->Answers.StatusLevel, "error") == 0;
 }
 
-// An answer to createStream. Ids are small whole numbers.
-void NoteStreamId(RtmpPublisher *publisher, const Heard *heard)
+// TakeStreamId takes the id from the answer to createStream; other results have none. -1: one that cannot be.
+int TakeStreamId(RtmpPublisher *publisher, double id)
 {
-    const double id = heard->StreamId;
-    if (heard->Kind == RTMP_MSG_RESULT && publisher->CreateStreamTransaction > 0 &&
-        publisher->Answers.ResultTransactionId == publisher->CreateStreamTransaction && id >= 0 &&
-        id <= UINT32_MAX) {
-        publisher->Client->StreamId = static_cast<uint32_t>(id);
-        publisher->CreateStreamTransaction = 0;
+    if (publisher->CreateStreamTransaction == 0 ||
+        publisher->Answers.ResultTransactionId != publisher->CreateStreamTransaction) {
+        return 0;
     }
+    if (!(id >= 0 && id <= UINT32_MAX)) { // also what is no number
+        return -1;
+    }
+    publisher->Client->StreamId = static_cast<uint32_t>(id);
+    publisher->CreateStreamTransaction = 0;
+    return 0;
 }
 
 // What one message means to whoever awaits `transaction`: 1 not the answer, 0 it is, or the code to return.
@@ -96,10 +114,12 @@ int32_t Judge(RtmpPublisher *publisher, const Heard *heard, double transaction)
     const PublishCtx *answers = &publisher->Answers;
     switch (heard->Kind) {
     case RTMP_MSG_RESULT:
-        NoteStreamId(publisher, heard);
+        if (TakeStreamId(publisher, heard->StreamId) != 0) {
+            return RTMP_ERR_CONNECTION;
+        }
         return transaction > 0 && answers->ResultTransactionId == transaction ? 0 : goesOn;
     case RTMP_MSG_ERROR:
-        return transaction > 0 && answers->ErrorTransactionId == transaction ? RTMP_ERR_REFUSED : goesOn;
+        return answers->ErrorTransactionId == transaction ? RTMP_ERR_REFUSED : goesOn;
     case RTMP_MSG_ON_STATUS:
         if (IsError(publisher)) {
             return RTMP_ERR_REFUSED;
@@ -110,40 +130,55 @@ int32_t Judge(RtmpPublisher *publisher, const Heard *heard, double transaction)
     }
 }
 
+// A service may refuse, and end the connection before it has taken what follows: what it has said is heard
+// before a failed send counts.
 int32_t SendAndAwait(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
 {
     double transaction = 0;
     const int32_t sent = RtmpPublisherSend(publisher, command, &transaction);
-    return sent == 0 ? RtmpPublisherAwait(publisher, transaction) : sent;
+    if (sent == RTMP_FAILED) {
+        return sent;
+    }
+    const int32_t heard = RtmpPublisherAwait(publisher, transaction);
+    return sent == 0 || heard == RTMP_ERR_REFUSED ? heard : sent;
 }
 
+// The answers that are awaited behind it tell of a connection that has ended.
 int32_t SendUnanswered(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
 {
-    return RtmpPublisherSend(publisher, command, nullptr);
+    const int32_t sent = RtmpPublisherSend(publisher, command, nullptr);
+    return sent == RTMP_ERR_CONNECTION ? 0 : sent;
 }
 
-int32_t SendGenerated(RtmpPublisher *publisher, uint32_t kind)
+int32_t SendGenerated(RtmpPublisher *publisher, uint32_t kind, const char *who)
 {
-    return SendReply(publisher->Client, nullptr, kind, kind, &kResponseFailures, "RtmpPublisherStart");
+    return SendReply(publisher->Client, nullptr, kind, kind, &kResponseFailures, who) == 0
+               ? 0
+               : RTMP_ERR_CONNECTION;
 }
+
+struct Step {
+    enum RtmpPublisherCommand Command;
+    bool IsAwaited;
+};
 
 // Services that know neither releaseStream nor FCPublish answer them with an error, or not at all.
+constexpr Step kSteps[] = {{RTMP_PUBLISHER_CONNECT, true},
+                           {RTMP_PUBLISHER_RELEASE_STREAM, false},
+                           {RTMP_PUBLISHER_FC_PUBLISH, false},
+                           {RTMP_PUBLISHER_CREATE_STREAM, true},
+                           {RTMP_PUBLISHER_PUBLISH, true}};
+
 int32_t AskForStream(RtmpPublisher *publisher)
 {
-    int32_t result = SendGenerated(publisher, RTMP_MSG_SET_CHUNK_SIZE);
-    if (result == 0) {
-        result = SendAndAwait(publisher, RTMP_PUBLISHER_CONNECT);
+    for (const Step &step : kSteps) {
+        const int32_t result =
+            step.IsAwaited ? SendAndAwait(publisher, step.Command) : SendUnanswered(publisher, step.Command);
+        if (result != 0) {
+            return result;
+        }
     }
-    if (result == 0) {
-        result = SendUnanswered(publisher, RTMP_PUBLISHER_RELEASE_STREAM);
-    }
-    if (result == 0) {
-        result = SendUnanswered(publisher, RTMP_PUBLISHER_FC_PUBLISH);
-    }
-    if (result == 0) {
-        result = SendAndAwait(publisher, RTMP_PUBLISHER_CREATE_STREAM);
-    }
-    return result == 0 ? SendAndAwait(publisher, RTMP_PUBLISHER_PUBLISH) : result;
+    return 0;
 }
 
 int32_t SendHeaders(RtmpPublisher *publisher, const RtmpSession *session)
@@ -151,17 +186,19 @@ int32_t SendHeaders(RtmpPublisher *publisher, const RtmpSession *session)
     const uint32_t media = LoadShared(&session->MediaKind);
     int32_t result = RtmpPublisherSendMetaData(publisher);
     if (result == 0 && media != RTMP_MEDIA_AUDIO) {
-        result = SendGenerated(publisher, RTMP_MSG_VIDEO);
+        result = SendGenerated(publisher, RTMP_MSG_VIDEO, kStart);
     }
-    return result == 0 && media != RTMP_MEDIA_VIDEO ? SendGenerated(publisher, RTMP_MSG_AUDIO) : result;
+    return result == 0 && media != RTMP_MEDIA_VIDEO ? SendGenerated(publisher, RTMP_MSG_AUDIO, kStart)
+                                                    : result;
 }
 
 int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
 {
     RtmpClient *client = publisher->Client;
     client->AudioChunkStreamId = client->StatusChunkStreamId + 1; // pictures go on the first of the two
-    if (AddClientInSession(session, client) != 0) {
-        return RTMP_FAILED;
+    const int joined = JoinGiven(client, session);
+    if (joined != 0) {
+        return joined == JOIN_NOT_FOUND ? RTMP_ERR_INVALID_ARGUMENT : RTMP_FAILED;
     }
     StartAnew(client, 0);
     const int32_t result = SendHeaders(publisher, session);
@@ -172,9 +209,101 @@ int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
     return result;
 }
 
-int32_t CodeOf(const RtmpPublisher *publisher, int32_t result)
+// While its thread is here it can be woken; once it is back in the host it may end, and is not signalled.
+void SetAway(RtmpClient *client, uint8_t away)
 {
+    RtmpSession *session = client->Session;
+    UNLOCK_AT_EXIT RtmpMutex *held = session != nullptr ? HoldLeaf(&session->MemberLock) : nullptr;
+    client->ThreadIsAway = away;
+    StoreShared(&client->ServeThread, RtmpGetSelfThreadHandle());
+}
+
+void GoAway(RtmpClient **client)
+{
+    SetAway(*client, 1);
+}
+
+#define AWAY_AT_EXIT __attribute__((cleanup(GoAway), unused))
+
+RtmpClient *StayFor(RtmpPublisher *publisher)
+{
+    SetAway(publisher->Client, 0);
+    return publisher->Client;
+}
+
+// LimitWrites has the socket's writes wait at most so long, and returns how long they did before.
+struct timeval LimitWrites(const RtmpClient *client, struct timeval limit)
+{
+    struct timeval before = {};
+    socklen_t length = sizeof before;
+    (void)getsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &before, &length); // a socket has it
+    (void)setsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return before;
+}
+
+struct timeval AnswerTime(const RtmpPublisher *publisher)
+{
+    const uint32_t milliseconds = publisher->Target.AnswerMilliseconds;
+    return {static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
+}
+
+// Frames wait for the service as the host's socket has it; what comes before them does not.
+int32_t Negotiate(RtmpPublisher *publisher)
+{
+    const struct timeval before = LimitWrites(publisher->Client, AnswerTime(publisher));
+    const int32_t shaken = RtmpPublisherHandshake(publisher);
+    const int32_t result = shaken == 0 ? AskForStream(publisher) : shaken;
+    (void)LimitWrites(publisher->Client, before);
+    return result;
+}
+
+int32_t Serve(RtmpPublisher *publisher)
+{
+    constexpr double noTransaction = -1;
+    constexpr uint64_t withoutLimit = 0;
+    int32_t result = 0;
+    while (result >= 0 && !IsStopped(publisher)) {
+        Heard heard;
+        result = HearMessage(publisher, withoutLimit, &heard);
+        if (result == 0 && heard.Kind == RTMP_MSG_ON_STATUS) {
+            result = Judge(publisher, &heard, noTransaction);
+        }
+    }
     return IsStopped(publisher) ? 0 : result;
+}
+
+// On the default road a frame may wait for the service for ever. 0: nobody writes now.
+int AwaitWriter(RtmpPublisher *publisher)
+{
+    RtmpClient *client = publisher->Client;
+    const uint64_t deadline = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
+    while (RtmpMutexLockSlice(&client->WriteLock) != 0) {
+        if (RtmpGetSystemTime() >= deadline) {
+            return -1;
+        }
+    }
+    return RtmpMutexUnlock(&client->WriteLock);
+}
+
+// A service that takes nothing hears no good-bye, and the frame that waits for it ends.
+void SayGoodBye(RtmpPublisher *publisher)
+{
+    RtmpClient *client = publisher->Client;
+    SetClientState(client, CLIENT_STATE_DELETESTREAM); // no frame goes out behind the good-bye
+    (void)LimitWrites(client, AnswerTime(publisher));
+    if (AwaitWriter(publisher) != 0) {
+        (void)shutdown(client->Socket, SHUT_RDWR);
+        return;
+    }
+    (void)SendUnanswered(publisher, RTMP_PUBLISHER_FC_UNPUBLISH);  // logged; the connection ends anyway
+    (void)SendUnanswered(publisher, RTMP_PUBLISHER_DELETE_STREAM); // the same
+}
+
+// RtmpPublisherStop wakes the publisher's thread, which may free the publisher as soon as it is back.
+void AwaitStop(RtmpPublisher *publisher)
+{
+    (void)RtmpMutexLock(&publisher->StopLock); // made with the record: cannot fail
+    (void)RtmpMutexUnlock(&publisher->StopLock);
 }
 
 } // namespace
@@ -182,8 +311,7 @@ int32_t CodeOf(const RtmpPublisher *publisher, int32_t result)
 RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void *tls,
                                    const RtmpPublisherTarget *target, int *err)
 {
-    if (server == nullptr || target == nullptr || target->App == nullptr || target->TcUrl == nullptr ||
-        target->Key == nullptr) {
+    if (server == nullptr || socket < 0 || !IsWhole(target)) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", __func__);
         return FailCreate(RTMP_ERR_INVALID_ARGUMENT, err);
     }
@@ -201,19 +329,20 @@ RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void *tls,
         free(publisher);
         return FailCreate(RTMP_ERR_MEMORY, err);
     }
+    publisher->StopLock = kFreshMutex;
+    HoldServer(server); // also RtmpServerDestroy leaves the record until RtmpPublisherDestroy
     return publisher;
 }
 
 int32_t RtmpPublisherHandshake(RtmpPublisher *publisher)
 {
-    const uint64_t start = RtmpGetSystemTime();
-    const uint32_t limit = publisher->Target.AnswerMilliseconds;
-    LimitReads(publisher, limit);
-    if (ConnectHandshake(publisher->Client, publisher->Target.IsSigned) == 0) {
-        SetClientState(publisher->Client, CLIENT_STATE_HANDSHAKE_DONE);
-        return 0;
+    RtmpClient *client = publisher->Client;
+    client->ReadsUntil = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
+    if (ConnectHandshake(client, publisher->Target.IsSigned) != 0) {
+        return CodeOfFailedRead(client);
     }
-    return RtmpGetSystemTime() - start >= limit ? RTMP_ERR_NO_ANSWER : RTMP_ERR_CONNECTION;
+    SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
+    return SendGenerated(publisher, RTMP_MSG_SET_CHUNK_SIZE, __func__); // what follows is cut by it
 }
 
 int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
@@ -221,12 +350,8 @@ int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
     const uint64_t deadline = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
     int32_t result = 1;
     while (result > 0) {
-        const uint64_t now = RtmpGetSystemTime();
-        if (now >= deadline) {
-            return RTMP_ERR_NO_ANSWER;
-        }
         Heard heard;
-        result = HearMessage(publisher, static_cast<uint32_t>(deadline - now), &heard);
+        result = HearMessage(publisher, deadline, &heard);
         if (result == 0) {
             result = Judge(publisher, &heard, transaction);
         }
@@ -236,49 +361,40 @@ int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
 
 int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 {
-    StoreShared(&publisher->Client->ServeThread, RtmpGetSelfThreadHandle());
+    AWAY_AT_EXIT RtmpClient *client = StayFor(publisher);
+    if (ValidateRtmpSessionHandle(client->Server, session) != 0) {
+        return RTMP_ERR_INVALID_ARGUMENT;
+    }
     if (LoadShared(&session->MediaInfoAdded) != 1) {
         return RTMP_ERR_NO_MEDIA_INFO;
     }
-    int32_t result = RtmpPublisherHandshake(publisher);
-    if (result == 0) {
-        result = AskForStream(publisher);
-    }
+    const int32_t result = Negotiate(publisher);
     return result == 0 ? StartFrames(publisher, session) : result;
 }
 
 int32_t RtmpPublisherServe(RtmpPublisher *publisher)
 {
-    constexpr double noTransaction = -1;
-    StoreShared(&publisher->Client->ServeThread, RtmpGetSelfThreadHandle());
-    while (!IsStopped(publisher)) {
-        Heard heard;
-        int32_t result = HearMessage(publisher, 0, &heard);
-        if (result == 0 && heard.Kind == RTMP_MSG_ON_STATUS) {
-            result = Judge(publisher, &heard, noTransaction);
-        }
-        if (result < 0) {
-            return CodeOf(publisher, result);
-        }
-    }
-    return 0;
+    AWAY_AT_EXIT RtmpClient *client = StayFor(publisher);
+    return Serve(publisher);
 }
 
 void RtmpPublisherStop(RtmpPublisher *publisher)
 {
     RtmpClient *client = publisher->Client;
-    uint8_t notYet = 0;
-    if (!__atomic_compare_exchange_n(&publisher->StopAsked, &notYet, uint8_t{1}, false, __ATOMIC_ACQ_REL,
-                                     __ATOMIC_ACQUIRE)) {
+    (void)RtmpMutexLock(&publisher->StopLock); // made with the record: cannot fail
+    UNLOCK_AT_EXIT RtmpMutex *held = &publisher->StopLock;
+    if (LoadShared(&publisher->StopAsked) != 0) {
         return;
     }
-    if (ClientStateOf(client) == CLIENT_STATE_PLAY_DONE) {
-        SetClientState(client, CLIENT_STATE_DELETESTREAM);            // no frame goes out behind the good-bye
-        (void)SendUnanswered(publisher, RTMP_PUBLISHER_FC_UNPUBLISH); // logged; the connection ends anyway
-        (void)SendUnanswered(publisher, RTMP_PUBLISHER_DELETE_STREAM); // the same
+    StoreShared(&publisher->StopAsked, uint8_t{1});
+    const bool isPublishing = ClientStateOf(client) == CLIENT_STATE_PLAY_DONE;
+    if (isPublishing) {
+        SayGoodBye(publisher);
     }
     StoreShared(&client->ToldToLeave, uint8_t{1});
-    (void)shutdown(client->Socket, SHUT_RD); // wakes the thread; the peer sees nothing of it
+    // Wakes the thread. The peer sees nothing of an end of reading; one that is not heard out yet sees an
+    // end.
+    (void)shutdown(client->Socket, isPublishing ? SHUT_RD : SHUT_RDWR);
 }
 
 void RtmpPublisherDestroy(RtmpPublisher *publisher)
@@ -286,11 +402,14 @@ void RtmpPublisherDestroy(RtmpPublisher *publisher)
     if (publisher == nullptr) {
         return;
     }
+    RtmpServer *server = publisher->Client->Server;
+    AwaitStop(publisher);
     if (DestroyRtmpClient(publisher->Client) != 0) {
         FreeClientRecord(publisher->Client);
     }
     FreeTarget(&publisher->Target);
     free(publisher);
+    (void)ReleaseServer(server); // a failure is logged
 }
 
 const PublishCtx *RtmpPublisherAnswers(const RtmpPublisher *publisher)

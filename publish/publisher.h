@@ -9,8 +9,9 @@ struct RtmpPublisher {
     RtmpClient *Client;
     RtmpPublisherTarget Target; // its texts are the publisher's
     PublishCtx Answers;
-    double LastTransaction;
+    uint32_t LastTransaction;       // shared: RtmpPublisherStop sends, too
     double CreateStreamTransaction; // whose answer carries the stream's id; 0: none is awaited
+    RtmpMutex StopLock;             // RtmpPublisherStop is under way; above every other lock
     uint8_t StopAsked;              // shared
 };
 }

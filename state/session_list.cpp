@@ -240,3 +240,20 @@ int JoinStream(RtmpClient *client, const char *name)
     }
     return UnlockAfterLookup(client) != 0 ? JOIN_NOT_FOUND : result;
 }
+
+int JoinGiven(RtmpClient *client, RtmpSession *session)
+{
+    RtmpServer *server = client->Server;
+    if (LockSessionListFor(client) != 0) {
+        return JOIN_NOT_FOUND;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = &server->LiveSessionListLock;
+    if (ValidateRtmpSessionHandle(server, session) != 0) {
+        return JOIN_NOT_FOUND;
+    }
+    if (GiveLine(session, client) != 0) {
+        return JOIN_FAILED;
+    }
+    JoinSession(session, client);
+    return 0;
+}

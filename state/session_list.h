@@ -29,4 +29,8 @@ RTMP_STATUS int LockSessionListFor(RtmpClient *client);
 // -2 it was found and the client could not be added.
 enum { JOIN_NOT_FOUND = -1, JOIN_FAILED = -2 };
 RTMP_STATUS int JoinStream(RtmpClient *client, const char *name);
+
+// JoinGiven adds the client to a session that may have been destroyed meanwhile, in the same way. 0;
+// JOIN_NOT_FOUND, also when the client is told to leave; JOIN_FAILED (neither is logged).
+RTMP_STATUS int JoinGiven(RtmpClient *client, RtmpSession *session);
 }

@@ -23,19 +23,19 @@ extern "C" {
 typedef struct RtmpPublisher RtmpPublisher;
 
 enum {
-    RTMP_ERR_NO_ANSWER = -112, /* the service did not answer in time: try again */
+    RTMP_ERR_NO_ANSWER = -112, /* the service did not answer in time: try again, on a new connection */
     RTMP_ERR_REFUSED = -113,   /* it said no: see RtmpPublisherAnswers */
-    RTMP_ERR_CONNECTION = -114 /* the connection ended, or what came is no RTMP: try again */
+    RTMP_ERR_CONNECTION = -114 /* the connection ended, or what came is no RTMP: the same */
 };
 
-/** RtmpPublisherTarget: what the service is told. Texts are copied. */
+/** RtmpPublisherTarget: what the service is told. Texts are copied; each has 65,535 bytes at most. */
 typedef struct RtmpPublisherTarget {
     const char *App;             /* behind the host in the URL, query included; not null */
     const char *TcUrl;           /* rtmp://HOST[:PORT]/APP, or rtmps://; not null */
     const char *Key;             /* the stream's name or key, query included; not null */
     const char *FlashVer;        /* null: the encoder's name that services know */
     const char *PeerAddress;     /* dotted IPv4 text, for the log; null: "0.0.0.0" */
-    uint32_t AnswerMilliseconds; /* a handshake packet or an answer may take; 0: 10000 */
+    uint32_t AnswerMilliseconds; /* the handshake, an answer or a good-bye may take; 0: 10000 */
     uint8_t IsSigned;            /* sign C1 and C2, as Flash encoders do */
 } RtmpPublisherTarget;
 
@@ -43,8 +43,10 @@ typedef struct RtmpPublisherTarget {
  * RtmpPublisherCreate makes a publisher on a connected socket. Its client record has every rule of
  * RTMP_PLAYERS_ALL: RTMP 1.0 as it is written, media time from 0 with a key frame, acknowledgements.
  *
- * @param server  any server, with or without ports; its chunk size and logger are used
- * @param socket  connected; stays yours, and open until RtmpPublisherDestroy has returned
+ * @param server  any server, with or without ports; its chunk size and logger are used. Its record stays
+ * until RtmpPublisherDestroy, also after RtmpServerDestroy
+ * @param socket  connected, and of the blocking kind; stays yours, and open until RtmpPublisherDestroy has
+ *                returned
  * @param tls     SSL* over it whose handshake is done (SSL_read in host.h), or null
  * @param err     may be null; receives RTMP_ERR_INVALID_ARGUMENT or RTMP_ERR_MEMORY
  * @return the publisher; null on failure
@@ -58,11 +60,14 @@ RTMP_API RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void
  * RtmpPublisherStart does everything up to the first frame: handshake, set chunk size, connect,
  * releaseStream, FCPublish, createStream, publish, joining the session, onMetaData and sequence headers.
  *
- * @return 0: frames flow, from the next key frame on; RTMP_ERR_NO_ANSWER, RTMP_ERR_REFUSED,
- *         RTMP_ERR_CONNECTION; RTMP_ERR_NO_MEDIA_INFO: the session has none yet; -1 memory or a lock (logged)
+ * @return 0: frames flow, from the next key frame on; RTMP_ERR_NO_ANSWER, RTMP_ERR_REFUSED;
+ *         RTMP_ERR_CONNECTION, also after RtmpPublisherStop; RTMP_ERR_NO_MEDIA_INFO: the session has none
+ *         yet; RTMP_ERR_INVALID_ARGUMENT: no session of the publisher's server, or it has been destroyed
+ *         meanwhile; -1 memory (logged)
  *
- * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each.
- * RtmpPublisherStop ends the wait.
+ * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each, however
+ * slowly its bytes come. Errors to releaseStream and FCPublish are passed over. The session may be destroyed
+ * meanwhile; once the publisher has joined it, RtmpSessionDestroy waits for RtmpPublisherDestroy.
  */
 RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session);
 
@@ -72,7 +77,8 @@ RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *sessi
  * @return 0: RtmpPublisherStop was called, or the session is being destroyed; RTMP_ERR_REFUSED: the service
  *         has ended the stream with a status of level "error"; RTMP_ERR_CONNECTION
  *
- * The publisher's thread. Blocks until then.
+ * The publisher's thread. Blocks until then. RtmpSessionDestroy and RtmpServerDestroy, called on another
+ * thread, end it, and wait until this one has called RtmpPublisherDestroy.
  */
 RTMP_API int32_t RtmpPublisherServe(RtmpPublisher *publisher);
 
@@ -80,8 +86,9 @@ RTMP_API int32_t RtmpPublisherServe(RtmpPublisher *publisher);
  * RtmpPublisherStop says good-bye to the service (FCUnpublish, deleteStream) and has RtmpPublisherStart and
  * RtmpPublisherServe return.
  *
- * Any thread, while the publisher exists; also twice. Takes the client's write lock: on the default road it
- * may wait for a service that takes nothing, on the steady road for nobody.
+ * Any thread, until RtmpPublisherDestroy is called, which waits for it; also twice. Takes the client's write
+ * lock. On the default road a service that takes nothing is waited for, AnswerMilliseconds for the frame
+ * under way and for each of the two commands; then the connection is shut down. On the steady road nobody is.
  */
 RTMP_API void RtmpPublisherStop(RtmpPublisher *publisher);
 
@@ -113,8 +120,8 @@ enum RtmpPublisherCommand {
     RTMP_PUBLISHER_DELETE_STREAM = 8
 };
 
-/** RtmpPublisherHandshake is the connecting side of RTMP 1.0, 5.2. Codes and threads as for
- * RtmpPublisherStart; takes no lock. */
+/** RtmpPublisherHandshake is the connecting side of RTMP 1.0, 5.2, and announces the chunk size by which
+ * everything behind it is cut. Codes and threads as for RtmpPublisherStart. */
 RTMP_API int32_t RtmpPublisherHandshake(RtmpPublisher *publisher);
 
 /**
@@ -122,7 +129,8 @@ RTMP_API int32_t RtmpPublisherHandshake(RtmpPublisher *publisher);
  *
  * @param transaction  may be null; receives its id, for RtmpPublisherAwait; "publish" has 0 and is answered
  *                     by a status
- * @return 0; -1 not sent (logged); RTMP_ERR_INVALID_ARGUMENT: no such command
+ * @return 0; RTMP_ERR_CONNECTION not sent, -1 memory (both are logged); RTMP_ERR_INVALID_ARGUMENT: no such
+ *         command
  *
  * The publisher's thread. Takes the client's write lock.
  */
@@ -131,7 +139,8 @@ RTMP_API int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherC
 
 /**
  * RtmpPublisherAwait handles messages until the answer to `transaction` is there: `_result` or `_error`; for
- * 0 the next status. The answer to createStream sets the client's StreamId.
+ * 0 the next status, or an `_error` that names no command. Answers that come before it are not kept: await
+ * them in the order of the commands. The answer to createStream sets the client's StreamId.
  *
  * @return 0; RTMP_ERR_REFUSED (`_error`, or a status of level "error"), RTMP_ERR_NO_ANSWER,
  *         RTMP_ERR_CONNECTION
@@ -145,7 +154,8 @@ RTMP_API int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction
  * stream's media time: "onTextData", captions, cue points.
  *
  * @param values  the whole body, "@setDataFrame" included where the service wants it; copied
- * @return 0; -1 not sent (logged)
+ * @param length  1 to 16,777,215
+ * @return 0; RTMP_ERR_CONNECTION not sent, -1 memory, RTMP_ERR_INVALID_ARGUMENT (all are logged)
  *
  * Any thread, once RtmpPublisherStart has succeeded. Takes the client's write lock.
  */
