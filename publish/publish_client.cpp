@@ -130,12 +130,21 @@ int32_t Judge(RtmpPublisher *publisher, const Heard *heard, double transaction)
     }
 }
 
-// A service may refuse, and end the connection before it has taken what follows: what it has said is heard
-// before a failed send counts.
+// SendStep sends a command of the start. Behind one that did not go out nothing follows, but what the service
+// has said may still be heard: it may have refused, and ended the connection before it took everything.
+int32_t SendStep(RtmpPublisher *publisher, enum RtmpPublisherCommand command, double *transaction)
+{
+    const int32_t sent = RtmpPublisherSend(publisher, command, transaction);
+    if (sent == RTMP_ERR_CONNECTION) {
+        (void)shutdown(publisher->Client->Socket, SHUT_RDWR); // nothing more is waited for
+    }
+    return sent;
+}
+
 int32_t SendAndAwait(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
 {
     double transaction = 0;
-    const int32_t sent = RtmpPublisherSend(publisher, command, &transaction);
+    const int32_t sent = SendStep(publisher, command, &transaction);
     if (sent == RTMP_FAILED) {
         return sent;
     }
@@ -146,7 +155,7 @@ int32_t SendAndAwait(RtmpPublisher *publisher, enum RtmpPublisherCommand command
 // The answers that are awaited behind it tell of a connection that has ended.
 int32_t SendUnanswered(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
 {
-    const int32_t sent = RtmpPublisherSend(publisher, command, nullptr);
+    const int32_t sent = SendStep(publisher, command, nullptr);
     return sent == RTMP_ERR_CONNECTION ? 0 : sent;
 }
 
@@ -295,8 +304,9 @@ void SayGoodBye(RtmpPublisher *publisher)
         (void)shutdown(client->Socket, SHUT_RDWR);
         return;
     }
-    (void)SendUnanswered(publisher, RTMP_PUBLISHER_FC_UNPUBLISH);  // logged; the connection ends anyway
-    (void)SendUnanswered(publisher, RTMP_PUBLISHER_DELETE_STREAM); // the same
+    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_FC_UNPUBLISH,
+                            nullptr); // logged; the connection ends anyway
+    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_DELETE_STREAM, nullptr); // the same
 }
 
 // RtmpPublisherStop wakes the publisher's thread, which may free the publisher as soon as it is back.
