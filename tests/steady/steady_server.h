@@ -30,7 +30,8 @@ inline RtmpServiceLimits With(uint32_t RtmpServiceLimits::*limit, uint32_t value
 }
 
 struct Server : wire::TestServer {
-    explicit Server(const RtmpServiceLimits &limits = {}, int chunkSize = 4096) : TestServer(chunkSize)
+    explicit Server(const RtmpServiceLimits &limits = {}, int chunkSize = 4096, RtmpLogger *logger = nullptr)
+        : TestServer(chunkSize, logger)
     {
         EXPECT_EQ(RtmpServiceSettings(server, &limits), 0);
     }
