@@ -1,30 +1,13 @@
 // Frames on the steady road, as a player sees them.
-#include "support/test_server.h"
-#include "support/wire_replies.h"
+#include "steady_server.h"
 
+using namespace steady;
 using namespace wire;
-
-namespace {
-
-constexpr uint8_t kKey = 0x65;
-constexpr uint8_t kInter = 0x41;
-constexpr uint32_t kVideoStream = 28;
-constexpr uint32_t kAudioStream = 29;
-
-// A server on the steady road with one session.
-struct SteadyServer : TestServer {
-    explicit SteadyServer(const RtmpServiceLimits &limits = {}) : TestServer(4096)
-    {
-        EXPECT_EQ(RtmpServiceSettings(server, &limits), 0);
-    }
-};
-
-} // namespace
 
 // The first picture has a whole header and time 0, the next ones are told from it.
 TEST(SteadyDelivery, APlayersMediaTimeBeginsAtZeroWithAKeyFrame)
 {
-    SteadyServer server;
+    Server server;
     RtmpSession *session = server.session();
     ScriptedPeer peer(server.port);
     peer.playing("cam");
@@ -44,7 +27,7 @@ TEST(SteadyDelivery, APlayersMediaTimeBeginsAtZeroWithAKeyFrame)
 // A newcomer is sent everything from the last key frame on, at once.
 TEST(SteadyDelivery, ANewcomerBeginsWithTheLastKeyFrame)
 {
-    SteadyServer server;
+    Server server;
     RtmpSession *session = server.session();
     for (uint64_t i = 0; i < 10; i++) {
         ASSERT_EQ(SendVideo(session, VideoFrame(100 + i, i % 5 == 0 ? kKey : kInter), 1000 + 40 * i),

@@ -112,11 +112,11 @@ TEST(FallingBehind, APlayerThatFallsOutGoesOnAtAKeyFrame)
     constexpr uint64_t kFrames = 400;
     Server server(With(&RtmpServiceLimits::RingBytes, 1000000));
     RtmpSession *session = server.session();
-    Player slow(server);
+    ScriptedPlayer slow(server);
     slow.playing("cam");
     RtmpClient *client = NewestOf(session);
     Narrow(client);
-    Player quick(server);
+    ScriptedPlayer quick(server);
     quick.playing("cam");
     std::thread other([&] { // gets everything meanwhile
         for (uint64_t number = 0; number < kFrames; number++) {
@@ -152,8 +152,8 @@ TEST(FallingBehind, ThreePlayersOfWhichTheFirstLeavesWhileAFourthJoinsAllGetFram
     constexpr size_t kLeast = 100;
     Server server;
     RtmpSession *session = server.session();
-    auto first = std::make_unique<Player>(server);
-    Player second(server), third(server), fourth(server);
+    auto first = std::make_unique<ScriptedPlayer>(server);
+    ScriptedPlayer second(server), third(server), fourth(server);
     first->playing("cam");
     second.playing("cam");
     third.playing("cam");
@@ -165,7 +165,7 @@ TEST(FallingBehind, ThreePlayersOfWhichTheFirstLeavesWhileAFourthJoinsAllGetFram
         return LoadShared(&session->Stream->ViewersInAll) == 4 && LoadShared(&session->ClientCount) == 3;
     }));
     SendNumbered(session, 5, 30, kLeast);
-    for (Player *player : {&second, &third, &fourth}) {
+    for (ScriptedPlayer *player : {&second, &third, &fourth}) {
         for (uint64_t number = 0; number < 30; number++) {
             const Message message = player->frame();
             ASSERT_EQ(NumberOf(message, kLeast), number);
@@ -175,7 +175,7 @@ TEST(FallingBehind, ThreePlayersOfWhichTheFirstLeavesWhileAFourthJoinsAllGetFram
     second.socket.reset();
     ASSERT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 2; }));
     SendNumbered(session, 30, 40, kLeast);
-    for (Player *player : {&third, &fourth}) {
+    for (ScriptedPlayer *player : {&third, &fourth}) {
         for (uint64_t number = 30; number < 40; number++) {
             ASSERT_EQ(NumberOf(player->frame(), kLeast), number);
         }
@@ -194,7 +194,7 @@ TEST(FallingBehind, PlayersThatTakeNothingHoldUpNobody)
         Narrow(stopped.back()->client, 4096);
         stopped.back()->join(session);
     }
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam");
     for (uint64_t number = 0; number < 100; number++) {
         SendNumbered(session, number, number + 1, kLeast);
@@ -214,7 +214,7 @@ TEST(FallingBehind, ASessionMadeAgainUnderItsNameHasPlayersOfItsOwn)
     Server server;
     for (int round = 0; round < 5; round++) {
         RtmpSession *session = server.session();
-        Player player(server);
+        ScriptedPlayer player(server);
         player.playing("cam");
         HandMade mine(server.server);
         mine.join(session);
@@ -268,7 +268,7 @@ TEST_P(EveryChunkSize, FramesOfEveryLengthArriveWhole)
     const size_t chunk = static_cast<size_t>(GetParam());
     Server server({}, GetParam());
     RtmpSession *session = server.session();
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam");
     const std::vector<size_t> lengths = {
         5, 6, 100, chunk - 6, chunk - 5, chunk - 4, 2 * chunk - 5, 2 * chunk - 4, 100000, 300000};
@@ -289,7 +289,7 @@ TEST(FrameSizes, SoundOfOneByteAndOfManyArrivesWhole)
     SessionSetup setup;
     setup.video = false;
     RtmpSession *session = server.session("cam", setup);
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam", 6);
     uint64_t time = 500;
     for (const size_t length : {1, 2, 300, 4094, 4095, 50000}) {
@@ -330,7 +330,7 @@ TEST(FrameSizes, AVideoOnlySessionHasPicturesAlone)
     SessionSetup setup;
     setup.audio = false;
     RtmpSession *session = server.session("cam", setup);
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam", 6);
     SendNumbered(session, 0, 30, 100);
     for (uint64_t number = 0; number < 30; number++) {
@@ -345,7 +345,7 @@ TEST(Beginning, WithoutABurstAPlayerWaitsForTheNextKeyFrame)
     Server server(With(&RtmpServiceLimits::Options, RTMP_SERVICE_NO_BURST));
     RtmpSession *session = server.session();
     SendNumbered(session, 0, 15, 100); // the last key frame is number 10
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam");
     SendNumbered(session, 15, 25, 100);
     const Message first = player.frame();
@@ -358,7 +358,7 @@ TEST(Beginning, APausedPlayerGetsNothingAndGoesOnAtTheLastKeyFrame)
 {
     Server server;
     RtmpSession *session = server.session();
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam");
     SendNumbered(session, 0, 5, 100);
     for (uint64_t number = 0; number < 5; number++) {
@@ -385,7 +385,7 @@ TEST(Beginning, ARepeatedPlayBeginsAtZeroAgainAsOftenAsItIsAsked)
 {
     Server server;
     RtmpSession *session = server.session();
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("cam");
     SendNumbered(session, 0, 15, 100);
     for (uint64_t number = 0; number < 15; number++) {

@@ -52,7 +52,7 @@ struct HalfSent {
     }
     Server server;
     RtmpSession *session;
-    Player player;
+    ScriptedPlayer player;
     RtmpClient *client = nullptr;
     const Bytes big = VideoFrame(kBig, kKey);
 };
@@ -165,7 +165,7 @@ TEST(HalfMessage, ProgressThatIsNewerThanTheKeepersClockIsNoStall)
     ASSERT_TRUE(WaitForLine(half.client, [](const SteadyLine &line) { // the peer's window is closed, too
         return line.WantsRoom != 0 && RtmpGetSystemTime() > line.LastProgress + 100;
     }));
-    Player late(half.server);
+    ScriptedPlayer late(half.server);
     late.connected();
     SteadyLine *looked = nullptr; // the keeper comes to it behind the player's
     {
@@ -225,7 +225,7 @@ TEST(HalfMessage, WhatARefusedPeerHasSentAlreadyIsNotRead)
 {
     Server server;
     RtmpSession *session = server.session();
-    Player player(server);
+    ScriptedPlayer player(server);
     player.created();
     Bytes requests;
     Append(requests, Chunks({.payload = PlayCommand("nothing")}));

@@ -13,7 +13,7 @@ namespace {
 constexpr uint32_t kBody = 0x0102;
 constexpr uint32_t kStreamId = 1;
 
-struct Step {
+struct StepTaken {
     int length; // of the header of the player's own; 0: none, -1: it does not get the message
     Bytes header;
 };
@@ -55,7 +55,7 @@ class PlaceTest : public testing::Test {
         return append(STEADY_AUDIO, time);
     }
     // The player takes its next message, which must be there.
-    Step step()
+    StepTaken step()
     {
         bool restarted = false;
         missed_ = FindPlace(stream_, &place_, joined_, &restarted);
@@ -319,7 +319,7 @@ TEST_F(PlaceTest, PausesDoNotMoveSoundAgainstThePictures)
         picture(now + 40);
         sound(now + 26);
         for (int i = 0; i < 5; i++) {
-            const Step each = step();
+            const StepTaken each = step();
             const FinishedMessage *message = stream_->Slots[place_.Next - 1];
             if (each.length > 0) {
                 const uint64_t field = each.header[1] << 16 | each.header[2] << 8 | each.header[3];

@@ -43,8 +43,8 @@ inline bool IsMedia(const wire::Message &message)
 }
 
 // A player that reads by the book (RTMP 1.0, 5.3), whatever the library is known to choose.
-struct Player : wire::ScriptedPeer {
-    explicit Player(const Server &server) : ScriptedPeer(server.port)
+struct ScriptedPlayer : wire::ScriptedPeer {
+    explicit ScriptedPlayer(const Server &server) : ScriptedPeer(server.port)
     {
         chunks.standard = true;
         socket.keepRecord(false);

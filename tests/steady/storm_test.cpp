@@ -152,7 +152,7 @@ void KeepMisbehaving(uint16_t port, uint32_t seed, const std::atomic<bool> &stop
 void WatchQuietly(const Server &server, RtmpSession *session, const std::atomic<bool> &stop)
 {
     constexpr size_t kLast = 50;
-    Player player(server);
+    ScriptedPlayer player(server);
     player.playing("quiet");
     std::thread encoder([&] {
         uint64_t number = 0;
