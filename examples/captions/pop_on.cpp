@@ -73,16 +73,16 @@ void PopOn::prepare(int64_t time)
     }
     isLoading_ = false;
     readCues(time);
-    if (!parts_.empty() && time >= parts_.front().start - loadingTime()) {
+    if (!parts_.empty() && time >= parts_.front().start - loadingTime() - kEarlyMs) {
         isLoading_ = true;
         loaded_ = 0;
     }
 }
 
-// What is over before it could be shown is passed over.
+// What is over before it could be loaded is passed over.
 void PopOn::readCues(int64_t time)
 {
-    while (parts_.empty() || parts_.front().end <= time) {
+    while (parts_.empty() || parts_.front().end <= time + loadingTime()) {
         if (!parts_.empty()) {
             parts_.pop_front();
             continue;
@@ -111,5 +111,5 @@ void PopOn::split(const Cue &cue)
 
 int64_t PopOn::loadingTime() const
 {
-    return static_cast<int64_t>(parts_.front().pairs.size()) * pictureMs_ + kEarlyMs;
+    return static_cast<int64_t>(parts_.front().pairs.size()) * pictureMs_;
 }

@@ -100,6 +100,6 @@ TEST(CaptionInfo, IsAnObjectWithTypeAndData)
                                "data\x02\0\x10"
                                "AAAABsH//JQs/w=="
                                "\0\0\x09",
-                               59);
+                               57);
     EXPECT_EQ(std::string(body.begin(), body.end()), expected);
 }

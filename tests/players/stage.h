@@ -34,6 +34,10 @@ class LiveHost {
     explicit LiveHost(const std::vector<std::string> &options = {});
 
     std::string url(const std::string &session = "stream") const;
+    uint16_t port() const
+    {
+        return port_;
+    }
     bool waitForLog(const std::string &text)
     {
         return process_->waitForText(text);
