@@ -1,7 +1,9 @@
 #include "player_process.h"
 
+#include "measure.h"
 #include "support/scripted_peer.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cinttypes>
 #include <csignal>
@@ -23,6 +25,8 @@ constexpr int kQuietMilliseconds = 2;
 
 // Nobody waits longer for what does not come.
 constexpr int kPatienceMilliseconds = 20000;
+
+constexpr int kStoppedBuffer = 65536; // of a player that takes nothing
 
 struct Order {
     char what;
@@ -86,6 +90,8 @@ class Players {
         event.events = EPOLLIN;
         event.data.fd = fd;
         epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+        awaitedOf_.resize(std::max(awaitedOf_.size(), static_cast<size_t>(fd) + 1));
+        watched_ += fd != orders_ ? 1 : 0;
     }
 
     int patience() const
@@ -115,6 +121,30 @@ class Players {
             epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
         }
         received_ += count > 0 ? static_cast<uint64_t>(count) : 0;
+        if (lacking_ > 0 && count > 0) {
+            noteArrival(fd, static_cast<int64_t>(count));
+        }
+    }
+
+    void arm(uint64_t bytes)
+    {
+        awaitedOf_.assign(awaitedOf_.size(), static_cast<int64_t>(bytes));
+        lacking_ = watched_;
+        acknowledge();
+    }
+
+    void noteArrival(int fd, int64_t count)
+    {
+        int64_t &awaited = awaitedOf_[static_cast<size_t>(fd)];
+        const bool lacked = awaited > 0;
+        awaited -= count;
+        if (!lacked || awaited > 0 || --lacking_ > 0) {
+            return;
+        }
+        const uint64_t now = NowNanoseconds();
+        if (write(orders_, &now, sizeof now) != static_cast<ssize_t>(sizeof now)) {
+            exit(1);
+        }
     }
 
     void acknowledge()
@@ -135,8 +165,13 @@ class Players {
             awaited_ = order.count;
             return;
         }
+        if (order.what == 'A') {
+            arm(order.count);
+            return;
+        }
         if (order.what == 'X') {
             received_ = 0;
+            watched_ = 0;
             players_.clear();
             for (int fd : plain_) {
                 close(fd);
@@ -157,6 +192,9 @@ class Players {
             return;
         }
         wire::ScriptedPeer &player = players_.emplace_back(order.port);
+        if (order.what == 'S') {
+            player.socket.setReceiveBuffer(kStoppedBuffer);
+        }
         player.chunks.standard = order.standard;
         if (order.what == 'R') {
             PlayUnanswered(player);
@@ -173,6 +211,9 @@ class Players {
     bool drainWanted_ = false;
     uint64_t received_ = 0; // since the last drain
     uint64_t awaited_ = 0;
+    std::vector<int64_t> awaitedOf_; // by descriptor: bytes until it has all, since it was armed
+    size_t watched_ = 0;             // connections
+    size_t lacking_ = 0;             // of them, that do not have all yet
     std::list<wire::ScriptedPeer> players_;
     std::vector<int> plain_;
 };
@@ -197,7 +238,8 @@ PlayerProcess::PlayerProcess()
 
 PlayerProcess::~PlayerProcess()
 {
-    close(socket_); // the child leaves
+    shutdown(socket_, SHUT_RDWR); // the child leaves, though processes made after it hold this end, too
+    close(socket_);
     waitpid(pid_, nullptr, 0);
 }
 
@@ -244,4 +286,19 @@ void PlayerProcess::waitUntilDrained(uint64_t bytes)
 void PlayerProcess::disconnectAll()
 {
     command('X', 0, 0);
+}
+
+void PlayerProcess::arm(uint64_t bytes)
+{
+    command('A', 0, bytes);
+}
+
+uint64_t PlayerProcess::waitForLast()
+{
+    uint64_t when = 0;
+    if (read(socket_, &when, sizeof when) != static_cast<ssize_t>(sizeof when)) {
+        fprintf(stderr, "the player process has ended\n");
+        exit(1);
+    }
+    return when;
 }

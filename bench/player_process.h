@@ -23,6 +23,11 @@ class PlayerProcess {
     void waitUntilDrained(uint64_t bytes);
     void disconnectAll();
 
+    // Has the process note when each of its connections has got `bytes` more; wait returns when the last one
+    // had (CLOCK_MONOTONIC, ns). With only one port's players, or plain connections, in the process.
+    void arm(uint64_t bytes);
+    uint64_t waitForLast();
+
   private:
     void command(char what, uint16_t port, uint64_t count, bool standard = false);
     pid_t pid_;
