@@ -1,14 +1,16 @@
 #!/bin/bash
 # The network decides: live_host encodes at 4 Mbit/s, a real player watches over a link that first carries all of
 # it, then far less, then all of it again. The adaptive bitrate controller has to lower the encoder's rate and to
-# raise it again, while the player goes on.
+# raise it again, while the player goes on. Once on the steady road, where the queue is what the player is behind
+# in the session's ring, and once on the exact one, where it is what the sender thread has not sent.
 #
-#   scripts/demo-adaptive.sh [--relay] [--quick] [--out DIR]
+#   scripts/demo-adaptive.sh [--steady | --exact] [--relay] [--quick] [--out DIR]
 #
+#   --steady, --exact  one road alone
 #   --relay    no network namespaces: a relay on loopback that reads at a bounded rate stands for the link. This
 #              is also what happens where namespaces may not be made.
 #   --quick    shorter phases
-#   --out DIR  where everything lies afterwards (out/adaptive)
+#   --out DIR  where everything lies afterwards, in a directory for each road (out/adaptive)
 #
 # With namespaces (as root): host and player each in one of their own, joined by a veth pair whose rate is set
 # with tc. Ends with exit 0 only when the rate was lowered, the player went on, and the rate recovered.
@@ -19,9 +21,10 @@ build=$root/build/demo
 out=$root/out/adaptive
 bitrate=4000 lowest=300              # kbit/s, of the encoder
 wide=20000 narrow=1000               # kbit/s, of the link
-before=15 during=20 after=25         # seconds
+before=12 during=18 after=22         # seconds, on each road
 slots=91                             # of the video ring: --video-queue and one more
 relay=0
+roads="steady exact"
 
 say() { printf '== %s\n' "$*"; }
 fail() { printf 'demo-adaptive.sh: %s\n' "$*" >&2; exit 1; }
@@ -29,6 +32,7 @@ fail() { printf 'demo-adaptive.sh: %s\n' "$*" >&2; exit 1; }
 while [ $# -gt 0 ]; do
     case $1 in
     -h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+    --steady | --exact) roads=${1#--} ;;
     --relay) relay=1 ;;
     --quick) before=10 during=14 after=20 ;;
     --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
@@ -47,7 +51,7 @@ cmake --build "$build" --target live_host
 live_host=$build/examples/live_host
 # The library opens "<directory>/debug-<time>.csv" and cuts long paths: the trace is written beside the script's
 # own short temporary files and moved afterwards.
-work=$(mktemp -d)
+works=$(mktemp -d)
 
 # --------------------------------------------------------------------------------------------- leaving no trace
 host_ns=rtmpcast-host-$$
@@ -66,7 +70,7 @@ cleanup() {
     for name in "${namespaces[@]}"; do
         ip netns del "$name" 2>/dev/null || true # its end of the veth pair goes with it
     done
-    rm -rf "$work"
+    rm -rf "$works"
 }
 trap cleanup EXIT
 trap 'exit 130' INT
@@ -113,8 +117,8 @@ free_port() {
     return 1
 }
 
-if [ "$relay" -eq 0 ] && ! make_link 2>"$work/link.log"; then
-    say "Network namespaces with a shaped link cannot be made here: $(tail -n 1 "$work/link.log")"
+if [ "$relay" -eq 0 ] && ! make_link 2>"$works/link.log"; then
+    say "Network namespaces with a shaped link cannot be made here: $(tail -n 1 "$works/link.log")"
     say "A relay that reads at a bounded rate stands for the link instead"
     for name in "${namespaces[@]}"; do ip netns del "$name" 2>/dev/null || true; done
     namespaces=()
@@ -131,63 +135,67 @@ else
 fi
 
 # ------------------------------------------------------------------------------------------------ streaming
-rm -f "$out"/{trace.csv,phases.txt,trace.png,trace.svg,recording.flv} "$out"/*.log
-
 # The send buffer is a small one: by default the kernel takes up to 4 MB off the host's hands for each player, half
 # a minute of a slow link that nobody would notice.
-in_host "$live_host" --encode --size 960x540 --video-bitrate "${bitrate}000" --interface "$interface" \
-    --rtmp-port "$port" --send-buffer 16 --log-level info --duration $((before + during + after + 60)) \
-    --sender threaded --video-queue $((slots - 1)) --audio-queue 240 --bandwidth-window 60 \
-    --trace-dir "$work" --trace-every 3 --abr-min-bitrate "${lowest}000" --abr-start-delay 3000 \
-    --abr-increase-fullness 5 --abr-increase-percent 25 --abr-increase-min-step 100000 \
-    --abr-increase-interval 1 --abr-decrease-fullness 10 --abr-decrease-percent 100 \
-    --abr-decrease-fullness-high 30 --abr-decrease-percent-high 150 --abr-decrease-interval 1 \
-    >"$out/live_host.log" 2>&1 &
-server=$!
-processes+=("$server")
-for _ in $(seq 100); do
-    grep -q '^serving ' "$out/live_host.log" && break
-    kill -0 "$server" 2>/dev/null || { cat "$out/live_host.log" >&2; fail "live_host ended"; }
-    sleep 0.1
-done
-grep -q '^serving ' "$out/live_host.log" || fail "live_host did not start: see $out/live_host.log"
-
-if [ "$relay" -eq 1 ]; then
-    mkfifo "$work/rate"
-    exec 7<>"$work/rate"
-    "$root/tools/bounded_relay" "$player_port" "$port" "$wide" <"$work/rate" >"$out/relay.log" 2>&1 &
-    processes+=("$!")
+start_host() {
+    in_host "$live_host" "$@" --encode --size 960x540 --video-bitrate "${bitrate}000" --interface "$interface" \
+        --rtmp-port "$port" --send-buffer 16 --log-level info --duration $((before + during + after + 60)) \
+        --sender threaded --video-queue $((slots - 1)) --audio-queue 240 --bandwidth-window 60 \
+        --trace-dir "$work" --trace-every 3 --abr-min-bitrate "${lowest}000" --abr-start-delay 3000 \
+        --abr-increase-fullness 5 --abr-increase-percent 25 --abr-increase-min-step 100000 \
+        --abr-increase-interval 1 --abr-decrease-fullness 10 --abr-decrease-percent 100 \
+        --abr-decrease-fullness-high 30 --abr-decrease-percent-high 150 --abr-decrease-interval 1 \
+        >"$here/live_host.log" 2>&1 &
+    server=$!
+    processes+=("$server")
     for _ in $(seq 100); do
-        grep -q listening "$out/relay.log" && break
+        grep -q '^serving ' "$here/live_host.log" && return
+        kill -0 "$server" 2>/dev/null || { cat "$here/live_host.log" >&2; fail "live_host ended"; }
         sleep 0.1
     done
-fi
+    fail "live_host did not start: see $here/live_host.log"
+}
 
-# A hash (64 hex digits) and a size switch on the signed handshake of rtmpdump; which ones is all the same.
-in_player rtmpdump -r "rtmp://$address:$player_port/live/stream" -w "$(printf '%064d' 0)" -x 1 \
-    -o "$out/recording.flv" >"$out/rtmpdump.log" 2>&1 &
-player=$!
-processes+=("$player")
+start_relay() {
+    mkfifo "$work/rate"
+    exec 7<>"$work/rate"
+    "$root/tools/bounded_relay" "$player_port" "$port" "$wide" <"$work/rate" >"$here/relay.log" 2>&1 &
+    relay_process=$!
+    processes+=("$relay_process")
+    for _ in $(seq 100); do
+        grep -q listening "$here/relay.log" && break
+        sleep 0.1
+    done
+}
 
 # The trace begins with the first frame that the player is sent.
-for _ in $(seq 500); do
-    trace=$(find "$work" -name 'debug-*.csv')
-    [ -n "$trace" ] && break
-    sleep 0.02
-done
-[ -n "$trace" ] || { tail -n 5 "$out/rtmpdump.log" >&2; fail "the player was sent nothing"; }
-started=$EPOCHREALTIME
+start_player() {
+    # A hash (64 hex digits) and a size switch on the signed handshake of rtmpdump; which ones is all the same.
+    in_player rtmpdump -r "rtmp://$address:$player_port/live/stream" -w "$(printf '%064d' 0)" -x 1 \
+        -o "$here/recording.flv" >"$here/rtmpdump.log" 2>&1 &
+    player=$!
+    processes+=("$player")
+    for _ in $(seq 500); do
+        trace=$(find "$work" -name 'debug-*.csv')
+        [ -n "$trace" ] && break
+        sleep 0.02
+    done
+    [ -n "$trace" ] || { tail -n 5 "$here/rtmpdump.log" >&2; fail "the player was sent nothing"; }
+    started=$EPOCHREALTIME
+}
 
 since_start() { awk "BEGIN { printf \"%.2f\", $EPOCHREALTIME - $started }"; }
+recorded() { stat -c %s "$here/recording.flv"; }
+ratio() { awk "BEGIN { printf \"%.2f\", ($2 > 0) ? $1 / $2 : 0 }"; }
 
 # watch SECONDS: shows the host's status line meanwhile.
 watch() {
     local left
     for ((left = $1; left > 0; left--)); do
         sleep 1
-        kill -0 "$server" 2>/dev/null || fail "live_host ended: see $out/live_host.log"
-        kill -0 "$player" 2>/dev/null || fail "the player gave up: see $out/rtmpdump.log"
-        [ $((left % 5)) -ne 1 ] || grep '^viewers' "$out/live_host.log" | tail -n 1 | sed 's/^/   /'
+        kill -0 "$server" 2>/dev/null || fail "live_host ended: see $here/live_host.log"
+        kill -0 "$player" 2>/dev/null || fail "the player gave up: see $here/rtmpdump.log"
+        [ $((left % 5)) -ne 1 ] || grep '^viewers' "$here/live_host.log" | tail -n 1 | sed 's/^/   /'
     done
 }
 
@@ -198,63 +206,92 @@ phase() {
     from=$(since_start)
     say "$3: the link carries $(awk "BEGIN { print $1 / 1000 }") Mbit/s for $2 s"
     watch "$2"
-    printf '%s %s %s\n' "$from" "$(since_start)" "$1" >>"$out/phases.txt"
+    printf '%s %s %s\n' "$from" "$(since_start)" "$1" >>"$here/phases.txt"
 }
-phase "$wide" "$before" before
-recorded() { stat -c %s "$out/recording.flv"; }
-size_before=$(recorded)
-phase "$narrow" "$during" during
-size_during=$(recorded)
-phase "$wide" "$after" after
 
-say "Stopping"
-kill -INT "$player" 2>/dev/null || true
-kill -TERM "$server"
-wait "$server" || fail "live_host did not stop cleanly: see $out/live_host.log"
-wait "$player" || true # its exit code only says that a live stream is not whole
-cp "$trace" "$out/trace.csv"
+stop_all() {
+    say "Stopping"
+    kill -INT "$player" 2>/dev/null || true
+    kill -TERM "$server"
+    wait "$server" || fail "live_host did not stop cleanly: see $here/live_host.log"
+    wait "$player" || true # its exit code only says that a live stream is not whole
+    if [ "$relay" -eq 1 ]; then
+        kill "$relay_process" 2>/dev/null || true
+        wait "$relay_process" || true
+        exec 7>&-
+    fi
+    processes=()
+    cp "$trace" "$here/trace.csv"
+}
+
+# stream_on ROAD: everything between the first frame and the last.
+stream_on() {
+    local options=()
+    [ "$1" = steady ] || options=(--exact)
+    here=$out/$1 work=$works/$1
+    mkdir -p "$here" "$work"
+    rm -f "$here"/{trace.csv,phases.txt,trace.png,trace.svg,recording.flv} "$here"/*.log
+    say "The $1 road"
+    start_host "${options[@]}"
+    if [ "$relay" -eq 1 ]; then start_relay; else set_link "$wide"; fi
+    start_player
+    phase "$wide" "$before" before
+    size_before=$(recorded)
+    phase "$narrow" "$during" during
+    size_during=$(recorded)
+    phase "$wide" "$after" after
+    stop_all
+}
 
 # ------------------------------------------------------------------------------------------------- results
-"$root/tools/plot_trace" --slots "$slots" --frame-rate 30 --phases "$out/phases.txt" \
-    --title "Adaptive bitrate: $((bitrate / 1000)) Mbit/s over a link of $((wide / 1000)), $((narrow / 1000)) and $((wide / 1000)) Mbit/s" \
-    "$out/trace.csv" "$out/trace"
+# show_results ROAD
+show_results() {
+    local boundaries figures size_end frames
+    "$root/tools/plot_trace" --slots "$slots" --frame-rate 30 --phases "$here/phases.txt" \
+        --title "Adaptive bitrate, $1 road: $((bitrate / 1000)) Mbit/s over a link of $((wide / 1000)), $((narrow / 1000)) and $((wide / 1000)) Mbit/s" \
+        "$here/trace.csv" "$here/trace"
 
-boundaries=$(awk '{ print $2 }' "$out/phases.txt" | head -n 2 | tr '\n' ' ')
-# "before", "low" and "reached": target rates in kbit/s; "queue": the fullest; "drops": all.
-figures=$(awk -F, -v ends="$boundaries" -v slots="$slots" '
-    BEGIN { split(ends, end, " "); low = 1e9 }
-    { t = $1 / 1000 + $5 / 30; if (t < last) t = last; last = t } # when the frame left
-    t < end[1] { first = $3 }
-    t >= end[1] && t < end[2] { if ($3 < low) low = $3 }
-    t >= end[2] && $3 > high { high = $3 }
-    t >= end[2] && !recovered && $3 >= 0.9 * first { recovered = t - end[2] }
-    t >= end[1] && !lowered && $3 < 0.95 * first { lowered = t - end[1] }
-    t >= end[1] + (end[2] - end[1]) / 2 && t < end[2] { sum += $3; count++ }
-    $5 > queue { queue = $5 }
-    { drops = $6 }
-    END {
-        printf "first=%d low=%d reached=%d queue=%d drops=%d ", first, low, high, queue * 100 / slots, drops
-        printf "lowered=%.1f recovered=%.1f settled=%d\n", lowered, recovered, count ? sum / count : 0
-    }' "$out/trace.csv")
-eval "$figures"
-size_end=$(recorded)
-frames=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 \
-    "$out/recording.flv" 2>/dev/null || echo 0)
-ratio() { awk "BEGIN { printf \"%.2f\", ($2 > 0) ? $1 / $2 : 0 }"; }
+    boundaries=$(awk '{ print $2 }' "$here/phases.txt" | head -n 2 | tr '\n' ' ')
+    # "before", "low" and "reached": target rates in kbit/s; "queue": the fullest; "drops": all.
+    figures=$(awk -F, -v ends="$boundaries" -v slots="$slots" '
+        BEGIN { split(ends, end, " "); low = 1e9 }
+        { t = $1 / 1000 + $5 / 30; if (t < last) t = last; last = t } # when the frame left
+        t < end[1] { first = $3 }
+        t >= end[1] && t < end[2] { if ($3 < low) low = $3 }
+        t >= end[2] && $3 > high { high = $3 }
+        t >= end[2] && !recovered && $3 >= 0.9 * first { recovered = t - end[2] }
+        t >= end[1] && !lowered && $3 < 0.95 * first { lowered = t - end[1] }
+        t >= end[1] + (end[2] - end[1]) / 2 && t < end[2] { sum += $3; count++ }
+        $5 > queue { queue = $5 }
+        { drops = $6 }
+        END {
+            printf "first=%d low=%d reached=%d queue=%d drops=%d ", first, low, high, queue * 100 / slots, drops
+            printf "lowered=%.1f recovered=%.1f settled=%d\n", lowered, recovered, count ? sum / count : 0
+        }' "$here/trace.csv")
+    eval "$figures"
+    size_end=$(recorded)
+    frames=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 \
+        "$here/recording.flv" 2>/dev/null || echo 0)
 
-cat <<END
-== What happened
+    cat <<END
+== What happened on the $1 road
    target before                $first kbit/s
    lowest target                $low kbit/s, $(ratio "$low" "$first") of that; first lowered ${lowered} s after the link narrowed
    second half of that phase    target $settled kbit/s on average, $(ratio "$settled" "$narrow") of the link
    target after                 $reached kbit/s, $(ratio "$reached" "$first") of the start; 0.90 of it ${recovered} s after the link widened
    fullest queue                $queue %, $drops frames dropped
    the player recorded          ${frames:-0} pictures; while the link was narrow $(((size_during - size_before) * 8 / 1000 / during)) kbit/s, then $(((size_end - size_during) * 8 / 1000 / after)) kbit/s
-   everything                   $out/ (trace.png, trace.svg, trace.csv, recording.flv, *.log)
+   everything                   $here/ (trace.png, trace.svg, trace.csv, recording.flv, *.log)
 END
 
-[ "$first" -gt 0 ] || fail "the controller never started"
-[ $((low * 100)) -lt $((first * 60)) ] || fail "the controller did not lower the rate far enough"
-[ $((reached * 100)) -ge $((first * 90)) ] || fail "the rate did not recover"
-[ $(((size_end - size_during) * 8 / 1000)) -gt $((after * first / 4)) ] || fail "the player did not go on"
-say "The rate followed the link down and up again, and the player went on"
+    [ "$first" -gt 0 ] || fail "the controller never started"
+    [ $((low * 100)) -lt $((first * 60)) ] || fail "the controller did not lower the rate far enough"
+    [ $((reached * 100)) -ge $((first * 90)) ] || fail "the rate did not recover"
+    [ $(((size_end - size_during) * 8 / 1000)) -gt $((after * first / 4)) ] || fail "the player did not go on"
+    say "The $1 road: the rate followed the link down and up again, and the player went on"
+}
+
+for road in $roads; do
+    stream_on "$road"
+    show_results "$road"
+done

@@ -28,15 +28,17 @@ void FollowPicture(SteadyStream *stream, RtmpThreadedQueue *queue, uint64_t time
     SteadySender *sender = stream->Sender;
     const uint32_t behind = LoadShared(&sender->PicturesBehind);
     const int32_t queued = behind > INT32_MAX ? INT32_MAX : static_cast<int32_t>(behind);
-    const uint64_t taken = __atomic_exchange_n(&sender->BytesTaken, uint64_t{0}, __ATOMIC_ACQ_REL);
+    const uint64_t bytes = __atomic_exchange_n(&sender->BytesTaken, uint64_t{0}, __ATOMIC_ACQ_REL);
     if (LoadShared(&sender->IsAnyCounted) != 0) {
         (void)RtmpQueueBWMAdd(queue->Bwm, queue->Session,
-                              static_cast<uint32_t>(taken < INT32_MAX ? taken : INT32_MAX)); // null is fine
+                              static_cast<uint32_t>(bytes < INT32_MAX ? bytes : INT32_MAX)); // null is fine
     }
     FollowVideo(queue, queued, queued >= queue->VideoBuffer->Size, time);
     TraceDrops(queue, LoadShared(&stream->DroppedInAll));
+    // The trace is of pictures that have left: of the one that the slowest player has taken.
+    const uint64_t taken = time - uint64_t{behind} * sender->Clock.StepOfKind[STEADY_VIDEO];
     const RtmpQueueTime flush = {0, LoadShared(&sender->FlushMicros)};
-    (void)RtmpQueueDebugLog(queue, time, queued, {}, flush); // without a trace nothing is written
+    (void)RtmpQueueDebugLog(queue, taken, queued, {}, flush); // without a trace nothing is written
 }
 
 // True once in a while, from the first time on.

@@ -93,13 +93,18 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  * Threaded sender (mode 1): frames are copied into a ring, or referenced when they have a file; a full
  * ring is flushed. Takes leaf locks only and never waits for a player. The sender thread writes, holding the
  * same locks.
- * Without a file `data` may be reused as soon as the call has returned. With one, leave the bytes as they
- * are: the senders reference parked and queued frames, and the kernel sends from the file's pages until the
- * players have acknowledged them. There is no notice when.
+ * Steady road (RtmpServiceSettings), in either mode: the frame is copied once for all players, and no write
+ * waits for any. Sound goes in front of the first picture that is not earlier, or by itself when it has
+ * waited for long or the session has no pictures. A timestamp that steps back, or forward by more than ten
+ * seconds, moves both kinds on by one frame. With RTMP_ERR_NO_CLIENT the frame is kept for who joins. Takes
+ * leaf locks only; the host functions named below are called under none. Without a file `data` may be reused
+ * as soon as the call has returned. With one, leave the bytes as they are: the senders reference parked and
+ * queued frames, and the kernel sends from the file's pages until the players have acknowledged them. There
+ * is no notice when.
  *
  * Any thread of the host that is not inside a host function of this session; one call at a time per session,
  * settings and RtmpThreadedQueueReset included. Calls rtmpStatusMessage, in mode 1 also rtmpSendZandBitrate,
- * in the packet monitor also the caption functions.
+ * in the packet monitor also the caption functions; on the steady road all of these and rtmpKeyFrameWanted.
  */
 RTMP_API int32_t RtmpSendData(RtmpSession *session, const uint8_t *data, int32_t length, int32_t fd,
                               uint64_t mapBase, uint64_t timestamp, int64_t mediaType);

@@ -29,6 +29,10 @@ extern "C" {
  * @return always 0, also for a null session. A sender that could not be made is logged, and RtmpSendData
  *         then returns -1.
  *
+ * On the steady road (RtmpServiceSettings) a session sends as well without a call. In mode 1 a thread of the
+ * session writes; `videoQueueSize` is what the controller holds the slowest player's lag against, and the
+ * queue itself is the session's ring (RtmpServiceLimits). No failed send ends that thread.
+ *
  * The thread that calls RtmpSendData; takes no lock and does not block. A later call may change the caption
  * mode and the interval while frames are being sent: the next frame goes by them.
  */
@@ -38,7 +42,8 @@ RTMP_API int32_t RtmpSenderSettings(RtmpSession *session, uint32_t senderMode, u
 
 /**
  * RtmpBWMSettings switches on the bandwidth monitor of the threaded sender: the rate over the last
- * `windowSize` video frames, reported as "rtmpBandwidth" every two seconds and "rtmpUptime" every thirty.
+ * `windowSize` video frames, reported as "rtmpBandwidth" every two seconds and "rtmpUptime" every thirty. On
+ * the steady road it is the rate at which the slowest player that makes progress takes pictures.
  *
  * @param enable      0: nothing is done
  * @param windowSize  video frames, at least 1; a million and more are refused
@@ -73,7 +78,9 @@ RTMP_API int32_t RtmpDebugSettings(RtmpSession *session, uint32_t enable, uint8_
 /**
  * RtmpAdaptiveBitrateSettings switches on the controller that retunes the host's encoder through
  * rtmpSendZandBitrate. 0 selects a default. Fullness is the video ring's, in percent, so that lowering
- * needs thresholds below 100 and a bandwidth monitor: the defaults only ever raise.
+ * needs thresholds below 100 and a bandwidth monitor: the defaults only ever raise. On the steady road it is
+ * how many pictures the slowest player is behind, against the slots of that ring, and may go above 100. A
+ * player that takes nothing does not count, nor one that still catches up with its beginning.
  *
  * @param enable                0: nothing is done
  * @param reserved1             ignored
@@ -112,7 +119,8 @@ RTMP_API int32_t RtmpAdaptiveBitrateSettings(RtmpSession *session, uint32_t enab
  * bitrate again.
  *
  * It is what mends, today, a sender that a failed send has ended, and the clocks after a time without viewers
- * and after many joins (docs/manual.md, section 5).
+ * and after many joins (docs/manual.md, section 5). On the steady road neither is needed; there the session's
+ * ring is emptied, and players go on with the next key frame.
  *
  * @return always 0. Null, and sessions without a threaded sender, are left alone.
  *
@@ -125,7 +133,7 @@ RTMP_API int32_t RtmpThreadedQueueReset(RtmpSession *session);
 /**
  * RtmpThreadedQueueClose does what RtmpThreadedQueueReset does and keeps the sender closed, until the next
  * RtmpThreadedQueueReset. Each frame is dropped meanwhile; when the first client plays, it is set to
- * CLIENT_STATE_CLOSED, and its thread is woken and leaves.
+ * CLIENT_STATE_CLOSED, and its thread is woken and leaves. On the steady road players stay.
  *
  * @return always 0. Null, and sessions without a threaded sender, are left alone.
  *
