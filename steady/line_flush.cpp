@@ -335,7 +335,7 @@ void FlushLine(SteadyLine *line, uint64_t now)
         Batch batch;
         GatherDue(line, &batch, most);
         if (batch.Count == 0) {
-            line->WantsRoom = 0;
+            StoreShared(&line->WantsRoom, uint8_t{0});
             return;
         }
         const uint64_t before = line->BytesOut;
@@ -343,10 +343,10 @@ void FlushLine(SteadyLine *line, uint64_t now)
         if (line->BytesOut != before || line->WantsRoom == 0) {
             line->LastProgress = now;
         }
-        line->WantsRoom = goesOn ? 0 : 1;
+        StoreShared(&line->WantsRoom, static_cast<uint8_t>(goesOn ? 0 : 1));
     }
     if (!MaySend(line)) {
-        line->WantsRoom = 0; // nothing leaves any more
+        StoreShared(&line->WantsRoom, uint8_t{0}); // nothing leaves any more
     } else if (line->WantsRoom != 0) {
         AwaitRoom(line);
     }

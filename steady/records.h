@@ -164,7 +164,7 @@ struct SteadyLine {
     uint32_t ReplyBytes; // waiting
     SteadyPlace Place;
     uint64_t Joined;       // messages in front of this one are nothing to begin with
-    uint8_t WantsRoom;     // the socket takes nothing; the keeper goes on
+    uint8_t WantsRoom;     // the socket takes nothing; the keeper goes on. It peeks without the lock
     uint64_t LastProgress; // ms: something left, or the socket was not full yet
     SteadyLook Look;
 
