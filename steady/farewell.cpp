@@ -1,5 +1,6 @@
 #include "steady/farewell.h"
 
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/platform.h"
 #include "net/scope.h"
@@ -54,7 +55,7 @@ void SeeAnswersOut(SteadyLine *line)
 {
     SetDeadline(line, STEADY_WAITS_FOR_NOTHING, 0);
     const uint64_t end = RtmpGetSystemTime() + kFarewellMs;
-    if (!HasAnswersOutBy(line, end) || line->BytesOut == 0) {
+    if (!HasAnswersOutBy(line, end) || LoadShared(&line->BytesOut) == 0) {
         return; // there is nothing to lose
     }
     EndTls(line->Client);

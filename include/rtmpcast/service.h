@@ -56,8 +56,9 @@ typedef struct RtmpServiceLimits {
  *         failure nothing has changed
  *
  * Any thread, with no other call on this server under way. Does not block. Starts a thread of the server,
- * which RtmpServerDestroy ends. Connections accepted before the call keep the default's rules of connections
- * (they are never dropped, and leave their descriptor behind); their frames take the steady road, too.
+ * and another one for TlsPort, which RtmpServerDestroy ends. Connections accepted before the call keep the
+ * default's rules of connections (they are never dropped, and leave their descriptor behind); their frames
+ * take the steady road, too.
  */
 RTMP_API int32_t RtmpServiceSettings(RtmpServer *server, const RtmpServiceLimits *limits);
 

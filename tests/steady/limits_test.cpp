@@ -247,6 +247,30 @@ TEST_P(SteadyReceiveLimits, TheDefaultRoadHasNone)
     peer.read();
 }
 
+// The thread of a connection has a small stack: values as deep as they may be fit, and deeper ones are
+// refused.
+TEST_P(SteadyReceiveLimits, DeeplyNestedValuesFitTheStack)
+{
+    SteadyTestServer server;
+    admit(server);
+    for (const size_t depth : {1000, 1023, 1024, 1025, 60000}) {
+        Bytes connect = Hex("02 0007 'connect' 00 3FF0000000000000");
+        for (size_t i = 0; i < depth; i++) {
+            Append(connect, i == 0 ? Hex("03") : Hex("0001 'a' 03"));
+        }
+        for (size_t i = 0; i < depth; i++) {
+            Append(connect, Hex("000009"));
+        }
+        connect.resize(std::min(connect.size(), size_t{200001})); // no multiple of the chunk size
+        ScriptedPeer peer(server.port);
+        peer.handshake();
+        peer.command(connect);
+        peer.socket.finish();
+        EXPECT_TRUE(ReadsToTheEnd(peer.socket)) << depth;
+    }
+    ScriptedPeer(server.port).connected();
+}
+
 INSTANTIATE_TEST_SUITE_P(Readers, SteadyReceiveLimits, testing::Values(RTMP_PLAYERS_EXACT, RTMP_PLAYERS_ALL),
                          [](const testing::TestParamInfo<uint32_t> &row) {
                              return row.param == RTMP_PLAYERS_EXACT ? "Exact" : "Standard";
