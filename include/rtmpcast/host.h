@@ -218,6 +218,9 @@ RTMP_HOST void TLS_print_error(RtmpLogger *logger, void *tls, int result);
  * @return the handle, with its handshake done, which the library uses from now on (SSL_read, SSL_write) and
  *         gives back with rtmpTlsEnd; null: refused, or the handshake failed. The connection is then closed
  *         with a log line, and rtmpTlsEnd is not called: free what was made before returning. Default: null.
+ *
+ * Give no session tickets (SSL_OP_NO_TICKET, SSL_CTX_set_num_tickets): players do not resume, and players of
+ * librtmp over GnuTLS take a ticket of TLS 1.3 for the end of the connection.
  */
 RTMP_HOST struct ssl_st *rtmpTlsAccept(RtmpServer *server, int fd, const char *address);
 
