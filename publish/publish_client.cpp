@@ -77,7 +77,7 @@ RtmpClient *NewClient(RtmpPublisher *publisher, RtmpServer *server, int socket, 
     if (client != nullptr) {
         client->PlayerFlags = RTMP_PLAYERS_ALL;
         client->PublishCtx = &publisher->Answers;
-        client->ThreadOwner = THREAD_OWNER_ITSELF; // the host's, to be woken and not to be joined
+        client->ThreadOwner = THREAD_OWNER_HOST;
     }
     return client;
 }
@@ -218,25 +218,25 @@ int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
     return result;
 }
 
-// While its thread is here it can be woken; once it is back in the host it may end, and is not signalled.
-void SetAway(RtmpClient *client, uint8_t away)
+// A thread that is in the library is woken when its session ends; one that is back in the host may end
+// itself, and its handle be another's.
+void SetThread(RtmpClient *client, RtmpThread thread)
 {
     RtmpSession *session = client->Session;
     UNLOCK_AT_EXIT RtmpMutex *held = session != nullptr ? HoldLeaf(&session->MemberLock) : nullptr;
-    client->ThreadIsAway = away;
-    StoreShared(&client->ServeThread, RtmpGetSelfThreadHandle());
+    StoreShared(&client->ServeThread, thread);
 }
 
-void GoAway(RtmpClient **client)
+void ForgetThread(RtmpClient **client)
 {
-    SetAway(*client, 1);
+    SetThread(*client, 0);
 }
 
-#define AWAY_AT_EXIT __attribute__((cleanup(GoAway), unused))
+#define FORGET_THREAD_AT_EXIT __attribute__((cleanup(ForgetThread), unused))
 
-RtmpClient *StayFor(RtmpPublisher *publisher)
+RtmpClient *ServedHere(RtmpPublisher *publisher)
 {
-    SetAway(publisher->Client, 0);
+    SetThread(publisher->Client, RtmpGetSelfThreadHandle());
     return publisher->Client;
 }
 
@@ -371,7 +371,7 @@ int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
 
 int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 {
-    AWAY_AT_EXIT RtmpClient *client = StayFor(publisher);
+    FORGET_THREAD_AT_EXIT RtmpClient *client = ServedHere(publisher);
     if (ValidateRtmpSessionHandle(client->Server, session) != 0) {
         return RTMP_ERR_INVALID_ARGUMENT;
     }
@@ -384,7 +384,7 @@ int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 
 int32_t RtmpPublisherServe(RtmpPublisher *publisher)
 {
-    AWAY_AT_EXIT RtmpClient *client = StayFor(publisher);
+    FORGET_THREAD_AT_EXIT RtmpClient *client = ServedHere(publisher);
     return Serve(publisher);
 }
 

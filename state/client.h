@@ -12,8 +12,9 @@ RTMP_API int DestroyRtmpClient(RtmpClient *client);
 // Who ends a client's serve thread. Decided under the session's MemberLock.
 enum RtmpThreadOwner {
     THREAD_OWNER_NOBODY = 0,
-    THREAD_OWNER_ITSELF = 1, // detached, on its way out
-    THREAD_OWNER_SESSION = 2 // RtmpSessionDestroy signals it and joins it
+    THREAD_OWNER_ITSELF = 1,  // detached, on its way out
+    THREAD_OWNER_SESSION = 2, // RtmpSessionDestroy signals it and joins it
+    THREAD_OWNER_HOST = 3     // a publisher's: RtmpSessionDestroy signals it, and the host joins it
 };
 
 // FreeClientRecord frees a client that DestroyRtmpClient refused, or one of the steady road. The client is

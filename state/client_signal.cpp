@@ -36,7 +36,7 @@ void EndReading(RtmpClient *client)
 void SignalClient(const RtmpClient *client)
 {
     const RtmpThread thread = LoadShared(&client->ServeThread);
-    if (thread != 0 && client->ThreadIsAway == 0) {
+    if (thread != 0) {
         pthread_kill(thread, SIGUSR1);
     }
 }

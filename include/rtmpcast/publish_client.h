@@ -67,7 +67,8 @@ RTMP_API RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void
  *
  * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each, however
  * slowly its bytes come. Errors to releaseStream and FCPublish are passed over. The session may be destroyed
- * meanwhile; once the publisher has joined it, RtmpSessionDestroy waits for RtmpPublisherDestroy.
+ * meanwhile. Once the publisher has joined it, RtmpSessionDestroy waits for RtmpPublisherDestroy, and must
+ * not be called in front of it on the publisher's own thread.
  */
 RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session);
 

@@ -352,7 +352,6 @@ struct RtmpClient {
     uint64_t TimelineTime;   /* media time of the last frame, and of replies; guarded by WriteLock */
     struct SteadyLine *Line; /* what leaves on the steady road; null: it does not take that road */
     uint64_t ReadsUntil;     /* ms: its reads then fail; 0: without limit. The serve thread's */
-    uint8_t ThreadIsAway;    /* a host's own thread is out of the library; guarded by MemberLock */
 };
 
 /**

@@ -136,7 +136,11 @@ void Rig::destroySession()
 
 void Rig::launch(std::function<int32_t()> body)
 {
-    running_ = std::async(std::launch::async, std::move(body));
+    running_ = std::async(std::launch::async, [this, body = std::move(body)] {
+        const int32_t result = body();
+        ended_ = true;
+        return result;
+    });
 }
 
 void Rig::start()
@@ -160,11 +164,6 @@ void Rig::live()
         destroyPublisher();
         return served;
     });
-}
-
-bool Rig::hasEnded()
-{
-    return running_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
 int32_t Rig::result()

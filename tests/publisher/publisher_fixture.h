@@ -57,7 +57,10 @@ class Rig {
     void startAndServe(); // ..., RtmpPublisherServe
     void live();          // ..., RtmpPublisherDestroy: a host's whole thread
     int32_t result();     // of the thread, which has ended then
-    bool hasEnded();
+    bool hasEnded() const
+    {
+        return ended_;
+    }
 
     // The service's part, from the beginning up to a step, which is not answered yet. Frames: all is
     // answered, and metadata and headers are read.
@@ -91,7 +94,7 @@ class Rig {
     void shakeHands();
     const Setup setup_;
     std::future<int32_t> running_;
-    std::atomic<bool> destroyed_ = false;
+    std::atomic<bool> destroyed_ = false, ended_ = false;
 };
 
 // The name in front of a command.
