@@ -17,7 +17,6 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=$root/build/demo
 out=$root/out/adaptive
 bitrate=4000 lowest=300              # kbit/s, of the encoder
 wide=20000 narrow=1000               # kbit/s, of the link
@@ -26,12 +25,11 @@ slots=91                             # of the video ring: --video-queue and one 
 relay=0
 roads="steady exact"
 
-say() { printf '== %s\n' "$*"; }
-fail() { printf 'demo-adaptive.sh: %s\n' "$*" >&2; exit 1; }
+. "$root/scripts/stage.sh"
 
 while [ $# -gt 0 ]; do
     case $1 in
-    -h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+    -h | --help) show_help; exit 0 ;;
     --steady | --exact) roads=${1#--} ;;
     --relay) relay=1 ;;
     --quick) before=10 during=14 after=20 ;;
@@ -43,38 +41,24 @@ done
 
 "$root/scripts/install_deps.sh" adaptive
 
-mkdir -p "$root/build" "$out"
-say "Building (first time: about a minute)"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DRTMPCAST_BUILD_TESTS=OFF \
-    -DRTMPCAST_BUILD_BENCH=OFF >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
-cmake --build "$build" --target live_host
+mkdir -p "$out"
+build_host live_host
 live_host=$build/examples/live_host
 # The library opens "<directory>/debug-<time>.csv" and cuts long paths: the trace is written beside the script's
 # own short temporary files and moved afterwards.
-works=$(mktemp -d)
+set_stage
+works=$work
 
 # --------------------------------------------------------------------------------------------- leaving no trace
 host_ns=rtmpcast-host-$$
 player_ns=rtmpcast-player-$$
 namespaces=()
-processes=()
-cleanup() {
-    local process name
-    trap '' INT TERM
-    for process in "${processes[@]}"; do
-        kill "$process" 2>/dev/null || true
-    done
-    for process in "${processes[@]}"; do
-        wait "$process" 2>/dev/null || true
-    done
+undo() {
+    local name
     for name in "${namespaces[@]}"; do
         ip netns del "$name" 2>/dev/null || true # its end of the veth pair goes with it
     done
-    rm -rf "$works"
 }
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 # ------------------------------------------------------------------------------------------------- the link
 # For commands in the background: each becomes the program itself, so that its process id is the program's.
@@ -105,22 +89,10 @@ make_link() {
     set_link "$wide"
 }
 
-free_port() {
-    local port
-    for _ in $(seq 50); do
-        port=$((20000 + RANDOM % 12000))
-        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-            echo "$port"
-            return
-        fi
-    done
-    return 1
-}
-
 if [ "$relay" -eq 0 ] && ! make_link 2>"$works/link.log"; then
     say "Network namespaces with a shaped link cannot be made here: $(tail -n 1 "$works/link.log")"
     say "A relay that reads at a bounded rate stands for the link instead"
-    for name in "${namespaces[@]}"; do ip netns del "$name" 2>/dev/null || true; done
+    undo
     namespaces=()
     relay=1
 fi

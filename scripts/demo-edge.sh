@@ -12,17 +12,14 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=$root/build/demo
 modules=$root/build/edge
 out=$root/out/edge
 serve=0
-
-say() { printf '== %s\n' "$*"; }
-fail() { printf 'demo-edge.sh: %s\n' "$*" >&2; exit 1; }
+. "$root/scripts/stage.sh"
 
 while [ $# -gt 0 ]; do
     case $1 in
-    -h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+    -h | --help) show_help; exit 0 ;;
     --serve) serve=1 ;;
     --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
     *) fail "unknown option '$1'; --help shows all" ;;
@@ -32,63 +29,19 @@ done
 
 "$root/scripts/install_deps.sh" edge
 command -v chromium >/dev/null || fail "no chromium"
-rtmp_module=$(dpkg -L libnginx-mod-rtmp | grep '/ngx_rtmp_module\.so$') || fail "nginx has no RTMP module"
+rtmp_module=$(rtmp_module)
 
-mkdir -p "$root/build" "$out"
+mkdir -p "$out"
 rm -f "$out"/*.log "$out"/edge-*.png "$out"/edge.flv "$out"/hop.mkv
-say "Building (first time: about a minute)"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DRTMPCAST_BUILD_TESTS=OFF \
-    -DRTMPCAST_BUILD_BENCH=OFF >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
-cmake --build "$build" --target live_host
+build_host live_host
 
 say "hls.js and what drives the browser, from the npm registry"
 mkdir -p "$modules"
 cp "$root"/examples/edge/package.json "$root"/examples/edge/package-lock.json "$root"/examples/edge/watch.mjs "$modules"
 (cd "$modules" && npm ci --no-audit --no-fund --loglevel=error) || fail "npm could not install what package-lock.json names"
 
-# --------------------------------------------------------------------------------------------- leaving no trace
-work=$(mktemp -d)
+set_stage
 mkdir "$work/hls" "$work/record" "$work/temp"
-processes=()
-cleanup() {
-    local process
-    trap '' INT TERM
-    for process in "${processes[@]}"; do
-        kill "$process" 2>/dev/null || true
-    done
-    for process in "${processes[@]}"; do
-        wait "$process" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-free_port() {
-    local port
-    for _ in $(seq 50); do
-        port=$((20000 + RANDOM % 12000))
-        # Nobody answers: free.
-        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-            echo "$port"
-            return
-        fi
-    done
-    return 1
-}
-
-# wait_for SECONDS WHAT COMMAND...: until the command succeeds.
-wait_for() {
-    local seconds=$1 what=$2
-    shift 2
-    for _ in $(seq $((seconds * 10))); do
-        if "$@" >/dev/null 2>&1; then
-            return
-        fi
-        sleep 0.1
-    done
-    fail "$what: not within $seconds seconds; see $out"
-}
 
 # ---------------------------------------------------------------------------------------------------- the device
 device_port=$(free_port)
@@ -128,8 +81,7 @@ say "Chromium plays the page"
 say "ffmpeg plays the edge over RTMP, beside it"
 timeout 60 ffmpeg -nostdin -v error -y -rtmp_live live -i "$edge" -t 3 -c copy "$out/hop.mkv" 2>"$out/hop.log" ||
     { cat "$out/hop.log" >&2; fail "ffmpeg cannot play the edge"; }
-pictures=$(ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 \
-    "$out/hop.mkv")
+pictures=$(pictures "$out/hop.mkv")
 [ "${pictures:-0}" -ge 60 ] || fail "ffmpeg got $pictures pictures from the edge in 3 seconds"
 
 joined=$(grep -c 'Adding client: No. of connected clients' "$out/live_host.log")
@@ -139,9 +91,7 @@ say "The edge's recording decodes"
 kill "${processes[1]}" # nginx ends its recording
 wait "${processes[1]}" || true
 mv "$work"/record/*.flv "$out/edge.flv"
-ffmpeg -nostdin -v error -xerror -i "$out/edge.flv" -f null - 2>"$out/decode.log" ||
-    { cat "$out/decode.log" >&2; fail "decoding failed"; }
-[ ! -s "$out/decode.log" ] || { cat "$out/decode.log" >&2; fail "decoding reported errors"; }
+must_decode "$out/edge.flv" "$out/decode.log"
 
 say "All is well: a browser and a player watched, and the device served one viewer"
 cat <<END

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
 #
-#   scripts/install_deps.sh [demo|adaptive|edge|test]      default: everything
+#   scripts/install_deps.sh [demo|adaptive|edge|publish|test]      default: everything
 set -eu
 
 build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev
@@ -11,11 +11,13 @@ adaptive="ffmpeg rtmpdump iproute2 gnuplot-nox python3"
 edge="ffmpeg nginx-light libnginx-mod-rtmp chromium nodejs"
 # Node.js from elsewhere brings its own npm, beside which Debian's cannot be installed.
 command -v npm >/dev/null || edge="$edge npm"
+# The TLS front is a module of nginx, too; its throw-away certificate is made with openssl.
+publish="ffmpeg nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3 openssl
 clang clang-tidy clang-format"
 # Every player that is tried in front of the reference host, headless.
 players="mpv vlc-bin vlc-plugin-base vlc-plugin-access-extra gstreamer1.0-tools gstreamer1.0-plugins-good
-gstreamer1.0-plugins-bad nginx-light libnginx-mod-rtmp"
+gstreamer1.0-plugins-bad nginx-light libnginx-mod-rtmp libnginx-mod-stream"
 tests="$tests $players"
 # The tests run on 64-bit ARM too. Elsewhere that takes a cross compiler, an emulator, and the libraries in both
 # architectures, side by side.
@@ -29,9 +31,10 @@ case ${1:-all} in
 demo) packages="$build $demo" ;;
 adaptive) packages="$build $adaptive" ;;
 edge) packages="$build $edge" ;;
+publish) packages="$build $publish" ;;
 test) packages="$build $tests" ;;
-all) packages="$build $demo $adaptive $edge $tests" ;;
-*) echo "Usage: install_deps.sh [demo|adaptive|edge|test]" >&2; exit 2 ;;
+all) packages="$build $demo $adaptive $edge $publish $tests" ;;
+*) echo "Usage: install_deps.sh [demo|adaptive|edge|publish|test]" >&2; exit 2 ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

@@ -15,6 +15,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -57,21 +58,52 @@ std::unique_ptr<Host> openHost(const Options &options, const MediaDescription &m
     return std::make_unique<Host>(players, media, console, counters, watch, captions);
 }
 
-// What the library asked of the encoder meanwhile. A service that is away asks for nothing.
-void followWishes(FrameSource &source, const Services &services, Counters &counters)
+bool isTaking(const std::unique_ptr<Service> &service)
 {
-    BitrateWishes &wishes = hostFunctions.bitrates;
-    for (const std::unique_ptr<Service> &service : services) {
-        wishes.heed(service->session(), service->state() == Service::State::Publishing);
-    }
-    if (const int32_t bitrate = wishes.take(); bitrate > 0) {
-        source.setBitrate(bitrate);
-        counters.targetBitrate = bitrate;
-    }
-    if (std::exchange(hostFunctions.keyFrameWanted, false)) {
-        source.makeKeyFrame();
-    }
+    return service->state() == Service::State::Publishing && !service->isStalled();
 }
+
+bool isStalled(const std::unique_ptr<Service> &service)
+{
+    return service->state() == Service::State::Publishing && service->isStalled();
+}
+
+// The encoder's bitrate: what the library asked for meanwhile. A service that is away, or takes nothing at
+// all, asks for nothing: it would only hold back the others. When none of those that are connected takes
+// anything, the encoder waits at its lowest.
+class Bitrate {
+  public:
+    Bitrate(FrameSource &source, Counters &counters, uint32_t lowest)
+        : source_(source), counters_(counters), lowest_(static_cast<int32_t>(lowest))
+    {
+    }
+
+    void follow(const Services &services)
+    {
+        BitrateWishes &wishes = hostFunctions.bitrates;
+        for (const std::unique_ptr<Service> &service : services) {
+            wishes.heed(service->session(), isTaking(service));
+        }
+        if (const int32_t bitrate = wishes.take(); bitrate > 0) {
+            set(bitrate);
+        } else if (std::ranges::any_of(services, isStalled) && std::ranges::none_of(services, isTaking)) {
+            set(lowest_);
+        }
+    }
+
+  private:
+    void set(int32_t bitrate)
+    {
+        if (bitrate > 0 && counters_.targetBitrate != bitrate) {
+            source_.setBitrate(bitrate);
+            counters_.targetBitrate = bitrate;
+        }
+    }
+
+    FrameSource &source_;
+    Counters &counters_;
+    const int32_t lowest_; // 0: it does not follow
+};
 
 // The status line, every second.
 class Status {
@@ -114,14 +146,15 @@ class Status {
     uint64_t bytesShown_ = 0;
 };
 
-// All say good-bye at once; then each is waited for.
+// Each waits for its own service, all at once.
 void stopAll(const Services &services)
 {
+    std::vector<std::jthread> farewells;
     for (const std::unique_ptr<Service> &service : services) {
-        service->stop();
-    }
-    for (const std::unique_ptr<Service> &service : services) {
-        service->wait();
+        farewells.emplace_back([&service] {
+            service->stop();
+            service->wait();
+        });
     }
 }
 
@@ -142,6 +175,7 @@ int publish(const Options &options, Console &console)
         openHost(options, source->description(), console, counters, watch, captions.get());
     const Services services = openServices(options, source->description(), trust, captions.get(), console);
     Status status(counters, console);
+    Bitrate bitrate(*source, counters, options.adaptive.minBitrate);
     Supervisor supervisor(
         std::chrono::seconds(options.duration), [&] { status.show(services); }, console, stop);
     for (const std::unique_ptr<Service> &service : services) {
@@ -159,7 +193,10 @@ int publish(const Options &options, Console &console)
             host->send(frame, timestamp);
         }
         status.count(frame.data.size());
-        followWishes(*source, services, counters);
+        bitrate.follow(services);
+        if (std::exchange(hostFunctions.keyFrameWanted, false)) {
+            source->makeKeyFrame();
+        }
         if (std::ranges::all_of(services, hasGivenUp)) {
             stop.raise();
         }

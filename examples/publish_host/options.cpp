@@ -75,6 +75,9 @@ The status line: what the encoder makes (in), what it was told (target), and for
 how far its connection is behind (lag; with --exact the bytes that it has not acknowledged: queue), frames that it
 did not get (dropped), and how often it was connected again (reconnects).
 
+A user and a password in the URL are for services that ask for the challenge login "authmod=adobe"; bytes that have
+a meaning in URLs are written as %XX.
+
 Exit code: 0 ended by a signal or --duration; 1 the source or a library call failed; 2 a wrong option; 3 a service
 refused for good.
 

@@ -17,6 +17,8 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr std::chrono::seconds kSteadyStream(10); // after so long the pauses begin at a second again
+constexpr milliseconds kStall(1900);              // two looks, a second apart
+constexpr uint32_t kAnswerMilliseconds = 8000;    // less than a clean stop may take
 constexpr int kLoginSteps = 2;
 
 std::string nonce()
@@ -173,6 +175,7 @@ Verdict Service::publishOver(const Connection &connection)
     target.TcUrl = tcUrl.c_str();
     target.Key = url_.key.c_str();
     target.PeerAddress = connection.address().c_str();
+    target.AnswerMilliseconds = kAnswerMilliseconds;
     int32_t code = 0;
     RtmpPublisher *publisher =
         RtmpPublisherCreate(server_, connection.socket(), connection.tls(), &target, &code);
@@ -244,6 +247,16 @@ void Service::giveUp(const std::string &why)
     console_.fail(name_ + ": " + why + "; giving up");
 }
 
+// Before `bytes` are those shown.
+void Service::noteStall(uint64_t bytes, uint64_t waiting)
+{
+    const steady_clock::time_point now = steady_clock::now();
+    if (bytes != bytesShown_ || waiting == 0) {
+        moved_ = now;
+    }
+    isStalled_ = now - moved_ > kStall;
+}
+
 double Service::outKbps(uint64_t bytes)
 {
     const steady_clock::time_point now = steady_clock::now();
@@ -263,6 +276,7 @@ std::string Service::status()
         taken = bytesTaken(socket_);
         waiting = bytesWaiting(socket_);
     }
+    noteStall(taken, waiting);
     const double kbps = outKbps(taken);
     RtmpSessionFigures figures = {};
     if (!isExact_) {

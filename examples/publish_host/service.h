@@ -55,6 +55,12 @@ class Service {
         return state_;
     }
 
+    // Whether frames wait, and the service has taken nothing for two seconds. As of the last status.
+    bool isStalled() const
+    {
+        return isStalled_;
+    }
+
     // "HOST/APP out 4012 kbit/s lag 30 ms dropped 0 reconnects 0", of the time since the last call.
     std::string status();
 
@@ -71,6 +77,7 @@ class Service {
     bool pause(const std::string &why);
     void giveUp(const std::string &why);
     double outKbps(uint64_t bytes);
+    void noteStall(uint64_t bytes, uint64_t waiting);
 
     const ServiceUrl url_;
     const std::string name_; // for people
@@ -88,8 +95,9 @@ class Service {
     std::atomic<uint32_t> connections_ = 0; // that published
     std::atomic<uint64_t> dropped_ = 0;     // frames that the session did not take
     std::atomic<bool> senderEnded_ = false; // the library's thread, after a write that failed
-    std::mutex mutex_;                      // of the next two
-    RtmpPublisher *publisher_ = nullptr;    // null: there is none now
+    std::atomic<bool> isStalled_ = false;
+    std::mutex mutex_;                   // of the next two
+    RtmpPublisher *publisher_ = nullptr; // null: there is none now
     int socket_ = -1;
 
     // The thread's own.
@@ -100,4 +108,5 @@ class Service {
     // Of the status line.
     uint64_t bytesShown_ = 0;
     std::chrono::steady_clock::time_point shown_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point moved_ = shown_; // it took something, or nothing waited
 };

@@ -37,14 +37,30 @@ void readPort(std::string_view text, ServiceUrl &url)
     }
 }
 
+// Of user and password: RFC 3986, 2.1.
+std::string decoded(std::string_view text)
+{
+    std::string out;
+    for (size_t at = 0; at < text.size(); ++at) {
+        unsigned value = 0;
+        const std::string_view digits = text.substr(std::min(at + 1, text.size()), 2);
+        const bool isWhole =
+            text[at] == '%' && digits.size() == 2 &&
+            std::from_chars(digits.data(), digits.data() + 2, value, 16).ptr == digits.data() + 2;
+        out.push_back(isWhole ? static_cast<char>(value) : text[at]);
+        at += isWhole ? 2 : 0;
+    }
+    return out;
+}
+
 // [USER:PASSWORD@]HOST[:PORT]
 void readAuthority(std::string_view text, ServiceUrl &url)
 {
     if (const size_t at = text.rfind('@'); at != std::string_view::npos) {
         const std::string_view login = text.substr(0, at);
         const size_t colon = login.find(':');
-        url.user = login.substr(0, colon);
-        url.password = colon != std::string_view::npos ? login.substr(colon + 1) : std::string_view();
+        url.user = decoded(login.substr(0, colon));
+        url.password = colon != std::string_view::npos ? decoded(login.substr(colon + 1)) : std::string();
         text.remove_prefix(at + 1);
     }
     const size_t colon = text.find(':');

@@ -1,4 +1,5 @@
-// Where a stream is published: rtmp[s]://[USER:PASSWORD@]HOST[:PORT]/APP/KEY.
+// Where a stream is published: rtmp[s]://[USER:PASSWORD@]HOST[:PORT]/APP/KEY. In user and password %XX
+// stands for any byte.
 #pragma once
 
 #include <cstdint>
