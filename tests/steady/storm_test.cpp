@@ -17,7 +17,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kPlayers = 20;
+constexpr int kRudePlayers = 20;
 constexpr const char *kNames[] = {"one", "two"};
 
 int Seconds()
@@ -191,13 +191,13 @@ TEST(Storm, EverybodyIsServedAndNothingIsLeftOver)
         for (int which = 0; which < 2; which++) {
             hosts.emplace_back([&, which] { KeepRemaking(server, which, stop); });
         }
-        for (uint32_t seed = 0; seed < kPlayers; seed++) {
+        for (uint32_t seed = 0; seed < kRudePlayers; seed++) {
             players.emplace_back([&, seed] { KeepMisbehaving(server.port, 100 + seed, stop, visits); });
         }
         std::thread watcher([&] { WatchQuietly(server, quiet, stopQuiet); });
         const auto end = Clock::now() + std::chrono::seconds(Seconds());
         EXPECT_TRUE(
-            WaitUntil([&] { return Clock::now() > end && visits > kPlayers; }, (Seconds() + 60) * 1000));
+            WaitUntil([&] { return Clock::now() > end && visits > kRudePlayers; }, (Seconds() + 60) * 1000));
         stop = true;
         for (std::thread &each : hosts) {
             each.join();
