@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
@@ -37,6 +38,17 @@ int Listener(uint16_t port)
     return listener;
 }
 
+// What a server sets for strangers as viewers, and the steady road does.
+void SetOptions(int fd)
+{
+    const auto set = [fd](int level, int option, int value) {
+        setsockopt(fd, level, option, &value, sizeof value);
+    };
+    set(IPPROTO_TCP, TCP_NODELAY, 1);
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_USER_TIMEOUT, 30000);
+}
+
 size_t TagOf(const Frame &frame)
 {
     return frame.type == RTMP_FRAME_VIDEO ? 5 : 2;
@@ -59,6 +71,9 @@ Floor::Floor(PlayerProcess &process, uint32_t count, FloorWay way, size_t chunkS
     process.connectPlain(port, count);
     for (uint32_t i = 0; i < count; i++) {
         sockets_.push_back(accept(listener, nullptr, nullptr));
+        if (way_ == FloorWay::PerPicture) {
+            SetOptions(sockets_.back());
+        }
     }
     close(listener);
     if (way_ == FloorWay::File) {

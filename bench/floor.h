@@ -9,7 +9,8 @@
 
 enum class FloorWay {
     PerMessage, // a sendmsg per message and socket, its pieces side by side where the frame stands
-    PerPicture, // one for the sound that is due and the picture behind it, each finished in one piece
+    PerPicture, // one for the sound that is due and the picture behind it, each finished in one piece; on
+                // sockets with the options that the steady road sets
     File        // the picture's bytes by sendfile, what is between them by send: two calls per chunk
 };
 
