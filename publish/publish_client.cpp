@@ -16,6 +16,7 @@
 #include "state/client.h"
 #include "state/server_hold.h"
 #include "state/session_list.h"
+#include "steady/records.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -85,6 +86,15 @@ RtmpClient *NewClient(RtmpPublisher *publisher, RtmpServer *server, int socket, 
 bool IsStopped(const RtmpPublisher *publisher)
 {
     return LoadShared(&publisher->StopAsked) != 0 || IsToldToLeave(publisher->Client);
+}
+
+// On the steady road the thread is told to leave also where the connection is to blame: a write failed.
+bool IsBrokenOff(const RtmpPublisher *publisher)
+{
+    const SteadyLine *line = publisher->Client->Line;
+    const uint8_t end = line != nullptr ? LoadShared(&line->End) : uint8_t{STEADY_GOES_ON};
+    const bool isHosts = end == STEADY_END_SESSION || end == STEADY_END_SERVER;
+    return end != STEADY_GOES_ON && !isHosts && LoadShared(&publisher->StopAsked) == 0;
 }
 
 bool IsError(const RtmpPublisher *publisher)
@@ -277,6 +287,9 @@ int32_t Serve(RtmpPublisher *publisher)
         if (result == 0 && heard.Kind == RTMP_MSG_ON_STATUS) {
             result = Judge(publisher, &heard, noTransaction);
         }
+    }
+    if (IsBrokenOff(publisher)) {
+        return result < 0 ? result : RTMP_ERR_CONNECTION;
     }
     return IsStopped(publisher) ? 0 : result;
 }
