@@ -212,6 +212,7 @@ int DestroyRtmpClient(RtmpClient *client)
 
 void FreeClientRecord(RtmpClient *client)
 {
+    LeavePlayingState(client); // a caption may be on its way to it
     FreeLine(client);
     RtmpSession *session = client->Session;
     if (session != nullptr) {

@@ -107,6 +107,13 @@ void SendCaption(RtmpClient *client, RtmpLogger *logger)
     }
 }
 
+// On the steady road clients join meanwhile: the session list lock, which the fan-out has, is not held there.
+RtmpClient *FirstClient(RtmpSession *session)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session->MemberLock);
+    return session->ClientListHead;
+}
+
 // The client list lock keeps the first client while its caption is written.
 void SendToFirstClient(RtmpSession *session, const RtmpFrame *frame, const CaptionSei *sei)
 {
@@ -114,7 +121,7 @@ void SendToFirstClient(RtmpSession *session, const RtmpFrame *frame, const Capti
         return; // the frame itself needs the lock too, and reports it
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &session->ClientListLock;
-    RtmpClient *first = session->ClientListHead;
+    RtmpClient *first = FirstClient(session);
     if (first == nullptr || ClientStateOf(first) != CLIENT_STATE_PLAY_DONE) {
         return;
     }

@@ -48,7 +48,8 @@ RTMP_HOST void cc_gen_close(uint64_t handle);
  * unit. Called for every video frame of a session with captions enabled, on the sending thread: the one that
  * calls RtmpSendData, or the sender thread in sender mode 1. The server's session list lock is held, by the
  * sender thread also a lock of its ring. Must not block (every player waits), call the library, or write to
- * `data`.
+ * `data`. On the steady road (RtmpServiceSettings): on the thread that calls RtmpSendData, no locks held,
+ * also while nobody is connected.
  *
  * @param data        the whole frame, valid for the call
  * @param nalSizePos  receives the offset of the length field of the NAL unit that will hold the SEI. Only
@@ -87,8 +88,9 @@ RTMP_HOST void increase_nal_size(uint8_t *frame, int32_t nalSizePos, int32_t byt
  *
  * Called on the sending thread with the server's session list lock and the session's client list lock held
  * (by the sender thread also a lock of its ring), for the first client of a session in caption mode 1, when
- * it plays. It may use GenerateRtmpMsg and the AMF builders, must not take either lock (AddClientInSession,
- * DestroyRtmpClient, ValidateRtmpStreamName), and must not block: every player waits.
+ * it plays; on the steady road (RtmpServiceSettings) with the client list lock alone. It may use
+ * GenerateRtmpMsg and the AMF builders, must not take either lock (AddClientInSession, DestroyRtmpClient,
+ * ValidateRtmpStreamName), and must not block: every player waits.
  *
  * @param kind            RTMP_MSG_CAPTION
  * @param timeStampDelta  milliseconds of video since the last caption message, of whatever session
