@@ -11,7 +11,6 @@
 #include "steady/message_ring.h"
 #include "steady/place.h"
 #include "steady/room.h"
-#include "steady/shared_write.h"
 
 #include <arpa/inet.h>
 
@@ -106,16 +105,6 @@ void MeasureLag(SteadyLine *line, uint64_t now, SteadyLag *lag)
     const SteadyBehind behind = BehindOf(line);
     lag->Pictures = behind.Pictures > lag->Pictures ? behind.Pictures : lag->Pictures;
     lag->Milliseconds = behind.Milliseconds > lag->Milliseconds ? behind.Milliseconds : lag->Milliseconds;
-}
-
-// FlushPlayer returns the number of the first message that the player needs; kNoMessage: none.
-uint64_t FlushPlayer(SteadyLine *line, const SharedWrite *write)
-{
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
-    if (line->WantsRoom == 0 && !WriteShared(line, write)) {
-        FlushLine(line, write->Time);
-    }
-    return ClientStateOf(line->Client) == CLIENT_STATE_PLAY_DONE ? line->Place.Next : kNoMessage;
 }
 
 } // namespace
@@ -247,22 +236,6 @@ void EndPlayers(SteadyStream *stream)
             EndLine(line, STEADY_END_SESSION);
         }
     }
-}
-
-void FlushPlayers(SteadyStream *stream)
-{
-    uint64_t needed = kNoMessage;
-    {
-        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
-        SharedWrite write;
-        BeginSharedWrite(stream, RtmpGetSystemTime(), &write);
-        for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
-            const uint64_t next = FlushPlayer(line, &write);
-            needed = next < needed ? next : needed;
-        }
-        EndSharedWrite(stream, &write);
-    }
-    TrimRing(stream, needed);
 }
 
 SteadyLag LagOf(SteadyStream *stream)

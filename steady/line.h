@@ -44,10 +44,6 @@ bool HasAllOut(const SteadyLine *line);
 // EndPlayers ends every player's connection that the library has accepted, all at once.
 void EndPlayers(SteadyStream *stream);
 
-// FlushPlayers sends what is due to every player of the stream that is not waiting for room, and lets the
-// ring go of what nobody needs.
-void FlushPlayers(SteadyStream *stream);
-
 // How far the slowest player that makes progress is behind; 0 and 0 where there is none.
 typedef struct SteadyLag {
     uint32_t Pictures;

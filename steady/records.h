@@ -129,7 +129,7 @@ typedef struct SteadyPlace {
     uint64_t Time;                     // FinishedMessage.Time of it
 } SteadyPlace;
 
-// What LookAtSlowest knows of a player.
+// What LookAtLine knows of a player.
 typedef struct SteadyLook {
     uint64_t PictureBytes;     // of pictures that are out
     uint64_t PictureBytesSeen; // at the last look, here and below

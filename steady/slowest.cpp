@@ -1,7 +1,5 @@
 #include "steady/slowest.h"
 
-#include "net/atomic.h"
-#include "net/client_state.h"
 #include "net/platform.h"
 #include "net/scope.h"
 #include "steady/line_end.h"
@@ -10,19 +8,6 @@
 namespace {
 
 constexpr uint64_t kCatchUpMs = 5000; // for the beginning in the ring
-
-// The ring at one moment.
-struct RingNow {
-    uint64_t Milliseconds;
-    uint64_t First;
-    uint64_t Pictures;
-};
-
-RingNow LookAtRing(SteadyStream *stream)
-{
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
-    return {RtmpGetSystemTime(), stream->First, stream->Pictures};
-}
 
 // MoveLook notes what has changed since the look before, and returns the bytes of pictures.
 uint64_t MoveLook(SteadyLine *line, const RingNow *ring)
@@ -52,12 +37,16 @@ bool Counts(const SteadyLine *line, const RingNow *ring)
            (line->Look.HasCaughtUp != 0 || MillisecondsSince(line->Look.Begun, now) > kCatchUpMs);
 }
 
+} // namespace
+
+RingNow LookAtRing(SteadyStream *stream)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
+    return {RtmpGetSystemTime(), stream->First, stream->Pictures};
+}
+
 void LookAtLine(SteadyLine *line, const RingNow *ring, SteadySlowest *slowest)
 {
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
-    if (ClientStateOf(line->Client) != CLIENT_STATE_PLAY_DONE) {
-        return;
-    }
     const uint64_t bytes = MoveLook(line, ring);
     if (!Counts(line, ring)) {
         return;
@@ -67,17 +56,4 @@ void LookAtLine(SteadyLine *line, const RingNow *ring, SteadySlowest *slowest)
         slowest->Bytes = bytes;
     }
     slowest->Counted++;
-}
-
-} // namespace
-
-SteadySlowest LookAtSlowest(SteadyStream *stream)
-{
-    SteadySlowest slowest = {};
-    const RingNow ring = LookAtRing(stream);
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
-    for (SteadyLine *line = stream->FirstPlayer; line != nullptr; line = line->NextPlayer) {
-        LookAtLine(line, &ring, &slowest);
-    }
-    return slowest;
 }

@@ -14,6 +14,15 @@ typedef struct SteadySlowest {
     uint64_t Bytes;    // of the pictures that it has taken since the look before
 } SteadySlowest;
 
-// LookAtSlowest is for one thread at a time.
-SteadySlowest LookAtSlowest(SteadyStream *stream);
+// The ring at one moment.
+typedef struct RingNow {
+    uint64_t Milliseconds;
+    uint64_t First;
+    uint64_t Pictures;
+} RingNow;
+
+RingNow LookAtRing(SteadyStream *stream);
+
+// LookAtLine takes a player that plays into account. The caller holds its WriteLock; one thread at a time.
+void LookAtLine(SteadyLine *line, const RingNow *ring, SteadySlowest *slowest);
 }

@@ -3,8 +3,7 @@
 #include "instruments/bandwidth_monitor.h"
 #include "net/atomic.h"
 #include "net/platform.h"
-#include "steady/line.h"
-#include "steady/slowest.h"
+#include "steady/flush_players.h"
 
 #include <errno.h>
 #include <pthread.h>
@@ -26,10 +25,13 @@ uint32_t MicrosSince(RtmpQueueTime start)
     return micros > 0 && micros < UINT32_MAX ? static_cast<uint32_t>(micros) : 0;
 }
 
-void Measure(SteadyStream *stream, RtmpQueueTime start)
+// FlushAndMeasure writes what is due, and notes what the host's thread steers the encoder by.
+void FlushAndMeasure(SteadyStream *stream)
 {
     SteadySender *sender = stream->Sender;
-    const SteadySlowest slowest = LookAtSlowest(stream);
+    const RtmpQueueTime start = WallClock();
+    SteadySlowest slowest;
+    FlushPlayers(stream, &slowest);
     StoreShared(&sender->FlushMicros, MicrosSince(start));
     StoreShared(&sender->PicturesBehind, slowest.Pictures);
     (void)AddShared(&sender->BytesTaken, slowest.Bytes);
@@ -42,9 +44,7 @@ void *FlushWhenWoken(void *argument)
     SteadySender *sender = stream->Sender;
     WaitForWake(sender);
     while (LoadShared(&sender->Ends) == 0) {
-        const RtmpQueueTime start = WallClock();
-        FlushPlayers(stream);
-        Measure(stream, start);
+        FlushAndMeasure(stream);
         WaitForWake(sender);
     }
     return nullptr;

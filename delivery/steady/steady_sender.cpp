@@ -13,7 +13,7 @@
 #include "net/record.h"
 #include "net/scope.h"
 #include "rtmpcast/media.h"
-#include "steady/line.h"
+#include "steady/flush_players.h"
 #include "steady/message_ring.h"
 
 namespace {
@@ -122,7 +122,7 @@ bool PlacePicture(SteadyStream *stream, FinishedMessage *message)
 int WriteDue(SteadyStream *stream, bool anyConnected)
 {
     if (!anyConnected || !IsThreaded(stream->Session)) {
-        FlushPlayers(stream);
+        FlushPlayers(stream, nullptr);
         return 0;
     }
     if (EnsureFlushThread(stream) != 0) {
