@@ -79,6 +79,9 @@ void Host::prepareServer(const Options &options)
 void Host::takeSteadyRoad(const Options &options)
 {
     RtmpServiceLimits limits = {}; // the defaults
+    limits.RingMilliseconds = options.service.ringMilliseconds;
+    limits.RingBytes = options.service.ringBytes;
+    limits.StallMilliseconds = options.service.stallMilliseconds;
     limits.TlsPort = static_cast<uint16_t>(options.rtmpsPort);
     const int code = RtmpServiceSettings(server_, &limits);
     if (code != RTMP_OK) {

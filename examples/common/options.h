@@ -27,6 +27,13 @@ struct TraceOptions {
     bool burnIn = false;
 };
 
+// Fields of RtmpServiceLimits that a command line names; 0 selects the library's default.
+struct ServiceOptions {
+    uint32_t ringMilliseconds = 0;
+    uint32_t ringBytes = 0;
+    uint32_t stallMilliseconds = 0;
+};
+
 // How a host makes frames itself; 0: as the input has it, or as the test pattern has it.
 struct EncodeOptions {
     bool enabled = false;
@@ -80,6 +87,7 @@ struct Options {
     bool playersChosen = false;
     bool exact = false; // the library's default road, and its default players
 
+    ServiceOptions service;
     std::string token;      // what viewers must bring; empty: nothing
     uint32_t rtmpsPort = 0; // of viewers over TLS; 0: none
     std::string tlsCertificate;

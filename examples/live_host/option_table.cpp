@@ -101,6 +101,7 @@ void setTraceDirectory(Options &options, const Option &self, const std::string &
 }
 
 using S = SenderOptions;
+using V = ServiceOptions;
 
 constexpr Option kServedRows[] = {
     {nullptr, nullptr, "What is served", nullptr},
@@ -149,6 +150,12 @@ constexpr Option kRows[] = {
     {"--send-buffer", "KIB", "the kernel's, for each player (0: its choice, up to megabytes, which hide a",
      number<&Options::sendBuffer>, 0, 65536},
     {"", nullptr, "slow link for long: a controller sees it late)", nullptr},
+    {"--ring-ms", "MS", "how far a viewer may fall behind before it goes on at a key frame (8000)",
+     number<&Options::service, &V::ringMilliseconds>, 1},
+    {"--ring-bytes", "BYTES", "and how far in bytes of its session (16777216)",
+     number<&Options::service, &V::ringBytes>, 1},
+    {"--stall-ms", "MS", "a viewer that takes nothing for so long is dropped (15000)",
+     number<&Options::service, &V::stallMilliseconds>, 1},
     {"--zero-copy", nullptr, "put frames in a memory file and send them with sendfile",
      turnOn<&Options::zeroCopy>},
     {"--zero-copy-mib", "MIB", "size of that file: all that queues and sockets hold, and more (64)",

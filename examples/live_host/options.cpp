@@ -49,6 +49,11 @@ void checkPorts(const Options &options)
     }
 }
 
+bool limitsService(const ServiceOptions &service)
+{
+    return service.ringMilliseconds != 0 || service.ringBytes != 0 || service.stallMilliseconds != 0;
+}
+
 // What only the steady road has; and whom it serves.
 void checkRoad(Options &options)
 {
@@ -57,6 +62,9 @@ void checkRoad(Options &options)
     }
     if (options.exact && (!options.token.empty() || options.rtmpsPort != 0 || !options.statsFile.empty())) {
         throw OptionError("--token, --rtmps-port and --stats-json are not for --exact");
+    }
+    if (options.exact && limitsService(options.service)) {
+        throw OptionError("--ring-ms, --ring-bytes and --stall-ms are not for --exact");
     }
     if (!options.token.empty() && (options.players & RTMP_PLAYERS_STREAM_NAME) == 0) {
         throw OptionError("--token needs the rule stream-name among --players");

@@ -287,3 +287,18 @@ TEST(Options, WhatOnlyTheThreadedSenderHasIsRefusedWithoutIt)
     EXPECT_EQ(refusal({"--bandwidth-window", "9"}), "--bandwidth-window needs --sender threaded");
     EXPECT_EQ(refusal({"--trace-dir", "."}), "--trace-dir needs --sender threaded");
 }
+
+TEST(Options, TheRingOfTheSteadyRoadHasItsLimits)
+{
+    const ServiceOptions service =
+        parse({"--ring-ms", "2000", "--ring-bytes=1000000", "--stall-ms", "30000"}).service;
+    EXPECT_EQ(service.ringMilliseconds, 2000u);
+    EXPECT_EQ(service.ringBytes, 1'000'000u);
+    EXPECT_EQ(service.stallMilliseconds, 30'000u);
+    EXPECT_EQ(parse({}).service.ringMilliseconds, 0u);
+    EXPECT_EQ(refusal({"--ring-ms", "0"}), "--ring-ms: '0' is not a number from 1 to 4294967295");
+    for (const char *option : {"--ring-ms", "--ring-bytes", "--stall-ms"}) {
+        EXPECT_EQ(refusal({"--exact", option, "9"}),
+                  "--ring-ms, --ring-bytes and --stall-ms are not for --exact");
+    }
+}

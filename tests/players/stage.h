@@ -72,7 +72,11 @@ class Recorder {
     Recorder(const std::string &url, const std::string &file, std::vector<std::string> options = kSigned);
 
     bool waitForSeconds(double seconds); // the player says that it has so much
-    void stop();                         // as Ctrl-C does; the file is whole afterwards
+    void signal(int number)
+    {
+        process_->signal(number);
+    }
+    void stop(); // as Ctrl-C does; the file is whole afterwards
     void kill();
     std::optional<Exit> wait()
     {
