@@ -385,11 +385,9 @@ int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
 int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 {
     FORGET_THREAD_AT_EXIT RtmpClient *client = ServedHere(publisher);
-    if (ValidateRtmpSessionHandle(client->Server, session) != 0) {
-        return RTMP_ERR_INVALID_ARGUMENT;
-    }
-    if (LoadShared(&session->MediaInfoAdded) != 1) {
-        return RTMP_ERR_NO_MEDIA_INFO;
+    const int ready = IsReadySession(client->Server, session);
+    if (ready != 1) {
+        return ready == 0 ? RTMP_ERR_NO_MEDIA_INFO : RTMP_ERR_INVALID_ARGUMENT;
     }
     const int32_t result = Negotiate(publisher);
     return result == 0 ? StartFrames(publisher, session) : result;

@@ -172,6 +172,17 @@ int ValidateRtmpSessionHandle(RtmpServer *server, RtmpSession *session)
     return -1;
 }
 
+int IsReadySession(RtmpServer *server, const RtmpSession *session)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&server->LinkLock);
+    for (const RtmpSession *each = server->LiveSessionHead; each != nullptr; each = each->NextSession) {
+        if (each == session) {
+            return LoadShared(&each->MediaInfoAdded) == 1 ? 1 : 0;
+        }
+    }
+    return JOIN_NOT_FOUND;
+}
+
 int IsSessionNameExists(RtmpServer *server, const char *name)
 {
     if (server == nullptr || name == nullptr) {

@@ -30,6 +30,10 @@ RTMP_STATUS int LockSessionListFor(RtmpClient *client);
 enum { JOIN_NOT_FOUND = -1, JOIN_FAILED = -2 };
 RTMP_STATUS int JoinStream(RtmpClient *client, const char *name);
 
+// IsReadySession tells whether a session that may have been destroyed has its media. JOIN_NOT_FOUND: it is no
+// session of the server.
+RTMP_STATUS int IsReadySession(RtmpServer *server, const RtmpSession *session);
+
 // JoinGiven adds the client to a session that may have been destroyed meanwhile, in the same way. 0;
 // JOIN_NOT_FOUND, also when the client is told to leave; JOIN_FAILED (neither is logged).
 RTMP_STATUS int JoinGiven(RtmpClient *client, RtmpSession *session);

@@ -310,3 +310,29 @@ TEST_P(Services, FfmpegTakesEveryFrame)
     EXPECT_TRUE(ffmpeg.wait().has_value());
     EXPECT_TRUE(IsWhole(recording, clip)) << ffmpeg.output();
 }
+
+TEST(MinimalPublisher, SendsEveryPictureOfAFile)
+{
+    const Directory work;
+    const Clip clip(work);
+    Nginx nginx(work);
+    const Finished publisher = RunToEnd(
+        {MINIMAL_PUBLISHER, work.path("clip.h264"), "127.0.0.1", std::to_string(nginx.port), "live", "key"});
+    EXPECT_EQ(publisher.exit, (Exit{0, 0})) << publisher.output;
+    EXPECT_TRUE(nginx.process->waitForText("deleteStream")) << nginx.process->output();
+    nginx.process->signal(SIGINT);
+    (void)nginx.process->wait();
+    const std::string recording = work.path("recordings/key.flv");
+    EXPECT_EQ(PacketsOf(recording, 'v').size(), clip.pictures);
+    EXPECT_EQ(
+        RunToEnd({"ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", recording, "-f", "null", "-"}).output,
+        "");
+}
+
+TEST(MinimalPublisher, SaysThatThereIsNoService)
+{
+    const Directory work;
+    const Clip clip(work);
+    EXPECT_EQ(RunToEnd({MINIMAL_PUBLISHER, work.path("clip.h264"), "127.0.0.1", "1", "live", "key"}).exit,
+              (Exit{2, 0}));
+}

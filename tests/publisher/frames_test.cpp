@@ -48,7 +48,7 @@ void SendPair(RtmpSession *session, uint64_t time, bool key, size_t length = 500
 INSTANTIATE_TEST_SUITE_P(Roads, PublisherFrames, kRoads, NameOfRoad);
 
 // Also where a connection's age no longer fits three bytes, and four. By hand messages are stamped with that
-// age (message.Timestamps, tests/publish).
+// age: ByHand.AMessageWithoutATimeSeparatesPicturesFromSound.
 TEST_P(PublisherFrames, BeginAtZeroWhateverTheAgeOfTheConnection)
 {
     constexpr uint64_t made = 1000000;
@@ -137,7 +137,7 @@ TEST_P(PublisherFrames, KeepTheirTimeWithDataBetweenThem)
 }
 
 // A picture of exactly the sequence header's length, and a second one of the same. By default its header type
-// is decided against the first message of its chunk stream: message.HeaderType pins that.
+// is decided against the first message of its chunk stream: ByHand.APictureOfTheHeadersLengthLosesItsLength.
 TEST_P(PublisherFrames, OfTheHeadersLengthAreWhole)
 {
     Rig rig(setup());
@@ -192,7 +192,7 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
     rig.service->socket.keepRecord(false);
     rig.startAndServe();
     rig.serviceUpTo(Step::Frames);
-    std::atomic<bool> ends = false;
+    std::atomic<bool> ends = false, ended = false;
     std::atomic<uint32_t> sent = 0, seen = 0;
     std::thread encoder([&] {
         while (!ends || sent < 200) {
@@ -202,11 +202,12 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
             sent++;
             WaitUntil([&] { return sent - seen < 50; }); // on the steady road frames wait for nobody
         }
+        ended = true;
     });
     uint32_t pongs = 0, pings = 0;
     rig.service->send({.payload = BigEndian(100, 4), .type = 5, .chunkStream = 2});
     const uint64_t end = MonotonicMs() + 1000ULL * static_cast<uint64_t>(Seconds());
-    while (!ends || seen < sent || pongs < pings) {
+    while (!ended || seen < sent || pongs < pings) {
         if (MonotonicMs() > end) {
             ends = true;
         }

@@ -154,7 +154,8 @@ TEST_P(PublisherHears, NothingThatTakesItWhereAServiceHasNoBusiness)
     EXPECT_EQ(rig.service->read().type, 9);
 }
 
-// The host by hand goes without these answers: PublishingServiceTalk in tests/publish, command.UserControl.
+// By hand there are no answers before it:
+// ServiceTalk.UserControlEventsAreReportedAndPingRequestsNeedASession.
 TEST_P(PublisherHears, PingsBeforeTheSessionIsJoinedAndBehindIt)
 {
     rig.startAndServe();
@@ -203,7 +204,8 @@ TEST_P(PublisherHears, TheServicesOwnPing)
     EXPECT_EQ(rig.service->read().type, 20);
 }
 
-// An answer of k times the chunk size: by hand it is never complete (message.ChunkReader pins that).
+// An answer of k times the chunk size: by hand it is never complete
+// (ChunkReader.AChunkOfExactlyTheRestLeavesTheMessageOpen).
 TEST_P(PublisherHears, AnswersOfAMultipleOfTheChunkSize)
 {
     rig.startAndServe();
@@ -280,7 +282,8 @@ TEST_P(PublisherHears, TheWindowAndAcknowledgesItsBytes)
 }
 
 // "kind 0 before the call" makes an event that is passed over look like `_result`: the kinds of publish.h are
-// left alone by such events (command.UserControl), and a host that reads 0 takes it for the answer.
+// left alone by such events (ReceivedUserControl.IgnoredEventsLeaveTheKindAndLogNothing), and a host that
+// reads 0 takes it for the answer.
 TEST_P(PublisherHears, AnEventThatIsPassedOverIsNoAnswer)
 {
     rig.startAndServe();
