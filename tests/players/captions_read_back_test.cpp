@@ -223,6 +223,21 @@ TEST(CaptionsInFfmpeg, AreReadBackFromWhatItRecords)
     ExpectCues(file, work);
 }
 
+// ffmpeg as the service that publish_host publishes to: it comes first or second, publish_host tries again.
+TEST(CaptionsPublished, AreReadBackFromWhatTheServiceRecords)
+{
+    Directory work;
+    const std::string file = work.path("recording.flv");
+    const std::string url = "rtmp://127.0.0.1:" + std::to_string(SomePort()) + "/live/key";
+    Process service({"ffmpeg", "-nostdin", "-v", "error", "-listen", "1", "-i", url, "-c", "copy", file});
+    const Finished host = RunToEnd(
+        {PUBLISH_HOST, "--input", CLIP_PATH, "--captions", WriteCues(work), "--to", url, "--duration", "14"});
+    EXPECT_EQ(host.exit, (Exit{0, 0})) << host.output;
+    EXPECT_TRUE(service.wait().has_value());
+    EXPECT_TRUE(Decodes(file, work)) << host.output << service.output();
+    ExpectCues(file, work);
+}
+
 // On a chunk stream of their own, where they disturb nobody's clock; and their times are the pictures'.
 TEST_P(Captions, AsMessagesAreOnCaptionInfoWithTheirPairsAndTimes)
 {
