@@ -16,7 +16,7 @@ void PutText(ByteWriter *out, const char *text)
     PutBytes(out, text, length);
 }
 
-void PutName(AmfMembers *members, const char *name)
+void PutName(MemberWriter *members, const char *name)
 {
     PutText(members->Out, name);
     members->Members++;
@@ -45,14 +45,14 @@ void PutNullValue(ByteWriter *out)
 }
 
 // marker:8  members
-AmfMembers BeginObject(ByteWriter *out)
+MemberWriter BeginObject(ByteWriter *out)
 {
     PutU8(out, AMF_OBJECT);
     return {out, nullptr, 0};
 }
 
 // marker:8  count:32  members
-AmfMembers BeginEcmaArray(ByteWriter *out)
+MemberWriter BeginEcmaArray(ByteWriter *out)
 {
     PutU8(out, AMF_ECMA_ARRAY);
     uint8_t *count = out->Next;
@@ -61,7 +61,7 @@ AmfMembers BeginEcmaArray(ByteWriter *out)
 }
 
 // empty name:16  object end:8
-void EndMembers(AmfMembers *members)
+void EndMembers(MemberWriter *members)
 {
     PutU16Be(members->Out, 0);
     PutU8(members->Out, AMF_OBJECT_END);
@@ -72,20 +72,20 @@ void EndMembers(AmfMembers *members)
     PutU32Be(&count, members->Members);
 }
 
-void PutNumberMember(AmfMembers *members, const char *name, double value)
+void PutNumberMember(MemberWriter *members, const char *name, double value)
 {
     PutName(members, name);
     PutNumberValue(members->Out, value);
 }
 
-void PutBooleanMember(AmfMembers *members, const char *name, bool value)
+void PutBooleanMember(MemberWriter *members, const char *name, bool value)
 {
     PutName(members, name);
     PutU8(members->Out, AMF_BOOLEAN);
     PutU8(members->Out, value ? 1 : 0);
 }
 
-void PutTextMember(AmfMembers *members, const char *name, const char *text)
+void PutTextMember(MemberWriter *members, const char *name, const char *text)
 {
     PutName(members, name);
     PutTextValue(members->Out, text);

@@ -11,17 +11,17 @@ void PutTextValue(ByteWriter *out, const char *text); // at most 65,535 bytes; l
 void PutNullValue(ByteWriter *out);
 
 // The members of an object or of an ECMA array (AMF0, 2.5 and 2.10), put between beginning and end.
-typedef struct AmfMembers {
+typedef struct MemberWriter {
     ByteWriter *Out;
     uint8_t *Count; // where the number of members goes; null: an object has none
     uint32_t Members;
-} AmfMembers;
+} MemberWriter;
 
-AmfMembers BeginObject(ByteWriter *out);
-AmfMembers BeginEcmaArray(ByteWriter *out);
-void EndMembers(AmfMembers *members);
+MemberWriter BeginObject(ByteWriter *out);
+MemberWriter BeginEcmaArray(ByteWriter *out);
+void EndMembers(MemberWriter *members);
 
-void PutNumberMember(AmfMembers *members, const char *name, double value);
-void PutBooleanMember(AmfMembers *members, const char *name, bool value);
-void PutTextMember(AmfMembers *members, const char *name, const char *text);
+void PutNumberMember(MemberWriter *members, const char *name, double value);
+void PutBooleanMember(MemberWriter *members, const char *name, bool value);
+void PutTextMember(MemberWriter *members, const char *name, const char *text);
 }

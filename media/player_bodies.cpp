@@ -28,7 +28,7 @@ bool ReadRegisteredSps(RtmpSession *session, SequenceParameters *out)
 }
 
 // The size of a broken SPS is the exact reader's.
-void PutVideoMembers(AmfMembers *array, RtmpSession *session, const VdCodecInfo *video)
+void PutVideoMembers(MemberWriter *array, RtmpSession *session, const VdCodecInfo *video)
 {
     SequenceParameters sps = {};
     sps.Width = video->width;
@@ -45,7 +45,7 @@ void PutVideoMembers(AmfMembers *array, RtmpSession *session, const VdCodecInfo 
 }
 
 // A rate or a number of channels that the configuration's first two bytes do not tell is left out.
-void PutAudioMembers(AmfMembers *array, const AdCodecInfo *audio)
+void PutAudioMembers(MemberWriter *array, const AdCodecInfo *audio)
 {
     const uint32_t channels = kChannels[audio->channels & 15U];
     if (audio->sampleRate != 0) {
@@ -76,7 +76,7 @@ void WriteWholeMetadata(RtmpSession *session, ByteWriter *out)
 {
     const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
     PutTextValue(out, "onMetaData");
-    AmfMembers array = BeginEcmaArray(out);
+    MemberWriter array = BeginEcmaArray(out);
     if (codecInfo->VdCodecInfo != nullptr) {
         PutVideoMembers(&array, session, codecInfo->VdCodecInfo);
     }

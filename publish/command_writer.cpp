@@ -54,7 +54,7 @@ const CommandRow *RowOf(enum RtmpPublisherCommand command)
 // RTMP 1.0, 7.2.1.1, as encoders of today fill it.
 void PutConnection(ByteWriter *out, const RtmpPublisherTarget *target)
 {
-    AmfMembers members = BeginObject(out);
+    MemberWriter members = BeginObject(out);
     PutTextMember(&members, "app", target->App);
     PutTextMember(&members, "type", "nonprivate");
     PutTextMember(&members, "flashVer", target->FlashVer);

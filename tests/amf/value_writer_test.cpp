@@ -10,7 +10,7 @@ Bytes Written(uint8_t *buffer, const ByteWriter &out)
 
 void PutThree(ByteWriter *out)
 {
-    AmfMembers array = BeginEcmaArray(out);
+    MemberWriter array = BeginEcmaArray(out);
     PutNumberMember(&array, "width", 1280);
     PutBooleanMember(&array, "stereo", true);
     PutBooleanMember(&array, "", false);
@@ -37,7 +37,7 @@ TEST(AmfEcmaArray, OneWithoutMembers)
 {
     uint8_t buffer[64];
     ByteWriter out = WriterOver(buffer, sizeof buffer);
-    AmfMembers array = BeginEcmaArray(&out);
+    MemberWriter array = BeginEcmaArray(&out);
     EndMembers(&array);
     EXPECT_TRUE(Same(Written(buffer, out), Hex("08 00000000 0000 09")));
 }
