@@ -69,7 +69,8 @@ A connection that ends is made again, after 1 to 2 s the first time and up to a 
 frame; the encoder goes on meanwhile. What a service refuses for good (an application it does not have, a key it
 does not take, a login, a certificate that is not trusted) is said with its own words and not tried again; when no
 service is left, the program ends. "BadName" is tried again where the service says that the stream is already
-being published, or has taken the key before: it has not noticed yet that the last connection is over.
+being published, or has taken the key before: it has not noticed yet that the last connection is over. A service that
+ends the connection without an answer is tried again, too: what it meant, nobody knows.
 
 The status line: what the encoder makes (in), what it was told (target), and for each service what it took (out),
 how far its connection is behind (lag; with --exact the bytes that it has not acknowledged: queue), frames that it
