@@ -93,8 +93,11 @@ for name in plain tls; do
 done
 
 say "nginx is killed, and comes back after $away seconds"
-kill -KILL "$nginx"
-wait "$nginx" 2>/dev/null || true
+{
+    kill -KILL "$nginx"
+    wait "$nginx" || true
+} 2>/dev/null # where bash would tell of it
+processes=("$host")
 sleep "$away"
 start_nginx
 wait_for 30 "publish_host did not come back" published 4
