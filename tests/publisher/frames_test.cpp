@@ -5,6 +5,7 @@
 #include "support/wait.h"
 #include "tls/tls_connection.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,20 +16,20 @@ using namespace wire;
 
 namespace {
 
-struct Road {
+struct FramesRoad {
     bool steady, threaded;
 };
 
-std::string NameOfRoad(const testing::TestParamInfo<Road> &info)
+std::string NameOfFramesRoad(const testing::TestParamInfo<FramesRoad> &info)
 {
     return std::string(info.param.steady ? "Steady" : "Exact") +
            (info.param.threaded ? "Threaded" : "Monitor");
 }
 
-const auto kRoads =
-    testing::Values(Road{false, false}, Road{false, true}, Road{true, false}, Road{true, true});
+const auto kFramesRoads = testing::Values(FramesRoad{false, false}, FramesRoad{false, true},
+                                          FramesRoad{true, false}, FramesRoad{true, true});
 
-class PublisherFrames : public testing::TestWithParam<Road> {
+class PublisherFrames : public testing::TestWithParam<FramesRoad> {
   protected:
     publisher::Setup setup() const
     {
@@ -45,7 +46,7 @@ void SendPair(RtmpSession *session, uint64_t time, bool key, size_t length = 500
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(Roads, PublisherFrames, kRoads, NameOfRoad);
+INSTANTIATE_TEST_SUITE_P(Roads, PublisherFrames, kFramesRoads, NameOfFramesRoad);
 
 // Also where a connection's age no longer fits three bytes, and four. By hand messages are stamped with that
 // age: ByHand.AMessageWithoutATimeSeparatesPicturesFromSound.
@@ -164,7 +165,18 @@ TEST_P(PublisherFrames, OfTheHeadersLengthAreWhole)
 
 namespace {
 
-class PublisherOverTls : public testing::TestWithParam<std::tuple<int, bool>> {};
+// libssl writes with signals: whoever uses it ignores SIGPIPE, hosts as well as the service of this test.
+class PublisherOverTls : public testing::TestWithParam<std::tuple<int, bool>> {
+  protected:
+    PublisherOverTls() : before_(std::signal(SIGPIPE, SIG_IGN)) {}
+    ~PublisherOverTls() override
+    {
+        std::signal(SIGPIPE, before_);
+    }
+
+  private:
+    void (*before_)(int);
+};
 
 // Seconds of the long test: 3, or as the environment says.
 int Seconds()
@@ -200,7 +212,7 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
                 SendVideo(rig.session, VideoFrame(4000, sent % 30 == 0 ? 0x65 : 0x41), 1000 + 40ULL * sent),
                 0);
             sent++;
-            WaitUntil([&] { return sent - seen < 50; }); // on the steady road frames wait for nobody
+            WaitUntil([&] { return sent < seen + 50; }); // on the steady road frames wait for nobody
         }
         ended = true;
     });
@@ -212,8 +224,8 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
         if (!ends && pings - pongs < 20) {
             rig.service->pingRequest(pings++);
         }
-        if (seen == sent && pongs == pings) {
-            std::this_thread::yield(); // the encoder is about to send, or to end
+        if (seen >= sent && pongs == pings) { // it may be here before the encoder has counted it
+            std::this_thread::yield();        // the encoder is about to send, or to end
             continue;
         }
         const Message message = rig.service->read();
