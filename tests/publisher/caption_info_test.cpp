@@ -13,19 +13,19 @@ using namespace wire;
 
 namespace {
 
-constexpr uint64_t kBegin = 5000;
-constexpr uint64_t kPicture = 40; // ms
-constexpr uint64_t kShown = 1000; // since the first picture
-constexpr uint64_t kErased = 2000;
+constexpr uint64_t kCaptionBegin = 5000;
+constexpr uint64_t kCaptionPicture = 40; // ms
+constexpr uint64_t kCaptionShown = 1000; // since the first picture
+constexpr uint64_t kCaptionErased = 2000;
 
-struct Road {
+struct CaptionRoad {
     const char *name;
     bool steady;
     bool threaded;
 };
 
 // "Hi" from 1 s to 2 s, for the one session of a rig.
-class PublishedCaptions : public testing::TestWithParam<Road> {
+class PublishedCaptions : public testing::TestWithParam<CaptionRoad> {
   protected:
     PublishedCaptions() : rig({.steady = GetParam().steady, .threaded = GetParam().threaded})
     {
@@ -56,7 +56,7 @@ class PublishedCaptions : public testing::TestWithParam<Road> {
     // Sends a picture, and reads up to it. Returns what came in front of it.
     std::vector<Message> picture(uint64_t number, Message &read)
     {
-        const uint64_t time = kBegin + kPicture * number;
+        const uint64_t time = kCaptionBegin + kCaptionPicture * number;
         source->pictureAt(time);
         EXPECT_EQ(SendVideo(rig.session, VideoFrame(300, number % 25 == 0 ? 0x65 : 0x41), time), 0);
         std::vector<Message> before;
@@ -87,18 +87,19 @@ class PublishedCaptions : public testing::TestWithParam<Road> {
     uint64_t captions = makeCaptions();
 };
 
-INSTANTIATE_TEST_SUITE_P(On, PublishedCaptions,
-                         testing::Values(Road{"Exact", false, false}, Road{"ExactThreaded", false, true},
-                                         Road{"Steady", true, false}, Road{"SteadyThreaded", true, true}),
-                         [](const testing::TestParamInfo<Road> &row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    On, PublishedCaptions,
+    testing::Values(CaptionRoad{"Exact", false, false}, CaptionRoad{"ExactThreaded", false, true},
+                    CaptionRoad{"Steady", true, false}, CaptionRoad{"SteadyThreaded", true, true}),
+    [](const testing::TestParamInfo<CaptionRoad> &row) { return std::string(row.param.name); });
 
 // 00 00 00 06 C1 FF FC <pair> FF in base64.
-Bytes Info(const std::string &data)
+Bytes CaptionInfoBody(const std::string &data)
 {
     return Values({String("onCaptionInfo"), Object({{"type", String("708")}, {"data", String(data)}})}).bytes;
 }
 
-const std::vector<std::string> kHi = {
+const std::vector<std::string> kHiInfos = {
     "AAAABsH//JQg/w==", "AAAABsH//JQg/w==", // RCL: 94 20
     "AAAABsH//JSu/w==", "AAAABsH//JSu/w==", // ENM: 94 AE
     "AAAABsH//JRw/w==", "AAAABsH//JRw/w==", // row 15: 94 70
@@ -106,8 +107,8 @@ const std::vector<std::string> kHi = {
     "AAAABsH//JQv/w==", "AAAABsH//JQv/w==", // EOC: 94 2F
     "AAAABsH//JQs/w==", "AAAABsH//JQs/w=="  // EDM: 94 2C
 };
-constexpr size_t kFlip = 7;
-constexpr size_t kErase = 9;
+constexpr size_t kFlipInfo = 7;
+constexpr size_t kEraseInfo = 9;
 
 } // namespace
 
@@ -121,22 +122,22 @@ TEST_P(PublishedCaptions, AreMessagesOnAChunkStreamOfTheirOwn)
     for (uint64_t i = 0; i < 60; i++) {
         Message video;
         for (const Message &info : picture(i, video)) {
-            ASSERT_LT(next, kHi.size());
-            EXPECT_TRUE(Same(info.payload, Info(kHi[next])));
+            ASSERT_LT(next, kHiInfos.size());
+            EXPECT_TRUE(Same(info.payload, CaptionInfoBody(kHiInfos[next])));
             EXPECT_EQ(info.type, 18);
             EXPECT_EQ(info.chunkStream, 30U);
             EXPECT_EQ(info.stream, 1U);
-            EXPECT_EQ(info.timestamp, i == 0 ? 0 : (i - 1) * kPicture);
-            if (next == kFlip || next == kErase) {
-                flips.push_back(i * kPicture);
+            EXPECT_EQ(info.timestamp, i == 0 ? 0 : (i - 1) * kCaptionPicture);
+            if (next == kFlipInfo || next == kEraseInfo) {
+                flips.push_back(i * kCaptionPicture);
             }
             next++;
         }
-        EXPECT_EQ(video.timestamp, i * kPicture);
+        EXPECT_EQ(video.timestamp, i * kCaptionPicture);
         EXPECT_EQ(video.payload.size(), 305U) << "nothing is put into the picture";
     }
-    EXPECT_EQ(next, kHi.size());
-    EXPECT_EQ(flips, (std::vector<uint64_t>{kShown, kErased}));
+    EXPECT_EQ(next, kHiInfos.size());
+    EXPECT_EQ(flips, (std::vector<uint64_t>{kCaptionShown, kCaptionErased}));
 }
 
 TEST_P(PublishedCaptions, AreInEveryPicture)
