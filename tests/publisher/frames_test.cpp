@@ -228,7 +228,17 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
             std::this_thread::yield();        // the encoder is about to send, or to end
             continue;
         }
-        const Message message = rig.service->read();
+        Message message;
+        try {
+            message = rig.service->read();
+        } catch (const PeerError &error) {
+            ADD_FAILURE() << error.what() << " behind " << seen << " frames and " << tls.renewals()
+                          << " renewals\n"
+                          << testing::PrintToString(rig.log.lines());
+            ends = true;
+            sent = 200;
+            break;
+        }
         if (message.type == 9) {
             EXPECT_EQ(message.timestamp, 40 * seen);
             EXPECT_EQ(message.payload.size(), 4005U);
