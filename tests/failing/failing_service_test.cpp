@@ -31,7 +31,7 @@ TEST(ServiceSettingsFailing, EachFailureHasItsCodeAndLeavesTheServerAsItWas)
     limits.TlsPort = 4433; // the kit binds to a port of the system's choice
     for (const Row &row : kRows) {
         TestServer server;
-        const size_t descriptors = DescriptorsOfProcess();
+        const size_t descriptors = wire::OpenDescriptors();
         const size_t threads = RunningThreads();
         {
             const FailingCall failing(row.call, row.number);
@@ -40,7 +40,7 @@ TEST(ServiceSettingsFailing, EachFailureHasItsCodeAndLeavesTheServerAsItWas)
         EXPECT_TRUE(server.log.contains(std::string("3 ERROR: RtmpServiceSettings: ") + row.line))
             << row.sentence;
         EXPECT_EQ(server.log.count("RtmpServiceSettings"), 1u) << row.sentence;
-        EXPECT_EQ(DescriptorsOfProcess(), descriptors) << row.sentence;
+        EXPECT_EQ(wire::OpenDescriptors(), descriptors) << row.sentence;
         EXPECT_TRUE(WaitUntil([&] { return RunningThreads() <= threads; })) << row.sentence;
         EXPECT_EQ(RtmpServiceSettings(server.server, &limits), 0) << row.sentence;
     }
