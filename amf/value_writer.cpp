@@ -5,7 +5,7 @@
 namespace {
 
 // length:16  text
-void PutText(ByteWriter *out, const char *text)
+void PutCountedText(ByteWriter *out, const char *text)
 {
     const uint64_t length = strlen(text);
     if (length > UINT16_MAX) {
@@ -18,7 +18,7 @@ void PutText(ByteWriter *out, const char *text)
 
 void PutName(MemberWriter *members, const char *name)
 {
-    PutText(members->Out, name);
+    PutCountedText(members->Out, name);
     members->Members++;
 }
 
@@ -36,7 +36,7 @@ void PutNumberValue(ByteWriter *out, double value)
 void PutTextValue(ByteWriter *out, const char *text)
 {
     PutU8(out, AMF_STRING);
-    PutText(out, text);
+    PutCountedText(out, text);
 }
 
 void PutNullValue(ByteWriter *out)

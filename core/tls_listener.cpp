@@ -16,7 +16,7 @@ namespace {
 constexpr const char *kSettings = "RtmpServiceSettings";
 
 // The DS field is that of the first port, where there is one.
-void SetSocketOptions(const RtmpServer *server, int fd)
+void CopySocketOptions(const RtmpServer *server, int fd)
 {
     const int reuse = 1;
     int field = 0;
@@ -37,7 +37,7 @@ int Bind(const RtmpServer *server, int fd, uint16_t port)
     return bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address);
 }
 
-int BindAndListen(const SteadyService *service, int fd)
+int BindTls(const SteadyService *service, int fd)
 {
     RtmpLogger *logger = LoggerOf(service->Server);
     const uint16_t port = service->Limits.TlsPort;
@@ -56,7 +56,7 @@ int BindAndListen(const SteadyService *service, int fd)
 // StartAccepting leaves the socket to the caller when it fails.
 int StartAccepting(SteadyService *service, int fd)
 {
-    const int result = BindAndListen(service, fd);
+    const int result = BindTls(service, fd);
     if (result != 0) {
         return result;
     }
@@ -83,7 +83,7 @@ int OpenTlsListener(SteadyService *service)
                      "ERROR: %s: Cannot create the socket of TLS\n", kSettings);
         return RTMP_ERR_SOCKET;
     }
-    SetSocketOptions(service->Server, fd);
+    CopySocketOptions(service->Server, fd);
     const int result = StartAccepting(service, fd);
     if (result != 0) {
         close(fd);

@@ -21,7 +21,7 @@ enum Arguments {
     ARGUMENTS_STREAM_ID, // null, the stream's id
 };
 
-struct CommandRow {
+struct OutgoingCommand {
     enum RtmpPublisherCommand Command;
     const char *Name;
     enum Arguments Arguments;
@@ -29,7 +29,7 @@ struct CommandRow {
     bool OnStream;   // travels on the stream that createStream has made
 };
 
-constexpr CommandRow kCommands[] = {
+constexpr OutgoingCommand kOutgoingCommands[] = {
     {RTMP_PUBLISHER_CONNECT, "connect", ARGUMENTS_CONNECT, true, false},
     {RTMP_PUBLISHER_RELEASE_STREAM, "releaseStream", ARGUMENTS_KEY, true, false},
     {RTMP_PUBLISHER_FC_PUBLISH, "FCPublish", ARGUMENTS_KEY, true, false},
@@ -39,11 +39,11 @@ constexpr CommandRow kCommands[] = {
     {RTMP_PUBLISHER_CLOSE_STREAM, "closeStream", ARGUMENTS_NONE, false, true},
     {RTMP_PUBLISHER_DELETE_STREAM, "deleteStream", ARGUMENTS_STREAM_ID, true, false},
 };
-static_assert(sizeof kCommands / sizeof kCommands[0] == 8, "one row for each command");
+static_assert(sizeof kOutgoingCommands / sizeof kOutgoingCommands[0] == 8, "one row for each command");
 
-const CommandRow *RowOf(enum RtmpPublisherCommand command)
+const OutgoingCommand *RowOf(enum RtmpPublisherCommand command)
 {
-    for (const CommandRow &row : kCommands) {
+    for (const OutgoingCommand &row : kOutgoingCommands) {
         if (row.Command == command) {
             return &row;
         }
@@ -124,7 +124,7 @@ struct Written {
     uint32_t Length;
 };
 
-Written WriteCommand(const RtmpPublisher *publisher, const CommandRow *row, double transaction)
+Written WriteCommand(const RtmpPublisher *publisher, const OutgoingCommand *row, double transaction)
 {
     const uint64_t room = RoomFor(&publisher->Target);
     uint8_t *payload = NewArray<uint8_t>(room);
@@ -142,7 +142,7 @@ Written WriteCommand(const RtmpPublisher *publisher, const CommandRow *row, doub
 
 int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherCommand command, double *transaction)
 {
-    const CommandRow *row = RowOf(command);
+    const OutgoingCommand *row = RowOf(command);
     if (row == nullptr) {
         return RTMP_ERR_INVALID_ARGUMENT;
     }

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char *kServe = "RtmpPublisherServe";
+constexpr const char *kListen = "RtmpPublisherServe";
 constexpr uint32_t kNameHeader = 3; // marker:8 length:16
 
 // What players ask for is nothing that a service may: "play" would join it to a session of its own choice.
@@ -74,7 +74,7 @@ void AnswerEarlyPing(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
     if (kind == RTMP_MSG_PING_REQUEST && LoadShared(&client->Session) == nullptr) {
         (void)SendReply(client, pkt, RTMP_MSG_PING_RESPONSE, RTMP_MSG_PING_RESPONSE, &kResponseFailures,
-                        kServe); // logged; the connection goes on
+                        kListen); // logged; the connection goes on
     }
 }
 

@@ -70,8 +70,8 @@ int CopyTarget(RtmpPublisherTarget *copy, const RtmpPublisherTarget *target)
     return isWhole ? 0 : -1;
 }
 
-RtmpClient *NewClient(RtmpPublisher *publisher, RtmpServer *server, int socket, void *tls,
-                      const char *peerAddress)
+RtmpClient *NewPublisherClient(RtmpPublisher *publisher, RtmpServer *server, int socket, void *tls,
+                               const char *peerAddress)
 {
     RtmpClient *client = CreateNewRtmpClient(server, RTMP_CONN_RTMP, socket,
                                              peerAddress != nullptr ? peerAddress : "0.0.0.0", 0, tls);
@@ -343,7 +343,7 @@ RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void *tls,
         return FailCreate(RTMP_ERR_MEMORY, err);
     }
     if (CopyTarget(&publisher->Target, target) == 0) {
-        publisher->Client = NewClient(publisher, server, socket, tls, target->PeerAddress);
+        publisher->Client = NewPublisherClient(publisher, server, socket, tls, target->PeerAddress);
     }
     if (publisher->Client == nullptr) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to the publisher\n",

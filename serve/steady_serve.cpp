@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr const char *kServe = "ServeSteadily";
+constexpr const char *kServeSteadily = "ServeSteadily";
 
 // The host does TLS's handshake, under the time limit: the keeper ends a socket whose time is up.
 struct ssl_st *AskForHandle(RtmpClient *client)
@@ -28,7 +28,7 @@ int BeginTls(RtmpClient *client)
 {
     struct ssl_st *handle = AskForHandle(client);
     if (handle == nullptr) {
-        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: No TLS with %s\n", kServe,
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: No TLS with %s\n", kServeSteadily,
                      client->ClientIP);
         return -1;
     }
@@ -37,7 +37,7 @@ int BeginTls(RtmpClient *client)
     return 0;
 }
 
-int Admit(RtmpClient *client)
+int AdmitAndSecure(RtmpClient *client)
 {
     if (AdmitViewer(client) != 0) {
         EndLine(client->Line, STEADY_END_REFUSED);
@@ -72,9 +72,9 @@ void ServeRounds(RtmpClient *client)
 void *ServeSteadily(void *argument)
 {
     RtmpClient *client = static_cast<RtmpClient *>(argument);
-    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: %s, port %u, is connected\n", kServe,
-                 client->ClientIP, ntohs(client->Port));
-    if (Admit(client) == 0) {
+    RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_INFO, "INFO: %s: %s, port %u, is connected\n",
+                 kServeSteadily, client->ClientIP, ntohs(client->Port));
+    if (AdmitAndSecure(client) == 0) {
         ServeRounds(client);
     }
     LeaveSteadily(client);

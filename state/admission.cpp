@@ -53,7 +53,7 @@ void SetOption(int fd, int level, int name, int value)
 }
 
 // A peer that is gone without a word is noticed; the stall limit holds also for bytes that the kernel has.
-void SetSocketOptions(int fd, uint32_t stallMilliseconds)
+void SetPeerOptions(int fd, uint32_t stallMilliseconds)
 {
     SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -103,7 +103,7 @@ void LogNoLine(const SteadyListener *listener, const RtmpClient *client, int rea
 }
 
 // Null (logged): the connection is not to be served.
-RtmpClient *NewClient(const SteadyListener *listener, int fd)
+RtmpClient *ClientOf(const SteadyListener *listener, int fd)
 {
     RtmpServer *server = listener->Service->Server;
     struct sockaddr_in peer = {};
@@ -130,7 +130,7 @@ RtmpClient *NewClient(const SteadyListener *listener, int fd)
 }
 
 // The client's thread may end it at any time once it runs.
-void StartServing(const SteadyListener *listener, RtmpClient *client)
+void HandToThread(const SteadyListener *listener, RtmpClient *client)
 {
     RtmpServer *server = client->Server;
     client->Line->SpeaksTls = listener->SpeaksTls;
@@ -146,13 +146,13 @@ void StartServing(const SteadyListener *listener, RtmpClient *client)
 
 void Welcome(const SteadyListener *listener, int fd)
 {
-    SetSocketOptions(fd, listener->Service->Limits.StallMilliseconds);
-    RtmpClient *client = NewClient(listener, fd);
+    SetPeerOptions(fd, listener->Service->Limits.StallMilliseconds);
+    RtmpClient *client = ClientOf(listener, fd);
     if (client == nullptr) {
         close(fd);
         return;
     }
-    StartServing(listener, client);
+    HandToThread(listener, client);
 }
 
 } // namespace

@@ -49,7 +49,7 @@ int CheckLimits(const SteadyService *service, const SteadyLine *line)
                : 0;
 }
 
-int Admit(SteadyService *service, SteadyLine *line)
+int TakeUp(SteadyService *service, SteadyLine *line)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
     const int result = CheckLimits(service, line);
@@ -122,7 +122,7 @@ int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket)
     line->Since = RtmpGetSystemTime();
     PlaceAtBeginning(&line->Place, 0);
     client->Line = line;
-    const int result = Admit(service, line);
+    const int result = TakeUp(service, line);
     if (result != 0) {
         client->Line = nullptr;
         free(line);

@@ -34,7 +34,7 @@ void MarkClosed(RtmpClient *client)
 }
 
 // A farewell that the host sends waits for nobody.
-void StopBlocking(int fd)
+void UnblockSocket(int fd)
 {
     const int flags = fcntl(fd, F_GETFL);
     if (flags >= 0) {
@@ -71,7 +71,7 @@ void EndTls(RtmpClient *client)
 {
     struct ssl_st *handle = TakeHandle(client);
     if (handle != nullptr) {
-        StopBlocking(client->Socket);
+        UnblockSocket(client->Socket);
         WITHOUT_CANCEL int restore = ForbidCancel();
         rtmpTlsEnd(handle);
     }

@@ -53,7 +53,7 @@ Span BodyOf(const SteadyHalf *item)
     return {item->Message->Bytes + replaced, item->Message->Length - replaced};
 }
 
-uint32_t LengthOf(const SteadyHalf *item)
+uint32_t LengthOnWire(const SteadyHalf *item)
 {
     return HeaderOf(item).Length + BodyOf(item).Length;
 }
@@ -186,8 +186,8 @@ void PutBack(SteadyLine *line, const SteadyHalf *item)
     }
 }
 
-// Account moves the line behind the bytes that are out.
-void Account(SteadyLine *line, Batch *batch, uint64_t out)
+// AccountFor moves the line behind the bytes that are out.
+void AccountFor(SteadyLine *line, Batch *batch, uint64_t out)
 {
     StoreShared(&line->BytesOut, line->BytesOut + out);
     bool isHalf = IsSomething(&line->Half);
@@ -200,7 +200,7 @@ void Account(SteadyLine *line, Batch *batch, uint64_t out)
         if (!isHalf) {
             Begin(line, &batch->Items[i]);
         }
-        const uint32_t left = LengthOf(item) - item->Out;
+        const uint32_t left = LengthOnWire(item) - item->Out;
         const uint32_t gone = out < left ? static_cast<uint32_t>(out) : left;
         out -= gone;
         item->Out += gone;
@@ -225,14 +225,14 @@ uint32_t AddVector(struct iovec *vectors, uint32_t count, Span span, uint32_t *s
     return count + 1;
 }
 
-uint32_t LayOut(Batch *batch, struct iovec *vectors, uint64_t *total)
+uint32_t GatherVectors(Batch *batch, struct iovec *vectors, uint64_t *total)
 {
     uint32_t count = 0;
     *total = 0;
     for (uint32_t i = 0; i < batch->Count; i++) {
         const SteadyHalf *item = &batch->Items[i].Item;
         uint32_t skip = item->Out;
-        *total += LengthOf(item) - item->Out;
+        *total += LengthOnWire(item) - item->Out;
         count = AddVector(vectors, count, HeaderOf(item), &skip);
         count = AddVector(vectors, count, BodyOf(item), &skip);
     }
@@ -251,12 +251,12 @@ bool WriteBatch(SteadyLine *line, Batch *batch)
     uint64_t total = 0;
     struct msghdr message = {};
     message.msg_iov = vectors;
-    message.msg_iovlen = LayOut(batch, vectors, &total);
+    message.msg_iovlen = GatherVectors(batch, vectors, &total);
     const ssize_t out = sendmsg(SocketInUse(line->Client), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (out < 0 && !IsPassing(errno)) {
         EndLine(line, STEADY_END_BROKEN);
     }
-    Account(line, batch, out > 0 ? static_cast<uint64_t>(out) : 0);
+    AccountFor(line, batch, out > 0 ? static_cast<uint64_t>(out) : 0);
     return out >= 0 && static_cast<uint64_t>(out) == total;
 }
 
@@ -320,7 +320,7 @@ bool MaySend(const SteadyLine *line)
 }
 
 // False: the socket is full, or the connection is over.
-bool WriteDue(SteadyLine *line, Batch *batch)
+bool WriteOut(SteadyLine *line, Batch *batch)
 {
     return line->Client->Tls != nullptr ? WriteOverTls(line, batch) : WriteBatch(line, batch);
 }
@@ -339,7 +339,7 @@ void FlushLine(SteadyLine *line, uint64_t now)
             return;
         }
         const uint64_t before = line->BytesOut;
-        goesOn = WriteDue(line, &batch);
+        goesOn = WriteOut(line, &batch);
         if (line->BytesOut != before || line->WantsRoom == 0) {
             line->LastProgress = now;
         }
@@ -393,7 +393,7 @@ uint64_t WaitingBytesOf(const SteadyLine *line)
 {
     SteadyStream *stream = line->Stream;
     const SteadyHalf *half = &line->Half;
-    uint64_t bytes = line->ReplyBytes + (IsSomething(half) ? LengthOf(half) - half->Out : 0);
+    uint64_t bytes = line->ReplyBytes + (IsSomething(half) ? LengthOnWire(half) - half->Out : 0);
     if (stream == nullptr || line->Place.IsBased == 0) {
         return bytes;
     }

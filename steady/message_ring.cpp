@@ -28,7 +28,7 @@ FinishedMessage **SlotOf(const SteadyStream *stream, uint64_t number)
     return &stream->Slots[number & (stream->SlotCount - 1)];
 }
 
-void DropOldest(SteadyStream *stream)
+void LetGoOfOldest(SteadyStream *stream)
 {
     FinishedMessage **slot = SlotOf(stream, stream->First);
     stream->Bytes -= (*slot)->Length;
@@ -105,14 +105,14 @@ void AppendMessage(SteadyStream *stream, FinishedMessage *message)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
     if (stream->Next - stream->First == stream->SlotCount) {
-        DropOldest(stream);
+        LetGoOfOldest(stream);
     }
     NumberMessage(stream, message);
     *SlotOf(stream, stream->Next) = message;
     stream->Next++;
     stream->Bytes += message->Length;
     while (stream->Next - stream->First > 1 && IsBeyondLimits(stream)) {
-        DropOldest(stream);
+        LetGoOfOldest(stream);
     }
 }
 
@@ -134,7 +134,7 @@ void TrimRing(SteadyStream *stream, uint64_t needed)
     const uint64_t start = stream->Start != kNoMessage ? stream->Start : stream->Next;
     const uint64_t keep = needed < start ? needed : start;
     while (stream->First < keep && stream->First < stream->Next) {
-        DropOldest(stream);
+        LetGoOfOldest(stream);
     }
 }
 
@@ -142,7 +142,7 @@ void EmptyRing(SteadyStream *stream)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
     while (stream->First < stream->Next) {
-        DropOldest(stream);
+        LetGoOfOldest(stream);
     }
     stream->First++; // a number that no message gets: also who has got everything has fallen out
     stream->Next++;

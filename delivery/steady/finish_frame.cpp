@@ -24,7 +24,7 @@ enum SteadyKind KindOf(const RtmpFrame *frame)
 }
 
 // The tag header says what the frame is, wherever its key slice stands.
-void WriteTagHeader(SteadyStream *stream, RtmpFrame *frame)
+void BeginPrefix(SteadyStream *stream, RtmpFrame *frame)
 {
     const uint8_t noNal = 0;
     if (frame->Kind == RTMP_MSG_VIDEO) {
@@ -65,7 +65,7 @@ uint32_t SizeOnWire(uint32_t bodyLength, uint32_t chunkSize)
     return kSharedHeaderSize + bodyLength + (bodyLength - 1) / chunkSize * kContinuationSize;
 }
 
-FinishedMessage *LayOut(SteadyStream *stream, const RtmpFrame *frame, uint32_t bodyLength)
+FinishedMessage *LayOutMessage(SteadyStream *stream, const RtmpFrame *frame, uint32_t bodyLength)
 {
     const uint32_t chunkSize = AnnouncedChunkSize(stream->Session->Server);
     FinishedMessage *message = TakeMessage(stream, SizeOnWire(bodyLength, chunkSize));
@@ -87,7 +87,7 @@ FinishedMessage *LayOut(SteadyStream *stream, const RtmpFrame *frame, uint32_t b
 FinishedMessage *FinishFrame(SteadyStream *stream, RtmpFrame *frame)
 {
     RtmpLogger *logger = LoggerOf(stream->Session->Server);
-    WriteTagHeader(stream, frame);
+    BeginPrefix(stream, frame);
     InsertCaptions(stream->Session, frame);
     const uint64_t bodyLength = static_cast<uint64_t>(frame->PrefixLength) + frame->PayloadLength;
     if (bodyLength > kLongestMessage) {
@@ -95,7 +95,7 @@ FinishedMessage *FinishFrame(SteadyStream *stream, RtmpFrame *frame)
                      kSendData, frame->Length);
         return nullptr;
     }
-    FinishedMessage *message = LayOut(stream, frame, static_cast<uint32_t>(bodyLength));
+    FinishedMessage *message = LayOutMessage(stream, frame, static_cast<uint32_t>(bodyLength));
     if (message == nullptr) {
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Not enough memory for a frame of %d bytes\n",
                      kSendData, frame->Length);

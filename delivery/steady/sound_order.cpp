@@ -7,7 +7,7 @@ namespace {
 constexpr uint32_t kMostParked = 512;          // ten seconds of AAC
 constexpr uint64_t kMostParkedBytes = 1 << 20; // far above ten seconds of it
 
-FinishedMessage *TakeFirst(ParkedSound *sound)
+FinishedMessage *TakeFirstParked(ParkedSound *sound)
 {
     FinishedMessage *message = sound->First;
     sound->First = message->NextFree;
@@ -36,7 +36,7 @@ void ParkSound(ParkedSound *sound, FinishedMessage *message)
 
 FinishedMessage *TakeSoundUpTo(ParkedSound *sound, uint64_t time)
 {
-    return sound->First != nullptr && sound->First->Time <= time ? TakeFirst(sound) : nullptr;
+    return sound->First != nullptr && sound->First->Time <= time ? TakeFirstParked(sound) : nullptr;
 }
 
 FinishedMessage *TakeOverdueSound(ParkedSound *sound, uint32_t waitMs)
@@ -45,12 +45,12 @@ FinishedMessage *TakeOverdueSound(ParkedSound *sound, uint32_t waitMs)
         return nullptr;
     }
     const bool hasWaited = sound->Last->Time - sound->First->Time > waitMs;
-    return hasWaited || IsOverfull(sound) ? TakeFirst(sound) : nullptr;
+    return hasWaited || IsOverfull(sound) ? TakeFirstParked(sound) : nullptr;
 }
 
 void DropSound(SteadyStream *stream, ParkedSound *sound)
 {
     while (sound->First != nullptr) {
-        DropMessage(stream, TakeFirst(sound));
+        DropMessage(stream, TakeFirstParked(sound));
     }
 }

@@ -25,7 +25,7 @@ bool IsSoundOnly(const RtmpSession *session)
     return LoadShared(&session->MediaKind) == RTMP_MEDIA_AUDIO;
 }
 
-bool IsThreaded(const RtmpSession *session)
+bool HasOwnThread(const RtmpSession *session)
 {
     return LoadShared(&session->SenderMode) == RTMP_SENDER_THREADED;
 }
@@ -119,9 +119,9 @@ bool PlacePicture(SteadyStream *stream, FinishedMessage *message)
 // -------------------------------------------------------------------------------------------- the way out
 
 // Without players nothing is written; what the ring need not hold any more leaves it.
-int WriteDue(SteadyStream *stream, bool anyConnected)
+int FlushDue(SteadyStream *stream, bool anyConnected)
 {
-    if (!anyConnected || !IsThreaded(stream->Session)) {
+    if (!anyConnected || !HasOwnThread(stream->Session)) {
         FlushPlayers(stream, nullptr);
         return 0;
     }
@@ -140,7 +140,7 @@ int SendOn(SteadyStream *stream, const RtmpFrame *frame, FinishedMessage *messag
     const uint64_t time = message->Time; // the message is the ring's as soon as it is placed
     const bool isDue =
         message->Kind == STEADY_VIDEO ? PlacePicture(stream, message) : PlaceSound(stream, message);
-    const int result = isDue ? WriteDue(stream, anyConnected) : 0;
+    const int result = isDue ? FlushDue(stream, anyConnected) : 0;
     if (!anyConnected) {
         return RTMP_ERR_NO_CLIENT;
     }

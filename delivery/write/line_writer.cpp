@@ -6,7 +6,7 @@
 
 namespace {
 
-uint64_t LengthOf(const RtmpPiece *pieces, uint32_t count, uint32_t continuationLength)
+uint64_t LengthOfPieces(const RtmpPiece *pieces, uint32_t count, uint32_t continuationLength)
 {
     uint64_t length = 0;
     for (uint32_t i = 0; i < count; i++) {
@@ -20,7 +20,7 @@ uint64_t LengthOf(const RtmpPiece *pieces, uint32_t count, uint32_t continuation
 int PutOnLine(SteadyLine *line, const RtmpPiece *pieces, uint32_t count, const uint8_t *continuation,
               uint32_t continuationLength)
 {
-    const uint64_t length = LengthOf(pieces, count, continuationLength);
+    const uint64_t length = LengthOfPieces(pieces, count, continuationLength);
     SteadyReply *reply = length <= UINT32_MAX ? NewReply(static_cast<uint32_t>(length)) : nullptr;
     if (reply == nullptr) {
         return -1;
