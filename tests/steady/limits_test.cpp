@@ -104,7 +104,10 @@ TEST(SteadyLimits, AHandshakeThatTakesTooLongEndsTheConnection)
     EXPECT_TRUE(silent.ends());
     EXPECT_TRUE(server.log.waitForCount(Leaves("its handshake took too long"), 1));
     ScriptedPeer half(server.port);
-    half.handshake({.stopAfter = 1537});
+    try {
+        half.handshake({.stopAfter = 1537});
+    } catch (const PeerError &) { // on a slow machine its time is up already
+    }
     EXPECT_TRUE(ReadsToTheEnd(half.socket));
     EXPECT_TRUE(server.log.waitForCount(Leaves("its handshake took too long"), 2));
     quick.command(CreateStreamCommand()); // whoever was in time has more of it

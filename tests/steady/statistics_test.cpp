@@ -152,7 +152,9 @@ TEST(SteadyStatistics, NamePlayersInTheOrderInWhichTheyJoined)
     EXPECT_EQ(clients[0].State, uint32_t{CLIENT_STATE_PLAY_DONE});
     EXPECT_EQ(clients[0].IsTls, 0);
     EXPECT_LT(clients[0].Milliseconds, 60000U);
+#ifndef RTMPCAST_EMULATED // qemu-user does not hand TCP_INFO on
     EXPECT_GT(clients[0].RoundTripMicros, 0U);
+#endif
 
     RtmpClientFigures room[2];
     memset(room, 0xEE, sizeof room);
