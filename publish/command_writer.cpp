@@ -10,6 +10,9 @@
 #include "net/record.h"
 #include "net/scope.h"
 
+#include <string.h>
+#include <sys/socket.h>
+
 namespace {
 
 // What a command carries behind its name and transaction id.
@@ -195,4 +198,19 @@ int32_t RtmpPublisherSendMetaData(RtmpPublisher *publisher)
         return LogUnlessSent(publisher, RTMP_FAILED, __func__, "metadata");
     }
     return RtmpPublisherSendData(publisher, room, static_cast<uint32_t>(sizeof room - RoomIn(&out)));
+}
+
+struct timeval LimitWrites(const RtmpClient *client, struct timeval limit)
+{
+    struct timeval before = {};
+    socklen_t length = sizeof before;
+    (void)getsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &before, &length); // a socket has it
+    (void)setsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return before;
+}
+
+struct timeval AnswerTime(const RtmpPublisher *publisher)
+{
+    const uint32_t milliseconds = publisher->Target.AnswerMilliseconds;
+    return {static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
 }

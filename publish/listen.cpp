@@ -4,6 +4,7 @@
 #include "delivery/replies/reply.h"
 #include "message/recv_list.h"
 #include "message/recv_packet.h"
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
@@ -97,6 +98,26 @@ int Handle(RtmpPublisher *publisher, RtmpRecvPkt *pkt, Heard *heard)
     return 0;
 }
 
+bool IsError(const RtmpPublisher *publisher)
+{
+    return strcmp(publisher->Answers.StatusLevel, "error") == 0;
+}
+
+// TakeStreamId takes the id from the answer to createStream; other results have none. -1: one that cannot be.
+int TakeStreamId(RtmpPublisher *publisher, double id)
+{
+    if (publisher->CreateStreamTransaction == 0 ||
+        publisher->Answers.ResultTransactionId != publisher->CreateStreamTransaction) {
+        return 0;
+    }
+    if (!(id >= 0 && id <= UINT32_MAX)) { // also what is no number
+        return -1;
+    }
+    publisher->Client->StreamId = static_cast<uint32_t>(id);
+    publisher->CreateStreamTransaction = 0;
+    return 0;
+}
+
 } // namespace
 
 int32_t HearMessage(RtmpPublisher *publisher, uint64_t until, Heard *heard)
@@ -111,6 +132,42 @@ int32_t HearMessage(RtmpPublisher *publisher, uint64_t until, Heard *heard)
     const int result = Handle(publisher, pkt, heard);
     LetGoOfMessage(client, pkt, stored);
     return result == 0 ? 0 : RTMP_ERR_CONNECTION;
+}
+
+int32_t JudgeHeard(RtmpPublisher *publisher, const Heard *heard, double transaction)
+{
+    constexpr int32_t goesOn = 1;
+    const PublishCtx *answers = &publisher->Answers;
+    switch (heard->Kind) {
+    case RTMP_MSG_RESULT:
+        if (TakeStreamId(publisher, heard->StreamId) != 0) {
+            return RTMP_ERR_CONNECTION;
+        }
+        return transaction > 0 && answers->ResultTransactionId == transaction ? 0 : goesOn;
+    case RTMP_MSG_ERROR:
+        return answers->ErrorTransactionId == transaction ? RTMP_ERR_REFUSED : goesOn;
+    case RTMP_MSG_ON_STATUS:
+        if (IsError(publisher)) {
+            return RTMP_ERR_REFUSED;
+        }
+        return transaction > 0 ? goesOn : 0;
+    default:
+        return goesOn;
+    }
+}
+
+int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
+{
+    const uint64_t deadline = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
+    int32_t result = 1;
+    while (result > 0) {
+        Heard heard;
+        result = HearMessage(publisher, deadline, &heard);
+        if (result == 0) {
+            result = JudgeHeard(publisher, &heard, transaction);
+        }
+    }
+    return result;
 }
 
 int32_t CodeOfFailedRead(const RtmpClient *client)

@@ -1,10 +1,7 @@
 #include "rtmpcast/publish_client.h"
 
-#include "delivery/replies/reply.h"
-#include "delivery/write/key_frame.h"
 #include "net/atomic.h"
 #include "net/client_state.h"
-#include "net/connect_handshake.h"
 #include "net/log.h"
 #include "net/platform.h"
 #include "net/record.h"
@@ -12,20 +9,17 @@
 #include "publish/command_writer.h"
 #include "publish/listen.h"
 #include "publish/publisher.h"
+#include "publish/start.h"
 #include "rtmpcast/player.h"
 #include "state/client.h"
 #include "state/server_hold.h"
-#include "state/session_list.h"
 #include "steady/records.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 
 namespace {
 
-constexpr const char *kStart = "RtmpPublisherStart";
 constexpr uint32_t kAnswerMilliseconds = 10000;
 constexpr uint64_t kLongestText = UINT16_MAX;                   // AMF0, 2.4
 constexpr char kFlashVer[] = "FMLE/3.0 (compatible; rtmpcast)"; // services look for the first word
@@ -97,137 +91,6 @@ bool IsBrokenOff(const RtmpPublisher *publisher)
     return end != STEADY_GOES_ON && !isHosts && LoadShared(&publisher->StopAsked) == 0;
 }
 
-bool IsError(const RtmpPublisher *publisher)
-{
-    return strcmp(publisher->Answers.StatusLevel, "error") == 0;
-}
-
-// TakeStreamId takes the id from the answer to createStream; other results have none. -1: one that cannot be.
-int TakeStreamId(RtmpPublisher *publisher, double id)
-{
-    if (publisher->CreateStreamTransaction == 0 ||
-        publisher->Answers.ResultTransactionId != publisher->CreateStreamTransaction) {
-        return 0;
-    }
-    if (!(id >= 0 && id <= UINT32_MAX)) { // also what is no number
-        return -1;
-    }
-    publisher->Client->StreamId = static_cast<uint32_t>(id);
-    publisher->CreateStreamTransaction = 0;
-    return 0;
-}
-
-// What one message means to whoever awaits `transaction`: 1 not the answer, 0 it is, or the code to return.
-int32_t Judge(RtmpPublisher *publisher, const Heard *heard, double transaction)
-{
-    constexpr int32_t goesOn = 1;
-    const PublishCtx *answers = &publisher->Answers;
-    switch (heard->Kind) {
-    case RTMP_MSG_RESULT:
-        if (TakeStreamId(publisher, heard->StreamId) != 0) {
-            return RTMP_ERR_CONNECTION;
-        }
-        return transaction > 0 && answers->ResultTransactionId == transaction ? 0 : goesOn;
-    case RTMP_MSG_ERROR:
-        return answers->ErrorTransactionId == transaction ? RTMP_ERR_REFUSED : goesOn;
-    case RTMP_MSG_ON_STATUS:
-        if (IsError(publisher)) {
-            return RTMP_ERR_REFUSED;
-        }
-        return transaction > 0 ? goesOn : 0;
-    default:
-        return goesOn;
-    }
-}
-
-// SendStep sends a command of the start. Behind one that did not go out nothing follows, but what the service
-// has said may still be heard: it may have refused, and ended the connection before it took everything.
-int32_t SendStep(RtmpPublisher *publisher, enum RtmpPublisherCommand command, double *transaction)
-{
-    const int32_t sent = RtmpPublisherSend(publisher, command, transaction);
-    if (sent == RTMP_ERR_CONNECTION) {
-        (void)shutdown(publisher->Client->Socket, SHUT_RDWR); // nothing more is waited for
-    }
-    return sent;
-}
-
-int32_t SendAndAwait(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
-{
-    double transaction = 0;
-    const int32_t sent = SendStep(publisher, command, &transaction);
-    if (sent == RTMP_FAILED) {
-        return sent;
-    }
-    const int32_t heard = RtmpPublisherAwait(publisher, transaction);
-    return sent == 0 || heard == RTMP_ERR_REFUSED ? heard : sent;
-}
-
-// The answers that are awaited behind it tell of a connection that has ended.
-int32_t SendUnanswered(RtmpPublisher *publisher, enum RtmpPublisherCommand command)
-{
-    const int32_t sent = SendStep(publisher, command, nullptr);
-    return sent == RTMP_ERR_CONNECTION ? 0 : sent;
-}
-
-int32_t SendGenerated(RtmpPublisher *publisher, uint32_t kind, const char *who)
-{
-    return SendReply(publisher->Client, nullptr, kind, kind, &kResponseFailures, who) == 0
-               ? 0
-               : RTMP_ERR_CONNECTION;
-}
-
-struct Step {
-    enum RtmpPublisherCommand Command;
-    bool IsAwaited;
-};
-
-// Services that know neither releaseStream nor FCPublish answer them with an error, or not at all.
-constexpr Step kSteps[] = {{RTMP_PUBLISHER_CONNECT, true},
-                           {RTMP_PUBLISHER_RELEASE_STREAM, false},
-                           {RTMP_PUBLISHER_FC_PUBLISH, false},
-                           {RTMP_PUBLISHER_CREATE_STREAM, true},
-                           {RTMP_PUBLISHER_PUBLISH, true}};
-
-int32_t AskForStream(RtmpPublisher *publisher)
-{
-    for (const Step &step : kSteps) {
-        const int32_t result =
-            step.IsAwaited ? SendAndAwait(publisher, step.Command) : SendUnanswered(publisher, step.Command);
-        if (result != 0) {
-            return result;
-        }
-    }
-    return 0;
-}
-
-int32_t SendHeaders(RtmpPublisher *publisher, const RtmpSession *session)
-{
-    const uint32_t media = LoadShared(&session->MediaKind);
-    int32_t result = RtmpPublisherSendMetaData(publisher);
-    if (result == 0 && media != RTMP_MEDIA_AUDIO) {
-        result = SendGenerated(publisher, RTMP_MSG_VIDEO, kStart);
-    }
-    return result == 0 && media != RTMP_MEDIA_VIDEO ? SendGenerated(publisher, RTMP_MSG_AUDIO, kStart)
-                                                    : result;
-}
-
-int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
-{
-    RtmpClient *client = publisher->Client;
-    client->AudioChunkStreamId = client->StatusChunkStreamId + 1; // pictures go on the first of the two
-    const int joined = JoinGiven(client, session);
-    if (joined != 0) {
-        return joined == JOIN_NOT_FOUND ? RTMP_ERR_INVALID_ARGUMENT : RTMP_FAILED;
-    }
-    StartAnew(client, 0);
-    const int32_t result = SendHeaders(publisher, session);
-    if (result == 0) {
-        SetClientState(client, CLIENT_STATE_PLAY_DONE); // last: from here on every frame goes out
-        SendWhatIsHeld(client);
-    }
-    return result;
-}
-
 // A thread that is in the library is woken when its session ends; one that is back in the host may end
 // itself, and its handle be another's.
 void SetThread(RtmpClient *client, RtmpThread thread)
@@ -250,42 +113,15 @@ RtmpClient *ServedHere(RtmpPublisher *publisher)
     return publisher->Client;
 }
 
-// LimitWrites has the socket's writes wait at most so long, and returns how long they did before.
-struct timeval LimitWrites(const RtmpClient *client, struct timeval limit)
-{
-    struct timeval before = {};
-    socklen_t length = sizeof before;
-    (void)getsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &before, &length); // a socket has it
-    (void)setsockopt(client->Socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    return before;
-}
-
-struct timeval AnswerTime(const RtmpPublisher *publisher)
-{
-    const uint32_t milliseconds = publisher->Target.AnswerMilliseconds;
-    return {static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
-}
-
-// Frames wait for the service as the host's socket has it; what comes before them does not.
-int32_t Negotiate(RtmpPublisher *publisher)
-{
-    const struct timeval before = LimitWrites(publisher->Client, AnswerTime(publisher));
-    const int32_t shaken = RtmpPublisherHandshake(publisher);
-    const int32_t result = shaken == 0 ? AskForStream(publisher) : shaken;
-    (void)LimitWrites(publisher->Client, before);
-    return result;
-}
-
 int32_t Serve(RtmpPublisher *publisher)
 {
-    constexpr double noTransaction = -1;
     constexpr uint64_t withoutLimit = 0;
     int32_t result = 0;
     while (result >= 0 && !IsStopped(publisher)) {
         Heard heard;
         result = HearMessage(publisher, withoutLimit, &heard);
         if (result == 0 && heard.Kind == RTMP_MSG_ON_STATUS) {
-            result = Judge(publisher, &heard, noTransaction);
+            result = JudgeHeard(publisher, &heard, kNoTransaction);
         }
     }
     if (IsBrokenOff(publisher)) {
@@ -317,9 +153,9 @@ void SayGoodBye(RtmpPublisher *publisher)
         (void)shutdown(client->Socket, SHUT_RDWR);
         return;
     }
-    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_FC_UNPUBLISH,
-                            nullptr); // logged; the connection ends anyway
-    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_DELETE_STREAM, nullptr); // the same
+    // Failures are logged, and the connection ends anyway.
+    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_FC_UNPUBLISH, nullptr);
+    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_DELETE_STREAM, nullptr);
 }
 
 // RtmpPublisherStop wakes the publisher's thread, which may free the publisher as soon as it is back.
@@ -357,40 +193,10 @@ RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void *tls,
     return publisher;
 }
 
-int32_t RtmpPublisherHandshake(RtmpPublisher *publisher)
-{
-    RtmpClient *client = publisher->Client;
-    client->ReadsUntil = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
-    if (ConnectHandshake(client, publisher->Target.IsSigned) != 0) {
-        return CodeOfFailedRead(client);
-    }
-    SetClientState(client, CLIENT_STATE_HANDSHAKE_DONE);
-    return SendGenerated(publisher, RTMP_MSG_SET_CHUNK_SIZE, __func__); // what follows is cut by it
-}
-
-int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction)
-{
-    const uint64_t deadline = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
-    int32_t result = 1;
-    while (result > 0) {
-        Heard heard;
-        result = HearMessage(publisher, deadline, &heard);
-        if (result == 0) {
-            result = Judge(publisher, &heard, transaction);
-        }
-    }
-    return result;
-}
-
 int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 {
     FORGET_THREAD_AT_EXIT RtmpClient *client = ServedHere(publisher);
-    const int ready = IsReadySession(client->Server, session);
-    if (ready != 1) {
-        return ready == 0 ? RTMP_ERR_NO_MEDIA_INFO : RTMP_ERR_INVALID_ARGUMENT;
-    }
-    const int32_t result = Negotiate(publisher);
-    return result == 0 ? StartFrames(publisher, session) : result;
+    return StartPublishing(publisher, session);
 }
 
 int32_t RtmpPublisherServe(RtmpPublisher *publisher)
@@ -413,8 +219,8 @@ void RtmpPublisherStop(RtmpPublisher *publisher)
         SayGoodBye(publisher);
     }
     StoreShared(&client->ToldToLeave, uint8_t{1});
-    // Wakes the thread. The peer sees nothing of an end of reading; one that is not heard out yet sees an
-    // end.
+    // Wakes the thread. A service that has had its good-bye sees nothing of an end of reading; any other sees
+    // the connection end.
     (void)shutdown(client->Socket, isPublishing ? SHUT_RD : SHUT_RDWR);
 }
 

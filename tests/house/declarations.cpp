@@ -15,6 +15,8 @@
 #include "message/send_list.h"
 #include "net/log.h"
 #include "publish/command_writer.h"
+#include "publish/listen.h"
+#include "publish/start.h"
 #include "serve/dispatch.h"
 #include "state/client.h"
 #include "state/session_list.h"
