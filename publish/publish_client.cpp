@@ -13,7 +13,7 @@
 #include "rtmpcast/player.h"
 #include "state/client.h"
 #include "state/server_hold.h"
-#include "steady/records.h"
+#include "steady/line_end.h"
 
 #include <string.h>
 #include <sys/socket.h>
@@ -86,9 +86,7 @@ bool IsStopped(const RtmpPublisher *publisher)
 bool IsBrokenOff(const RtmpPublisher *publisher)
 {
     const SteadyLine *line = publisher->Client->Line;
-    const uint8_t end = line != nullptr ? LoadShared(&line->End) : uint8_t{STEADY_GOES_ON};
-    const bool isHosts = end == STEADY_END_SESSION || end == STEADY_END_SERVER;
-    return end != STEADY_GOES_ON && !isHosts && LoadShared(&publisher->StopAsked) == 0;
+    return line != nullptr && HasFailed(line) && LoadShared(&publisher->StopAsked) == 0;
 }
 
 // A thread that is in the library is woken when its session ends; one that is back in the host may end

@@ -67,6 +67,12 @@ void EndLine(SteadyLine *line, enum SteadyEnd reason)
     }
 }
 
+bool HasFailed(const SteadyLine *line)
+{
+    const uint8_t end = LoadShared(&line->End);
+    return end != STEADY_GOES_ON && end != STEADY_END_SESSION && end != STEADY_END_SERVER;
+}
+
 void EndTls(RtmpClient *client)
 {
     struct ssl_st *handle = TakeHandle(client);

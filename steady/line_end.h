@@ -20,6 +20,10 @@ void SetDeadline(SteadyLine *line, enum SteadyWait wait, uint32_t milliseconds);
 // that the line has joined or the client's WriteLock, or is the thread that serves the client.
 void EndLine(SteadyLine *line, enum SteadyEnd reason);
 
+// HasFailed tells whether the library has ended the connection for what happened on it: not because its
+// session or its server is being destroyed.
+bool HasFailed(const SteadyLine *line);
+
 // EndTls gives the client's TLS handle, if there is one, back to the host. What is due has been sent, or
 // never will be. Called by the thread that serves the client, which holds no lock.
 void EndTls(RtmpClient *client);
