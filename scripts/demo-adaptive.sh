@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
     --steady | --exact) roads=${1#--} ;;
     --relay) relay=1 ;;
     --quick) before=10 during=14 after=20 ;;
-    --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
+    --out) out=$(out_directory "$@"); shift ;;
     *) fail "unknown option '$1'; --help shows all" ;;
     esac
     shift
@@ -120,12 +120,7 @@ start_host() {
         >"$here/live_host.log" 2>&1 &
     server=$!
     processes+=("$server")
-    for _ in $(seq 100); do
-        grep -q '^serving ' "$here/live_host.log" && return
-        kill -0 "$server" 2>/dev/null || { cat "$here/live_host.log" >&2; fail "live_host ended"; }
-        sleep 0.1
-    done
-    fail "live_host did not start: see $here/live_host.log"
+    await_serving "$server" "$here/live_host.log"
 }
 
 start_relay() {

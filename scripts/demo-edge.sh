@@ -14,18 +14,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 modules=$root/build/edge
 out=$root/out/edge
-serve=0
 . "$root/scripts/stage.sh"
-
-while [ $# -gt 0 ]; do
-    case $1 in
-    -h | --help) show_help; exit 0 ;;
-    --serve) serve=1 ;;
-    --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
-    *) fail "unknown option '$1'; --help shows all" ;;
-    esac
-    shift
-done
+read_options "$@"
 
 "$root/scripts/install_deps.sh" edge
 command -v chromium >/dev/null || fail "no chromium"
@@ -50,7 +40,7 @@ edge_http_port=$(free_port)
 "$build/examples/live_host" --encode --interface lo --rtmp-port "$device_port" --log-level info \
     >"$out/live_host.log" 2>&1 &
 processes+=($!)
-wait_for 10 "live_host did not start" grep -q '^serving ' "$out/live_host.log"
+await_serving $! "$out/live_host.log"
 say "The device serves rtmp://127.0.0.1:$device_port/live/stream"
 
 # ------------------------------------------------------------------------------------------------------ the edge

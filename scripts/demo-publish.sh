@@ -14,19 +14,9 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=$root/out/publish
-serve=0
 away=5 # seconds that nginx is gone
 . "$root/scripts/stage.sh"
-
-while [ $# -gt 0 ]; do
-    case $1 in
-    -h | --help) show_help; exit 0 ;;
-    --serve) serve=1 ;;
-    --out) [ $# -ge 2 ] || fail "--out needs a directory"; out=$(mkdir -p "$2" && cd "$2" && pwd); shift ;;
-    *) fail "unknown option '$1'; --help shows all" ;;
-    esac
-    shift
-done
+read_options "$@"
 
 "$root/scripts/install_deps.sh" publish
 rtmp_module=$(rtmp_module)

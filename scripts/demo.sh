@@ -9,40 +9,19 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=$root/build/demo
 out=$root/out
 seconds=6
-
-say() { printf '== %s\n' "$*"; }
-fail() { printf 'demo.sh: %s\n' "$*" >&2; exit 1; }
+. "$root/scripts/stage.sh"
 
 serve=0
 case ${1:-} in
--h | --help) sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
+-h | --help) show_help; exit 0 ;;
 --serve) serve=1; shift ;;
 esac
 
 "$root/scripts/install_deps.sh" demo
-
-mkdir -p "$root/build"
-say "Building (first time: about a minute)"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DRTMPCAST_BUILD_TESTS=OFF \
-    -DRTMPCAST_BUILD_BENCH=OFF >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
-cmake --build "$build" --target live_host
+build_host live_host
 live_host=$build/examples/live_host
-
-free_port() {
-    local port
-    for _ in $(seq 50); do
-        port=$((20000 + RANDOM % 12000))
-        # Nobody answers: free.
-        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-            echo "$port"
-            return
-        fi
-    done
-    return 1
-}
 
 port=$(free_port) || fail "no free port found"
 url=rtmp://127.0.0.1:$port/live/stream
@@ -78,17 +57,12 @@ fi
 # ------------------------------------------------------------------------------------------------ streaming
 mkdir -p "$out"
 rm -f "$out"/recording.flv "$out"/frame.png "$out"/*.log
+set_stage
 
 "$live_host" --interface lo --rtmp-port "$port" --duration 120 --log-level info "$@" >"$out/live_host.log" 2>&1 &
 server=$!
-trap 'kill "$server" 2>/dev/null || true' EXIT
-
-for _ in $(seq 100); do
-    grep -q '^serving ' "$out/live_host.log" && break
-    kill -0 "$server" 2>/dev/null || { cat "$out/live_host.log" >&2; fail "live_host ended"; }
-    sleep 0.1
-done
-grep -q '^serving ' "$out/live_host.log" || fail "live_host did not start within 10 seconds: see $out/live_host.log"
+processes+=("$server")
+await_serving "$server" "$out/live_host.log"
 say "live_host serves $url"
 
 say "rtmpdump plays and records $seconds seconds"
@@ -101,13 +75,13 @@ timeout --signal=INT "$seconds" rtmpdump --live -r "$url" -o "$out/recording.flv
 say "Stopping live_host"
 kill -TERM "$server"
 wait "$server" || fail "live_host did not stop cleanly: see $out/live_host.log"
-trap - EXIT
+processes=()
 
 # ------------------------------------------------------------------------------------------------- checking
 say "ffprobe reads the recording"
 probe() { ffprobe -v error "$@" "$out/recording.flv"; }
 probe -show_entries stream=codec_name,width,height,sample_rate,channels -of compact
-frames=$(probe -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0)
+frames=$(pictures "$out/recording.flv")
 key_frames=$(probe -select_streams v:0 -show_entries packet=flags -of csv=p=0 | grep -c K || true)
 sounds=$(probe -count_packets -select_streams a:0 -show_entries stream=nb_read_packets -of csv=p=0)
 say "$frames pictures ($key_frames of them key frames), ${sounds:-0} sound frames"
@@ -117,12 +91,7 @@ probe -select_streams v:0 -show_entries packet=flags -of csv=p=0 | awk 'NR == 1 
     fail "the first picture is no key frame"
 
 say "ffmpeg decodes it"
-ffmpeg -nostdin -v error -xerror -i "$out/recording.flv" -f null - 2>"$out/decode.log" ||
-    { cat "$out/decode.log" >&2; fail "decoding failed"; }
-if [ -s "$out/decode.log" ]; then
-    cat "$out/decode.log" >&2
-    fail "decoding reported errors"
-fi
+must_decode "$out/recording.flv" "$out/decode.log"
 ffmpeg -nostdin -v error -y -ss 3 -i "$out/recording.flv" -frames:v 1 "$out/frame.png"
 [ -s "$out/frame.png" ] || fail "no picture came out"
 

@@ -1,11 +1,31 @@
 # Sourced by the demos: what they say, what they start and end, and where there is room for it. Bash.
-# A demo that sources it has $root, the repository, and fails on errors and unset variables.
+# A demo that sources it has $root, the repository, and $out, and fails on errors and unset variables.
 
 say() { printf '== %s\n' "$*"; }
 fail() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
 # The lines of comment at the beginning of a script are its help.
 show_help() { sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"; }
+
+# read_options OPTION...: those of a demo that can keep running, into $serve and $out.
+read_options() {
+    serve=0
+    while [ $# -gt 0 ]; do
+        case $1 in
+        -h | --help) show_help; exit 0 ;;
+        --serve) serve=1 ;;
+        --out) out=$(out_directory "$@"); shift ;;
+        *) fail "unknown option '$1'; --help shows all" ;;
+        esac
+        shift
+    done
+}
+
+# out_directory --out DIR: its absolute path. It is there afterwards.
+out_directory() {
+    [ $# -ge 2 ] || fail "--out needs a directory"
+    mkdir -p "$2" && cd "$2" && pwd
+}
 
 # build_host TARGET: a host of examples/, built for speed, into $build.
 build_host() {
@@ -68,6 +88,16 @@ wait_for() {
         sleep 0.1
     done
     fail "$what: not within $seconds seconds; see $out"
+}
+
+# await_serving PROCESS LOG: until that live_host serves.
+await_serving() {
+    for _ in $(seq 100); do
+        grep -q '^serving ' "$2" && return
+        kill -0 "$1" 2>/dev/null || { cat "$2" >&2; fail "live_host ended"; }
+        sleep 0.1
+    done
+    fail "live_host did not start within 10 seconds: see $2"
 }
 
 # rtmp_module: where nginx has its RTMP module.
