@@ -52,11 +52,11 @@ std::vector<uint8_t> seiUnit(std::span<const uint8_t> message)
     raw.insert(raw.end(), message.begin(), message.end());
     raw.push_back(kTrailingBits);
     const std::vector<uint8_t> nal = withEmulationPrevention(raw);
-    std::vector<uint8_t> unit;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        unit.push_back(static_cast<uint8_t>(nal.size() >> shift));
+    std::vector<uint8_t> unit(kLengthSize + nal.size());
+    for (size_t i = 0; i < kLengthSize; i++) {
+        unit[i] = static_cast<uint8_t>(nal.size() >> 8 * (kLengthSize - 1 - i));
     }
-    unit.insert(unit.end(), nal.begin(), nal.end());
+    std::copy(nal.begin(), nal.end(), unit.begin() + kLengthSize);
     return unit;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -18,16 +19,16 @@ bool isNumber(const std::string &line)
     return !line.empty() && line.find_first_not_of("0123456789 \t") == std::string::npos;
 }
 
-// A byte order mark in front and a carriage return behind are no text.
-std::string clean(std::string line)
+// A byte order mark in front and a line's end behind are no text.
+void clean(std::string &line)
 {
-    if (line.starts_with("\xEF\xBB\xBF")) {
-        line.erase(0, 3);
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    if (line.starts_with(mark)) {
+        line.erase(0, mark.size());
     }
     while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) {
         line.pop_back();
     }
-    return line;
 }
 
 // "00:00:01,500 --> 00:00:04,000", also with points, and whatever follows.
@@ -72,7 +73,7 @@ int64_t readingTime(const std::string &text)
 
 std::optional<Cue> CueReader::line(std::string line, int64_t now)
 {
-    line = clean(std::move(line));
+    clean(line);
     switch (form_) {
     case Form::SubRip:
         return subRip(line);
