@@ -1,4 +1,5 @@
-// What the library asks of its host and live_host answers itself; the rest comes from the defaults.
+// What the library asks of its host and the reference hosts answer themselves; the rest comes from the
+// defaults.
 #pragma once
 
 #include "bitrate_wishes.h"

@@ -5,20 +5,17 @@
 #include "common/console.h"
 #include "common/host.h"
 #include "common/host_functions.h"
+#include "common/host_main.h"
 #include "common/session_watch.h"
 #include "common/source.h"
 #include "common/supervisor.h"
 #include "common/tls_context.h"
 
-#include <cstdio>
-#include <exception>
 #include <memory>
 #include <string>
 #include <utility>
 
 namespace {
-
-enum ExitCode { kOk = 0, kFailed = 1, kBadUsage = 2 };
 
 std::unique_ptr<TlsContext> makeTls(const Options &options)
 {
@@ -45,10 +42,7 @@ void announce(const Options &options, const std::string &scheme, uint32_t port, 
 
 void introduce(const Options &options, const MediaDescription &media, Console &console)
 {
-    console.say(media.summary);
-    for (const std::string &warning : media.warnings) {
-        console.warn(warning);
-    }
+    describe(media, console);
     if (options.rtmpPort == 0 && options.rtmpsPort == 0) {
         console.warn("--rtmp-port 0: there is no RTMP listener, and nobody can watch");
     }
@@ -70,7 +64,7 @@ void followWishes(FrameSource &source, Counters &counters)
     }
 }
 
-void serve(const Options &options, Console &console)
+ExitCode serve(const Options &options, Console &console)
 {
     StopFlag stop;
     Counters counters;
@@ -91,44 +85,16 @@ void serve(const Options &options, Console &console)
         host.send(frame, timestamp);
         followWishes(*source, counters);
     };
-    try {
-        sendFrames(*source, deliver, console, stop);
-    } catch (const SourceError &) {
-        supervisor.sendingIsOver();
-        if (!stop.raised()) {
-            throw; // else a read was interrupted, as it should be
-        }
-    }
-    supervisor.sendingIsOver();
-    console.endStatus();
+    sendUntilStopped(*source, deliver, console, stop, supervisor);
     console.say("stopping: " + std::to_string(counters.sent) + " frames sent, " +
                 std::to_string(counters.dropped) + " dropped, " + std::to_string(counters.unwatched) +
                 " while nobody watched");
+    return kOk;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    prepareSignals();
-    Options options;
-    try {
-        options = parseOptions(argc, argv);
-    } catch (const OptionError &error) {
-        fprintf(stderr, "live_host: %s\nlive_host --help shows all options.\n", error.what());
-        return kBadUsage;
-    }
-    if (options.help) {
-        fputs(helpText().c_str(), stdout);
-        return kOk;
-    }
-    Console console("live_host", logLevelOf(options));
-    hostFunctions.console = &console;
-    try {
-        serve(options, console);
-    } catch (const std::exception &error) {
-        console.fail(error.what());
-        return kFailed;
-    }
-    return kOk;
+    return hostMain({"live_host", parseOptions, helpText, serve}, argc, argv);
 }

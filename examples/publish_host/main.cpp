@@ -6,13 +6,13 @@
 #include "common/console.h"
 #include "common/host.h"
 #include "common/host_functions.h"
+#include "common/host_main.h"
 #include "common/session_watch.h"
 #include "common/source.h"
 #include "common/supervisor.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <string>
 #include <thread>
@@ -20,8 +20,6 @@
 #include <vector>
 
 namespace {
-
-enum ExitCode { kOk = 0, kFailed = 1, kBadUsage = 2, kRefused = 3 };
 
 using Services = std::vector<std::unique_ptr<Service>>;
 
@@ -158,17 +156,14 @@ void stopAll(const Services &services)
     }
 }
 
-int publish(const Options &options, Console &console)
+ExitCode publish(const Options &options, Console &console)
 {
     StopFlag stop;
     Counters counters;
     hostFunctions.counters = &counters;
     const ServiceTrust trust(options.publish.caFile, options.publish.insecure);
     const std::unique_ptr<FrameSource> source = openSource(options, DEFAULT_CLIP);
-    console.say(source->description().summary);
-    for (const std::string &warning : source->description().warnings) {
-        console.warn(warning);
-    }
+    describe(source->description(), console);
     const std::unique_ptr<CaptionSource> captions = openCaptions(options);
     SessionWatch watch;
     const std::unique_ptr<Host> host =
@@ -201,16 +196,7 @@ int publish(const Options &options, Console &console)
             stop.raise();
         }
     };
-    try {
-        sendFrames(*source, deliver, console, stop);
-    } catch (const SourceError &) {
-        supervisor.sendingIsOver();
-        if (!stop.raised()) {
-            throw; // else a read was interrupted, as it should be
-        }
-    }
-    supervisor.sendingIsOver();
-    console.endStatus();
+    sendUntilStopped(*source, deliver, console, stop, supervisor);
     console.say("stopping");
     stopAll(services);
     return std::ranges::any_of(services, hasGivenUp) ? kRefused : kOk;
@@ -220,24 +206,5 @@ int publish(const Options &options, Console &console)
 
 int main(int argc, char **argv)
 {
-    prepareSignals();
-    Options options;
-    try {
-        options = parsePublishOptions(argc, argv);
-    } catch (const OptionError &error) {
-        fprintf(stderr, "publish_host: %s\npublish_host --help shows all options.\n", error.what());
-        return kBadUsage;
-    }
-    if (options.help) {
-        fputs(publishHelpText().c_str(), stdout);
-        return kOk;
-    }
-    Console console("publish_host", logLevelOf(options));
-    hostFunctions.console = &console;
-    try {
-        return publish(options, console);
-    } catch (const std::exception &error) {
-        console.fail(error.what());
-        return kFailed;
-    }
+    return hostMain({"publish_host", parsePublishOptions, publishHelpText, publish}, argc, argv);
 }
