@@ -140,6 +140,19 @@ static int publish(RtmpPublisher *publisher)
     return result;
 }
 
+/* A socket that is closed while the service still sends resets the connection, and the service loses what it
+ * has not read yet. So: nothing more comes from here; what it still says is read away, two seconds for each
+ * piece; then the end. Over TLS, SSL_shutdown comes first. */
+static void endConnection(int fd)
+{
+    const struct timeval patience = {.tv_sec = 2};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    shutdown(fd, SHUT_WR);
+    for (int pieces = 0; pieces < 100 && read(fd, file, sizeof file) > 0; ++pieces) {
+    }
+    close(fd);
+}
+
 int main(int argc, char **argv)
 {
     FILE *input = argc == 6 ? fopen(argv[1], "rb") : NULL;
@@ -169,6 +182,6 @@ int main(int argc, char **argv)
         describe() == RTMP_OK ? RtmpPublisherCreate(server, fd, NULL, &target, NULL) : NULL;
     const int result = publisher != NULL ? publish(publisher) : RTMP_FAILED;
     RtmpPublisherDestroy(publisher); /* in front of its session */
-    close(fd);
+    endConnection(fd);
     return RtmpServerDestroy(server) == RTMP_OK && result == RTMP_OK ? 0 : 1;
 }

@@ -5,14 +5,24 @@
 #include <errno.h>
 #include <poll.h>
 
+namespace {
+
+constexpr uint64_t kLookMs = 50; // who is told to leave, leaves so soon
+
+} // namespace
+
 int AwaitInput(int fd, uint64_t until)
 {
     const uint64_t now = RtmpGetSystemTime();
-    struct pollfd entry = {fd, POLLIN, 0};
-    const uint64_t left = now < until ? until - now : 0;
-    const int ready = left > 0 ? poll(&entry, 1, static_cast<int>(left < INT32_MAX ? left : INT32_MAX)) : 0;
-    if (ready == 0) {
+    if (now >= until) {
         errno = EAGAIN;
+        return -1;
+    }
+    const uint64_t left = until - now;
+    struct pollfd entry = {fd, POLLIN, 0};
+    const int ready = poll(&entry, 1, static_cast<int>(left < kLookMs ? left : kLookMs));
+    if (ready == 0) {
+        errno = EINTR;
     }
     return ready > 0 ? 0 : -1;
 }

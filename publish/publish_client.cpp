@@ -6,7 +6,7 @@
 #include "net/platform.h"
 #include "net/record.h"
 #include "net/scope.h"
-#include "publish/command_writer.h"
+#include "publish/good_bye.h"
 #include "publish/listen.h"
 #include "publish/publisher.h"
 #include "publish/start.h"
@@ -113,7 +113,7 @@ RtmpClient *ServedHere(RtmpPublisher *publisher)
 
 int32_t Serve(RtmpPublisher *publisher)
 {
-    constexpr uint64_t withoutLimit = 0;
+    constexpr uint64_t withoutLimit = UINT64_MAX; // and yet with looks at a stop
     int32_t result = 0;
     while (result >= 0 && !IsStopped(publisher)) {
         Heard heard;
@@ -126,41 +126,6 @@ int32_t Serve(RtmpPublisher *publisher)
         return result < 0 ? result : RTMP_ERR_CONNECTION;
     }
     return IsStopped(publisher) ? 0 : result;
-}
-
-// On the default road a frame may wait for the service for ever. 0: nobody writes now.
-int AwaitWriter(RtmpPublisher *publisher)
-{
-    RtmpClient *client = publisher->Client;
-    const uint64_t deadline = RtmpGetSystemTime() + publisher->Target.AnswerMilliseconds;
-    while (RtmpMutexLockSlice(&client->WriteLock) != 0) {
-        if (RtmpGetSystemTime() >= deadline) {
-            return -1;
-        }
-    }
-    return RtmpMutexUnlock(&client->WriteLock);
-}
-
-// A service that takes nothing hears no good-bye, and the frame that waits for it ends.
-void SayGoodBye(RtmpPublisher *publisher)
-{
-    RtmpClient *client = publisher->Client;
-    SetClientState(client, CLIENT_STATE_DELETESTREAM); // no frame goes out behind the good-bye
-    (void)LimitWrites(client, AnswerTime(publisher));
-    if (AwaitWriter(publisher) != 0) {
-        (void)shutdown(client->Socket, SHUT_RDWR);
-        return;
-    }
-    // Failures are logged, and the connection ends anyway.
-    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_FC_UNPUBLISH, nullptr);
-    (void)RtmpPublisherSend(publisher, RTMP_PUBLISHER_DELETE_STREAM, nullptr);
-}
-
-// RtmpPublisherStop wakes the publisher's thread, which may free the publisher as soon as it is back.
-void AwaitStop(RtmpPublisher *publisher)
-{
-    (void)RtmpMutexLock(&publisher->StopLock); // made with the record: cannot fail
-    (void)RtmpMutexUnlock(&publisher->StopLock);
 }
 
 } // namespace
@@ -200,7 +165,9 @@ int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *session)
 int32_t RtmpPublisherServe(RtmpPublisher *publisher)
 {
     FORGET_THREAD_AT_EXIT RtmpClient *client = ServedHere(publisher);
-    return Serve(publisher);
+    const int32_t result = Serve(publisher);
+    EndGoodBye(publisher);
+    return result;
 }
 
 void RtmpPublisherStop(RtmpPublisher *publisher)
@@ -214,12 +181,15 @@ void RtmpPublisherStop(RtmpPublisher *publisher)
     StoreShared(&publisher->StopAsked, uint8_t{1});
     const bool isPublishing = ClientStateOf(client) == CLIENT_STATE_PLAY_DONE;
     if (isPublishing) {
-        SayGoodBye(publisher);
+        BeginGoodBye(publisher);
     }
-    StoreShared(&client->ToldToLeave, uint8_t{1});
-    // Wakes the thread. A service that has had its good-bye sees nothing of an end of reading; any other sees
-    // the connection end.
-    (void)shutdown(client->Socket, isPublishing ? SHUT_RD : SHUT_RDWR);
+    StoreShared(&client->ToldToLeave, uint8_t{1}); // the thread looks at it between two waits
+    // A service that is not heard out yet sees the connection end. One that has had its good-bye may still
+    // send something: where the reading side has ended that would reset the connection, and the service might
+    // lose what it has not read yet.
+    if (!isPublishing) {
+        (void)shutdown(client->Socket, SHUT_RDWR);
+    }
 }
 
 void RtmpPublisherDestroy(RtmpPublisher *publisher)
@@ -228,7 +198,7 @@ void RtmpPublisherDestroy(RtmpPublisher *publisher)
         return;
     }
     RtmpServer *server = publisher->Client->Server;
-    AwaitStop(publisher);
+    AwaitStop(publisher); // it has woken the publisher's thread, which may be here already
     if (DestroyRtmpClient(publisher->Client) != 0) {
         FreeClientRecord(publisher->Client);
     }

@@ -13,5 +13,6 @@ struct RtmpPublisher {
     double CreateStreamTransaction; // whose answer carries the stream's id; 0: none is awaited
     RtmpMutex StopLock;             // RtmpPublisherStop is under way; above every other lock
     uint8_t StopAsked;              // shared
+    uint8_t OwesGoodBye;            // shared: it is due behind the frames that wait
 };
 }

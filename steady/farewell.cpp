@@ -26,8 +26,9 @@ bool FlushesAll(SteadyLine *line, uint64_t now)
 bool WaitFor(const SteadyLine *line, short events, uint64_t end)
 {
     const uint64_t now = RtmpGetSystemTime();
+    const uint64_t left = now < end ? end - now : 0;
     struct pollfd entry = {SocketInUse(line->Client), events, 0};
-    return now < end && poll(&entry, 1, static_cast<int>(end - now)) > 0 &&
+    return left > 0 && poll(&entry, 1, static_cast<int>(left < INT32_MAX ? left : INT32_MAX)) > 0 &&
            (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
 }
 
@@ -41,6 +42,20 @@ bool HasAnswersOutBy(SteadyLine *line, uint64_t end)
     return true;
 }
 
+uint64_t EndOfRing(SteadyStream *stream)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->RingLock);
+    return stream->Next;
+}
+
+// A client that waits for a key frame has nothing in front of it.
+bool HasSentUpTo(SteadyLine *line, uint64_t number)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
+    FlushLine(line, RtmpGetSystemTime());
+    return line->Place.Next >= number;
+}
+
 void ReadUntilEnd(const SteadyLine *line, uint64_t end)
 {
     uint8_t ignored[512];
@@ -50,6 +65,28 @@ void ReadUntilEnd(const SteadyLine *line, uint64_t end)
 }
 
 } // namespace
+
+bool HasFramesWaiting(const SteadyLine *line)
+{
+    if (line->Stream == nullptr) {
+        return false;
+    }
+    const uint64_t end = EndOfRing(line->Stream);
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);
+    return line->Place.Next < end;
+}
+
+void SeeFramesOut(SteadyLine *line, uint64_t until)
+{
+    const uint64_t end = EndOfRing(line->Stream);
+    while (!HasSentUpTo(line, end) && WaitFor(line, POLLOUT, until)) {
+    }
+}
+
+void SeeRepliesOut(SteadyLine *line, uint64_t until)
+{
+    (void)HasAnswersOutBy(line, until); // nobody is told of what is lost: the connection is over
+}
 
 void SeeAnswersOut(SteadyLine *line)
 {

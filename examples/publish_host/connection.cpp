@@ -23,6 +23,7 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr milliseconds kPatience(10'000); // for each address, and for TLS's handshake
+constexpr milliseconds kFarewell(3'000);  // a service may take to read what it has been sent
 constexpr milliseconds kSlice(100);       // between two looks at the stop
 
 struct AddressFreer {
@@ -246,16 +247,28 @@ void Connection::close()
     }
 }
 
-// Bytes that nobody has read would have the kernel reset the connection, and what the service has not taken
-// yet would be lost with it: they are read away.
+// TLS has a good-bye of its own (RFC 8446, 6.1), in front of the end of writing.
+void Connection::endTls(steady_clock::time_point limit)
+{
+    const StopFlag never;
+    int result = SSL_shutdown(tls_); // the service's answer is not waited for
+    while (result < 0 && SSL_get_error(tls_, result) == SSL_ERROR_WANT_WRITE &&
+           waitFor(socket_, POLLOUT, limit, never)) {
+        result = SSL_shutdown(tls_);
+    }
+    ERR_clear_error();
+}
+
+// A socket that is closed with bytes that nobody has read, or that gets some afterwards, resets the
+// connection, and the service loses what it has not read yet: they are read away until it has ended the
+// connection.
 Connection::~Connection()
 {
-    const steady_clock::time_point limit = steady_clock::now() + milliseconds(1000);
+    const steady_clock::time_point limit = steady_clock::now() + kFarewell;
     const StopFlag never;
     setBlocking(false);
     if (tls_ != nullptr) {
-        (void)SSL_shutdown(tls_); // the answer is not waited for
-        ERR_clear_error();
+        endTls(limit);
     }
     (void)shutdown(socket_, SHUT_WR);
     char away[4096];

@@ -5,6 +5,7 @@
 
 #include "common/pacer.h"
 
+#include <chrono>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -48,7 +49,7 @@ class Connection {
     // are a part. Throws ConnectError.
     Connection(const ServiceUrl &url, const ServiceTrust &trust, const StopFlag &stop);
 
-    // Says farewell, waits a moment for the service to have taken everything, and closes.
+    // Says that nothing more comes, gives the service a moment to read what it has been sent, and closes.
     ~Connection();
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
@@ -70,6 +71,7 @@ class Connection {
     void connectTo(const ServiceUrl &url, const StopFlag &stop);
     bool tryAddress(const void *address, unsigned length, const StopFlag &stop);
     void beginTls(const ServiceUrl &url, const ServiceTrust &trust, const StopFlag &stop);
+    void endTls(std::chrono::steady_clock::time_point limit);
     void setOptions() const;
     void setBlocking(bool isBlocking) const;
     void close();

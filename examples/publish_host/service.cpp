@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::chrono::seconds kSteadyStream(10); // after so long the pauses begin at a second again
 constexpr milliseconds kStall(1900);              // two looks, a second apart
-constexpr uint32_t kAnswerMilliseconds = 8000;    // less than a clean stop may take
+constexpr uint32_t kAnswerMilliseconds = 6000;    // with the connection's end less than a clean stop may take
 constexpr int kLoginSteps = 2;
 
 std::string nonce()

@@ -6,6 +6,11 @@
  *     if (result == RTMP_OK)
  *         result = RtmpPublisherServe(publisher);               until the service goes, or RtmpPublisherStop
  *     RtmpPublisherDestroy(publisher);                          leaves the session; socket and SSL stay yours
+ *     shutdown(socket, SHUT_WR);                                over TLS: SSL_shutdown first
+ *     read until 0, or for a second or two; close(socket);
+ *
+ * The last two lines are for a service that reads late: a socket that is closed with bytes in it that nobody
+ * has read, or that gets some afterwards, resets the connection, and what the service has not read is lost.
  *
  * One thread makes these calls, one for each publisher; the session's frames go out beside it
  * (RtmpSendData). What the service said is in RtmpPublisherAnswers. Whoever needs another order, or a command
@@ -79,7 +84,9 @@ RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *sessi
  *         has ended the stream with a status of level "error"; RTMP_ERR_CONNECTION
  *
  * The publisher's thread. Blocks until then. RtmpSessionDestroy and RtmpServerDestroy, called on another
- * thread, end it, and wait until this one has called RtmpPublisherDestroy.
+ * thread, end it, and wait until this one has called RtmpPublisherDestroy. It comes back
+ * within 50 ms of RtmpPublisherStop; on the steady road once all that waits for the service has left, and
+ * after AnswerMilliseconds at most. The connection is open both ways then.
  */
 RTMP_API int32_t RtmpPublisherServe(RtmpPublisher *publisher);
 
@@ -89,7 +96,8 @@ RTMP_API int32_t RtmpPublisherServe(RtmpPublisher *publisher);
  *
  * Any thread, until RtmpPublisherDestroy is called, which waits for it; also twice. Takes the client's write
  * lock. On the default road a service that takes nothing is waited for, AnswerMilliseconds for the frame
- * under way and for each of the two commands; then the connection is shut down. On the steady road nobody is.
+ * under way and for each of the two commands; then the connection is shut down. On the steady road nobody is,
+ * here: where frames wait for the service, RtmpPublisherServe sees them out and says good-bye behind them.
  */
 RTMP_API void RtmpPublisherStop(RtmpPublisher *publisher);
 
