@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <random>
 #include <thread>
+#include <unistd.h>
 
 using namespace steady;
 using namespace wire;
@@ -18,6 +19,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kRudePlayers = 20;
+constexpr uint64_t kQuietFrames = 100; // at least
 constexpr const char *kNames[] = {"one", "two"};
 
 int Seconds()
@@ -148,21 +150,27 @@ void KeepMisbehaving(uint16_t port, uint32_t seed, const std::atomic<bool> &stop
     }
 }
 
-// Frames whose lengths count; the player reads them all, up to the one that has no number.
-void WatchQuietly(const Server &server, RtmpSession *session, const std::atomic<bool> &stop)
+// Frames whose lengths count; the player reads them all, up to the one that has no number. The encoder stays
+// so near to it that the ring of 8 s, which is 200 of these frames, cannot run out however the machine
+// divides its time: who falls out of the ring goes on at a key frame.
+void WatchQuietly(const Server &server, RtmpSession *session, const std::atomic<bool> &stop,
+                  std::atomic<uint64_t> &seen)
 {
     constexpr size_t kLast = 50;
+    constexpr uint64_t kFramesAhead = 100;
     ScriptedPlayer player(server);
     player.playing("quiet");
     std::thread encoder([&] {
         uint64_t number = 0;
         for (; !stop; number++, Pace()) {
+            while (number - seen > kFramesAhead) {
+                Pace();
+            }
             const uint8_t nal = number % 10 == 0 ? kKey : kInter;
             EXPECT_EQ(SendVideo(session, VideoFrame(100 + number % 1000, nal), 1000 + 40 * number), 0);
         }
         EXPECT_EQ(SendVideo(session, VideoFrame(kLast, kKey), 1000 + 40 * number), 0);
     });
-    uint64_t seen = 0;
     size_t length = 0;
     for (; length != kLast + 5; seen++) {
         const Message message = player.frame();
@@ -171,7 +179,16 @@ void WatchQuietly(const Server &server, RtmpSession *session, const std::atomic<
         EXPECT_TRUE(length == 105 + seen % 1000 || length == kLast + 5) << seen;
     }
     encoder.join();
-    EXPECT_GT(seen, 100u);
+}
+
+// A sanitizer's own thread comes with the first. That one is gone only some time after it has been joined,
+// above all under an emulator, and would be counted as one of those that run before the storm.
+void RunFirstThread()
+{
+    pid_t id = 0;
+    std::thread([&id] { id = gettid(); }).join();
+    const std::string entry = "/proc/self/task/" + std::to_string(id);
+    ASSERT_TRUE(WaitUntil([&] { return access(entry.c_str(), F_OK) != 0; }));
 }
 
 } // namespace
@@ -179,7 +196,7 @@ void WatchQuietly(const Server &server, RtmpSession *session, const std::atomic<
 TEST(Storm, EverybodyIsServedAndNothingIsLeftOver)
 {
     RtmpLogger nothing = {DropLine, nullptr};
-    std::thread([] {}).join(); // a sanitizer's own thread comes with the first
+    RunFirstThread();
     const size_t descriptors = OpenDescriptors();
     const size_t threads = RunningThreads();
     std::atomic<int> visits = 0;
@@ -194,10 +211,13 @@ TEST(Storm, EverybodyIsServedAndNothingIsLeftOver)
         for (uint32_t seed = 0; seed < kRudePlayers; seed++) {
             players.emplace_back([&, seed] { KeepMisbehaving(server.port, 100 + seed, stop, visits); });
         }
-        std::thread watcher([&] { WatchQuietly(server, quiet, stopQuiet); });
+        std::atomic<uint64_t> seen = 0;
+        std::thread watcher([&] { WatchQuietly(server, quiet, stopQuiet, seen); });
         const auto end = Clock::now() + std::chrono::seconds(Seconds());
-        EXPECT_TRUE(
-            WaitUntil([&] { return Clock::now() > end && visits > kRudePlayers; }, (Seconds() + 60) * 1000));
+        const auto isOver = [&] {
+            return Clock::now() > end && visits > kRudePlayers && seen > kQuietFrames;
+        };
+        EXPECT_TRUE(WaitUntil(isOver, (Seconds() + 60) * 1000)) << visits << " visits, " << seen << " frames";
         stop = true;
         for (std::thread &each : hosts) {
             each.join();

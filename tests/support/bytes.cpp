@@ -161,8 +161,9 @@ Bytes BigEndian(uint64_t value, size_t width)
 Bytes Counting(size_t count, uint8_t first)
 {
     Bytes out(count);
+    uint8_t *const bytes = out.data();
     for (size_t i = 0; i < count; i++) {
-        out[i] = static_cast<uint8_t>(first + i);
+        bytes[i] = static_cast<uint8_t>(first + i);
     }
     return out;
 }

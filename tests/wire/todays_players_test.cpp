@@ -207,6 +207,7 @@ TEST(WirePlayerSettings, ActOnConnectionsThatAreAcceptedAfterwards)
     ExpectConnectFailed(before);
     after.command(PlayCommand("cam"));
     EXPECT_EQ(after.read(7)[6].type, 8);
+    EXPECT_TRUE(after.settle().empty()); // plays only when the last of the seven has been written
     ExpectFrame(host.cam, after);
 }
 
