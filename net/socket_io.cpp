@@ -66,7 +66,7 @@ int64_t WriteOnce(const TlsLine *line, const uint8_t *buf, uint32_t length)
 
 TlsLine LineOf(RtmpClient *client)
 {
-    return {TlsInUse(client), SocketInUse(client), &client->TlsLock};
+    return {TlsInUse(client), SocketInUse(client), &client->TlsLock, &client->TlsWriteWaits};
 }
 
 void LogFailedRead(RtmpLogger *logger, int error, int result)

@@ -12,8 +12,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+// A host that links no libssl, or one before 1.1.1, has no such function.
+extern "C" __attribute__((weak)) int SSL_get_key_update_type(const struct ssl_st *ssl);
+
 namespace {
 
+constexpr int kNoKeyUpdate = -1; // SSL_KEY_UPDATE_NONE
+constexpr int kNoDescriptor = -1;
 constexpr int kNoLimit = -1;
 constexpr int kMomentMs = 1;
 constexpr int kSliceMs = 50;
@@ -88,13 +93,34 @@ bool WouldBlock(const TlsTurn *turn, int64_t result)
     return turn->Blocks && result < 0 && errno == EAGAIN;
 }
 
-int64_t ReadInTurn(const TlsLine *line, uint8_t *buf, uint32_t length, bool *wouldBlock)
+bool IsOver(int fd)
+{
+    struct pollfd entry = {fd, POLLRDHUP, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
+// A renewal of keys that the peer has asked for is answered by the next write. Where that write waits for
+// room, OpenSSL (3.0) would answer from inside of the next read that finds another one, in the middle of a
+// record, and end the connection. Until the record is out such a handle is not read.
+bool MustNotRead(const TlsLine *line)
+{
+    return line->WriteWaits != nullptr && *line->WriteWaits != 0 && SSL_get_key_update_type != nullptr &&
+           SSL_get_key_update_type(HandleOf(line)) != kNoKeyUpdate && !IsOver(line->Fd);
+}
+
+enum class Asked { Done, WouldBlock, IsHeld };
+
+int64_t ReadInTurn(const TlsLine *line, uint8_t *buf, uint32_t length, Asked *how)
 {
     END_TURN_AT_EXIT TlsTurn turn = TakeTurn(line);
+    if (MustNotRead(line)) {
+        *how = Asked::IsHeld;
+        return -1;
+    }
     ERR_clear_error();
     errno = 0;
     const int result = SSL_read(HandleOf(line), buf, CallLength(length));
-    *wouldBlock = WouldBlock(&turn, result);
+    *how = WouldBlock(&turn, result) ? Asked::WouldBlock : Asked::Done;
     return result;
 }
 
@@ -104,6 +130,9 @@ int64_t WriteInTurn(const TlsLine *line, const uint8_t *buf, uint32_t length, bo
     errno = 0;
     const int result = SSL_write(HandleOf(line), buf, CallLength(length));
     *wouldBlock = WouldBlock(&turn, result);
+    if (line->WriteWaits != nullptr) {
+        *line->WriteWaits = *wouldBlock ? 1 : 0;
+    }
     return result;
 }
 
@@ -186,6 +215,25 @@ int WaitForInput(int fd)
     return errno == EAGAIN || errno == EIO ? 0 : -1;
 }
 
+// A held handle may have the bytes itself: what is in the socket says nothing.
+int WaitAMoment(const TlsLine *line)
+{
+    if (line->Until != 0 && RtmpGetSystemTime() >= line->Until) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return PollFor(kNoDescriptor, 0, kMomentMs);
+}
+
+// -1: interrupted, or the time has come.
+int WaitToRead(const TlsLine *line, Asked how)
+{
+    if (how == Asked::IsHeld) {
+        return WaitAMoment(line);
+    }
+    return line->Until != 0 ? AwaitInput(line->Fd, line->Until) : WaitForInput(line->Fd);
+}
+
 // In slices, because signals are kept waiting.
 int WaitForRoom(int fd)
 {
@@ -204,6 +252,18 @@ int WaitForRoom(int fd)
     return ready > 0 ? 0 : -1;
 }
 
+// What is half out stays so, and nobody waits for it.
+void GiveUpWrite(const TlsLine *line)
+{
+    const int error = errno;
+    if (line->WriteWaits != nullptr) {
+        (void)HoldLeaf(line->Lock);
+        *line->WriteWaits = 0;
+        (void)RtmpMutexUnlock(line->Lock);
+    }
+    errno = error;
+}
+
 } // namespace
 
 int64_t TlsRead(const TlsLine *line, uint8_t *buf, uint32_t length)
@@ -212,14 +272,13 @@ int64_t TlsRead(const TlsLine *line, uint8_t *buf, uint32_t length)
         return 0; // the handle would wait for a record
     }
     // The handle is asked first: it may hold bytes of a record that the socket no longer has.
-    bool wouldBlock = false;
-    int64_t result = ReadInTurn(line, buf, length, &wouldBlock);
-    while (wouldBlock) {
-        const int waited = line->Until != 0 ? AwaitInput(line->Fd, line->Until) : WaitForInput(line->Fd);
-        if (waited != 0) {
+    Asked how = Asked::Done;
+    int64_t result = ReadInTurn(line, buf, length, &how);
+    while (how != Asked::Done) {
+        if (WaitToRead(line, how) != 0) {
             return -1;
         }
-        result = ReadInTurn(line, buf, length, &wouldBlock);
+        result = ReadInTurn(line, buf, length, &how);
     }
     return result;
 }
@@ -230,6 +289,7 @@ int64_t TlsWrite(const TlsLine *line, const uint8_t *buf, uint32_t length)
     int64_t result = WriteInTurn(line, buf, length, &wouldBlock);
     while (wouldBlock) {
         if (WaitForRoom(line->Fd) != 0) {
+            GiveUpWrite(line);
             return -1;
         }
         result = WriteInTurn(line, buf, length, &wouldBlock); // the same bytes, as SSL_write demands

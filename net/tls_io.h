@@ -9,9 +9,10 @@ extern "C" {
 
 struct TlsLine {
     void *Handle;
-    int Fd;             // the socket below the handle
-    RtmpMutex *Lock;    // leaf: held around each call of the handle. Null: no other thread uses the handle
-    uint64_t Until = 0; // ms of RtmpGetSystemTime: reads then fail with EAGAIN; 0: without limit
+    int Fd;          // the socket below the handle
+    RtmpMutex *Lock; // leaf: held around each call of the handle. Null: no other thread uses the handle
+    uint8_t *WriteWaits = nullptr; // guarded by Lock: an SSL_write is to be repeated. Null as Lock
+    uint64_t Until = 0;            // ms of RtmpGetSystemTime: reads then fail with EAGAIN; 0: without limit
 };
 
 // TlsRead reads at most `length` bytes and TlsWrite writes up to `length`: what SSL_read and SSL_write answer

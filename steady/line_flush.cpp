@@ -303,7 +303,8 @@ bool WriteOverTls(SteadyLine *line, Batch *batch)
         Begin(line, &batch->Items[0]);
         line->Half = batch->Items[0].Item;
     }
-    const TlsLine tls = {TlsInUse(line->Client), SocketInUse(line->Client), &line->Client->TlsLock};
+    RtmpClient *client = line->Client;
+    const TlsLine tls = {TlsInUse(client), SocketInUse(client), &client->TlsLock, &client->TlsWriteWaits};
     const Span header = HeaderOf(&line->Half);
     if (!WriteSpan(line, &tls, header, 0) || !WriteSpan(line, &tls, BodyOf(&line->Half), header.Length)) {
         return false;

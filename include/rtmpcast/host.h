@@ -161,8 +161,10 @@ RTMP_HOST void rtmpKeyFrameWanted(RtmpSession *session);
 
 /**
  * SSL_read and SSL_write carry the bytes of a client that has a TLS handle (RtmpClient.Tls). They are
- * OpenSSL's own: link libssl in front of the defaults, which fail every call. The library calls no other
- * function of libssl, and before each SSL_read it clears the calling thread's error queue (ERR_clear_error).
+ * OpenSSL's own: link libssl in front of the defaults, which fail every call. Of libssl's other functions the
+ * library asks SSL_get_key_update_type, where it is there: a handle whose write waits for the peer, with a
+ * renewal of keys to answer, is not read meanwhile. Before each SSL_read it clears the calling thread's error
+ * queue (ERR_clear_error).
  *
  * Threads: SSL_read is called by the thread that reads the client (ReadRtmpMessage, or a serve thread),
  * SSL_write by every thread that sends to it: that one, for replies; the one that calls RtmpSendData or

@@ -342,8 +342,9 @@ struct RtmpClient {
     RtmpMutex TlsLock;        /* leaf: one call of Tls at a time; never held while the peer is waited for */
     RtmpRecvPkt *RecvPktRoot; /* the receive list as a tree, by the bits of the chunk stream id */
     uint8_t MessageState;     /* RtmpMessageState of the last message; guarded by WriteLock */
-    uint32_t PlayerFlags;     /* RTMP_PLAYERS_... of its server when it was accepted; never changes */
-    uint32_t BytesReceived;   /* from the handshake on, modulo 2^32; the serve thread's */
+    uint8_t TlsWriteWaits;  /* a call of SSL_write must be repeated with the same bytes; guarded by TlsLock */
+    uint32_t PlayerFlags;   /* RTMP_PLAYERS_... of its server when it was accepted; never changes */
+    uint32_t BytesReceived; /* from the handshake on, modulo 2^32; the serve thread's */
     uint32_t BytesAcknowledged;
     uint8_t AwaitsKeyFrame;  /* gets no frames before the next key frame; guarded by WriteLock */
     uint32_t BreaksSeen;     /* RtmpSession.StreamBreaks up to which frames were sent; guarded by WriteLock */

@@ -41,6 +41,9 @@ class PublisherEnds : public testing::TestWithParam<Moment> {
     {
         rig.live();
         rig.serviceUpTo(GetParam().step);
+        if (GetParam().step == Step::Connected) {
+            EXPECT_EQ(rig.service->socket.receive(1).size(), 1U) << "its thread has begun";
+        }
     }
     bool isPublishing() const
     {

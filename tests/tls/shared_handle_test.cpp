@@ -1,6 +1,8 @@
 // One TLS connection, two threads of the library: its serve thread reads requests and answers them, while the
 // encoder's thread sends frames.
 #include "net/handshake.h"
+#include "net/platform.h"
+#include "net/tls_io.h"
 #include "serve/serve.h"
 #include "tls_fixture.h"
 
@@ -168,6 +170,49 @@ TEST(TlsRead, OfNothingAnswersAtOnce)
     EXPECT_TRUE(server.log.contains("6 INFO: RtmpReadBytes: Connection was closed by peer"));
     const std::pair<void *, int> error = {player.tls->handle(), 0};
     EXPECT_EQ(HostFakes::get().tlsErrors(), std::vector{error});
+}
+
+// The answer to the first renewal waits behind a record that is half out. A handle that read the second one
+// would put the answer into the middle of that record.
+TEST(TlsRead, OfASecondRenewalWaitsForTheRecordThatIsHalfOut)
+{
+    HandleSignal();
+    TlsConnection tls({.version = TLS1_3_VERSION, .renewEvery = 1});
+    ScriptedPeer peer(tls.takePlain());
+    RtmpMutex lock = PTHREAD_MUTEX_INITIALIZER;
+    uint8_t waits = 0;
+    TlsLine line = {tls.handle(), tls.socket(), &lock, &waits};
+    tls.pauseReading(true);
+    const Bytes record(16384, 7);
+    uint64_t written = 0;
+    while (TlsWriteNow(&line, record.data(), 16384) > 0) {
+        written += record.size();
+    }
+    ASSERT_EQ(errno, EAGAIN);
+    const auto read = [&line] {
+        uint8_t byte = 0;
+        return TlsRead(&line, &byte, 1) == 1 ? byte : -1;
+    };
+    peer.socket.send(Hex("01 02"));
+    EXPECT_EQ(read(), 1);
+    peer.socket.send(Hex("03"));
+    line.Until = calls::clock() + 1;
+    std::thread later([&line] { WaitUntil([] { return false; }, 100), calls::setClock(line.Until); });
+    EXPECT_EQ(read(), -1);
+    EXPECT_EQ(errno, EAGAIN) << "the handle is as it was";
+    later.join();
+    line.Until = 0;
+
+    const size_t all = written + 2 * record.size();
+    std::thread taker([&peer, all] { EXPECT_EQ(peer.socket.receive(all).size(), all); });
+    std::thread reader([&read] { EXPECT_EQ(read(), 2) << "which the handle has already"; });
+    tls.pauseReading(false);
+    EXPECT_EQ(TlsWrite(&line, record.data(), 16384), 16384);
+    EXPECT_EQ(TlsWrite(&line, record.data(), 16384), 16384) << "behind the answer";
+    reader.join();
+    EXPECT_EQ(read(), 3);
+    taker.join();
+    EXPECT_EQ(tls.renewals(), 2);
 }
 
 TEST(TlsRead, OfHalfARecordKeepsNoFrameFromGoingOut)

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int kDeadlineMs = 60000;
+constexpr int kSliceMs = 50; // in which the relay looks whether it may read
 
 [[noreturn]] void Fail(const std::string &what)
 {
@@ -162,15 +163,18 @@ void TlsConnection::waitUntilPeerVanished()
 // The relay's thread is the only one that touches the peer's handle.
 void TlsConnection::relay()
 {
-    while (tlsOpen_) {
-        pollfd entries[2] = {{peerSocket_, POLLIN, 0}, {plainOpen_ ? plainRelay_ : -1, POLLIN, 0}};
-        if (SSL_pending(peer_.get()) == 0 && poll(entries, 2, kDeadlineMs) <= 0) {
-            return;
+    for (int silence = 0; tlsOpen_ && silence < kDeadlineMs; silence += kSliceMs) {
+        const bool paused = paused_;
+        pollfd entries[2] = {{paused ? -1 : peerSocket_, POLLIN, 0},
+                             {plainOpen_ ? plainRelay_ : -1, POLLIN, 0}};
+        if ((paused || SSL_pending(peer_.get()) == 0) && poll(entries, 2, kSliceMs) <= 0) {
+            continue;
         }
+        silence = 0;
         if ((entries[1].revents & (POLLIN | POLLHUP)) != 0 && !toTls()) {
             leave();
         }
-        if (tlsOpen_ && !toPlain()) {
+        if (tlsOpen_ && !paused && !toPlain()) {
             tlsOpen_ = false;
         }
     }

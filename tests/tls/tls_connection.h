@@ -46,6 +46,10 @@ class TlsConnection {
     wire::Connected takePlain();                   // at most once
     void waitUntilPeerVanished();                  // WithoutNotice only, once its plain socket is closed
     void sendRaw(const void *bytes, size_t count); // past the peer's handle, while it has nothing to write
+    void pauseReading(bool paused) // the peer takes nothing meanwhile, and sends what the test has for it
+    {
+        paused_ = paused;
+    }
     int renewals() const
     {
         return renewals_;
@@ -70,6 +74,7 @@ class TlsConnection {
     int renewEvery_;
     int writes_ = 0;
     std::atomic<int> renewals_ = 0;
+    std::atomic<bool> paused_ = false;
     Handle library_, peer_;
     int librarySocket_ = -1, peerSocket_ = -1;
     int plain_ = -1;      // the test's end
