@@ -73,8 +73,12 @@ being published, or has taken the key before: it has not noticed yet that the la
 ends the connection without an answer is tried again, too: what it meant, nobody knows.
 
 The status line: what the encoder makes (in), what it was told (target), and for each service what it took (out),
-how far its connection is behind (lag; with --exact the bytes that it has not acknowledged: queue), frames that it
-did not get (dropped), and how often it was connected again (reconnects).
+what waits for it (queue) and for how long (lag), frames that it did not get (dropped), and how often it was
+connected again (reconnects). With --exact neither lag nor the frames of the two rings show: what waits there is not
+in the queue, and what a full ring throws away is not among the dropped.
+
+A service that takes nothing for two seconds lowers the encoder to its lowest rate, when no other takes anything.
+After some ten seconds the connection is ended and made again.
 
 A user and a password in the URL are for services that ask for the challenge login "authmod=adobe"; bytes that have
 a meaning in URLs are written as %XX.

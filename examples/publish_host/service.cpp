@@ -279,8 +279,10 @@ std::string Service::status()
     noteStall(taken, waiting);
     const double kbps = outKbps(taken);
     RtmpSessionFigures figures = {};
+    RtmpClientFigures service = {}; // of the connection that there is, if there is one
     if (!isExact_) {
         (void)RtmpSessionStatistics(session_, &figures); // of a session that is there: nothing fails
+        (void)RtmpClientStatistics(session_, &service, 1);
     }
     const char *const states[] = {"connecting", "", "waiting", "given up"};
     const State now = state_;
@@ -288,8 +290,8 @@ std::string Service::status()
     std::string text = name_ + " ";
     if (now == State::Publishing) {
         text += "out " + std::to_string(static_cast<long>(kbps)) + " kbit/s";
-        text += isExact_ ? " queue " + std::to_string(waiting / 1024) + " KiB"
-                         : " lag " + std::to_string(figures.SlowestMilliseconds) + " ms";
+        text += " queue " + std::to_string((waiting + service.WaitingBytes) / 1024) + " KiB";
+        text += isExact_ ? "" : " lag " + std::to_string(service.LagMilliseconds) + " ms";
     } else {
         text += states[static_cast<int>(now)];
     }

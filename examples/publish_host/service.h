@@ -61,7 +61,8 @@ class Service {
         return isStalled_;
     }
 
-    // "HOST/APP out 4012 kbit/s lag 30 ms dropped 0 reconnects 0", of the time since the last call.
+    // "HOST/APP out 4012 kbit/s queue 12 KiB lag 30 ms dropped 0 reconnects 0", of the time since the last
+    // call.
     std::string status();
 
   private:
