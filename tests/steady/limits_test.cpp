@@ -7,11 +7,13 @@
 #include <sys/socket.h>
 
 using namespace wire;
+using steady::With;
 
 namespace {
 
-constexpr uint32_t kSoon = 100;   // milliseconds that a test waits for
-constexpr uint32_t kLate = 60000; // those that it does not
+constexpr uint32_t kSoon = 100;    // milliseconds that a test waits for
+constexpr uint32_t kInTime = 1000; // the same; enough for a peer on a busy machine, too
+constexpr uint32_t kLate = 60000;  // those that it does not wait for
 
 std::string Leaves(const std::string &why)
 {
@@ -35,9 +37,7 @@ Bytes FirstChunk(const Outgoing &message)
 
 TEST(SteadyLimits, OneClientTooManyIsTurnedAwayUntilAnotherLeaves)
 {
-    RtmpServiceLimits limits = {};
-    limits.MostClients = 2;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::MostClients, 2));
     ScriptedPeer first(server.port);
     ScriptedPeer second(server.port);
     first.connected();
@@ -62,9 +62,7 @@ TEST(SteadyLimits, OneClientTooManyIsTurnedAwayUntilAnotherLeaves)
 
 TEST(SteadyLimits, OneAddressHasItsShare)
 {
-    RtmpServiceLimits limits = {};
-    limits.MostClientsPerAddress = 1;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::MostClientsPerAddress, 1));
     ScriptedPeer first(server.port);
     first.connected();
     ByteSocket again(server.port);
@@ -79,9 +77,7 @@ TEST(SteadyLimits, OneAddressHasItsShare)
 // Two connections of the second port and one of the first are three.
 TEST(SteadyLimits, BothPortsCountTogether)
 {
-    RtmpServiceLimits limits = {};
-    limits.MostClients = 2;
-    TwoPorts server(limits);
+    TwoPorts server(With(&RtmpServiceLimits::MostClients, 2));
     ScriptedPeer player(server.port);
     player.connected();
     ByteSocket tunnel(server.tunnelPort); // its listener takes it in front of the next
@@ -94,8 +90,7 @@ TEST(SteadyLimits, BothPortsCountTogether)
 
 TEST(SteadyLimits, AHandshakeThatTakesTooLongEndsTheConnection)
 {
-    RtmpServiceLimits limits = {};
-    limits.HandshakeMilliseconds = 1000; // enough for a handshake on a busy machine, too
+    RtmpServiceLimits limits = With(&RtmpServiceLimits::HandshakeMilliseconds, kInTime);
     limits.PlayMilliseconds = kLate;
     SteadyTestServer server(limits);
     ScriptedPeer quick(server.port);
@@ -116,9 +111,7 @@ TEST(SteadyLimits, AHandshakeThatTakesTooLongEndsTheConnection)
 
 TEST(SteadyLimits, WhoeverDoesNotPlayInTimeIsEndedAndAPlayerIsNot)
 {
-    RtmpServiceLimits limits = {};
-    limits.PlayMilliseconds = 1000; // enough to play in, on a busy machine too
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::PlayMilliseconds, kInTime));
     RtmpSession *session = server.session();
     ScriptedPeer player(server.port);
     ScriptedPeer paused(server.port);
@@ -138,9 +131,7 @@ TEST(SteadyLimits, WhoeverDoesNotPlayInTimeIsEndedAndAPlayerIsNot)
 
 TEST(SteadyLimits, APlayerThatTakesNothingForTooLongIsEnded)
 {
-    RtmpServiceLimits limits = {};
-    limits.StallMilliseconds = 300;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::StallMilliseconds, 300));
     RtmpSession *session = server.session();
     ScriptedPeer stopped(server.port);
     stopped.playing("cam");
@@ -157,9 +148,7 @@ TEST(SteadyLimits, APlayerThatTakesNothingForTooLongIsEnded)
 
 TEST(SteadyLimits, APeerThatAsksAndTakesNoAnswerIsEnded)
 {
-    RtmpServiceLimits limits = {};
-    limits.ReplyBytes = 4096;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::ReplyBytes, 4096));
     server.session();
     ScriptedPeer peer(server.port);
     peer.playing("cam");
@@ -191,9 +180,7 @@ class SteadyReceiveLimits : public testing::TestWithParam<uint32_t> {
 
 TEST_P(SteadyReceiveLimits, BytesOfBegunMessagesAreBounded)
 {
-    RtmpServiceLimits limits = {};
-    limits.AssemblyBytes = 1000;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::AssemblyBytes, 1000));
     admit(server);
     ScriptedPeer peer(server.port);
     peer.connected();
@@ -220,9 +207,7 @@ TEST_P(SteadyReceiveLimits, AMessageLongerThanTheLimitIsNotBegun)
 
 TEST_P(SteadyReceiveLimits, ChunkStreamsAreBounded)
 {
-    RtmpServiceLimits limits = {};
-    limits.ChunkStreams = 4;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::ChunkStreams, 4));
     admit(server);
     ScriptedPeer peer(server.port);
     peer.connected(); // on chunk stream 3
@@ -284,9 +269,7 @@ INSTANTIATE_TEST_SUITE_P(Readers, SteadyReceiveLimits, testing::Values(RTMP_PLAY
 
 TEST(SteadyTunnel, AConnectionIsReadAndEndsWhenItsTimeIsUp)
 {
-    RtmpServiceLimits limits = {};
-    limits.TunnelMilliseconds = kSoon;
-    TwoPorts server(limits);
+    TwoPorts server(With(&RtmpServiceLimits::TunnelMilliseconds, kSoon));
     const size_t threads = RunningThreads();
     ByteSocket first(server.tunnelPort);
     first.send(Bytes(100000, 'x'));
@@ -298,9 +281,7 @@ TEST(SteadyTunnel, AConnectionIsReadAndEndsWhenItsTimeIsUp)
 
 TEST(SteadyTunnel, AConnectionEndsWithItsPeer)
 {
-    RtmpServiceLimits limits = {};
-    limits.TunnelMilliseconds = kLate;
-    TwoPorts server(limits);
+    TwoPorts server(With(&RtmpServiceLimits::TunnelMilliseconds, kLate));
     const size_t descriptors = OpenDescriptors();
     const size_t threads = RunningThreads();
     for (int i = 0; i < 20; i++) {
@@ -326,9 +307,7 @@ int OptionOf(int fd, int level, int name)
 
 TEST(SteadyLimits, SocketsAreKeptWell)
 {
-    RtmpServiceLimits limits = {};
-    limits.StallMilliseconds = 12345;
-    SteadyTestServer server(limits);
+    SteadyTestServer server(With(&RtmpServiceLimits::StallMilliseconds, 12345));
     RtmpSession *session = server.session();
     ScriptedPeer peer(server.port);
     peer.playing("cam");
