@@ -1,5 +1,6 @@
 // What the host is told of viewers, and asked about them: rtmpcast/host.h, rtmpViewer... Called on the thread
-// that serves the client, with no lock held. Clients that are not announced are nothing to the host.
+// that serves the client, with no lock held. Of a client that was not announced the host hears only its
+// plays.
 #pragma once
 
 #include "rtmpcast/types.h"

@@ -107,6 +107,23 @@ void MeasureLag(SteadyLine *line, uint64_t now, SteadyLag *lag)
     lag->Milliseconds = behind.Milliseconds > lag->Milliseconds ? behind.Milliseconds : lag->Milliseconds;
 }
 
+void LeavePlayers(SteadyLine *line)
+{
+    SteadyStream *stream = line->Stream;
+    if (stream == nullptr) {
+        return;
+    }
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
+    (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line->NextPlayer;
+    (line->NextPlayer != nullptr ? line->NextPlayer->PrevPlayer : stream->LastPlayer) = line->PrevPlayer;
+    stream->GoneBytes += line->BytesOut;
+    stream->GoneFrames += line->FramesOut;
+    stream->GoneDropped += line->FramesDropped;
+    DropMessage(stream, line->Half.Message); // half a message; the connection is over
+    line->Half.Message = nullptr;
+    line->Stream = nullptr;
+}
+
 } // namespace
 
 int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket)
@@ -162,23 +179,6 @@ void JoinPlayers(SteadyStream *stream, SteadyLine *line)
     (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line;
     stream->LastPlayer = line;
     stream->ViewersInAll++;
-}
-
-void LeavePlayers(SteadyLine *line)
-{
-    SteadyStream *stream = line->Stream;
-    if (stream == nullptr) {
-        return;
-    }
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&stream->PlayersLock);
-    (line->PrevPlayer != nullptr ? line->PrevPlayer->NextPlayer : stream->FirstPlayer) = line->NextPlayer;
-    (line->NextPlayer != nullptr ? line->NextPlayer->PrevPlayer : stream->LastPlayer) = line->PrevPlayer;
-    stream->GoneBytes += line->BytesOut;
-    stream->GoneFrames += line->FramesOut;
-    stream->GoneDropped += line->FramesDropped;
-    DropMessage(stream, line->Half.Message); // half a message; the connection is over
-    line->Half.Message = nullptr;
-    line->Stream = nullptr;
 }
 
 void BeginAnew(SteadyLine *line, int again)

@@ -25,16 +25,17 @@ void FreeLine(RtmpClient *client);
 
 // JoinPlayers adds the line to those who get the stream's messages while their client plays.
 void JoinPlayers(SteadyStream *stream, SteadyLine *line);
-void LeavePlayers(SteadyLine *line);
 
 // BeginAnew has the line go on where newcomers begin: with the last key frame of the ring, or the next one.
 // `again` 0: behind "play", media time begins at 0; 1: behind an unpause it goes on. The caller holds the
 // client's WriteLock.
 void BeginAnew(SteadyLine *line, int again);
 
-// QueueReply takes over an answer of `length` bytes, which `NewReply` made, and sends what the socket takes.
-// 0; -1: the connection is ending (not logged). The caller holds the client's WriteLock.
+// NewReply makes room for an answer of `length` bytes. Null: no memory (not logged).
 SteadyReply *NewReply(uint32_t length);
+
+// QueueReply takes the answer over, and sends what the socket takes. 0; -1: the connection is ending (not
+// logged). The caller holds the client's WriteLock.
 RTMP_STATUS int QueueReply(SteadyLine *line, SteadyReply *reply);
 
 // HasAllOut tells whether all answers have left, and no message is half out. The caller holds the client's

@@ -28,11 +28,11 @@ constexpr uint32_t kOwnHeaderMost = 12;   // basic header of one byte, type 0 me
 constexpr uint32_t kPoolClasses = 16;     // of message sizes, each twice the one before
 
 struct FinishedMessage {
-    FinishedMessage *NextFree;
-    uint32_t References; // shared: the ring's, and those of lines that are writing it
-    uint32_t Class;      // of its size
-    uint32_t Length;     // of Bytes: shared header, body, continuation headers
-    uint32_t BodyLength; // what the header says (RTMP 1.0, 5.3.1.2.1)
+    FinishedMessage *NextFree; // in the pool; of sound that is parked, the one behind it
+    uint32_t References;       // shared: the ring's, and those of lines that are writing it
+    uint32_t Class;            // of its size
+    uint32_t Length;           // of Bytes: shared header, body, continuation headers
+    uint32_t BodyLength;       // what the header says (RTMP 1.0, 5.3.1.2.1)
     uint64_t Number;
     uint64_t PreviousOfKind; // the message before it on its chunk stream; kNoMessage: none
     uint64_t Pictures;       // of the session, up to and with this message
@@ -73,7 +73,7 @@ struct SteadyStream {
 
     uint8_t KeyFrameWanted;      // shared: a player waits for one that the ring does not have
     uint64_t DroppedInAll;       // shared: frames that players which fell behind did not get
-    struct SteadySender *Sender; // delivery/steady: what is on its way into the ring
+    struct SteadySender *Sender; // delivery/steady: how frames get into the ring, and out of it
 };
 
 // An answer to a command, waiting to leave. Its bytes stay where they are until they are out.

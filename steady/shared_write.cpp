@@ -3,6 +3,7 @@
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/scope.h"
+#include "steady/line.h"
 #include "steady/line_flush.h"
 #include "steady/message_pool.h"
 #include "steady/message_ring.h"
@@ -37,8 +38,7 @@ bool Follows(const SteadyPlace *place, const SharedWrite *write, enum SteadyKind
 
 bool IsFree(const SteadyLine *line)
 {
-    return line->Half.Message == nullptr && line->Half.Reply == nullptr && line->FirstReply == nullptr &&
-           line->Client->Tls == nullptr;
+    return HasAllOut(line) && line->Client->Tls == nullptr;
 }
 
 bool IsDueAsItIs(const SteadyLine *line, const SharedWrite *write)

@@ -17,7 +17,7 @@ typedef struct SharedWrite {
     uint64_t Bytes;
     uint64_t PreviousOfKind[STEADY_KINDS]; // what the first of them count from; kNoMessage: there is none
     uint64_t Time;                         // ms: now
-    uint8_t IsForAll;                      // 0: nothing has come, or everybody needs a header of his own
+    uint8_t IsForAll;                      // 0: nothing has come, or everybody needs a header of its own
 } SharedWrite;
 
 // BeginSharedWrite takes what has come into the ring since the one before; EndSharedWrite lets go of it. The
@@ -25,7 +25,7 @@ typedef struct SharedWrite {
 void BeginSharedWrite(SteadyStream *stream, uint64_t now, SharedWrite *write);
 void EndSharedWrite(SteadyStream *stream, SharedWrite *write);
 
-// WriteShared sends it to the player, if it is due to him as it is. False: it is not, or not all of it is
+// WriteShared sends it to the player, if it is due as it is. False: it is not, or not all of it is
 // out, or more may be due: FlushLine goes on. The caller holds the client's WriteLock.
 bool WriteShared(SteadyLine *line, const SharedWrite *write);
 }

@@ -13,7 +13,7 @@ typedef struct ParkedSound {
     uint64_t Bytes;
 } ParkedSound;
 
-// ParkSound takes the message over; its Time is that of no earlier one.
+// ParkSound takes the message over; its Time is not in front of that of the one before it.
 void ParkSound(ParkedSound *sound, FinishedMessage *message);
 
 // TakeSoundUpTo returns the oldest message that is not later than `time`; TakeOverdueSound the oldest one

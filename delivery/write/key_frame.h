@@ -14,8 +14,9 @@ void NoteStreamBreak(RtmpSession *session);
 // client's WriteLock.
 bool MayHaveFrame(RtmpClient *client, const RtmpSession *session, const RtmpFrame *frame);
 
-// StartAnew has the client begin with the next key frame: after "play" (`again` 0) with media time 0, after
-// an unpause where its timeline was. No frame is on its way to the client.
+// StartAnew has the client begin with the next key frame, on the steady road with the last one that the
+// session holds: after "play" (`again` 0) with media time 0, after an unpause where its timeline was. No
+// frame is on its way to the client.
 void StartAnew(RtmpClient *client, int again);
 
 // SendWhatIsHeld sends a client that plays from now on what its session holds for newcomers; by default that
