@@ -1,6 +1,7 @@
 // latency: how long a frame takes from the host's call to the last of 200 players, and the call itself, while
-// 0, 1, 5 or 100 further players take nothing; beside a floor, a plain loop of one sendmsg per player. And
-// how long a player that joins waits for its first picture, with the burst from the last key frame and
+// 0, 1, 5 or 100 further players take nothing; beside a floor, a plain loop of one sendmsg per player, and a
+// second server without stopped players: what it differs by from the first is the machine's. And how long a
+// player that joins waits for its first picture, with the burst from the last key frame and
 // without it.
 #include "floor.h"
 #include "library.h"
@@ -98,6 +99,7 @@ void MeasureLatency(uint32_t mode, const char *title, int frames)
     std::vector<std::unique_ptr<Lane>> lanes;
     lanes.push_back(FloorLane());
     lanes.push_back(SteadyLane("none stopped", mode, 0));
+    lanes.push_back(SteadyLane("none, again", mode, 0));
     lanes.push_back(SteadyLane("1 stopped", mode, 1));
     lanes.push_back(SteadyLane("5 stopped", mode, 5));
     lanes.push_back(SteadyLane("100 stopped", mode, 100));
