@@ -17,9 +17,9 @@ typedef struct Heard {
     double StreamId; // of an answer to createStream
 } Heard;
 
-// HearMessage waits until `until` (ms of RtmpGetSystemTime; 0: without limit) for a whole message and handles
-// it: what the peer announces is noted, pings are answered, bytes acknowledged, answers stored. 0;
-// RTMP_ERR_NO_ANSWER; RTMP_ERR_CONNECTION.
+// HearMessage waits until `until` (ms of RtmpGetSystemTime) for a whole message and handles it: what the peer
+// announces is noted, pings are answered, bytes acknowledged, answers stored. 0; RTMP_ERR_NO_ANSWER;
+// RTMP_ERR_CONNECTION, also when the publisher is stopped meanwhile.
 RTMP_STATUS int32_t HearMessage(RtmpPublisher *publisher, uint64_t until, Heard *heard);
 
 // JudgeHeard tells what a message means to whoever awaits the answer to `transaction` (0: a status, or an
