@@ -1,4 +1,4 @@
-// Ten thousand connections that leave in the middle of every step, while a player misses no frame.
+// Thousands of connections that leave in the middle of every step, while a player misses no frame.
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
@@ -11,7 +11,12 @@ using namespace wire;
 
 namespace {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kConnections =
+    1000; // 18 rounds of both ways out of each step, where each costs ten times as much
+#else
 constexpr size_t kConnections = 10000;
+#endif
 constexpr size_t kWorkers = 3;
 constexpr size_t kFramesAhead = 8; // frames on their way to the player
 
@@ -110,7 +115,7 @@ Bytes NumberedFrame(uint32_t number)
 
 } // namespace
 
-TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNothing)
+TEST(WireLeavers, ManyConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNothing)
 {
     RaiseDescriptorLimit();
     RtmpLogger quiet = {&Drop, &quiet};
@@ -162,7 +167,7 @@ TEST(WireLeavers, TenThousandConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMis
     watching.join();
     EXPECT_EQ(failures, 0U);
     EXPECT_EQ(received, sent);
-    EXPECT_GT(sent, 1000U);
+    EXPECT_GT(sent, kConnections / 10);
     RecordProperty("frames", static_cast<int>(sent));
 
     // And the server is as good as new.
