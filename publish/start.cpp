@@ -9,6 +9,7 @@
 #include "publish/command_writer.h"
 #include "publish/listen.h"
 #include "state/session_list.h"
+#include "steady/records.h"
 
 #include <sys/socket.h>
 
@@ -94,6 +95,9 @@ int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
     const int joined = JoinGiven(client, session);
     if (joined != 0) {
         return joined == JOIN_NOT_FOUND ? RTMP_ERR_INVALID_ARGUMENT : RTMP_FAILED;
+    }
+    if (client->Line != nullptr) {
+        StoreShared(&client->Line->IsPublisher, uint8_t{1});
     }
     StartAnew(client, 0);
     const int32_t result = SendHeaders(publisher, session);

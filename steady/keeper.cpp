@@ -51,10 +51,11 @@ void ServeRoom(SteadyService *service, uint64_t now)
     }
 }
 
-// A connection that was not accepted by this road may wait as long as it likes.
+// A connection that was accepted before this road was chosen, or that a host joined by hand, may wait as long
+// as it likes.
 bool IsStalled(SteadyLine *line, uint64_t now)
 {
-    if (line->OwnsSocket == 0 || LoadShared(&line->WantsRoom) == 0) {
+    if ((line->OwnsSocket == 0 && LoadShared(&line->IsPublisher) == 0) || LoadShared(&line->WantsRoom) == 0) {
         return false; // as most are: nobody's lock is taken for it
     }
     UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(line->Client);

@@ -143,10 +143,11 @@ typedef struct SteadyLook {
 struct SteadyLine {
     RtmpClient *Client;
     SteadyService *Service;
-    uint8_t OwnsSocket; // accepted by the library, which closes it
-    uint8_t SpeaksTls;  // accepted by the listener of TLS
-    uint32_t Address;   // the peer's, network byte order
-    uint64_t Since;     // ms of RtmpGetSystemTime
+    uint8_t OwnsSocket;  // accepted by the library, which closes it
+    uint8_t SpeaksTls;   // accepted by the listener of TLS
+    uint8_t IsPublisher; // shared: its host is told of a service that takes nothing, and connects again
+    uint32_t Address;    // the peer's, network byte order
+    uint64_t Since;      // ms of RtmpGetSystemTime
 
     // All lines of a server. Guarded by SteadyService.Lock.
     SteadyLine *NextLine;

@@ -81,7 +81,8 @@ RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *sessi
  * RtmpPublisherServe handles what the service sends: pings, chunk sizes, windows (acknowledged), notices.
  *
  * @return 0: RtmpPublisherStop was called, or the session is being destroyed; RTMP_ERR_REFUSED: the service
- *         has ended the stream with a status of level "error"; RTMP_ERR_CONNECTION
+ *         has ended the stream with a status of level "error"; RTMP_ERR_CONNECTION, on the steady road also
+ *         where it has taken nothing for StallMilliseconds (RtmpServiceLimits)
  *
  * The publisher's thread. Blocks until then. RtmpSessionDestroy and RtmpServerDestroy, called on another
  * thread, end it, and wait until this one has called RtmpPublisherDestroy. It comes back

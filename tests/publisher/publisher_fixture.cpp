@@ -71,7 +71,7 @@ Rig::Rig(const Setup &setup) : setup_(setup)
     }
     server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, 4096, nullptr);
     if (setup.steady) {
-        EXPECT_EQ(RtmpServiceSettings(server, nullptr), 0);
+        EXPECT_EQ(RtmpServiceSettings(server, &setup.limits), 0);
     }
     session = RtmpSessionCreate(server, "cam", nullptr);
     const uint32_t mode = setup.threaded ? RTMP_SENDER_THREADED : 0;

@@ -37,7 +37,8 @@ struct Setup {
     void *tls = nullptr;
     std::optional<wire::Connected> plain = {}; // the service's end, where the host's is `socket`
     int socket = -1;
-    uint64_t clock = 0; // not 0: the library's clock stands there
+    uint64_t clock = 0;            // not 0: the library's clock stands there
+    RtmpServiceLimits limits = {}; // of the steady road
 };
 
 // How far the service has let a publisher come.
