@@ -77,7 +77,7 @@ class ThreadedSender : public testing::Test {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         int32_t previous = -1;
         auto since = std::chrono::steady_clock::now();
-        Backoff backoff;
+        Patience patience;
         while (std::chrono::steady_clock::now() < deadline) {
             const int32_t count = RtmpQueueBufferCount(session->Queue->VideoBuffer);
             if (count != previous) {
@@ -87,7 +87,7 @@ class ThreadedSender : public testing::Test {
             if (count > 0 && std::chrono::steady_clock::now() - since > std::chrono::milliseconds(200)) {
                 return testing::AssertionSuccess();
             }
-            backoff.pause();
+            patience.pause();
         }
         return testing::AssertionFailure() << "the sender went on";
     }

@@ -7,7 +7,7 @@
 
 // Between two looks at something that nobody announces: at first the other threads go first, for most of what
 // is waited for is about to happen; then looks are a millisecond apart and cost nothing.
-class Backoff {
+class Patience {
   public:
     void pause()
     {
@@ -33,12 +33,12 @@ class Backoff {
 template <typename Condition> bool WaitUntil(Condition condition, int milliseconds = 20000)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    Backoff backoff;
+    Patience patience;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }
-        backoff.pause();
+        patience.pause();
     }
     return true;
 }

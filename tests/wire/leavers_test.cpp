@@ -129,7 +129,7 @@ TEST(WireLeavers, ManyConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNoth
     std::atomic<size_t> failures = 0;
     std::atomic<uint32_t> sent = 0, received = 0;
     std::thread host([&] {
-        Backoff ahead;
+        Patience ahead;
         while (!done) {
             if (sent - received < kFramesAhead) {
                 const int result = SendVideo(session, NumberedFrame(sent), 1000 + uint64_t{sent} * 20);
@@ -142,7 +142,7 @@ TEST(WireLeavers, ManyConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNoth
         }
     });
     std::thread watching([&] {
-        Backoff behind;
+        Patience behind;
         while (!lastIsSent || received < sent) {
             if (received < sent) {
                 const Message message = player.read();
