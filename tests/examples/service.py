@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """A streaming service for tests of publish_host, with no code of the library: RTMP 1.0 and AMF0 as they are written.
 
-    service.py      prints "port N", and then a line for each thing that a publisher does
+    service.py [FILE...]    prints "port N", and then a line for each thing that a publisher does; and "FILE port N"
+                            for each file of a certificate and its key, for the same over TLS
 
 What it does is chosen by the names that a publisher asks for:
 
@@ -15,8 +16,11 @@ What it does is chosen by the names that a publisher asks for:
     key "ends"      taken, and ended after some pictures with a status of level "error"
 """
 import base64
+import functools
 import hashlib
+import os
 import socket
+import ssl
 import struct
 import sys
 import threading
@@ -250,12 +254,40 @@ def serve(connection):
     say('end', pictures)
 
 
-def main():
-    listener = socket.create_server(('127.0.0.1', 0))
-    say('port', listener.getsockname()[1])
+def serve_tls(context, connection):
+    try:
+        connection = context.wrap_socket(connection, server_side=True)
+    except (ssl.SSLError, OSError):
+        say('no TLS')
+        return
+    serve(connection)
+
+
+def accept_all(listener, server):
     while True:
         connection, _ = listener.accept()
-        threading.Thread(target=serve, args=(connection,), daemon=True).start()
+        threading.Thread(target=server, args=(connection,), daemon=True).start()
+
+
+def listen(name):
+    listener = socket.create_server(('127.0.0.1', 0))
+    say(name, listener.getsockname()[1])
+    return listener
+
+
+def listen_with(certificate):
+    """Over TLS, with a file of a certificate and its key."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(certificate)
+    listener = listen(f'{os.path.basename(certificate)} port')
+    server = functools.partial(serve_tls, context)
+    threading.Thread(target=accept_all, args=(listener, server), daemon=True).start()
+
+
+def main():
+    for certificate in sys.argv[1:]:
+        listen_with(certificate)
+    accept_all(listen('port'), serve)
 
 
 if __name__ == '__main__':
