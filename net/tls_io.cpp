@@ -12,12 +12,8 @@
 #include <signal.h>
 #include <sys/socket.h>
 
-// A host that links no libssl, or one before 1.1.1, has no such function.
-extern "C" __attribute__((weak)) int SSL_get_key_update_type(const struct ssl_st *ssl);
-
 namespace {
 
-constexpr int kNoKeyUpdate = -1; // SSL_KEY_UPDATE_NONE
 constexpr int kNoDescriptor = -1;
 constexpr int kNoLimit = -1;
 constexpr int kMomentMs = 1;
@@ -99,13 +95,12 @@ bool IsOver(int fd)
     return poll(&entry, 1, 0) > 0;
 }
 
-// A renewal of keys that the peer has asked for is answered by the next write. Where that write waits for
-// room, OpenSSL (3.0) would answer from inside of the next read that finds another one, in the middle of a
-// record, and end the connection. Until the record is out such a handle is not read.
+// In the middle of a record that waits for room, a handle that owes an answer to a renewal of keys would give
+// it when a read finds another renewal. It is not read before the record is out.
 bool MustNotRead(const TlsLine *line)
 {
-    return line->WriteWaits != nullptr && *line->WriteWaits != 0 && SSL_get_key_update_type != nullptr &&
-           SSL_get_key_update_type(HandleOf(line)) != kNoKeyUpdate && !IsOver(line->Fd);
+    return line->WriteWaits != nullptr && *line->WriteWaits != 0 && rtmpTlsOwesRenewal(HandleOf(line)) != 0 &&
+           !IsOver(line->Fd);
 }
 
 enum class Asked { Done, WouldBlock, IsHeld };

@@ -93,6 +93,11 @@ struct ssl_st *rtmpTlsAccept(RtmpServer *, int fd, const char *address)
     return tls;
 }
 
+int32_t rtmpTlsOwesRenewal(struct ssl_st *tls)
+{
+    return TlsContext::owesRenewal(tls);
+}
+
 void rtmpTlsEnd(struct ssl_st *tls)
 {
     TlsContext::end(tls);

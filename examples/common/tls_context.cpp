@@ -75,6 +75,11 @@ ssl_st *TlsContext::accept(int socket, std::string &why) const
     return nullptr;
 }
 
+bool TlsContext::owesRenewal(ssl_st *tls)
+{
+    return SSL_get_key_update_type(tls) != SSL_KEY_UPDATE_NONE;
+}
+
 void TlsContext::end(ssl_st *tls)
 {
     SSL_free(tls);

@@ -23,6 +23,9 @@ class TlsContext {
     // The handshake on a socket that blocks; it waits for the peer. Null: it failed, and `why` says how.
     ssl_st *accept(int socket, std::string &why) const;
 
+    // Of any handle: whether its peer's renewal of keys is still to be answered.
+    static bool owesRenewal(ssl_st *tls);
+
     static void end(ssl_st *tls);
 
   private:

@@ -161,10 +161,8 @@ RTMP_HOST void rtmpKeyFrameWanted(RtmpSession *session);
 
 /**
  * SSL_read and SSL_write carry the bytes of a client that has a TLS handle (RtmpClient.Tls). They are
- * OpenSSL's own: link libssl in front of the defaults, which fail every call. Of libssl's other functions the
- * library asks SSL_get_key_update_type, where it is there: a handle whose write waits for the peer, with a
- * renewal of keys to answer, is not read meanwhile. Before each SSL_read it clears the calling thread's error
- * queue (ERR_clear_error).
+ * OpenSSL's own: link libssl in front of the defaults, which fail every call. The library calls no other
+ * function of libssl, and before each SSL_read it clears the calling thread's error queue (ERR_clear_error).
  *
  * Threads: SSL_read is called by the thread that reads the client (ReadRtmpMessage, or a serve thread),
  * SSL_write by every thread that sends to it: that one, for replies; the one that calls RtmpSendData or
@@ -187,7 +185,8 @@ RTMP_HOST void rtmpKeyFrameWanted(RtmpSession *session);
  *
  * Modes: SSL_MODE_AUTO_RETRY must be on, as it is by default since OpenSSL 1.1.1: without it a read that
  * finds a session ticket or a key update fails. SSL_MODE_ENABLE_PARTIAL_WRITE and read-ahead are free.
- * Renewals of keys by the peer are answered by OpenSSL, from 1.1.1c on with the next write. Renegotiation
+ * Renewals of keys by the peer are answered by OpenSSL, from 1.1.1c on with the next write; see
+ * rtmpTlsOwesRenewal for peers that ask for several while a write waits for them. Renegotiation
  * (TLS 1.2 and before) is not supported beside frames; turn it off with SSL_OP_NO_RENEGOTIATION.
  *
  * SIGPIPE must be ignored (HandleSignal): libssl writes without MSG_NOSIGNAL.
@@ -205,6 +204,21 @@ RTMP_HOST int SSL_write(struct ssl_st *ssl, const void *buf, int num);
  * the locks of SSL_read and SSL_write. It may ask the handle (SSL_get_error) and log. Default: nothing.
  */
 RTMP_HOST void TLS_print_error(RtmpLogger *logger, void *tls, int result);
+
+/**
+ * rtmpTlsOwesRenewal says whether a handle has a renewal of keys of its peer still to answer (TLS 1.3). The
+ * answer leaves with the next SSL_write. While one of those waits for the peer in the middle of a record, an
+ * SSL_read that finds another renewal has OpenSSL (up to 3.0 at least) put the answer into that record's
+ * middle, which ends the connection. So such a handle is not read before the record is out.
+ *
+ * Called in front of an SSL_read while a write of the same handle waits for the peer, on the reading thread,
+ * with the locks of SSL_read. With OpenSSL:
+ *
+ *     return SSL_get_key_update_type(tls) != SSL_KEY_UPDATE_NONE;
+ *
+ * @return 0: it owes none, or does not know: it is read. Default: 0. Else: it is read later
+ */
+RTMP_HOST int32_t rtmpTlsOwesRenewal(struct ssl_st *tls);
 
 /**
  * rtmpTlsAccept makes the TLS handle of a connection to RtmpServiceLimits.TlsPort, whose peer speaks TLS

@@ -13,6 +13,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+// The host's.
+extern "C" int32_t rtmpTlsOwesRenewal(struct ssl_st *tls)
+{
+    return SSL_get_key_update_type(tls) != SSL_KEY_UPDATE_NONE;
+}
+
 namespace wire {
 namespace {
 

@@ -14,4 +14,9 @@ int SSL_write(struct ssl_st *ssl, const void *buf, int num)
     HostFakes &fakes = HostFakes::get();
     return fakes.sslWrite ? fakes.sslWrite(ssl, buf, num) : -1;
 }
+
+int32_t rtmpTlsOwesRenewal(struct ssl_st *)
+{
+    return 0;
+}
 }

@@ -1,5 +1,7 @@
 #include "tls_connection.h"
 
+#include "rtmpcast/host.h"
+
 #include <openssl/err.h>
 #include <openssl/x509.h>
 
@@ -111,6 +113,12 @@ void CloseOnce(int &descriptor)
 }
 
 } // namespace
+
+// The host's, of all tests over libssl.
+extern "C" int32_t rtmpTlsOwesRenewal(struct ssl_st *tls)
+{
+    return SSL_get_key_update_type(tls) != SSL_KEY_UPDATE_NONE;
+}
 
 TlsConnection::TlsConnection(const TlsSetup &setup) : leaves_(setup.leaves), renewEvery_(setup.renewEvery)
 {
