@@ -29,6 +29,16 @@ class PublisherGoodBye : public testing::TestWithParam<LateReader> {
         rig.serviceUpTo(Step::Frames);
     }
 
+    // Of the last frame that was written, by whichever thread.
+    uint64_t timelineTime()
+    {
+        RtmpClient *client = RtmpPublisherClient(rig.publisher);
+        pthread_mutex_lock(&client->WriteLock);
+        const uint64_t time = client->TimelineTime;
+        pthread_mutex_unlock(&client->WriteLock);
+        return time;
+    }
+
     // The host's part behind RtmpPublisherServe.
     void endConnection()
     {
@@ -87,9 +97,7 @@ TEST_P(PublisherGoodBye, IsHeardBehindEveryFrameByAServiceThatReadsLate)
         EXPECT_EQ(SendVideo(rig.session, VideoFrame(20000, i == 0 ? 0x65 : 0x41), 1000 + 10 * i), 0);
     }
     const uint64_t last = 10 * (frames - 1);
-    EXPECT_TRUE(!fits || WaitUntil([this, last] { // the threaded sender's thread
-        return __atomic_load_n(&RtmpPublisherClient(rig.publisher)->TimelineTime, __ATOMIC_ACQUIRE) >= last;
-    }));
+    EXPECT_TRUE(!fits || WaitUntil([this, last] { return timelineTime() >= last; }));
     notice(); // while frames wait
     RtmpPublisherStop(rig.publisher);
     const HostThread host{rig.service->socket, std::thread([this] { endConnection(); })};

@@ -243,11 +243,16 @@ void Rig::serviceUpTo(Step step)
         headers = service->read(3);
     }
     if (step >= Step::Frames) {
-        EXPECT_TRUE(WaitUntil([this] {
-            return __atomic_load_n(&RtmpPublisherClient(publisher)->State, __ATOMIC_ACQUIRE) ==
-                   CLIENT_STATE_PLAY_DONE;
-        }));
+        awaitFrames();
     }
+}
+
+void Rig::awaitFrames()
+{
+    EXPECT_TRUE(WaitUntil([this] {
+        return __atomic_load_n(&RtmpPublisherClient(publisher)->State, __ATOMIC_ACQUIRE) ==
+               CLIENT_STATE_PLAY_DONE;
+    }));
 }
 
 std::string NameOf(const Message &message)

@@ -66,6 +66,7 @@ class Rig {
     // The service's part, from the beginning up to a step, which is not answered yet. Frames: all is
     // answered, and metadata and headers are read.
     void serviceUpTo(Step step);
+    void awaitFrames(); // until the session's frames go to the service: a moment behind the headers
     wire::HandshakeRecord handshake(int s1Scheme = 0); // S1 unsigned, or signed in one of the two places
     Message command();                                 // the next message; it must be a command
     void answer(double transaction);                   // `_result`, null, null

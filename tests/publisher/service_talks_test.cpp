@@ -170,6 +170,7 @@ TEST_P(PublisherHears, PingsBeforeTheSessionIsJoinedAndBehindIt)
     rig.service->read(1);
     rig.status("status", "NetStream.Publish.Start");
     rig.service->read(3);
+    rig.awaitFrames();
     for (uint32_t i = 0; i < 20; i++) {
         EXPECT_EQ(SendVideo(rig.session, VideoFrame(100, 0x65), 1000 + 40 * i), 0);
         rig.service->pingRequest(i);
