@@ -12,10 +12,10 @@ using namespace wire;
 namespace {
 
 #if defined(RTMPCAST_EMULATED)
-constexpr size_t kEndings = 20;
+constexpr size_t kEndings = 40;
 constexpr size_t kGrowth = size_t{1} << 30; // an emulator keeps memory of its own for each thread that was
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t kEndings = 60;
+constexpr size_t kEndings = 80;
 constexpr size_t kGrowth = size_t{1} << 30; // the sanitizers keep what is freed, and find leaks themselves
 #else
 constexpr size_t kEndings = 2000;
