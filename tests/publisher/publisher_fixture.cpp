@@ -255,6 +255,22 @@ void Rig::awaitFrames()
     }));
 }
 
+void TakePublisher(ScriptedPeer &service)
+{
+    service.chunks.standard = true;
+    service.socket.receive(1537);
+    service.socket.send(Bytes(1 + 2 * 1536, 3));
+    service.socket.receive(1536);
+    EXPECT_EQ(service.read().type, 1);
+    EXPECT_EQ(service.read().chunks, 1U) << "connect, cut by the size in front of it";
+    service.command(Values({String("_result"), Number(1), Null(), Null()}).bytes);
+    service.read(3);
+    service.command(Values({String("_result"), Number(4), Null(), Number(1)}).bytes);
+    service.read(1);
+    service.command(Status("status", "NetStream.Publish.Start", "go"));
+    service.read(3);
+}
+
 std::string NameOf(const Message &message)
 {
     if (message.type != 20 || message.payload.size() < 3) {

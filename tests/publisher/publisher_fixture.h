@@ -99,6 +99,9 @@ class Rig {
     std::atomic<bool> destroyed_ = false, ended_ = false;
 };
 
+// The whole part of a service beside that of the rig, up to the first frame.
+void TakePublisher(wire::ScriptedPeer &service);
+
 // The name in front of a command.
 std::string NameOf(const Message &message);
 

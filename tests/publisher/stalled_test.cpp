@@ -72,22 +72,6 @@ class StalledPublisher : public testing::TestWithParam<bool> {
     uint32_t longest = 0; // what the ring has held, in ms
 };
 
-// A service's whole part up to the first frame.
-void TakeSecond(ScriptedPeer &second)
-{
-    second.chunks.standard = true;
-    second.socket.receive(1537);
-    second.socket.send(Bytes(1 + 2 * 1536, 3));
-    second.socket.receive(1536);
-    second.read(2);
-    second.command(Values({String("_result"), Number(1), Null(), Null()}).bytes);
-    second.read(3);
-    second.command(Values({String("_result"), Number(4), Null(), Number(1)}).bytes);
-    second.read(1);
-    second.command(Status("status", "NetStream.Publish.Start", "go"));
-    second.read(3);
-}
-
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Senders, StalledPublisher, testing::Bool(),
@@ -148,7 +132,7 @@ TEST(StalledPublisherInTime, TheStallLimitEndsTheConnectionAndTheNextBeginsWithA
     const RtmpPublisherTarget target = {"live", "rtmp://other/live", "key", nullptr, nullptr, 0, 0};
     RtmpPublisher *other = RtmpPublisherCreate(rig.server, connection.host, nullptr, &target, nullptr);
     std::thread host([&] { EXPECT_EQ(RtmpPublisherStart(other, rig.session), 0); });
-    TakeSecond(second);
+    TakePublisher(second);
     host.join();
     const Message first = second.read();
     EXPECT_EQ(first.payload[0], 0x17);
