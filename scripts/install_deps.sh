@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
 #
-#   scripts/install_deps.sh [demo|adaptive|edge|publish|test]      default: everything
+#   scripts/install_deps.sh [demo|adaptive|edge|publish|test|fuzz]      default: everything
 set -eu
 
 build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev
@@ -15,6 +15,8 @@ command -v npm >/dev/null || edge="$edge npm"
 publish="ffmpeg nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3 openssl
 clang clang-tidy clang-format"
+# The fuzzer and the sanitizers' runtimes are a package beside the compiler, which only recommends it.
+fuzz="clang libclang-rt-14-dev libgtest-dev"
 # Every player that is tried in front of the reference host, headless.
 players="mpv vlc-bin vlc-plugin-base vlc-plugin-access-extra gstreamer1.0-tools gstreamer1.0-plugins-good
 gstreamer1.0-plugins-bad nginx-light libnginx-mod-rtmp libnginx-mod-stream"
@@ -33,8 +35,9 @@ adaptive) packages="$build $adaptive" ;;
 edge) packages="$build $edge" ;;
 publish) packages="$build $publish" ;;
 test) packages="$build $tests" ;;
-all) packages="$build $demo $adaptive $edge $publish $tests" ;;
-*) echo "Usage: install_deps.sh [demo|adaptive|edge|publish|test]" >&2; exit 2 ;;
+fuzz) packages="$build $fuzz" ;;
+all) packages="$build $demo $adaptive $edge $publish $tests $fuzz" ;;
+*) echo "Usage: install_deps.sh [demo|adaptive|edge|publish|test|fuzz]" >&2; exit 2 ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

@@ -1,0 +1,119 @@
+#include "support/fuzz_peer.h"
+
+#include <cstdlib>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+FuzzPeer *g_peer; // one at a time
+
+bool IsPeerOf(int fd)
+{
+    return g_peer != nullptr && g_peer->socket() == fd;
+}
+
+} // namespace
+
+extern "C" {
+ssize_t __real_recv(int fd, void *buffer, size_t length, int flags);
+int __real_poll(pollfd *entries, nfds_t count, int milliseconds);
+
+ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
+{
+    if (!IsPeerOf(fd)) {
+        return __real_recv(fd, buffer, length, flags);
+    }
+    g_peer->libraryReads();
+    const ssize_t got = __real_recv(fd, buffer, length, flags);
+    g_peer->libraryHasRead(got);
+    return got;
+}
+
+int __wrap_poll(pollfd *entries, nfds_t count, int milliseconds)
+{
+    if (count == 1 && IsPeerOf(entries->fd) && (entries->events & POLLIN) != 0) {
+        g_peer->libraryReads();
+    }
+    return __real_poll(entries, count, milliseconds);
+}
+}
+
+FuzzPeer::FuzzPeer()
+{
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) {
+        abort();
+    }
+    g_peer = this;
+}
+
+FuzzPeer::~FuzzPeer()
+{
+    g_peer = nullptr;
+    close(ends_[0]);
+    close(ends_[1]);
+}
+
+void FuzzPeer::send(FuzzInput input, size_t piece)
+{
+    toSend_.insert(toSend_.end(), input.data(), input.data() + input.size());
+    piece_ = piece;
+}
+
+void FuzzPeer::send(const std::vector<uint8_t> &bytes)
+{
+    toSend_.insert(toSend_.end(), bytes.begin(), bytes.end());
+}
+
+const std::vector<uint8_t> &FuzzPeer::written()
+{
+    uint8_t buffer[16384];
+    ssize_t got;
+    while ((got = __real_recv(ends_[1], buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+        const size_t room = kKept - std::min(kKept, written_.size());
+        written_.insert(written_.end(), buffer, buffer + std::min(static_cast<size_t>(got), room));
+    }
+    return written_;
+}
+
+// A full piece fits into the socket: it is empty.
+void FuzzPeer::sendPiece()
+{
+    constexpr size_t most = 65536;
+    const size_t count = std::min({toSend_.size() - sent_, piece_ > 0 ? piece_ : most, most});
+    const ssize_t done = ::send(ends_[1], toSend_.data() + sent_, count, MSG_NOSIGNAL | MSG_DONTWAIT);
+    unread_ = done > 0 ? static_cast<size_t>(done) : 0;
+    sent_ = done > 0 ? sent_ + unread_ : toSend_.size();
+}
+
+void FuzzPeer::libraryReads()
+{
+    constexpr uint32_t often = 16; // messages are several reads, and their answers fit into the socket
+    if (reads_++ % often == 0) {
+        written();
+    }
+    if (unread_ > 0) {
+        return;
+    }
+    if (beforeRead) {
+        beforeRead();
+    }
+    if (sent_ == toSend_.size() && whenDry) {
+        const std::function<void()> asked = std::exchange(whenDry, nullptr); // it may set the next
+        asked();
+    }
+    if (sent_ < toSend_.size()) {
+        sendPiece();
+    }
+    if (unread_ == 0 && !ended_) {
+        ended_ = true;
+        shutdown(ends_[1], SHUT_WR);
+    }
+}
+
+void FuzzPeer::libraryHasRead(ssize_t count)
+{
+    unread_ -= std::min(unread_, count > 0 ? static_cast<size_t>(count) : 0);
+}

@@ -1,0 +1,45 @@
+// The other end of a connection, on the library's own thread: whenever the library is about to read, the peer
+// takes what has been written to it and sends its next piece. So nothing waits, and nothing is left to
+// chance.
+#pragma once
+
+#include "support/fuzz_input.h"
+
+#include <functional>
+#include <vector>
+
+class FuzzPeer {
+  public:
+    FuzzPeer();
+    ~FuzzPeer(); // closes both ends
+    FuzzPeer(const FuzzPeer &) = delete;
+    FuzzPeer &operator=(const FuzzPeer &) = delete;
+
+    // The library's end.
+    int socket() const
+    {
+        return ends_[0];
+    }
+    // What the library's reads get, in pieces of so many bytes at most, and then the end; 0: in one.
+    void send(FuzzInput input, size_t piece = 0);
+    void send(const std::vector<uint8_t> &bytes);
+    // Asked once, when a read finds that everything has been sent: it may send more, and set another.
+    std::function<void()> whenDry;
+    // Asked in front of every read that finds nothing in the socket.
+    std::function<void()> beforeRead;
+    // What the library has written; at most the first `kept` bytes of it are kept.
+    const std::vector<uint8_t> &written();
+
+    void libraryReads();
+    void libraryHasRead(ssize_t count);
+
+  private:
+    static constexpr size_t kKept = 16384;
+    void sendPiece();
+    int ends_[2];
+    std::vector<uint8_t> toSend_;
+    size_t sent_ = 0, piece_ = 0, unread_ = 0;
+    uint32_t reads_ = 0;
+    bool ended_ = false;
+    std::vector<uint8_t> written_;
+};
