@@ -219,8 +219,8 @@ int RtmpSendMsgBytes(RtmpLogger *logger, int fd, struct msghdr *msg, int flags)
 
 int SendCountedBytes(RtmpLogger *logger, int fd, struct mmsghdr *msg, int flags)
 {
-    constexpr const char *who = "RtmpSendMsgBytes";
     if (sendmmsg(fd, msg, 1, flags | MSG_NOSIGNAL) < 0) {
+        constexpr const char *who = "RtmpSendMsgBytes";
         const int error = errno;
         RtmpLogPrint(logger, RTMP_LOG_ERROR, "ERROR: %s: Unable to send message: %d (%s)\n", who, error,
                      strerror(error));
