@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what building, demonstrating and testing need, and only what is missing. Debian 12, as root.
 #
-#   scripts/install_deps.sh [demo|adaptive|edge|publish|test|fuzz]      default: everything
+#   scripts/install_deps.sh [demo|adaptive|edge|publish|test|fuzz|coverage]      default: everything
 set -eu
 
 build="g++ cmake ninja-build pkg-config libssl-dev libavformat-dev libavcodec-dev libavutil-dev
@@ -14,7 +14,7 @@ command -v npm >/dev/null || edge="$edge npm"
 # The TLS front is a module of nginx, too; its throw-away certificate is made with openssl.
 publish="ffmpeg nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3 openssl
-clang clang-tidy clang-format"
+clang clang-tidy clang-format cppcheck"
 # The fuzzer and the sanitizers' runtimes are a package beside the compiler, which only recommends it.
 fuzz="clang libclang-rt-14-dev libgtest-dev"
 # Every player that is tried in front of the reference host, headless.
@@ -29,6 +29,9 @@ if [ "$(dpkg --print-architecture 2>/dev/null)" != arm64 ]; then
     tests="$tests $cross"
 fi
 
+# Reads which lines and branches the tests ran.
+coverage="$tests gcovr"
+
 case ${1:-all} in
 demo) packages="$build $demo" ;;
 adaptive) packages="$build $adaptive" ;;
@@ -36,8 +39,9 @@ edge) packages="$build $edge" ;;
 publish) packages="$build $publish" ;;
 test) packages="$build $tests" ;;
 fuzz) packages="$build $fuzz" ;;
-all) packages="$build $demo $adaptive $edge $publish $tests $fuzz" ;;
-*) echo "Usage: install_deps.sh [demo|adaptive|edge|publish|test|fuzz]" >&2; exit 2 ;;
+coverage) packages="$build $coverage" ;;
+all) packages="$build $demo $adaptive $edge $publish $coverage $fuzz" ;;
+*) echo "Usage: install_deps.sh [demo|adaptive|edge|publish|test|fuzz|coverage]" >&2; exit 2 ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
