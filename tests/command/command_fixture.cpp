@@ -63,6 +63,7 @@ void CommandFixture::joinSession()
 
 Parsed CommandFixture::run(const Bytes &payload, uint32_t type)
 {
+    produced::Texts("sent").note(payload.data(), payload.size());
     RtmpRecvPkt pkt = {};
     pkt.MsgTypeId = type;
     pkt.ChunkStreamId = 3;
@@ -106,6 +107,7 @@ Bytes CommandFixture::sent()
 {
     uint8_t buffer[4096];
     const ssize_t count = recv(peer, buffer, sizeof buffer, MSG_DONTWAIT);
+    produced::Texts("wire").note(buffer, count > 0 ? static_cast<size_t>(count) : 0);
     return count > 0 ? Bytes(buffer, buffer + count) : Bytes();
 }
 

@@ -9,6 +9,7 @@
 #include "support/amf_bytes.h"
 #include "support/calls.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 #include "support/records.h"
 
 #include <gtest/gtest.h>

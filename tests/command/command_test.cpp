@@ -157,7 +157,7 @@ TEST_F(CommandDispatch, WithoutALoggerLinesGoToStandardOutput)
     server.Logger = nullptr;
     testing::internal::CaptureStdout();
     EXPECT_EQ(parse({String("_checkbw")}).kind, 21U);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(produced::CapturedStdout(),
               "RTMPWriter: INFO: ParseCmdMsgReq: Received Command message: CHECKBW\n");
 }
 

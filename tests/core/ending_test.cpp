@@ -5,6 +5,7 @@
 #include "net/handshake.h"
 #include "serve/serve.h"
 #include "state/client.h"
+#include "support/produced.h"
 #include "support/session_rig.h"
 
 #include <atomic>
@@ -255,7 +256,7 @@ TEST(Ending, AServerGoesAlthoughTheHostsThreadIsStuckInASend)
     const StuckHost host(rig, player);
     testing::internal::CaptureStdout();
     EXPECT_EQ(RtmpServerDestroy(rig.server), 0);
-    testing::internal::GetCapturedStdout();
+    produced::CapturedStdout();
     rig.session = nullptr;
     rig.server = RtmpServerCreate(rig.log.get(), "ANY", 0, 0, 0, 4096, nullptr);
 }

@@ -1,3 +1,4 @@
+#include "support/produced.h"
 #include "support/session_rig.h"
 
 namespace {
@@ -22,7 +23,7 @@ TEST(SendData, BadArgumentsAreRefusedOnStandardOutput)
     EXPECT_EQ(Send(rig.session, 0, -5), -99);
     EXPECT_EQ(Send(rig.session, 2), -99);
     EXPECT_EQ(Send(rig.session, -1), -99);
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = produced::CapturedStdout();
     std::string expected;
     for (int i = 0; i < 6; i++) {
         expected += "RTMPWriter: ERROR: RtmpSendData: Invalid input arguments\n";

@@ -3,6 +3,7 @@
 #include "rtmpcast/rtmpcast.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 
 #include <memory>
 
@@ -25,7 +26,7 @@ class SenderSettings : public testing::Test {
     {
         testing::internal::CaptureStdout(); // the log of the end
         EXPECT_EQ(RtmpServerDestroy(server_), 0);
-        testing::internal::GetCapturedStdout();
+        produced::CapturedStdout();
     }
     int settings(uint32_t mode, uint32_t audio = 20, uint32_t video = 30)
     {

@@ -1,6 +1,7 @@
 #include "rtmpcast/rtmpcast.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -199,8 +200,7 @@ TEST(Server, DestroyingNoServerIsAnInvalidArgument)
 {
     testing::internal::CaptureStdout();
     EXPECT_EQ(RtmpServerDestroy(nullptr), -99);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RTMPWriter: ERROR: RtmpServerDestroy: Invalid input arguments\n");
+    EXPECT_EQ(produced::CapturedStdout(), "RTMPWriter: ERROR: RtmpServerDestroy: Invalid input arguments\n");
 }
 
 TEST(Server, EveryAcceptIsAnnouncedInBothLogs)
@@ -251,7 +251,7 @@ TEST(Server, SessionsThatGoWithTheServerSpeakOnStandardOutput)
     });
     EXPECT_EQ(RtmpServerDestroy(server), 0);
     owner.join();
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = produced::CapturedStdout();
     EXPECT_EQ(out.find("RTMPWriter: INFO: RtmpSessionDestroy: Sending SIGUSR1 to Client Thread\n"), 0U);
     EXPECT_EQ(out.find("Waiting for Thread Completion"), std::string::npos); // there is no thread
     EXPECT_TRUE(log.lines().empty());

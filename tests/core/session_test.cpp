@@ -1,3 +1,4 @@
+#include "support/produced.h"
 #include "support/session_rig.h"
 
 #include <csignal>
@@ -64,9 +65,8 @@ TEST(Session, NullArgumentsAreRefused)
     testing::internal::CaptureStdout();
     EXPECT_EQ(RtmpSessionCreate(nullptr, "live", &err), nullptr);
     EXPECT_EQ(RtmpSessionDestroy(nullptr), -99);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RTMPWriter: ERROR: RtmpSessionCreate: Invalid input arguments\n"
-              "RTMPWriter: ERROR: RtmpSessionDestroy: Invalid input arguments\n");
+    EXPECT_EQ(produced::CapturedStdout(), "RTMPWriter: ERROR: RtmpSessionCreate: Invalid input arguments\n"
+                                          "RTMPWriter: ERROR: RtmpSessionDestroy: Invalid input arguments\n");
 }
 
 TEST(Session, TheListKeepsCreationOrderThroughEveryPlaceOfRemoval)

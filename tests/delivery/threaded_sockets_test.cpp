@@ -6,6 +6,7 @@
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "rtmpcast/rtmpcast.h"
+#include "support/produced.h"
 #include "support/session_rig.h"
 
 #include <atomic>
@@ -35,7 +36,7 @@ class ThreadedSender : public testing::Test {
         if (rig_.server != nullptr) {
             testing::internal::CaptureStdout(); // the log of the end
             EXPECT_EQ(RtmpServerDestroy(rig_.server), 0);
-            testing::internal::GetCapturedStdout();
+            produced::CapturedStdout();
         }
         rig_.server = nullptr;
         rig_.session = nullptr;
@@ -294,5 +295,5 @@ TEST_F(ThreadedSender, AServerIsDestroyedWhileASenderIsStuckInAWrite)
     ASSERT_TRUE(WaitUntil([&] { return LoadShared(&session->Queue->ThreadRunning) == 0; }));
     leave(player); // a session waits for its clients
     destroyer.join();
-    testing::internal::GetCapturedStdout();
+    produced::CapturedStdout();
 }

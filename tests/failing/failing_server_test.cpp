@@ -5,6 +5,7 @@
 #include "support/calls.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 
 #include "rtmpcast/rtmpcast.h"
 
@@ -230,7 +231,7 @@ TEST(ServerDestroyFailing, AListLockThatCannotBeDestroyedKeepsTheServer)
         const FailingCall failing(Call::MutexDestroy);
         EXPECT_EQ(RtmpServerDestroy(rig.server), -76);
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(produced::CapturedStdout(),
               "RTMPWriter: ERROR: RtmpServerDestroy: Destroying of RTMP Session List Lock Failed\n");
     EXPECT_EQ(RtmpServerDestroy(rig.server), 0);
 }
@@ -244,7 +245,7 @@ TEST(ServerDestroyFailing, ASessionThatCannotBeDestroyedIsTriedAgain)
         const FailingCall failing(Call::MutexLock, 1, &rig.server->LiveSessionListLock);
         EXPECT_EQ(RtmpServerDestroy(rig.server), 0);
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(produced::CapturedStdout(),
               "RTMPWriter: ERROR: RtmpSessionDestroy: Cannot lock Rtmp session list\n"
               "RTMPWriter: ERROR: RtmpServerDestroy: Can not destroy RTMP session\n");
 }

@@ -1,5 +1,7 @@
 #include "instruments/debug_trace.h"
 
+#include "support/produced.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -50,6 +52,10 @@ class DebugTrace : public testing::Test {
         std::ifstream in(all[0]);
         std::stringstream out;
         out << in.rdbuf();
+        produced::Note("file", all[0].string());
+        for (std::string line; std::getline(out, line);) {
+            produced::Note("file", line);
+        }
         return out.str();
     }
 

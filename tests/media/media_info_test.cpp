@@ -1,5 +1,6 @@
 #include "net/atomic.h"
 #include "support/calls.h"
+#include "support/produced.h"
 #include "tests/media/media_fixture.h"
 
 #include <thread>
@@ -142,7 +143,7 @@ TEST_F(MediaInfo, MissingArgumentsAreRefusedOnStandardOutput)
     EXPECT_EQ(RtmpAddMediaInfo(nullptr, nullptr, &audio), -99);
     EXPECT_EQ(RtmpAddMediaInfo(&session, nullptr, nullptr), -99);
     const std::string line = "RTMPWriter: ERROR: RtmpAddMediaInfo: Invalid input arguments\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line);
+    EXPECT_EQ(produced::CapturedStdout(), line + line);
     EXPECT_EQ(log.lines(), Lines{});
     EXPECT_EQ(session.MediaKind, 3U);
 }

@@ -216,8 +216,7 @@ TEST_F(CommandPayload, AMissingArgumentIsRefused)
     EXPECT_EQ(log.lines(), Lines(2, "3 ERROR: WriteCmdMsgPayload: Invalid input arguments"));
     testing::internal::CaptureStdout();
     EXPECT_EQ(WriteCmdMsgPayload(nullptr, &pkt, &named), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "RTMPWriter: ERROR: WriteCmdMsgPayload: Invalid input arguments\n");
+    EXPECT_EQ(produced::CapturedStdout(), "RTMPWriter: ERROR: WriteCmdMsgPayload: Invalid input arguments\n");
 }
 
 // The lines of WriteCmdMsgPayload when the n-th allocation fails, for every n. Each value takes several

@@ -66,7 +66,7 @@ TEST_F(GenerateMessage, WithoutAClientThereIsNoMessage)
 {
     testing::internal::CaptureStdout();
     EXPECT_EQ(GenerateRtmpMsg(nullptr, nullptr, RTMP_MSG_PLAY_START), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(produced::CapturedStdout(),
               "RTMPWriter: ERROR: GenerateRtmpMsg: Cannot generate response message of command message\n");
 }
 

@@ -8,6 +8,7 @@
 #include "rtmpcast/publish.h"
 #include "support/bytes.h"
 #include "support/calls.h"
+#include "support/produced.h"
 #include "support/records.h"
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 #include "net/log.h"
 #include "support/capture_logger.h"
+#include "support/produced.h"
 #include "support/wait.h"
 
 #include <atomic>
@@ -11,7 +12,7 @@ TEST(LogPrint, WithoutALoggerPrintsBehindRtmpWriterOnStandardOutput)
 {
     testing::internal::CaptureStdout();
     RtmpLogPrint(nullptr, RTMP_LOG_INFO, "INFO: %s: hello %d\n", "Here", 5);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "RTMPWriter: INFO: Here: hello 5\n");
+    EXPECT_EQ(produced::CapturedStdout(), "RTMPWriter: INFO: Here: hello 5\n");
 }
 
 TEST(LogPrint, WithALoggerPassesContextLevelFormatAndArguments)
@@ -29,7 +30,7 @@ TEST(LogPrint, AHalfFilledLoggerIsSilent)
     testing::internal::CaptureStdout();
     RtmpLogPrint(&noContext, RTMP_LOG_ERROR, "ERROR: %s: lost\n", "Here");
     RtmpLogPrint(&noFunction, RTMP_LOG_ERROR, "ERROR: %s: lost\n", "Here");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(produced::CapturedStdout(), "");
     EXPECT_TRUE(log.lines().empty());
 }
 
@@ -44,7 +45,7 @@ TEST(LogGate, LinesGoToStandardOutputOnceTheLoggerIsLetGo)
     CloseLogGate(&server);
     testing::internal::CaptureStdout();
     RtmpLogPrint(logger, RTMP_LOG_INFO, "INFO: %s: after\n", "Here");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "RTMPWriter: INFO: Here: after\n");
+    EXPECT_EQ(produced::CapturedStdout(), "RTMPWriter: INFO: Here: after\n");
     EXPECT_EQ(log.lines(), std::vector<std::string>{"6 INFO: Here: before"});
 }
 

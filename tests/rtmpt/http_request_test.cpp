@@ -2,6 +2,7 @@
 
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 
 #include <cstring>
 #include <functional>
@@ -30,6 +31,7 @@ class HttpRequest : public testing::Test {
     // The copy ends where the request ends, for the address sanitizer to watch.
     Request parse(const std::string &text)
     {
+        produced::Note("request", text);
         const std::vector<uint8_t> exact(text.begin(), text.end());
         return Request(ParseHttpReqMsg(&client_, exact.data(), static_cast<uint32_t>(exact.size())));
     }

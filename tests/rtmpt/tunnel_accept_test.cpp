@@ -3,6 +3,7 @@
 #include "rtmpcast/rtmpcast.h"
 #include "support/capture_logger.h"
 #include "support/host_fakes.h"
+#include "support/produced.h"
 
 #include <arpa/inet.h>
 #include <filesystem>
@@ -193,7 +194,7 @@ TEST(AcceptRtmptConnectionThread, WithoutAServerEndsAtOnce)
         "RTMPWriter: ERROR: AcceptRtmptConnectionThread: Invalid thread input arguments\n";
     EXPECT_TRUE(WaitUntil([&] { return BytesOnStdout() >= line.size(); }));
     EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
+    EXPECT_EQ(produced::CapturedStdout(), line);
 }
 
 TEST(AcceptRtmptConnectionThread, WithoutASocketEndsWithItsLine)
@@ -219,5 +220,5 @@ TEST(ServeRtmptClient, WithoutAClientEndsAtOnce)
     const std::string line = "RTMPWriter: ERROR: ServeRtmptClient: Invalid thread input arguments\n";
     EXPECT_TRUE(WaitUntil([&] { return BytesOnStdout() >= line.size(); }));
     EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; }));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
+    EXPECT_EQ(produced::CapturedStdout(), line);
 }

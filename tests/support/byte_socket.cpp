@@ -70,6 +70,7 @@ void ByteSocket::send(const Bytes &bytes)
         const ssize_t sent =
             ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
+            went_.note(bytes.data() + done, static_cast<size_t>(sent));
             done += static_cast<size_t>(sent);
         } else if (errno == EAGAIN) {
             waitFor(POLLOUT, deadline, "sending");
@@ -97,6 +98,7 @@ size_t ByteSocket::fill(Clock::time_point deadline)
         const ssize_t got = recv(fd_, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
         buffer_.resize(got > 0 ? static_cast<size_t>(got) : 0);
         if (got >= 0) {
+            came_.note(buffer_.data(), buffer_.size());
             return buffer_.size();
         }
         if (errno == EAGAIN) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/bytes.h"
+#include "support/produced.h"
 
 #include <chrono>
 #include <cstdint>
@@ -74,6 +75,8 @@ class ByteSocket {
     Bytes record_;
     Bytes buffer_;
     size_t used_ = 0; // bytes of buffer_ that were handed out
+    produced::Texts came_{"wire"};
+    produced::Texts went_{"sent"};
 };
 
 } // namespace wire

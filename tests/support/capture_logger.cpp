@@ -1,5 +1,7 @@
 #include "support/capture_logger.h"
 
+#include "support/produced.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -44,7 +46,9 @@ CaptureLogger::CaptureLogger() : logger_{&CaptureLogger::Log, this} {}
 void CaptureLogger::Log(void *context, uint8_t level, const char *format, va_list arguments)
 {
     CaptureLogger *self = static_cast<CaptureLogger *>(context);
-    std::string line = Shown(level, Formatted(format, arguments));
+    std::string line = Formatted(format, arguments);
+    produced::Note("log", line);
+    line = Shown(level, std::move(line));
     const std::lock_guard<std::mutex> held(self->mutex_);
     self->lines_.push_back(std::move(line));
     self->taken_++;

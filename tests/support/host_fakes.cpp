@@ -1,5 +1,7 @@
 #include "support/host_fakes.h"
 
+#include "support/produced.h"
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -54,6 +56,8 @@ void KelvoraSyslog(const char *tag, const char *format, ...)
     va_start(arguments, format);
     vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
+    produced::Note("host", tag);
+    produced::Note("host", line);
     HostFakes::get().syslog.add(std::string(tag) + "|" + line);
 }
 
@@ -104,11 +108,15 @@ void publishChangeState(RtmpClient *client, int32_t state)
 
 void PublishUstreamRecord(RtmpClient *client, const char *action)
 {
+    produced::Note("host", action);
     HostFakes::get().recordActions.add({client, action});
 }
 
 void rtmpStatusMessage(void *hostContext, const char *key, const char *value, const char *description)
 {
+    for (const char *text : {key, value, description}) {
+        produced::Note("host", text);
+    }
     HostFakes &fakes = HostFakes::get();
     fakes.statusReports.add({hostContext, key, value, description});
     if (fakes.status) {

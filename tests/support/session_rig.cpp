@@ -2,6 +2,7 @@
 
 #include "net/client_state.h"
 #include "state/client.h"
+#include "support/produced.h"
 
 #include <algorithm>
 #include <cstring>
@@ -124,6 +125,7 @@ Bytes ReadBytes(int fd, size_t count, int milliseconds)
         }
         out.insert(out.end(), buffer, buffer + got);
     }
+    produced::Texts("wire").note(out.data(), out.size());
     return out;
 }
 
@@ -135,5 +137,6 @@ Bytes DrainBytes(int fd)
     while ((got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
         out.insert(out.end(), buffer, buffer + got);
     }
+    produced::Texts("wire").note(out.data(), out.size());
     return out;
 }

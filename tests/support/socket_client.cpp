@@ -50,6 +50,7 @@ SocketClient::~SocketClient()
 
 void SocketClient::send(const Bytes &bytes)
 {
+    went_.note(bytes.data(), bytes.size());
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t sent = ::send(peer_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
@@ -72,6 +73,7 @@ Bytes SocketClient::receive(size_t count)
         done += static_cast<size_t>(got);
     }
     out.resize(done);
+    came_.note(out.data(), out.size());
     return out;
 }
 

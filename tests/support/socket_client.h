@@ -4,6 +4,7 @@
 
 #include "rtmpcast/publish.h"
 #include "support/bytes.h"
+#include "support/produced.h"
 #include "support/records.h"
 
 class SocketClient {
@@ -43,4 +44,6 @@ class SocketClient {
   private:
     RtmpClient *client_;
     int peer_ = -1;
+    produced::Texts came_{"wire"};
+    produced::Texts went_{"sent"};
 };

@@ -1,4 +1,5 @@
 // Frames as players see them: tags, chunks, deltas, the order of audio and video, and who gets them.
+#include "support/produced.h"
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
@@ -360,7 +361,7 @@ TEST(WireSendData, TellsItsFailuresApart)
     EXPECT_EQ(RtmpSendData(ready, frame.data(), 0, 0, 0, 1, 0), RTMP_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(RtmpSendData(bare, frame.data(), 20, 0, 0, 1, 2), RTMP_ERR_INVALID_ARGUMENT);
     const std::string line = "RTMPWriter: ERROR: RtmpSendData: Invalid input arguments\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line + line + line);
+    EXPECT_EQ(produced::CapturedStdout(), line + line + line + line);
     EXPECT_EQ(server.log.count("ERROR"), 0U) << "the other two are not logged";
 }
 

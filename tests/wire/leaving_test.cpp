@@ -1,4 +1,5 @@
 // Leaving: sessions and servers destroyed around their players, the client list, descriptors.
+#include "support/produced.h"
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
@@ -292,7 +293,7 @@ TEST(WireServerDestroy, LinesOfItsSessionsGoToStandardOutput)
     Peers players = Players(server.port, 2);
     testing::internal::CaptureStdout();
     EXPECT_EQ(server.destroy(), 0);
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = produced::CapturedStdout();
     EXPECT_NE(out.find("RTMPWriter: INFO: RtmpSessionDestroy: Sending SIGUSR1 to Client Thread\n"),
               std::string::npos);
     EXPECT_NE(out.find("RTMPWriter: INFO: DestroyRtmpClient: Removed client; No. of connected clients : 0\n"),

@@ -1,0 +1,25 @@
+#!/bin/bash
+# Lists every fixed text of the library's sources with the test that was seen to produce it: the test whose log line,
+# call of a host function, bytes on a connection, file or standard output held the text. Runs the tests of the preset
+# debug, which must be built. tests/texts_unreached.txt gives the reasons of the others, one by one; a text that
+# neither is produced nor has a reason fails the run, and so does a reason whose text is produced.
+#
+#   scripts/texts.sh                      runs the tests and prints the table; build/proof/texts.md has the counts
+#   scripts/texts.sh --recorded FOLDER    the same from what an earlier run has left in FOLDER
+#   scripts/texts.sh --check              no run: each text with a reason stands in the sources, and only once in the list
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+folders='core|serve|rtmpt|state|delivery|instruments|amf|net|command|message|media|wire|steady|failing|sender|publish|publisher|tls|steady_tls'
+
+case ${1:-} in
+--check) exec python3 "$root/scripts/texts.py" check ;;
+--recorded) exec python3 "$root/scripts/texts.py" table "$2" ;;
+esac
+
+recorded=$(mktemp -d)
+trap 'rm -rf "$recorded"' EXIT
+cd "$root"
+RTMPCAST_TEXTS=$recorded ctest --preset debug -L "^($folders)\$" >"$recorded.log" ||
+    { tail -n 40 "$recorded.log"; echo "the tests must pass: $recorded.log"; exit 1; }
+rm "$recorded.log"
+python3 scripts/texts.py table "$recorded"
