@@ -29,6 +29,9 @@ SessionRig::SessionRig(const RigSetup &setup) : setup_(setup)
         throw std::runtime_error("no server: " + std::to_string(err));
     }
     server->ChunkSize = static_cast<uint32_t>(setup.chunkSize);
+    if (setup.steady && RtmpServiceSettings(server, nullptr) != 0) {
+        throw std::runtime_error("no steady road");
+    }
     session = addSession("live");
 }
 

@@ -23,6 +23,7 @@ struct RigSetup {
     uint32_t senderMode = 0;
     uint32_t interval = 5; // of the packet monitor's statistics
     uint32_t queue = 10;
+    bool steady = false; // on the steady road, with the defaults of its limits
 };
 
 class SessionRig {
