@@ -34,8 +34,8 @@ ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
 
 int __wrap_poll(pollfd *entries, nfds_t count, int milliseconds)
 {
-    if (count == 1 && IsPeerOf(entries->fd) && (entries->events & POLLIN) != 0) {
-        g_peer->libraryReads();
+    if (count == 1 && IsPeerOf(entries->fd)) {
+        g_peer->libraryWaits(entries->events);
     }
     return __real_poll(entries, count, milliseconds);
 }
@@ -52,8 +52,10 @@ FuzzPeer::FuzzPeer()
 FuzzPeer::~FuzzPeer()
 {
     g_peer = nullptr;
-    close(ends_[0]);
     close(ends_[1]);
+    if (!isGivenAway_) {
+        close(ends_[0]);
+    }
 }
 
 void FuzzPeer::send(FuzzInput input, size_t piece)
@@ -110,6 +112,15 @@ void FuzzPeer::libraryReads()
     if (unread_ == 0 && !ended_) {
         ended_ = true;
         shutdown(ends_[1], SHUT_WR);
+    }
+}
+
+void FuzzPeer::libraryWaits(short events)
+{
+    if ((events & POLLIN) != 0) {
+        libraryReads();
+    } else {
+        written();
     }
 }
 

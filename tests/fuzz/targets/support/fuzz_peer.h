@@ -30,7 +30,14 @@ class FuzzPeer {
     // What the library has written; at most the first `kept` bytes of it are kept.
     const std::vector<uint8_t> &written();
 
+    // The library closes its end itself.
+    void giveSocketAway()
+    {
+        isGivenAway_ = true;
+    }
+
     void libraryReads();
+    void libraryWaits(short events);
     void libraryHasRead(ssize_t count);
 
   private:
@@ -40,6 +47,6 @@ class FuzzPeer {
     std::vector<uint8_t> toSend_;
     size_t sent_ = 0, piece_ = 0, unread_ = 0;
     uint32_t reads_ = 0;
-    bool ended_ = false;
+    bool ended_ = false, isGivenAway_ = false;
     std::vector<uint8_t> written_;
 };

@@ -1,0 +1,78 @@
+#include "support/fuzz_session.h"
+
+#include "rtmpcast/player.h"
+#include "rtmpcast/service.h"
+#include "support/session_rig.h"
+
+#include <cstdlib>
+
+namespace {
+
+RtmpServer *MakeFuzzedServer(bool isSteady)
+{
+    int err = 0;
+    RtmpServer *server = RtmpServerCreate(QuietLogger(), "ANY", 0, 0, 0, 128, &err);
+    if (server == nullptr || (isSteady && RtmpServiceSettings(server, nullptr) != 0)) {
+        abort();
+    }
+    return server;
+}
+
+void AddRigMedia(RtmpSession *session)
+{
+    const VideoMediaInfo video = {
+        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
+    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
+                                  kRigAudioConfig.data()};
+    if (RtmpAddMediaInfo(session, &video, &audio) != 0) {
+        abort();
+    }
+}
+
+} // namespace
+
+RtmpServer *FuzzedServer(bool isSteady, int32_t chunkSize, uint32_t playerFlags)
+{
+    static RtmpServer *const exact = MakeFuzzedServer(false);
+    static RtmpServer *const steady = MakeFuzzedServer(true);
+    RtmpServer *server = isSteady ? steady : exact;
+    server->ChunkSize = static_cast<uint32_t>(chunkSize);
+    RtmpPlayerSettings(server, playerFlags);
+    return server;
+}
+
+RtmpSession *MakeFuzzedSession(RtmpServer *server, FuzzedSession kind)
+{
+    if (kind == FUZZED_NONE) {
+        return nullptr;
+    }
+    int err = 0;
+    RtmpSession *session = RtmpSessionCreate(server, kFuzzedName, &err);
+    if (session == nullptr) {
+        abort();
+    }
+    if (kind == FUZZED_WITH_SENDER) {
+        RtmpSenderSettings(session, 0, 0, 0, 1, 255, 5, 10, 10);
+    }
+    if (kind != FUZZED_BARE) {
+        AddRigMedia(session);
+    }
+    return session;
+}
+
+void EndFuzzedSession(RtmpSession *session)
+{
+    if (session != nullptr && RtmpSessionDestroy(session) != 0) {
+        abort();
+    }
+}
+
+void SendFuzzedFrame(FuzzPeer *peer, RtmpSession *session, uint32_t number)
+{
+    static const uint8_t picture[300] = {0, 0, 1, 40, 0x65, 0x88};
+    static const uint8_t sound[40] = {0x21};
+    const bool isSound = number % 3 == 2;
+    peer->written();
+    (void)RtmpSendData(session, isSound ? sound : picture, isSound ? sizeof sound : sizeof picture, -1, 0,
+                       1000 + number * 40, isSound ? RTMP_FRAME_AUDIO : RTMP_FRAME_VIDEO);
+}
