@@ -60,8 +60,10 @@ FuzzPeer::~FuzzPeer()
 
 void FuzzPeer::send(FuzzInput input, size_t piece)
 {
+    constexpr size_t most = 300; // pieces: each is a few calls of the system
+    cutFrom_ = toSend_.size();
+    piece_ = piece > 0 ? std::max(piece, input.size() / most) : 0;
     toSend_.insert(toSend_.end(), input.data(), input.data() + input.size());
-    piece_ = piece;
 }
 
 void FuzzPeer::send(const std::vector<uint8_t> &bytes)
@@ -80,11 +82,19 @@ const std::vector<uint8_t> &FuzzPeer::written()
     return written_;
 }
 
+size_t FuzzPeer::nextPiece() const
+{
+    if (sent_ < cutFrom_) {
+        return cutFrom_ - sent_;
+    }
+    return piece_ > 0 ? std::min(piece_, toSend_.size() - sent_) : toSend_.size() - sent_;
+}
+
 // A full piece fits into the socket: it is empty.
 void FuzzPeer::sendPiece()
 {
     constexpr size_t most = 65536;
-    const size_t count = std::min({toSend_.size() - sent_, piece_ > 0 ? piece_ : most, most});
+    const size_t count = std::min(nextPiece(), most);
     const ssize_t done = ::send(ends_[1], toSend_.data() + sent_, count, MSG_NOSIGNAL | MSG_DONTWAIT);
     unread_ = done > 0 ? static_cast<size_t>(done) : 0;
     sent_ = done > 0 ? sent_ + unread_ : toSend_.size();

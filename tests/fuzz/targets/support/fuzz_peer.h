@@ -20,7 +20,8 @@ class FuzzPeer {
     {
         return ends_[0];
     }
-    // What the library's reads get, in pieces of so many bytes at most, and then the end; 0: in one.
+    // What the library's reads get, and then the end. An input comes in pieces of so many bytes, or more
+    // where they would be hundreds; 0: in one.
     void send(FuzzInput input, size_t piece = 0);
     void send(const std::vector<uint8_t> &bytes);
     // Asked once, when a read finds that everything has been sent: it may send more, and set another.
@@ -42,10 +43,11 @@ class FuzzPeer {
 
   private:
     static constexpr size_t kKept = 16384;
+    size_t nextPiece() const;
     void sendPiece();
     int ends_[2];
     std::vector<uint8_t> toSend_;
-    size_t sent_ = 0, piece_ = 0, unread_ = 0;
+    size_t sent_ = 0, cutFrom_ = 0, piece_ = 0, unread_ = 0;
     uint32_t reads_ = 0;
     bool ended_ = false, isGivenAway_ = false;
     std::vector<uint8_t> written_;
