@@ -1,0 +1,152 @@
+"""Makes docs/proof.md out of what the scripts left in build/proof and what the tests left in build/*/tests.xml.
+
+A section whose script has not run here since stays as it stands, with its date.
+"""
+import os
+import re
+import shutil
+import sys
+import time
+import xml.etree.ElementTree as xml
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+LEFT = os.path.join(ROOT, "build", "proof")
+PAGE = os.path.join(ROOT, "docs", "proof.md")
+PRESETS = ["debug", "asan", "tsan", "arm64"]
+
+# Kinds of tests, by folder of tests/.
+KINDS = [
+    ("values, messages, media, handshake", "amf optimised.amf message media instruments net"),
+    ("sessions, commands, frames on their way", "core serve command state delivery sender rtmpt"),
+    ("failing calls", "failing"),
+    ("a scripted player, byte by byte", "wire players_of_today"),
+    ("the steady road", "steady steady_tls"),
+    ("TLS", "tls"),
+    ("publishing to a scripted service", "publish publisher"),
+    ("real players and services", "players"),
+    ("fuzzing: inputs replayed, invented input", "fuzz"),
+    ("exported names, layouts, consumers", "abi"),
+    ("the reference hosts and tools", "examples tools soak"),
+    ("the sources themselves", "house"),
+]
+SANITIZERS = {
+    "debug": "none",
+    "asan": "address, undefined, leak",
+    "tsan": "thread",
+    "arm64": "none; 64-bit ARM",
+}
+READERS = {
+    "house.ClangTidy": "clang-tidy (`.clang-tidy`)",
+    "house.Cppcheck": "cppcheck",
+    "house.ClangBuildsTheLibrary": "clang builds the library without a warning",
+    "house.ClangFormat": "clang-format (`.clang-format`)",
+    "abi.ExportedNames": "exported names are those of `tests/abi/exported_names.txt`",
+    "abi.UndefinedNames": "undefined names are those of `tests/abi/host_names.txt`",
+    "abi.SourcesAreCxx20": "a build as C++20",
+    "abi.HeadersAreC": "the headers are C11",
+}
+
+# name of what a script leaves, title, command
+SECTIONS = [
+    ("tests", "Tests", "scripts/test.sh"),
+    ("readers", "Static analysis", "scripts/test.sh debug"),
+    ("fuzz", "Fuzzing", "scripts/fuzz.sh SECONDS"),
+    ("failures", "Every failure once", "scripts/failures.sh"),
+    ("texts", "Every fixed text", "scripts/texts.sh"),
+    ("stress", "Stress under the thread sanitizer", "scripts/stress.sh MINUTES"),
+    ("soak", "Soak", "scripts/soak.sh MINUTES"),
+    ("coverage", "Coverage", "scripts/coverage.sh"),
+    ("size", "Size", "scripts/size.sh"),
+]
+
+
+def cases_of(preset):
+    """[(name, passed)] of the preset's last run, and when that was."""
+    file = os.path.join(ROOT, "build", preset, "tests.xml")
+    if not os.path.exists(file):
+        return [], None
+    cases = [(case.get("name"), case.get("status") == "run") for case in xml.parse(file).getroot().iter("testcase")]
+    return cases, os.path.getmtime(file)
+
+
+def kind_of(name):
+    return next((kind for kind, folders in KINDS for folder in folders.split() if name.startswith(folder + ".")), None)
+
+
+def tests():
+    counts, times, bad = {}, [], []
+    for preset in PRESETS:
+        cases, when = cases_of(preset)
+        if not cases:
+            return None, None
+        times.append(when)
+        for name, passed in cases:
+            kind = kind_of(name) or sys.exit(f"{name}: of no kind; scripts/proof.py names the kinds of tests")
+            counts[kind, preset] = counts.get((kind, preset), 0) + 1
+            if not passed:
+                bad.append(f"{preset}: {name}")
+    lines = ["| | " + " | ".join(f"`{preset}`" for preset in PRESETS) + " |", "|---|" + "---|" * len(PRESETS)]
+    lines.append("| sanitizers | " + " | ".join(SANITIZERS[preset] for preset in PRESETS) + " |")
+    for kind, _ in KINDS:
+        lines.append(f"| {kind} | " + " | ".join(str(counts.get((kind, preset), 0)) for preset in PRESETS) + " |")
+    totals = [sum(count for (_, of), count in counts.items() if of == preset) for preset in PRESETS]
+    lines.append("| **all** | " + " | ".join(f"**{total}**" for total in totals) + " |")
+    lines += ["", f"{sum(totals) - len(bad)} passed, {len(bad)} failed{': ' + ', '.join(bad) if bad else ''}. What a preset "
+              "leaves out, and why, stands in `tests/left_out`; `scripts/test.sh --all` leaves nothing out."]
+    return "\n".join(lines), min(times)
+
+
+def readers():
+    cases, when = cases_of("debug")
+    found = dict(cases)
+    if not found:
+        return None, None
+    missing = [name for name in READERS if name not in found]
+    if missing:
+        sys.exit(f"{missing}: no such test; scripts/proof.py names those that read the sources")
+    lines = ["| what reads the sources | finds |", "|---|---|"]
+    lines += [f"| {what} | {'nothing' if found[name] else '**something**'} |" for name, what in READERS.items()]
+    return "\n".join(lines), when
+
+
+def left_by_a_script(name):
+    file = os.path.join(LEFT, name + ".md")
+    if not os.path.exists(file):
+        return None, None
+    return open(file, encoding="utf-8").read().strip(), os.path.getmtime(file)
+
+
+def old_sections():
+    if not os.path.exists(PAGE):
+        return {}
+    text = open(PAGE, encoding="utf-8").read()
+    return {name: body.strip() for name, body in re.findall(r"<!-- (\w+) -->\n(.*?)(?=\n<!-- \w+ -->|\Z)", text, re.S)}
+
+
+def main():
+    os.makedirs(LEFT, exist_ok=True)
+    old = old_sections()
+    page = ["# Proof", "", "Made by `scripts/proof.sh` out of what the commands below left; no figure is written by hand. "
+            "`CONTRIBUTING.md` says", "what runs on every change and what on demand.", ""]
+    missing = []
+    for name, title, command in SECTIONS:
+        body, when = {"tests": tests, "readers": readers}.get(name, lambda: left_by_a_script(name))()
+        page.append(f"<!-- {name} -->")
+        if body is not None:
+            page += [f"## {title}", "", f"`{command}`, {time.strftime('%Y-%m-%d', time.localtime(when))}", "", body, ""]
+        elif name in old:
+            page += [old[name], ""]
+        else:
+            page += [f"## {title}", "", f"`{command}` has not run.", ""]
+            missing.append(command)
+    picture = os.path.join(LEFT, "soak.png")
+    if os.path.exists(picture):
+        shutil.copyfile(picture, os.path.join(ROOT, "docs", "soak.png"))
+    with open(PAGE, "w", encoding="utf-8") as file:
+        file.write("\n".join(page).rstrip() + "\n")
+    for command in missing:
+        print(f"not run yet: {command}")
+    print(f"docs/proof.md: {len(SECTIONS) - len(missing)} of {len(SECTIONS)} sections")
+
+
+main()
