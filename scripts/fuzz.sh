@@ -36,23 +36,22 @@ make_seeds() {
     du -s --apparent-size -k tests/fuzz/corpus/*
 }
 
-# longest TARGET: the longest input, from the line "max_len: N" in the target's source.
-longest() {
-    local said
-    said=$(sed -n 's|^// max_len: \([0-9]*\)$|\1|p' "tests/fuzz/targets/$1.cpp")
-    echo "${said:-8192}"
-}
+# says TARGET WHAT: the word behind "// WHAT: " in the target's source.
+says() { sed -n "s|^// $2: \([0-9a-z_]*\)\$|\1|p" "tests/fuzz/targets/$1.cpp"; }
 
 # run TARGET SECONDS: exit code and last words are in build/fuzz/TARGET.log.
 run() {
-    local target=$1 seconds=$2 folders=() dictionary=()
+    local target=$1 seconds=$2 folders=() words longest dictionary=()
     mkdir -p "$work/corpus/$target" "$work/found/$target"
     for folder in "tests/fuzz/corpus/$target" "tests/fuzz/found/$target"; do
         [ -d "$folder" ] && folders+=("$folder")
     done
-    [ -f "tests/fuzz/dictionaries/$target.dict" ] && dictionary=("-dict=tests/fuzz/dictionaries/$target.dict")
+    words=tests/fuzz/dictionaries/$(says "$target" dictionary).dict
+    [ -f "$words" ] || words=tests/fuzz/dictionaries/$target.dict
+    [ -f "$words" ] && dictionary=("-dict=$words")
+    longest=$(says "$target" max_len)
     ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
-        "$programs/fuzz_$target" -max_total_time="$seconds" -max_len="$(longest "$target")" -timeout=25 \
+        "$programs/fuzz_$target" -max_total_time="$seconds" -max_len="${longest:-8192}" -timeout=25 \
         -rss_limit_mb=2048 -malloc_limit_mb=512 -print_final_stats=1 -artifact_prefix="$work/found/$target/" \
         "${dictionary[@]}" "$work/corpus/$target" "${folders[@]}" >"$work/$target.log" 2>&1
     echo "exit code $?" >>"$work/$target.log"

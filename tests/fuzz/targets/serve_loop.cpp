@@ -6,6 +6,7 @@
 //     RTMP_PLAYERS_...:3 (high)  steady road:1  how far the player is:2  session:2
 //     pieces:3  frames:2  refused by the host:1  chunk size of 4096:1  -:1
 //
+// dictionary: rtmp
 // max_len: 4096
 #include "net/client_state.h"
 #include "serve/serve.h"
@@ -13,6 +14,7 @@
 #include "state/client.h"
 #include "state/server_hold.h"
 #include "steady/line.h"
+#include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
 #include "support/host_fakes.h"
 #include "support/scripted_peer.h"
@@ -119,4 +121,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     EndFuzzedSession(session);
     HostFakes::get().reset();
     return 0;
+}
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t most, unsigned seed)
+{
+    constexpr size_t choice = 3; // bytes
+    return MutateChunks(data, size, most, choice, seed);
 }

@@ -4,9 +4,11 @@
 //     steady road:1  session:2  the service has answered so far:3  signed:1  -:1
 //     pieces:3  frames:2  stopped after so many reads:3
 //
+// dictionary: rtmp
 // max_len: 8192
 #include "rtmpcast/player.h"
 #include "rtmpcast/publish_client.h"
+#include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
 #include "support/host_fakes.h"
 #include "support/scripted_peer.h"
@@ -148,4 +150,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     EndFuzzedSession(session);
     HostFakes::get().reset();
     return 0;
+}
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t most, unsigned seed)
+{
+    constexpr size_t choice = 2; // bytes
+    return MutateChunks(data, size, most, choice, seed);
 }
