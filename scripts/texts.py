@@ -16,7 +16,8 @@ import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-ROOMS = "amf command core delivery host_defaults include instruments media message net publish rtmpt serve state steady".split()
+ROOMS = ("amf command core delivery host_defaults include instruments media message net publish rtmpt serve state "
+         "steady").split()
 LIST = "tests/texts_unreached.txt"
 OUT = "build/proof/texts.md"
 
@@ -24,8 +25,8 @@ Token = collections.namedtuple("Token", "kind text line")
 Text = collections.namedtuple("Text", "path line text who")
 Seen = collections.namedtuple("Seen", "kind test text")
 
-TOKEN = re.compile(r'''(?P<comment>//[^\n]*|/\*.*?\*/)|(?P<string>"(?:\\.|[^"\\\n])*")|(?P<character>'(?:\\.|[^'\\\n])*')'''
-                   r'''|(?P<name>[A-Za-z_]\w*)|(?P<other>\S)''', re.S)
+TOKEN = re.compile(r'''(?P<comment>//[^\n]*|/\*.*?\*/)|(?P<string>"(?:\\.|[^"\\\n])*")'''
+                   r'''|(?P<character>'(?:\\.|[^'\\\n])*')|(?P<name>[A-Za-z_]\w*)|(?P<other>\S)''', re.S)
 # Formats of <inttypes.h> between two pieces of a literal.
 LENGTHS = re.compile(r"PRI[diux](?:8|16|32|64|MAX|PTR)$")
 # In front of a literal that is no text of the program; "(" alone belongs to an attribute.
@@ -139,7 +140,8 @@ def plain(text):
     return re.sub(r"\\(.)", r"\1", text)
 
 
-CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*)?)?(?:hh|h|ll|l|z)?([diouxXpsfgc])|(?:PRI([diux])\w+))")
+CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*)?)?(?:hh|h|ll|l|z)?([diouxXpsfgc])"
+                        r"|(?:PRI([diux])\w+))")
 NUMBERS = {"d": r"-?\d+", "i": r"-?\d+", "u": r"\d+", "x": "[0-9a-f]+", "X": "[0-9A-F]+", "o": "[0-7]+",
            "p": r"(?:0x[0-9a-f]+|\(nil\))", "f": r"-?[\d.]+", "g": r"-?[\d.e+-]+", "c": ".", "s": ".*"}
 
@@ -175,7 +177,7 @@ class Record:
                     kind, test, text = line.rstrip("\n").split("\t", 2)
                     if kind == "stdout" and text.startswith("RTMPWriter: "):
                         self.lines[kind].append(Seen(kind, test, "RTMPWriter: "))
-                        kind, text = "log", text[len("RTMPWriter: "):] + "?"
+                        kind, text = "log", text[len("RTMPWriter: "):]
                     self.lines[kind].append(Seen(kind, test, text))
         # Each text once with its tests: many tests see the same line.
         self.tests = {}
@@ -204,26 +206,40 @@ class Record:
                 return kind, found
         return None
 
+    def tests_of(self, kind, holds):
+        return {test for text, tests in self.tests.get(kind, {}).items() if holds(text) for test in tests}
+
     def sent(self, text):
         """What a peer has said: a text by itself, the beginning of a name, or within an HTTP request."""
-        found = set(self.tests.get("sent", {}).get(text, ()))
+        found = self.tests_of("sent", lambda sent: sent == text)
         if text.endswith(":"):
-            found = {test for sent, tests in self.tests["sent"].items() if sent.startswith(text) for test in tests}
-        for request, tests in self.tests.get("request", {}).items():
-            if text in request:
-                found |= tests
+            found = self.tests_of("sent", lambda sent: sent.startswith(text))
+        found |= self.tests_of("request", lambda request: text in request)
         return ("sent", found) if found else None
+
+    def beginning(self, text):
+        """Of a line on standard error, where perror adds the reason; of an AMF0 text that ends with a name; of a file's
+        name."""
+        found = self.tests_of("stderr", lambda line: line.startswith(text + ": "))
+        if found:
+            return "stderr", found
+        found = self.tests_of("wire", lambda sent: sent.startswith(text + " "))
+        if found:
+            return "wire", found
+        found = self.tests_of("file", lambda line: "/" + text + "-" in line)
+        return ("file", found) if found else None
 
     def within_log(self, text):
         found = set()
-        for match in re.finditer(r"^.*(?<!\w)" + re.escape(text) + r"(?!\w).*$", self.logged, re.M):
+        for match in re.finditer(word_of_a_log(text), self.logged, re.M):
             found |= self.tests["log"][match[0]]
         return ("log", found) if found else None
 
 
-def is_word_of_a_log(text):
-    """Words of one's own within lines are sentences and names of procedures; others must be seen exactly."""
-    return " " in text or not text[0].islower()
+def word_of_a_log(text):
+    """How a text stands within a line: sentences and names of procedures anywhere, other words as its last."""
+    anywhere = " " in text or not text[0].islower()
+    return (r"^.*(?<!\w)" if anywhere else "^.* ") + re.escape(text) + (r"(?!\w).*$" if anywhere else r"\?$")
 
 
 def evidence(text, record):
@@ -232,14 +248,12 @@ def evidence(text, record):
         return record.matching(pattern_of(text), ("log", "host", "wire", "file", "stdout"))
     if flat.startswith(("ERROR: ", "INFO: ")):
         return record.matching(re.escape(flat), ("log",))
-    found = record.exactly(flat, ("wire", "host", "stdout"))
-    if not found and is_word_of_a_log(flat):
-        found = record.within_log(flat)
-    return found
+    return record.exactly(flat, ("wire", "host", "stdout")) or record.beginning(flat) or record.within_log(flat)
 
 
 def read_list():
-    """{(path, text): reason}; the lines are "path | text | reason", a text * is all of the file's."""
+    """{(path, text): reason}; the lines are "path | text | reason", or "path | text @ procedure | reason" where others
+    of the file log the same; a text * is all of the file's."""
     reasons = {}
     with open(os.path.join(ROOT, LIST)) as file:
         for number, line in enumerate(file, 1):
@@ -256,7 +270,7 @@ def read_list():
 
 
 def key_of(text, reasons):
-    for key in ((text.path, text.text.strip()), (text.path, "*")):
+    for key in ((text.path, f"{text.text} @ {text.who}"), (text.path, text.text.strip()), (text.path, "*")):
         if key in reasons:
             return key
     return None
@@ -318,7 +332,7 @@ def table(folder):
 
 
 WAYS = (("log", "lines of the log"), ("wire", "AMF0 texts on a connection"), ("host", "arguments of host functions"),
-        ("file", "lines of the trace"), ("stdout", "standard output"))
+        ("file", "lines of the trace"), ("stdout", "standard output"), ("stderr", "standard error"))
 
 
 def write_summary(rows):
@@ -346,7 +360,7 @@ def write_summary(rows):
     os.makedirs(os.path.join(ROOT, os.path.dirname(OUT)), exist_ok=True)
     with open(os.path.join(ROOT, OUT), "w") as file:
         file.write("\n".join(lines) + "\n")
-    print("\n".join(lines[4:4 + 11]))
+    print("\n".join(lines[4:4 + 13]))
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 #include "support/session_rig.h"
 
 #include <atomic>
+#include <sys/socket.h>
 #include <thread>
 
 namespace {
@@ -232,6 +233,20 @@ TEST(Captions, AHostWithoutAMessageIsLoggedAndTheFrameGoesOut)
              "3 ERROR: SendMsgToConnectedClients: Cannot generate rtmp data message of client : %p",
              static_cast<void *>(player.client));
     EXPECT_EQ(rig.log.lines(), std::vector<std::string>{line});
+    EXPECT_EQ(DrainBytes(player.peer).size(), 47U);
+}
+
+TEST(Captions, AMessageThatCannotBeSentIsLoggedAndTheOthersGetTheFrame)
+{
+    SessionRig rig;
+    Captions captions(rig, 1);
+    const RigClient gone = rig.addClient();
+    const RigClient player = rig.addClient();
+    ASSERT_EQ(shutdown(gone.peer, SHUT_RDWR), 0);
+    rig.log.clear();
+    (void)SendVideo(rig, Counting(30));
+    EXPECT_EQ(rig.log.count("3 ERROR: SendMsgToConnectedClients: Cannot send cc data message to server"), 1U);
+    EXPECT_EQ(captions.messageDeltas.size(), 1U);
     EXPECT_EQ(DrainBytes(player.peer).size(), 47U);
 }
 

@@ -1,6 +1,7 @@
 // What SendMsgToClient takes, and what it refuses.
 #include "delivery/write/client_send.h"
 #include "message/send_list.h"
+#include "net/platform.h"
 #include "support/socket_client.h"
 
 #include <gtest/gtest.h>
@@ -50,6 +51,19 @@ struct ClientSend : testing::Test {
 };
 
 } // namespace
+
+// No reply of the library's own has it: hosts send it.
+TEST_F(ClientSend, TakesTheStatusThatDataStarts)
+{
+    client->CreateTime = RtmpGetSystemTime();
+    client->StreamId = 1;
+    client->StatusChunkStreamId = 5;
+    RtmpSendPkt *message = GenerateRtmpMsg(client.get(), nullptr, RTMP_MSG_DATA_START);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(SendMsgToClient(client.get(), message, RTMP_MSG_DATA_START), 0);
+    EXPECT_TRUE(Matches(sent(), "05 ?? ?? ?? 00002C 12 01000000 02 0008 'onStatus'"
+                                "03 0004 'code' 02 0014 'NetStream.Data.Start' 000009"));
+}
 
 TEST_F(ClientSend, NoMessageIsRefused)
 {

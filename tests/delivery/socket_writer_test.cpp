@@ -49,6 +49,25 @@ TEST(SocketWriter, AFileForAPlayerWhoIsGoneFailsWithoutASignal)
     EXPECT_EQ(sigismember(&set, SIGPIPE), 0);
 }
 
+TEST(SocketWriter, ASeparatorForAPlayerWhoIsGoneFailsBeforeThePieceBehindIt)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    shutdown(player.peer, SHUT_RDWR);
+    const Bytes bytes = Counting(100);
+    const FrameInFile file(bytes);
+    const RtmpPiece piece = {bytes.data(), 100, 1};
+    const RtmpSendPkt message = {};
+    rig.log.clear();
+    EXPECT_EQ(
+        SendFile(player.client, &piece, 1, &message, file.fd, reinterpret_cast<uintptr_t>(bytes.data())), -1);
+    const Lines lines = rig.log.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(),
+              "3 ERROR: SendFile: SendFIle: Error occured while sending message using RtmpSendBytes");
+    EXPECT_EQ(rig.log.count("sendfile"), 0U);
+}
+
 TEST(SocketWriter, AHostThatHoldsTheSignalBackFindsItPending)
 {
     sigset_t set;

@@ -54,7 +54,7 @@ class DebugTrace : public testing::Test {
         out << in.rdbuf();
         produced::Note("file", all[0].string());
         for (std::string line; std::getline(out, line);) {
-            produced::Note("file", line);
+            produced::Note("file", line + "\n");
         }
         return out.str();
     }

@@ -1,5 +1,7 @@
 #include "net/platform.h"
 
+#include "support/produced.h"
+
 #include <cerrno>
 #include <semaphore.h>
 #include <time.h>
@@ -112,8 +114,9 @@ TEST(RtmpThread, AJoinThatFailsIsReportedOnStandardError)
 {
     testing::internal::CaptureStderr();
     const int result = RtmpWaitForThreadCompletion(pthread_self());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "RtmpWaitForThreadCompletion: Resource deadlock avoided\n");
+    const std::string said = testing::internal::GetCapturedStderr();
+    produced::Note("stderr", said);
+    EXPECT_EQ(said, "RtmpWaitForThreadCompletion: Resource deadlock avoided\n");
     EXPECT_EQ(result, -1);
 }
 

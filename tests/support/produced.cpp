@@ -108,7 +108,7 @@ std::string CapturedStdout()
     std::string captured = testing::internal::GetCapturedStdout();
     std::istringstream lines(captured);
     for (std::string line; std::getline(lines, line);) {
-        Note("stdout", line);
+        Note("stdout", line + "\n");
     }
     return captured;
 }

@@ -11,7 +11,7 @@
 namespace produced {
 
 // Seen as it is: "log", a line behind its level; "host", a text that a host function was given; "file",
-// "stdout".
+// "stdout", "stderr"; "request", what an HTTP client has sent.
 void Note(const char *kind, std::string_view text);
 
 // What came to standard output since testing::internal::CaptureStdout.
