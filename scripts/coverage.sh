@@ -13,8 +13,7 @@ failed=0
 
 run_tests() {
     scripts/install_deps.sh coverage || exit 1
-    # shellcheck disable=SC2086 # a list of words, or nothing
-    cmake --preset coverage ${CC_LAUNCH:-} >/dev/null || exit 1
+    cmake --preset coverage >/dev/null || exit 1
     cmake --build --preset coverage --parallel "$(nproc)" || exit 1
     find "$build" -name '*.gcda' -delete
     ctest --preset coverage --quiet --output-log "$build/tests.log" || failed=1

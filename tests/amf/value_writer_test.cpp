@@ -52,3 +52,14 @@ TEST(AmfEcmaArray, WithoutRoomNothingIsWrittenOutside)
         EXPECT_EQ(out.Overrun, room < whole) << room;
     }
 }
+
+TEST(AmfEcmaArray, ATextThatItsLengthCannotCountOverruns)
+{
+    std::vector<uint8_t> buffer(70000);
+    for (const size_t length : {65535, 65536, 65600}) {
+        ByteWriter out = WriterOver(buffer.data(), buffer.size());
+        PutTextValue(&out, std::string(length, 'x').c_str());
+        EXPECT_EQ(out.Overrun, length > 65535) << length;
+        EXPECT_EQ(out.Next - buffer.data(), length > 65535 ? 1 : 3 + 65535) << length;
+    }
+}

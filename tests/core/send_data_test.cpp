@@ -1,3 +1,4 @@
+#include "state/frame_under_way.h"
 #include "support/produced.h"
 #include "support/session_rig.h"
 
@@ -58,6 +59,19 @@ TEST(SendData, ASessionWithoutClientsIsToldApartSilentlyAndNothingIsKept)
     const RigClient player = rig.addClient();
     EXPECT_EQ(Send(rig.session, 0), 0);
     EXPECT_EQ(DrainBytes(player.peer).size(), 12U + 5U + 1U); // the frame alone
+}
+
+TEST(SendData, ASessionThatIsBeingDestroyedTakesNoMoreFramesSilently)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    rig.log.clear();
+    RefuseFrames(rig.session); // as RtmpSessionDestroy does before it waits
+    EXPECT_EQ(Send(rig.session, 0), -82);
+    EXPECT_TRUE(DrainBytes(player.peer).empty());
+    EXPECT_TRUE(rig.log.lines().empty());
+    AllowFrames(rig.session);
+    EXPECT_EQ(Send(rig.session, 0), 0);
 }
 
 TEST(SendData, ASessionThatWasGivenNoSenderFailsInTheLog)

@@ -146,6 +146,15 @@ TEST_F(SenderSettings, ThePacketMonitorStoresDebugSettings)
     EXPECT_EQ(session_->Monitor->DebugSettings->LogEvery, 25U);
 }
 
+TEST_F(SenderSettings, WhatIsNotEnabledIsNotMadeForThePacketMonitor)
+{
+    EXPECT_EQ(settings(0), 0);
+    EXPECT_EQ(RtmpDebugSettings(session_, 0, 1, 2, "/d", 25), 0);
+    EXPECT_EQ(session_->Monitor->DebugSettings, nullptr);
+    EXPECT_EQ(RtmpAdaptiveBitrateSettings(session_, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12), 0);
+    EXPECT_EQ(session_->Monitor->AbrSettings, nullptr);
+}
+
 TEST_F(SenderSettings, ControllerSettingsReachTheQueueInTheirOrder)
 {
     EXPECT_EQ(settings(RTMP_SENDER_THREADED), 0);

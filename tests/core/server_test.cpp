@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <semaphore.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -69,6 +70,27 @@ std::string BoundAddress(int fd)
     getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
     return inet_ntoa(address.sin_addr);
 }
+
+// A thread of the host in the server's spare slot. It waits for what never comes, or for nothing.
+struct SpareThread {
+    sem_t never;
+    bool waits;
+    std::atomic<bool> ended{false};
+
+    static void *run(void *argument)
+    {
+        struct Ending {
+            SpareThread *thread;
+            ~Ending()
+            {
+                thread->ended = true;
+            }
+        } ending{static_cast<SpareThread *>(argument)};
+        while (ending.thread->waits && sem_wait(&ending.thread->never) != 0) {
+        }
+        return nullptr;
+    }
+};
 
 } // namespace
 
@@ -255,4 +277,22 @@ TEST(Server, SessionsThatGoWithTheServerSpeakOnStandardOutput)
     EXPECT_EQ(out.find("RTMPWriter: INFO: RtmpSessionDestroy: Sending SIGUSR1 to Client Thread\n"), 0U);
     EXPECT_EQ(out.find("Waiting for Thread Completion"), std::string::npos); // there is no thread
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(Server, AThreadInTheSpareSlotIsJoinedAndCancelledWhereThatIsAskedFor)
+{
+    for (const bool cancel : {false, true}) {
+        CaptureLogger log;
+        RtmpServer *server = RtmpServerCreate(log.get(), "ANY", 0, 0, 0, 0, nullptr);
+        ASSERT_NE(server, nullptr);
+        SpareThread spare;
+        sem_init(&spare.never, 0, 0);
+        spare.waits = cancel;
+        ASSERT_EQ(pthread_create(&server->AuxThread, nullptr, SpareThread::run, &spare), 0);
+        server->AuxThreadRunning = 1;
+        server->AuxThreadCancel = cancel ? 1 : 0;
+        EXPECT_EQ(RtmpServerDestroy(server), 0);
+        EXPECT_TRUE(spare.ended) << "cancelled: " << cancel;
+        sem_destroy(&spare.never);
+    }
 }

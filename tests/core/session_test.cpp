@@ -110,6 +110,8 @@ TEST(Session, LookupsFindExactlyWhatIsThere)
     EXPECT_EQ(IsSessionNameExists(rig.server, "live"), 0);
     EXPECT_EQ(IsSessionNameExists(rig.server, "liv"), -1);
     EXPECT_EQ(IsSessionNameExists(rig.server, "LIVE"), -1);
+    EXPECT_EQ(IsSessionNameExists(nullptr, "live"), -1);
+    EXPECT_EQ(IsSessionNameExists(rig.server, nullptr), -1);
     EXPECT_EQ(ValidateRtmpSessionHandle(rig.server, session), 0);
     EXPECT_EQ(ValidateRtmpSessionHandle(nullptr, session), -1);
     RtmpSession stranger = {};

@@ -145,6 +145,14 @@ TEST(Monitor, TheLastClientThatLeavesStartsAFreshTimeline)
     EXPECT_EQ(monitor->Stats->Count, 0);
 }
 
+TEST(Monitor, OfAnEmptyRingNothingIsTaken)
+{
+    SessionRig rig;
+    removeRtmpPacketFromBuffer(rig.session->Monitor);
+    EXPECT_EQ(rig.session->Monitor->AudioCount, 0);
+    EXPECT_EQ(rig.session->Monitor->AudioFirst, nullptr);
+}
+
 TEST(Monitor, AnEncoderHandleOfZeroIsAWarningAndTheMonitorWorks)
 {
     SessionRig rig;

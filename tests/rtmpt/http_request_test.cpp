@@ -383,3 +383,8 @@ TEST_F(HttpRequest, AClosedConnectionOverTlsAsksItsHandleNothingMore)
                                 "3 ERROR: RtmpReadBytes: Unable to read buffer: 9 (Bad file descriptor)",
                                 "3 ERROR: ReadHttpMessage: Rtmp read bytes failed"}));
 }
+
+TEST_F(HttpRequest, NoRequestIsFreed)
+{
+    FreeHttpReqMsg(nullptr);
+}

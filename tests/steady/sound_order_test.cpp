@@ -250,3 +250,9 @@ TEST(SoundOrder, FramesAreKeptForWhoJoinsWhileNobodyIsConnected)
     EXPECT_EQ(seen[1].timestamp, 10u);
     EXPECT_EQ(seen[2].timestamp, 40u);
 }
+
+TEST(SoundOrder, NoSoundIsOverdueWhereNoneWaits)
+{
+    ParkedSound none = {};
+    EXPECT_EQ(TakeOverdueSound(&none, 0), nullptr);
+}

@@ -1,5 +1,7 @@
 // What the host is told of viewers on the steady road, and how it refuses them.
 #include "rtmpcast/host.h"
+#include "state/viewers.h"
+#include "steady/records.h"
 #include "steady_server.h"
 #include "support/host_fakes.h"
 #include "support/wait.h"
@@ -266,6 +268,17 @@ TEST_F(SteadyViewers, OfTheDefaultRoadAreNotToldOf)
         peer.command(DeleteStreamCommand());
         ASSERT_TRUE(server.waitForClientsToEnd());
     }
+    EXPECT_EQ(Order(), "");
+}
+
+TEST_F(SteadyViewers, OfAHostThatMadeTheConnectionItselfAreNotAskedAbout)
+{
+    RtmpClient client = {};
+    EXPECT_EQ(AdmitViewer(&client), 0); // no line at all
+    SteadyLine line = {};
+    client.Line = &line;
+    EXPECT_EQ(AdmitViewer(&client), 0); // the socket is the host's
+    EXPECT_EQ(line.IsAnnounced, 0);
     EXPECT_EQ(Order(), "");
 }
 
