@@ -9,7 +9,7 @@ namespace {
 constexpr uint8_t kUnnamed = 0;
 constexpr uint8_t kNamed = 1;
 constexpr uint8_t kFreedByHost = 2;
-constexpr uint8_t kRepeatedOften = 0xFC;
+constexpr uint8_t kRepeatedOften = 0xFE;
 
 void WriteBody(SeedFolder &folder, const std::string &name, const Bytes &body, uint8_t choices = kUnnamed)
 {
@@ -82,7 +82,7 @@ void WriteDepths(SeedFolder &folder)
         WriteRepeated(folder, Numbered("nested_ecma_arrays", depth), depth - 1, Hex("08 00000001"),
                       Hex("0001 'n' 08 00000001"), {});
     }
-    for (const size_t count : {65533, 65534, 65535, 65536}) {
+    for (const size_t count : {65534, 65535}) {
         WriteRepeated(folder, Numbered("values", count), count, {}, Hex("05"), {});
         WriteRepeated(folder, Numbered("values_in_a_strict_array", count), count,
                       Hex("0A") + BigEndian(count, 4), Hex("06"), Hex("05"));
