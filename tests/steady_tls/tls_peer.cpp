@@ -1,54 +1,14 @@
 #include "steady_tls/tls_peer.h"
 
-#include "rtmpcast/rtmpcast.h"
-
-#include <openssl/x509.h>
-
 #include <arpa/inet.h>
-#include <csignal>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 
-// The host's.
-extern "C" int32_t rtmpTlsOwesRenewal(struct ssl_st *tls)
-{
-    return SSL_get_key_update_type(tls) != SSL_KEY_UPDATE_NONE;
-}
-
 namespace wire {
 namespace {
-
-// "rtmpcast test", on the curve P-256, valid from yesterday to tomorrow, signed with its own key.
-void ShowCertificate(SSL_CTX *context)
-{
-    EVP_PKEY *key = nullptr;
-    EVP_PKEY_CTX *maker = EVP_PKEY_CTX_new_id(EVP_PKEY_EC, nullptr);
-    if (EVP_PKEY_keygen_init(maker) != 1 ||
-        EVP_PKEY_CTX_set_ec_paramgen_curve_nid(maker, NID_X9_62_prime256v1) != 1 ||
-        EVP_PKEY_keygen(maker, &key) != 1) {
-        throw std::runtime_error("no key");
-    }
-    EVP_PKEY_CTX_free(maker);
-    X509 *certificate = X509_new();
-    X509_NAME *name = X509_get_subject_name(certificate);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const uint8_t *>("rtmpcast test"),
-                               -1, -1, 0);
-    ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), -86400);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), 86400);
-    X509_set_issuer_name(certificate, name);
-    X509_set_pubkey(certificate, key);
-    X509_sign(certificate, key, EVP_sha256());
-    if (SSL_CTX_use_certificate(context, certificate) != 1 || SSL_CTX_use_PrivateKey(context, key) != 1) {
-        throw std::runtime_error("no certificate");
-    }
-    X509_free(certificate);
-    EVP_PKEY_free(key);
-}
 
 sockaddr_in Loopback(uint16_t port)
 {
@@ -157,55 +117,6 @@ void TlsPeer::relay()
     }
     shutdown(relayed_, SHUT_RDWR);
     shutdown(socket_, SHUT_RDWR);
-}
-
-TlsServer::TlsServer(RtmpServiceLimits limits) : context_(SSL_CTX_new(TLS_server_method()))
-{
-    signal(SIGPIPE, SIG_IGN); // libssl writes without MSG_NOSIGNAL
-    ShowCertificate(context_);
-    HostFakes::get().reset();
-    HostFakes::get().tlsAccept = [this](int fd, const std::string &) { return accept(fd); };
-    HostFakes::get().tlsEnd = [this](struct ssl_st *handle) { end(handle); };
-    int result = RTMP_ERR_BIND;
-    while (result == RTMP_ERR_BIND) {
-        limits.TlsPort = tlsPort = FreePort();
-        result = RtmpServiceSettings(server, &limits);
-    }
-    EXPECT_EQ(result, 0);
-}
-
-TlsServer::~TlsServer()
-{
-    if (server != nullptr) {
-        EXPECT_EQ(destroy(), 0);
-    }
-    EXPECT_EQ(ended, accepted);
-    EXPECT_TRUE(endedWell);
-    HostFakes::get().reset();
-    SSL_CTX_free(context_);
-}
-
-struct ssl_st *TlsServer::accept(int fd)
-{
-    SSL *handle = SSL_new(context_);
-    SSL_set_fd(handle, fd);
-    if (SSL_accept(handle) != 1) {
-        SSL_free(handle);
-        return nullptr;
-    }
-    accepted++;
-    return handle;
-}
-
-void TlsServer::end(struct ssl_st *handle)
-{
-    const int flags = fcntl(SSL_get_fd(handle), F_GETFL);
-    if (flags < 0 || (flags & O_NONBLOCK) == 0) {
-        endedWell = false;
-    }
-    SSL_shutdown(handle);
-    SSL_free(handle);
-    ended++;
 }
 
 } // namespace wire

@@ -58,7 +58,10 @@ Bytes DeleteStreamCommand(double transaction = 5);
 class ScriptedPeer {
   public:
     explicit ScriptedPeer(uint16_t port, int deadlineMs = 30000) : socket(port, deadlineMs), chunks(socket) {}
-    explicit ScriptedPeer(Connected connection) : socket(connection), chunks(socket) {}
+    explicit ScriptedPeer(Connected connection, int deadlineMs = 30000)
+        : socket(connection, deadlineMs), chunks(socket)
+    {
+    }
 
     // Runs the handshake as far as the options say; replies that are due by then are read and recorded. An S2
     // that does not repeat a C1 without digest is a PeerError.

@@ -1,0 +1,28 @@
+// Whether what is measured at ebb, when nobody but the steady players is there, grows.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace soak {
+
+struct Ebb {
+    double seconds;
+    int64_t residentKiB, inUseKiB;
+    int descriptors, threads;
+};
+
+// The ebbs behind the warm-up: all but the first fifth, and but the first two.
+std::vector<Ebb> BehindWarmUp(const std::vector<Ebb> &ebbs);
+
+// How much the median of the last third is above that of the first; nothing is said of fewer than six values.
+int64_t GrowthOf(const std::vector<int64_t> &values);
+
+// What has grown, one sentence each. `judgesResident`: a sanitizer's own memory is not the library's.
+std::vector<std::string> WhatHasGrown(const std::vector<Ebb> &ebbs, bool judgesResident);
+
+constexpr int64_t kInUseToleranceKiB = 256;     // two rings of steady sessions, full or just begun
+constexpr int64_t kResidentToleranceKiB = 4096; // the allocator's arenas, and the stacks that it keeps
+
+} // namespace soak

@@ -1,0 +1,140 @@
+#include "soak/tide_report.h"
+
+#include <algorithm>
+#include <ctime>
+#include <stdexcept>
+
+namespace soak {
+namespace {
+
+using Number = unsigned long long;
+
+// A row of the curves: first, last, least and most of what `value` picks, over all seconds.
+template <typename Value> void WriteCurve(FILE *page, const char *name, const Outcome &outcome, Value value)
+{
+    double least = 1e300, most = -1e300;
+    for (const Sample &each : outcome.samples) {
+        least = std::min(least, static_cast<double>(value(each)));
+        most = std::max(most, static_cast<double>(value(each)));
+    }
+    fprintf(page, "| %s | %.0f | %.0f | %.0f | %.0f |\n", name,
+            static_cast<double>(value(outcome.samples.front())),
+            static_cast<double>(value(outcome.samples.back())), least, most);
+}
+
+void WriteEbbs(FILE *page, const Outcome &outcome)
+{
+    std::vector<int64_t> resident, inUse;
+    for (const Ebb &each : BehindWarmUp(outcome.ebbs)) {
+        resident.push_back(each.residentKiB);
+        inUse.push_back(each.inUseKiB);
+    }
+    const Ebb &first = outcome.ebbs.front(), &last = outcome.ebbs.back();
+    fprintf(page,
+            "\nAt ebb, %zu times, all but the steady players had left. Median of the last third of the ebbs "
+            "against that "
+            "of the first third: memory in use %+lld KiB, resident %+lld KiB. Descriptors %d at the first "
+            "ebb, %d at the "
+            "last; threads %d, %d.\n",
+            outcome.ebbs.size(), static_cast<long long>(GrowthOf(inUse)),
+            static_cast<long long>(GrowthOf(resident)), first.descriptors, last.descriptors, first.threads,
+            last.threads);
+}
+
+void WriteVisits(FILE *page, const Company &company)
+{
+    fprintf(page, "\n| who came | times |\n|---|---|\n");
+    for (int each = 0; each < kManners; ++each) {
+        fprintf(page, "| %s | %llu |\n", kNameOfManner[each], static_cast<Number>(company.visits[each]));
+    }
+    fprintf(page, "\nOf them to the steady road %llu, over TLS %llu, ended by the host %llu.\n",
+            static_cast<Number>(company.toSteadyRoad), static_cast<Number>(company.overTls),
+            static_cast<Number>(company.endedByHost));
+}
+
+void WriteVerdict(FILE *page, const Outcome &outcome)
+{
+    fprintf(page, "\n%s\n",
+            outcome.failures.empty() ? "Verdict: passed. Nothing grew, and no recording has a hole."
+                                     : "Verdict: FAILED.");
+    for (const std::string &each : outcome.failures) {
+        fprintf(page, "- %s\n", each.c_str());
+    }
+}
+
+} // namespace
+
+CurveFile::CurveFile(const std::string &path) : file_(fopen(path.c_str(), "w"))
+{
+    if (file_ == nullptr) {
+        throw std::runtime_error(path + " cannot be written");
+    }
+    fprintf(file_,
+            "seconds,ebb,resident_kib,in_use_kib,descriptors,threads,players,lag_ms,dropped_frames,frames,"
+            "service_restarts,sessions\n");
+}
+
+CurveFile::~CurveFile()
+{
+    fclose(file_);
+}
+
+void CurveFile::write(const Sample &sample)
+{
+    fprintf(file_, "%.1f,%d,%ld,%llu,%d,%d,%d,%.1f,%llu,%llu,%llu,%llu\n", sample.seconds,
+            sample.isEbb ? 1 : 0, sample.residentKiB, static_cast<Number>(sample.figures.inUse / 1024),
+            sample.descriptors, sample.threads, sample.players, sample.lagMs,
+            static_cast<Number>(sample.figures.dropped), static_cast<Number>(sample.figures.frames),
+            static_cast<Number>(sample.restarts), static_cast<Number>(sample.figures.sessions));
+    fflush(file_);
+}
+
+void WritePage(const std::string &path, const Outcome &outcome, const Company &company)
+{
+    FILE *page = fopen(path.c_str(), "w");
+    if (page == nullptr) {
+        throw std::runtime_error(path + " cannot be written");
+    }
+    char date[32] = "";
+    const time_t now = time(nullptr);
+    tm broken = {};
+    strftime(date, sizeof date, "%Y-%m-%d %H:%M", localtime_r(&now, &broken));
+    uint64_t came = 0;
+    for (const std::atomic<uint64_t> &each : company.visits) {
+        came += each;
+    }
+    const Figures &figures = outcome.samples.back().figures;
+    fprintf(page,
+            "# Soak\n\n%s, `scripts/soak.sh %g --preset %s --seed %u`: %llu visits by fifty at a time, %llu "
+            "frames handed "
+            "over in %llu sessions, services killed %llu times and published to %llu times, %llu viewers of "
+            "the steady "
+            "road told of and %llu of them gone, %llu descriptors that the exact road leaves open swept up. "
+            "Processor "
+            "time: host %.0f s, players %.0f s.\n\n",
+            date, outcome.minutes, outcome.preset.c_str(), outcome.seed, static_cast<Number>(came),
+            static_cast<Number>(figures.frames), static_cast<Number>(figures.sessions),
+            static_cast<Number>(outcome.samples.back().restarts), static_cast<Number>(figures.published),
+            static_cast<Number>(figures.accepted), static_cast<Number>(figures.left),
+            static_cast<Number>(outcome.swept), outcome.hostCpu, outcome.playersCpu);
+    fprintf(page, "![soak](soak.png)\n\n| curve | first | last | least | most |\n|---|---|---|---|---|\n");
+    WriteCurve(page, "resident memory, KiB", outcome, [](const Sample &s) { return s.residentKiB; });
+    WriteCurve(page, "memory in use, KiB", outcome, [](const Sample &s) { return s.figures.inUse / 1024; });
+    WriteCurve(page, "descriptors", outcome, [](const Sample &s) { return s.descriptors; });
+    WriteCurve(page, "threads", outcome, [](const Sample &s) { return s.threads; });
+    WriteCurve(page, "players beside the steady ones", outcome, [](const Sample &s) { return s.players; });
+    WriteCurve(page, "lag of steady players, ms", outcome, [](const Sample &s) { return s.lagMs; });
+    WriteCurve(page, "frames dropped for slow players", outcome,
+               [](const Sample &s) { return s.figures.dropped; });
+    WriteEbbs(page, outcome);
+    WriteVisits(page, company);
+    fprintf(page, "\n| who recorded, from the first to the last moment | frames, every one in its order "
+                  "|\n|---|---|\n");
+    for (const std::pair<std::string, uint64_t> &each : outcome.recordings) {
+        fprintf(page, "| %s | %llu |\n", each.first.c_str(), static_cast<Number>(each.second));
+    }
+    WriteVerdict(page, outcome);
+    fclose(page);
+}
+
+} // namespace soak
