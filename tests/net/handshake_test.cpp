@@ -307,6 +307,9 @@ TEST(Handshake, AnyVersionBut3IsRefusedAndNothingIsSent)
     } rows[] = {
         {"encrypted RTMP", Hex("06"), "3 ERROR: PerformHandshake: RTMP protocol version (6) not supported"},
         {"none", Hex("00"), "3 ERROR: PerformHandshake: RTMP protocol version (0) not supported"},
+        {"the one below", Hex("02"), "3 ERROR: PerformHandshake: RTMP protocol version (2) not supported"},
+        {"encrypted RTMP of another kind", Hex("08"),
+         "3 ERROR: PerformHandshake: RTMP protocol version (8) not supported"},
         {"the highest", Hex("FF"), "3 ERROR: PerformHandshake: RTMP protocol version (ff) not supported"},
         {"an HTTP request", Hex("50"), "3 ERROR: PerformHandshake: RTMP protocol version (50) not supported"},
     };
@@ -364,6 +367,16 @@ TEST(Handshake, AC2WithoutAGenuineSignatureIsRefused)
         {"a copy of S1, as in the plain handshake", [](Bytes &c2, const Bytes &s1) { c2 = s1; }},
         {"its last bit is wrong", [](Bytes &c2, const Bytes &) { c2[1535] ^= 1; }},
         {"its first bit is wrong", [](Bytes &c2, const Bytes &) { c2[0] ^= 0x80; }},
+        {"signed with the key of another S1",
+         [](Bytes &c2, const Bytes &) {
+             const Bytes key = Hmac(kPlayerBanner + kTail, Slice(Noise(11), 0, 32));
+             Put(c2, 1504, Hmac(key, Slice(c2, 0, 1504)));
+         }},
+        {"signed with the server's key",
+         [](Bytes &c2, const Bytes &s1) {
+             const Bytes key = Hmac(kServerBanner + kTail, Slice(s1, Offset1(s1), 32));
+             Put(c2, 1504, Hmac(key, Slice(c2, 0, 1504)));
+         }},
         {"signed with the banner alone",
          [](Bytes &c2, const Bytes &s1) {
              Put(c2, 1504, Hmac(Hmac(kPlayerBanner, Slice(s1, Offset1(s1), 32)), Slice(c2, 0, 1504)));
@@ -513,6 +526,55 @@ TEST(Handshake, APlayerThatLeavesAtAnyStageIsLoggedByTheStage)
         EXPECT_EQ(PerformHandshake(client.get()), -1);
         EXPECT_EQ(client.takeLines(), ClosedThen(row.line));
     }
+}
+
+TEST(Handshake, HalfOnesOfEveryLengthAreLoggedByTheStage)
+{
+    const Bytes sent = Hex("03") + C1Scheme1();
+    for (size_t length = 0; length < 1 + 2 * kPacket; length++) {
+        SCOPED_TRACE(length);
+        SocketClient client;
+        client->PlayerFlags = length % 2 == 0 ? RTMP_PLAYERS_EXACT : RTMP_PLAYERS_ALL;
+        client.send(Slice(sent, 0, length));
+        if (length > sent.size()) {
+            client.send(Bytes(length - sent.size())); // whatever C2 is, it is not whole
+        }
+        client.endOfInput();
+        EXPECT_EQ(PerformHandshake(client.get()), -1);
+        const char *stage = length == 0 ? "C0" : length < sent.size() ? "C1" : "C2";
+        EXPECT_EQ(client.takeLines(), ClosedThen(("3 ERROR: PerformHandshake: Cannot read " +
+                                                  std::string(stage) + " packet from client")
+                                                     .c_str()));
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+// A player that sends back what it was sent: to the default it has no key; others get it back once more.
+TEST(Handshake, AC1ThatRepeatsS1IsNoPlayersSignature)
+{
+    SocketClient client;
+    Server server(client);
+    client.send(Hex("03"));
+    client.receive(1);
+    client.send(client.receive(kPacket));
+    EXPECT_EQ(server.result(), -1);
+    EXPECT_EQ(client.takeLines(), Lines{"3 ERROR: PerformHandshake: Cannot varify the client digest"});
+}
+
+TEST(StandardHandshake, AC1ThatRepeatsS1ComesBackAsS2)
+{
+    SocketClient client;
+    client->PlayerFlags = RTMP_PLAYERS_HANDSHAKE;
+    Server server(client);
+    client.send(Hex("03"));
+    client.receive(1);
+    const Bytes s1 = client.receive(kPacket);
+    client.send(s1);
+    EXPECT_EQ(client.receive(kPacket), s1);
+    client.send(s1);
+    EXPECT_EQ(server.result(), 0);
+    EXPECT_EQ(client.takeLines(), (Lines{"6 INFO: PerformHandshake: Client handshake is not signed",
+                                         "6 INFO: PerformHandshake: Handshake done"}));
 }
 
 TEST(Handshake, CutAtRandomBytesItFailsAtTheStageItHadReached)
