@@ -99,11 +99,16 @@ void SessionRig::removeClient(RtmpClient *client)
     }
 }
 
-void SessionRig::destroySession()
+void SessionRig::dropClients()
 {
     while (!clients_.empty()) {
         removeClient(clients_.back().client);
     }
+}
+
+void SessionRig::destroySession()
+{
+    dropClients();
     if (session != nullptr) {
         RtmpSessionDestroy(session);
         session = nullptr;

@@ -39,6 +39,7 @@ class SessionRig {
     RtmpSession *addSession(const char *name);
     // Takes a client out as its serve thread would.
     void removeClient(RtmpClient *client);
+    void dropClients(); // all of them
     void destroySession();
 
     RtmpServer *server = nullptr;
