@@ -100,6 +100,26 @@ void Seeds_service_answers(SeedFolder &folder)
             std::string("asks_for_") + name, Answered::Publish,
             Answer(Values({String(name), Number(2), Null(), String("stream"), String("live")}).bytes));
     }
+    for (const char *name : {"ping", "recordStarted", "recordError", "recordReady", "recordSaved",
+                             "recordTimerWarning", "recordLimitExceeded", "onFCPublish", "unknown"}) {
+        seeds.writeBoth(std::string("says_") + name, Answered::Publish,
+                        Answer(Values({String(name), Number(0), Null()}).bytes));
+    }
+    seeds.writeBoth("statistics", Answered::Publish,
+                    Answer(Values({String("moduleInfo"), Number(0), Null(),
+                                   Object({{"viewers", Number(7)},
+                                           {"allViewers", Number(1e300)},
+                                           {"name", String("text")},
+                                           {"flag", Boolean(true)},
+                                           {"inner", Object({{"viewers", Number(-1)}})}})})
+                               .bytes));
+    seeds.writeBoth(
+        "challenge", Answered::Handshake,
+        Answer(Values({String("setChallenge"), Number(0), Null(), Number(2147483648.0), String("challenge")})
+                   .bytes) +
+            Answer(Values({String("onClientLogin"), Number(0), Null(),
+                           Object({{"level", String("error")}, {"code", String("login")}})})
+                       .bytes));
     seeds.writeBoth("media", Answered::Publish,
                     Chunks({.payload = Bytes(200, 0x17), .type = 9, .chunkStream = 6, .stream = 1}));
     seeds.writeBoth("pings", Answered::Publish, Repeated(ServiceControl(4, "0006 00000007"), 30));

@@ -9,11 +9,13 @@
 // dictionary: rtmp
 // max_len: 4096
 #include "net/client_state.h"
+#include "rtmpcast/player.h"
 #include "serve/serve.h"
 #include "serve/steady_serve.h"
 #include "state/client.h"
 #include "state/server_hold.h"
 #include "steady/line.h"
+#include "support/chunk_check.h"
 #include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
 #include "support/host_fakes.h"
@@ -117,6 +119,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             CreateNewRtmpClient(server, RTMP_CONN_RTMP, peer.socket(), "127.0.0.1", 0, nullptr);
         client->PlayerFlags = choice.flags;
         Serve(client, &peer, choice.isSteady);
+        if ((choice.flags & RTMP_PLAYERS_CHUNKS_OUT) != 0) {
+            // Whoever asks before "connect" is answered in chunks of a size that it has not been told.
+            ExpectChunks(peer.written().data(), peer.written().size(),
+                         static_cast<uint32_t>(choice.chunkSize));
+        }
     }
     EndFuzzedSession(session);
     HostFakes::get().reset();

@@ -8,6 +8,7 @@
 // max_len: 8192
 #include "rtmpcast/player.h"
 #include "rtmpcast/publish_client.h"
+#include "support/chunk_check.h"
 #include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
 #include "support/host_fakes.h"
@@ -146,6 +147,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         peer.send(input, choice.piece);
         Publish(publisher, session, choice.answered);
         RtmpPublisherDestroy(publisher);
+        constexpr size_t handshake = 1 + 2 * 1536;
+        if (peer.written().size() > handshake) {
+            ExpectChunks(peer.written().data() + handshake, peer.written().size() - handshake, 128);
+        }
     }
     EndFuzzedSession(session);
     HostFakes::get().reset();

@@ -28,7 +28,7 @@ class FuzzPeer {
     std::function<void()> whenDry;
     // Asked in front of every read that finds nothing in the socket.
     std::function<void()> beforeRead;
-    // What the library has written; at most the first `kept` bytes of it are kept.
+    // What the library has written; at most the first kKept bytes of it are kept.
     const std::vector<uint8_t> &written();
 
     // The library closes its end itself.
@@ -42,7 +42,7 @@ class FuzzPeer {
     void libraryHasRead(ssize_t count);
 
   private:
-    static constexpr size_t kKept = 16384;
+    static constexpr size_t kKept = 65536;
     size_t nextPiece() const;
     void sendPiece();
     int ends_[2];
