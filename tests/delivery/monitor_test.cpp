@@ -1,5 +1,6 @@
 #include "delivery/senders/monitor.h"
 #include "instruments/parked_audio.h"
+#include "support/records.h"
 #include "support/session_rig.h"
 
 #include <sys/socket.h>
@@ -151,6 +152,18 @@ TEST(Monitor, OfAnEmptyRingNothingIsTaken)
     removeRtmpPacketFromBuffer(rig.session->Monitor);
     EXPECT_EQ(rig.session->Monitor->AudioCount, 0);
     EXPECT_EQ(rig.session->Monitor->AudioFirst, nullptr);
+}
+
+TEST(Monitor, OneWithoutStatisticsStartsAFreshTimelineToo)
+{
+    Records records;
+    ASSERT_EQ(RtmpMonitorInit(&records.session, 1, 0), 0);
+    RtmpMonitor *monitor = records.session.Monitor;
+    EXPECT_EQ(monitor->Stats, nullptr);
+    monitor->LastVideoTs = 77;
+    EXPECT_EQ(RtmpMonitorClear(&records.session), 0);
+    EXPECT_EQ(monitor->LastVideoTs, 0U);
+    EXPECT_EQ(RtmpMonitorDestroy(&records.session), 0);
 }
 
 TEST(Monitor, AnEncoderHandleOfZeroIsAWarningAndTheMonitorWorks)

@@ -452,6 +452,13 @@ TEST(PublisherArguments, DataHasALength)
     EXPECT_EQ(rig.service->read().payload, Bytes{5});
 }
 
+TEST(PublisherArguments, WithoutASessionThereIsNoMetadataToSend)
+{
+    Rig rig;
+    EXPECT_EQ(RtmpPublisherSendMetaData(rig.publisher), RTMP_FAILED);
+    EXPECT_TRUE(rig.log.contains("3 ERROR: RtmpPublisherSendMetaData: Cannot send metadata to the service"));
+}
+
 TEST(PublisherArguments, ASessionWithoutMediaIsNotPublished)
 {
     Rig rig({.media = false});

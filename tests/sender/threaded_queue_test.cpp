@@ -219,6 +219,23 @@ TEST(ThreadedQueue, AFrameWithAFileIsPassedOnByReference)
 
 // ------------------------------------------------------------------------------------------- interleaving
 
+TEST(ThreadedQueue, AnAnnouncementWhoseFrameHasBeenFlushedIsPassedOver)
+{
+    SenderRig rig;
+    rig.video("one", 1000);
+    ASSERT_TRUE(fanOut().waitForSent(1));
+    ASSERT_EQ(sem_post(&rig.queue()->VideoBuffer->Sem), 0); // what a flush that came too late leaves behind
+    ASSERT_TRUE(WaitUntil([&] {
+        int posts = -1;
+        sem_getvalue(&rig.queue()->VideoBuffer->Sem, &posts);
+        return posts == 0;
+    }));
+    rig.video("two", 1033);
+    ASSERT_TRUE(fanOut().waitForSent(2));
+    EXPECT_EQ(fanOut().texts(), (Texts{"V one 0", "V two 33"}));
+    EXPECT_EQ(rig.log.lines(), Texts{kStarted});
+}
+
 TEST(ThreadedQueue, AudioAloneIsNeverSent)
 {
     SenderRig rig(200, 10);

@@ -256,3 +256,23 @@ TEST(SoundOrder, NoSoundIsOverdueWhereNoneWaits)
     ParkedSound none = {};
     EXPECT_EQ(TakeOverdueSound(&none, 0), nullptr);
 }
+
+TEST(SoundOrder, SoundFromInFrontOfThePictureThatAPlayerBeginsWithIsNotSent)
+{
+    SteadyTestServer server;
+    RtmpSession *session = server.session();
+    EXPECT_EQ(SendVideo(session, VideoFrame(50, kKeyNal), 1000), RTMP_ERR_NO_CLIENT);
+    EXPECT_EQ(SendAudio(session, Bytes(30, 0x77), 990), RTMP_ERR_NO_CLIENT);
+    EXPECT_EQ(SendAudio(session, Bytes(30, 0x77), 1010), RTMP_ERR_NO_CLIENT);
+    EXPECT_EQ(SendVideo(session, VideoFrame(50, kInterNal), 1040), RTMP_ERR_NO_CLIENT);
+    ScriptedPeer peer(server.port);
+    peer.chunks.standard = true;
+    peer.created();
+    peer.command(PlayCommand("cam"));
+    peer.read(7);
+    Sequence seen;
+    for (const Message &message : peer.read(3)) {
+        seen.push_back({message.type, message.timestamp});
+    }
+    EXPECT_EQ(seen, (Sequence{{kPicture, 0}, {kSound, 10}, {kPicture, 40}}));
+}
