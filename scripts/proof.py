@@ -117,7 +117,8 @@ def left_by_a_script(name):
     file = os.path.join(LEFT, name + ".md")
     if not os.path.exists(file):
         return None, None
-    return open(file, encoding="utf-8").read().strip(), os.path.getmtime(file)
+    text = open(file, encoding="utf-8").read()
+    return re.sub(r"\A(# .*\n)?\n*", "", text).strip(), os.path.getmtime(file) # the page has titles of its own
 
 
 def old_sections():
