@@ -1,7 +1,8 @@
 #!/bin/bash
 # Builds and runs the tests: all of them plain, then again with address and undefined behaviour sanitizers, with the
-# thread sanitizer, and for 64-bit ARM under an emulator, but for what tests/left_out names there. The last line says
-# how many passed and failed; the exit code is 0 only when every test ran and passed.
+# thread sanitizer, and for 64-bit ARM under an emulator, but for what tests/left_out names there. Three minutes of the
+# soak belong to the preset debug, and run while the next preset is built. The last line says how many passed and failed;
+# the exit code is 0 only when every test ran and passed.
 #
 #   scripts/test.sh [--all] [PRESET...]      default: debug asan tsan arm64; --all: nothing is left out
 set -uo pipefail
@@ -30,11 +31,30 @@ left_out() {
     grep -hvE '^(#|$)' "${lists[@]}"
 }
 
+soak_process=
+soak_log=$root/build/soak.log
+
+begin_soak() {
+    say "soak: begins; its report follows the building"
+    scripts/soak.sh 3 >"$soak_log" 2>&1 &
+    soak_process=$!
+}
+
+# finish_soak: waits for it, if one has begun; it counts as one test.
+finish_soak() {
+    [ -n "$soak_process" ] || return 0
+    if wait "$soak_process"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+    soak_process=
+    cat "$soak_log"
+}
+
 run_preset() {
     local preset=$1 report=$root/build/$1/tests.xml
     say "$preset: building"
     cmake --preset "$preset" "${settings[@]}" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
-    cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
+    # As nice as the soak, beside which it may run.
+    nice cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
+    finish_soak
     if [ "$preset" = arm64 ]; then
         say "arm64: size"
         scripts/size.sh || return 1
@@ -53,6 +73,7 @@ run_preset() {
     passed=$((passed + count - bad))
     failed=$((failed + bad))
     say "$preset: $((count - bad)) of $count passed"
+    [ "$preset" = debug ] && begin_soak
     [ "$count" -gt 0 ] && { [ "$status" -eq 0 ] || [ "$bad" -gt 0 ]; }
 }
 
@@ -62,6 +83,7 @@ for preset in $presets; do
     run_preset "$preset" || failed=$((failed + 1))
     rm -f /tmp/configure.$$
 done
+finish_soak
 
 echo
 echo "$passed passed, $failed failed"
