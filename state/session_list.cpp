@@ -105,13 +105,18 @@ int UnlockAfterLookup(RtmpClient *client)
 }
 
 // GiveLine gives a line to a client of the host's own, or one that was accepted before the server took the
-// steady road. -1: no memory.
+// steady road. JOIN_NOT_FOUND: the server is being destroyed, and its sessions with it; JOIN_FAILED: no
+// memory.
 int GiveLine(RtmpSession *session, RtmpClient *client)
 {
     if (session->Stream == nullptr || client->Line != nullptr) {
         return 0;
     }
-    return NewLine(session->Stream->Service, client, 0);
+    const int result = NewLine(session->Stream->Service, client, 0);
+    if (result == LINE_CLOSING) {
+        return JOIN_NOT_FOUND;
+    }
+    return result == 0 ? 0 : JOIN_FAILED;
 }
 
 // The caller holds LiveSessionListLock.
@@ -244,7 +249,7 @@ int JoinStream(RtmpClient *client, const char *name)
     RtmpSession *session = nullptr;
     int result = FindStream(client, name, &session);
     if (result == 0 && client->Session == nullptr) {
-        result = GiveLine(session, client) == 0 ? 0 : JOIN_FAILED;
+        result = GiveLine(session, client);
     }
     if (result == 0 && client->Session == nullptr) {
         JoinSession(session, client);
@@ -262,9 +267,9 @@ int JoinGiven(RtmpClient *client, RtmpSession *session)
     if (ValidateRtmpSessionHandle(server, session) != 0) {
         return JOIN_NOT_FOUND;
     }
-    if (GiveLine(session, client) != 0) {
-        return JOIN_FAILED;
+    const int result = GiveLine(session, client);
+    if (result == 0) {
+        JoinSession(session, client);
     }
-    JoinSession(session, client);
-    return 0;
+    return result;
 }

@@ -56,7 +56,10 @@ int TakeUp(SteadyService *service, SteadyLine *line)
     if (result != 0) {
         return result;
     }
-    if (service->Closing != 0 || WatchLine(line) != 0) {
+    if (service->Closing != 0) {
+        return LINE_CLOSING;
+    }
+    if (WatchLine(line) != 0) {
         return LINE_NO_MEMORY;
     }
     Link(service, line);

@@ -8,9 +8,10 @@ extern "C" {
 
 // Why a client gets no line.
 enum {
-    LINE_NO_MEMORY = -1, // or the service closes
+    LINE_NO_MEMORY = -1,
     LINE_TOO_MANY = -2,
-    LINE_TOO_MANY_OF_ADDRESS = -3
+    LINE_TOO_MANY_OF_ADDRESS = -3,
+    LINE_CLOSING = -4 // the server is being destroyed
 };
 
 // NewLine makes the client's line, and counts it among the service's. 0, or one of the above (not logged).

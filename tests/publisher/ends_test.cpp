@@ -2,6 +2,7 @@
 // roads. The host's thread destroys the publisher as soon as it is back.
 #include "publisher_fixture.h"
 
+#include "steady/keeper.h"
 #include "support/wait.h"
 
 #include <sys/socket.h>
@@ -98,6 +99,17 @@ TEST_P(PublisherEnds, WithTheServer)
         rig.status("status", "NetStream.Publish.Start");
         EXPECT_EQ(rig.result(), RTMP_ERR_INVALID_ARGUMENT);
     }
+}
+
+// Its connections end first, and its sessions are found for a moment longer.
+TEST(PublisherEndsSteadily, AServerThatIsGoingHasNothingToPublishAnyMore)
+{
+    Rig rig({.steady = true});
+    rig.start();
+    rig.serviceUpTo(Step::CreateStream);
+    EndLines(rig.server->Service);
+    rig.status("status", "NetStream.Publish.Start");
+    EXPECT_EQ(rig.result(), RTMP_ERR_INVALID_ARGUMENT);
 }
 
 TEST_P(PublisherEnds, WhileFramesAreSent)

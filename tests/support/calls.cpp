@@ -177,8 +177,9 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex)
     return MustFail(Call::SystemUnlock, mutex) ? EINVAL : __real_pthread_mutex_unlock(mutex);
 }
 
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *),
-                          void *argument)
+// Weak, as pthread_join below: the fuzzer's targets, which link this file and fail no call, have their own.
+__attribute__((weak)) int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                                                void *(*start)(void *), void *argument)
 {
     return MustFail(Call::ThreadCreate) ? EAGAIN : __real_pthread_create(thread, attributes, start, argument);
 }
@@ -254,7 +255,7 @@ int __wrap_RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *arg
     return __real_RtmpThreadCreate(thread, start, argument);
 }
 
-int __wrap_pthread_join(pthread_t thread, void **result)
+__attribute__((weak)) int __wrap_pthread_join(pthread_t thread, void **result)
 {
     return MustFail(Call::ThreadJoin) ? ESRCH : __real_pthread_join(thread, result);
 }
