@@ -25,8 +25,8 @@
 # Every few seconds the tide goes out: all but the steady ones leave. The host is then what it was before anybody came,
 # with as many threads and, once it has closed the descriptors that the exact road leaves open, as many descriptors. That
 # is waited for, and so does not depend on how fast anything is. Memory at ebb is compared over the run: the medians of
-# the first and of the last third of the ebbs behind the warm-up (the first fifth) may differ by 256 KiB of memory in use
-# (exact, by the allocator) and by 4 MiB of resident memory. The host does not run ahead of those who record by more than
+# the first and of the last third of the ebbs behind the warm-up (a fifth of the time, a minute at least, a third at most)
+# may differ by 256 KiB of memory in use (as the allocator counts it) and by 4 MiB of resident memory. The host does not run ahead of those who record by more than
 # a second, so that a busy machine makes them late and not a hole. At the end everything is destroyed while all
 # are there; no thread and no descriptor may be left, and with --preset asan no memory.
 set -euo pipefail

@@ -8,6 +8,9 @@ namespace soak {
 namespace {
 
 constexpr uint64_t kFirstTimestamp = 1000;
+// More than the host runs ahead of who records. A slot keeps the room of the largest frame that it ever held,
+// and has had a key frame after a minute: what memory the ring takes, it has then.
+constexpr uint32_t kRing = kAhead + 15;
 
 } // namespace
 
@@ -21,7 +24,7 @@ FrameFeeder::FrameFeeder(BusyServer &server, const SessionPlan &plan, int lastin
         exit(1);
     }
     ++feed_.sessions;
-    RtmpSenderSettings(session, plan.mode, 0, 0, 1, 255, 5, 200, 200);
+    RtmpSenderSettings(session, plan.mode, 0, 0, 1, 255, 5, kRing, kRing);
     describe();
     thread_ = std::thread([this] { run(); });
 }

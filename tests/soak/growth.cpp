@@ -24,9 +24,15 @@ void AddIfAbove(std::vector<std::string> &found, const char *what, int64_t growt
 
 std::vector<Ebb> BehindWarmUp(const std::vector<Ebb> &ebbs)
 {
-    const size_t skip = std::max<size_t>(2, ebbs.size() / 5);
-    return skip < ebbs.size() ? std::vector<Ebb>(ebbs.begin() + static_cast<std::ptrdiff_t>(skip), ebbs.end())
-                              : std::vector<Ebb>();
+    const double length = ebbs.empty() ? 0 : ebbs.back().seconds;
+    const double warmUp = std::min(std::max(60.0, length / 5), length / 3);
+    std::vector<Ebb> behind;
+    for (const Ebb &each : ebbs) {
+        if (each.seconds > warmUp) {
+            behind.push_back(each);
+        }
+    }
+    return behind;
 }
 
 int64_t GrowthOf(const std::vector<int64_t> &values)

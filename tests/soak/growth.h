@@ -13,7 +13,7 @@ struct Ebb {
     int descriptors, threads;
 };
 
-// The ebbs behind the warm-up: all but the first fifth, and but the first two.
+// The ebbs behind the warm-up, which is a fifth of the time, a minute at least, and a third at most.
 std::vector<Ebb> BehindWarmUp(const std::vector<Ebb> &ebbs);
 
 // How much the median of the last third is above that of the first; nothing is said of fewer than six values.

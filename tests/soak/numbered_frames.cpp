@@ -16,7 +16,7 @@ size_t LengthOf(const FrameMark &mark)
         return kMarkLength + mark.number % 90;
     }
     const bool isKeyFrame = mark.number % kPicturesToAKeyFrame == 0;
-    return (isKeyFrame ? 6000 : 900) + mark.number * 37 % 700;
+    return isKeyFrame ? 6000 : 900 + mark.number * 37 % 700;
 }
 
 } // namespace
