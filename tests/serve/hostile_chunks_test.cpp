@@ -1,6 +1,8 @@
 // Chunks as no player cuts them, and names as no player has them, read by the serve loop.
 #include "serve/served_peer.h"
 
+#include "net/limits.h"
+
 namespace {
 
 using wire::Chunks;
@@ -180,8 +182,14 @@ TEST_P(NameThatNobodyHas, IsAnsweredWholeAndLoggedAsText)
             peer.send(ChunkSizeIs(0x100000) + Chunks({.payload = play, .chunkStream = 8}, 0x100000));
             EXPECT_EQ(peer.serve(), ROUND_ERROR);
             const Bytes replies = peer.replies();
-            EXPECT_EQ(TimesIn(replies, "NetStream.Play.StreamNotFound"), 1U);
-            EXPECT_EQ(TimesIn(replies, "NetStream.Play.Stop"), 1U);
+            // Each answer names the stream twice: of the longest name they are more than may wait on the
+            // steady road.
+            const bool isTooLong = way.steady && 2 * GetParam().text.size() > kReplyBytes;
+            EXPECT_EQ(TimesIn(replies, "NetStream.Play.StreamNotFound"), isTooLong ? 0U : 1U);
+            EXPECT_EQ(TimesIn(replies, "NetStream.Play.Stop"), isTooLong ? 0U : 1U);
+            if (isTooLong) {
+                EXPECT_EQ(LoadShared(&peer.client->Line->End), STEADY_END_REPLIES);
+            }
             if (GetParam().text.size() < 1000 && GetParam().text.find('\0') == std::string::npos) {
                 // In the description and the details of both, in one chunk each.
                 const std::string whole = " " + GetParam().text;

@@ -8,6 +8,7 @@
 #include "rtmpcast/service.h"
 #include "serve/serve.h"
 #include "state/client.h"
+#include "steady/line.h"
 #include "steady/records.h"
 #include "support/bytes.h"
 #include "support/chunk_parser.h"
@@ -50,6 +51,9 @@ class ServedPeer {
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_), 0);
         client = CreateNewRtmpClient(rig.server, RTMP_CONN_RTMP, ends_[0], "127.0.0.1", 0, nullptr);
         client->PlayerFlags = served.players;
+        if (served.steady) { // as of a connection that it has accepted
+            EXPECT_EQ(NewLine(rig.server->Service, client, 1), 0);
+        }
         SetClientState(client, state);
     }
     ~ServedPeer()
@@ -63,6 +67,20 @@ class ServedPeer {
     {
         EXPECT_EQ(::send(ends_[1], bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
+    }
+    // As much as the server takes.
+    void sendUntilRefused(const Bytes &bytes)
+    {
+        size_t done = 0;
+        ssize_t sent = 0;
+        while (done < bytes.size() &&
+               (sent = ::send(ends_[1], bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)) > 0) {
+            done += static_cast<size_t>(sent);
+        }
+    }
+    void stopReading() // the server's end: whoever sends to it comes back
+    {
+        shutdown(ends_[1], SHUT_RDWR);
     }
     void command(const Bytes &payload)
     {
@@ -132,11 +150,11 @@ class ServedPeer {
         if (client == nullptr) {
             return;
         }
-        if (client->SocketClosed) {
-            ends_[0] = -1; // its number may be somebody else's
-        }
-        if (DestroyRtmpClient(client) != 0) {
-            FreeClientRecord(client);
+        if (client->Line != nullptr) {
+            FreeClientRecord(client); // and closes the socket
+            ends_[0] = -1;
+        } else {
+            endExactly();
         }
         client = nullptr;
         for (const int end : ends_) {
@@ -149,6 +167,16 @@ class ServedPeer {
     RtmpClient *client = nullptr;
 
   private:
+    void endExactly()
+    {
+        if (client->SocketClosed) {
+            ends_[0] = -1; // its number may be somebody else's
+        }
+        if (DestroyRtmpClient(client) != 0) {
+            FreeClientRecord(client);
+        }
+    }
+
     int ends_[2] = {-1, -1};
 };
 
