@@ -238,10 +238,25 @@ TEST_F(HttpRequest, TwoBytesMoreThanThereAreCountAsLeft)
     }
 }
 
+TEST_F(HttpRequest, OfTwoContentLengthsEachCountsWhereItStands)
+{
+    // As above: 99 ends the reading in front of the last header, 0 does not.
+    const struct {
+        const char *first, *second;
+        int headers;
+    } rows[] = {{"0", "99", 2}, {"99", "0", 1}, {"0", "0", 3}, {"-1", "-2147483648", 3}};
+    for (const auto &[first, second, headers] : rows) {
+        const Request request = parse("POST /open/1 HTTP/1.1\r\nContent-Length: " + std::string(first) +
+                                      "\r\nContent-Length: " + second + "\r\nAb: cd\r\n");
+        ASSERT_NE(request, nullptr);
+        EXPECT_EQ(request->headerCount, headers) << first << ", " << second;
+    }
+}
+
 TEST_F(HttpRequest, TheSeventeenthHeaderEndsTheReading)
 {
     const auto line = [](int i) { return "H" + std::to_string(i) + ": " + std::to_string(i) + "\r\n"; };
-    for (const int lines : {15, 16, 17, 18, 1000}) {
+    for (const int lines : {15, 16, 17, 18, 1000, 10000}) {
         const Request request = parse("POST /open/1 HTTP/1.1\r\n" + Repeat(lines, line) + "\r\n");
         ASSERT_NE(request, nullptr);
         EXPECT_EQ(request->headerCount, lines < 16 ? lines : 16);

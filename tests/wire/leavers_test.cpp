@@ -1,4 +1,5 @@
 // Thousands of connections that leave in the middle of every step, while a player misses no frame.
+#include "support/leaving_steps.h"
 #include "support/test_server.h"
 #include "support/wire_replies.h"
 
@@ -34,73 +35,17 @@ void RaiseDescriptorLimit()
 // Lines would be a gigabyte: only the ends are counted, by the server's own relay.
 void Drop(void *, uint8_t, const char *, va_list) {}
 
-void HalfOf(ScriptedPeer &peer, const Bytes &command)
-{
-    const Bytes bytes = Chunks({.payload = command});
-    peer.socket.send(Slice(bytes, 0, bytes.size() / 2));
-}
-
-void StartToPlay(ScriptedPeer &peer)
-{
-    peer.created();
-    peer.command(PlayCommand("cam"));
-}
-
-void Playing(ScriptedPeer &peer)
-{
-    StartToPlay(peer);
-    peer.read(7);
-}
-
-using Step = void (*)(ScriptedPeer &);
-
-constexpr Step kSteps[] = {
-    [](ScriptedPeer &) {},
-    [](ScriptedPeer &peer) { peer.handshake({.stopAfter = 1}); },
-    [](ScriptedPeer &peer) { peer.handshake({.stopAfter = 800}); },
-    [](ScriptedPeer &peer) { peer.handshake({.stopAfter = 1537}); },
-    [](ScriptedPeer &peer) { peer.handshake({.scheme = 2, .stopAfter = 2500}); },
-    [](ScriptedPeer &peer) { peer.handshake({.scheme = 2}); },
-    [](ScriptedPeer &peer) { peer.handshake({.signC2 = false}); },
-    [](ScriptedPeer &peer) {
-        peer.handshake(), peer.socket.send({0x03, 0x00});
-    },
-    [](ScriptedPeer &peer) { peer.handshake(), HalfOf(peer, ConnectCommand()); },
-    [](ScriptedPeer &peer) { peer.handshake(), peer.command(ConnectCommand()); },
-    [](ScriptedPeer &peer) { peer.handshake(), peer.command(ConnectCommand("vod")); },
-    [](ScriptedPeer &peer) { peer.connected(); },
-    [](ScriptedPeer &peer) { peer.connected(), HalfOf(peer, CreateStreamCommand()); },
-    [](ScriptedPeer &peer) { peer.created(); },
-    [](ScriptedPeer &peer) { peer.created(), HalfOf(peer, PlayCommand("cam")); },
-    [](ScriptedPeer &peer) { peer.created(), peer.command(PlayCommand("nobody")); },
-    [](ScriptedPeer &peer) { peer.handshake(), peer.command(PlayCommand("cam")); },
-    [](ScriptedPeer &peer) { StartToPlay(peer); },
-    [](ScriptedPeer &peer) { StartToPlay(peer), peer.read(3); },
-    [](ScriptedPeer &peer) { Playing(peer); },
-    [](ScriptedPeer &peer) { Playing(peer), peer.read(1), peer.socket.receive(10); }, // within a frame
-    [](ScriptedPeer &peer) { Playing(peer), HalfOf(peer, PauseCommand(true)); },
-    [](ScriptedPeer &peer) { Playing(peer), peer.command(PauseCommand(true)); },
-    [](ScriptedPeer &peer) {
-        Playing(peer);
-        peer.command(PauseCommand(true)), peer.command(PauseCommand(false));
-    },
-    [](ScriptedPeer &peer) { Playing(peer), peer.command(PlayCommand("cam")); },
-    [](ScriptedPeer &peer) { Playing(peer), peer.command(DeleteStreamCommand()); },
-    [](ScriptedPeer &peer) { Playing(peer), peer.send({.payload = {1}, .type = 9}); },
-};
-constexpr size_t kStepCount = sizeof kSteps / sizeof kSteps[0];
-
 void RunConnections(uint16_t port, size_t worker, std::atomic<size_t> &failures)
 {
     for (size_t i = worker; i < kConnections; i += kWorkers) {
         try {
             ScriptedPeer peer(port);
             peer.socket.keepRecord(false);
-            kSteps[i % kStepCount](peer);
-            i / kStepCount % 2 == 0 ? peer.socket.leave() : peer.socket.reset();
+            kLeavingSteps[i % kLeavingStepCount](peer);
+            i / kLeavingStepCount % 2 == 0 ? peer.socket.leave() : peer.socket.reset();
         } catch (const PeerError &error) {
             ++failures;
-            ADD_FAILURE() << "connection " << i << ", step " << i % kStepCount << ": " << error.what();
+            ADD_FAILURE() << "connection " << i << ", step " << i % kLeavingStepCount << ": " << error.what();
         }
     }
 }

@@ -1,0 +1,218 @@
+// Peers that are rude at the worst moment, on both roads: while they are being ended, while others fill the
+// second port, and a byte at a time.
+#include "steady/steady_peers.h"
+#include "support/leaving_steps.h"
+
+#include <atomic>
+#include <poll.h>
+#include <sys/ioctl.h>
+
+using namespace wire;
+
+namespace {
+
+struct RudeRoad {
+    const char *name;
+    bool steady;
+    bool reset; // or close
+};
+
+constexpr RudeRoad kRudeRoads[] = {{"ExactClose", false, false},
+                                   {"ExactReset", false, true},
+                                   {"SteadyClose", true, false},
+                                   {"SteadyReset", true, true}};
+
+std::unique_ptr<TestServer> ServerOf(const RudeRoad &road)
+{
+    return road.steady ? std::make_unique<SteadyTestServer>() : std::make_unique<TestServer>();
+}
+
+std::unique_ptr<ScriptedPeer> PeerOf(const TestServer &server, bool steady)
+{
+    auto peer = std::make_unique<ScriptedPeer>(server.port);
+    peer->chunks.standard = steady;
+    return peer;
+}
+
+class RudePeers : public testing::TestWithParam<RudeRoad> {
+  protected:
+    RudePeers() : server(ServerOf(GetParam())) {}
+
+    // Peers of every state: connected, playing, paused, in the middle of a message, and about to play.
+    void come()
+    {
+        for (int i = 0; i < 5; i++) {
+            peers.push_back(PeerOf(*server, GetParam().steady));
+            i == 0 ? peers[0]->created() : (void)peers.back()->playing("cam");
+        }
+        peers[0]->command(PlayCommand("cam"));
+        peers[2]->command(PauseCommand(true));
+        peers[3]->socket.send(Slice(Chunks({.payload = PauseCommand(true)}), 0, 20));
+        peers[4]->command(PlayCommand("cam"));
+    }
+    // On a thread of their own; some have gone when it begins, some have not.
+    void leaveMeanwhile(const std::function<void()> &end, size_t gone)
+    {
+        std::atomic<size_t> left = 0;
+        std::thread leaving([&] {
+            for (const std::unique_ptr<ScriptedPeer> &peer : peers) {
+                GetParam().reset ? peer->socket.reset() : peer->socket.leave();
+                ++left;
+            }
+        });
+        EXPECT_TRUE(WaitUntil([&] { return left >= gone; }));
+        end();
+        leaving.join();
+        peers.clear();
+    }
+    std::unique_ptr<TestServer> server;
+    std::vector<std::unique_ptr<ScriptedPeer>> peers;
+};
+
+constexpr int kRudeRounds = 12;
+
+// What has come and was not read.
+int WaitingBytes(const ByteSocket &socket)
+{
+    int bytes = 0;
+    EXPECT_EQ(ioctl(socket.descriptor(), FIONREAD, &bytes), 0);
+    return bytes;
+}
+
+} // namespace
+
+TEST_P(RudePeers, ThatLeaveWhileTheirSessionGoesHarmNobody)
+{
+    RtmpSession *other = server->session("other");
+    const std::unique_ptr<ScriptedPeer> watcher = PeerOf(*server, GetParam().steady);
+    watcher->playing("other");
+    for (int round = 0; round < kRudeRounds; round++) {
+        RtmpSession *session = server->session("cam");
+        come();
+        (void)SendVideo(session, VideoFrame(5000, kKeyNal), 1000);
+        leaveMeanwhile([&] { EXPECT_EQ(RtmpSessionDestroy(session), 0); }, static_cast<size_t>(round % 6));
+        EXPECT_EQ(SendVideo(other, VideoFrame(64, kKeyNal), 1000 + 40 * static_cast<uint64_t>(round)), 0);
+        EXPECT_EQ(watcher->read().payload.size(), 69U);
+    }
+}
+
+TEST_P(RudePeers, ThatLeaveWhileTheServerGoesHarmNobody)
+{
+    for (int round = 0; round < kRudeRounds; round++) {
+        RtmpSession *session = server->session("cam");
+        come();
+        (void)SendVideo(session, VideoFrame(5000, kKeyNal), 1000);
+        leaveMeanwhile([&] { EXPECT_EQ(server->destroy(), 0); }, static_cast<size_t>(round % 6));
+        server = ServerOf(GetParam());
+    }
+}
+
+TEST_P(RudePeers, ThatLeaveAtEveryStepCostAPlayerNothing)
+{
+    RtmpSession *session = server->session("cam");
+    const std::unique_ptr<ScriptedPeer> player = PeerOf(*server, GetParam().steady);
+    player->socket.keepRecord(false);
+    player->playing("cam");
+    std::atomic<bool> done = false;
+    std::atomic<uint64_t> sent = 0, seen = 0;
+    std::thread host([&] {
+        Patience ahead;
+        for (uint64_t time = 1000; !done; ahead.pause()) {
+            if (sent - seen < 8) {
+                (void)SendVideo(session, VideoFrame(700, kKeyNal), time += 20); // -1: one of the leavers
+                ++sent;
+                ahead.reset();
+            }
+        }
+    });
+    std::thread watching([&] {
+        Patience behind;
+        for (; !done || seen < sent; behind.pause()) {
+            if (seen < sent) {
+                EXPECT_EQ(player->read().payload.size(), 705U);
+                ++seen;
+                behind.reset();
+            }
+        }
+    });
+    for (size_t step = 0; step < kLeavingStepCount; step++) {
+        const std::unique_ptr<ScriptedPeer> peer = PeerOf(*server, GetParam().steady);
+        EXPECT_NO_THROW(kLeavingSteps[step](*peer)) << "step " << step;
+        GetParam().reset ? peer->socket.reset() : peer->socket.leave();
+    }
+    done = true;
+    host.join();
+    watching.join();
+    EXPECT_EQ(sent, seen);
+    EXPECT_TRUE(WaitUntil([&] { return session->ClientCount == 1; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(On, RudePeers, testing::ValuesIn(kRudeRoads),
+                         [](const testing::TestParamInfo<RudeRoad> &row) { return row.param.name; });
+
+// By default the host waits for it; nothing is lost.
+TEST(BurstyReader, OfTheExactRoadGetsEveryFrame)
+{
+    TestServer server;
+    RtmpSession *session = server.session("cam");
+    ScriptedPeer player(server.port);
+    player.socket.keepRecord(false);
+    player.playing("cam");
+    constexpr int kFrames = 120;
+    constexpr size_t kLength = 40000;
+    std::atomic<bool> done = false;
+    std::thread host([&] {
+        for (uint8_t i = 0; i < kFrames; i++) {
+            EXPECT_EQ(SendVideo(session, VideoFrame(kLength, kKeyNal, i), 1000 + i * uint64_t{40}), 0);
+        }
+        done = true;
+    });
+    for (int seen = 0; seen < kFrames;) {
+        EXPECT_TRUE(WaitUntil([&] { return done || WaitingBytes(player.socket) > 100000; }));
+        for (int burst = 0; burst < 15 && seen < kFrames; burst++, seen++) {
+            EXPECT_TRUE(Same(Slice(player.read().payload, 5, kLength),
+                             VideoFrame(kLength, kKeyNal, static_cast<uint8_t>(seen))));
+        }
+    }
+    host.join();
+}
+
+TEST(SlowHandshake, OfAByteAtATimeHasNoMoreTimeThanAnother)
+{
+    SteadyTestServer server(steady::With(&RtmpServiceLimits::HandshakeMilliseconds, 500));
+    ByteSocket peer(server.port);
+    const Bytes bytes(3073, 3); // never sent whole: ten milliseconds and more for each
+    size_t sent = 0;
+    for (; sent < bytes.size(); sent++) {
+        pollfd ready = {peer.descriptor(), POLLIN, 0};
+        uint8_t ignored[4096];
+        if (poll(&ready, 1, 10) > 0 && recv(peer.descriptor(), ignored, sizeof ignored, MSG_DONTWAIT) <= 0) {
+            break; // the end
+        }
+        (void)::send(peer.descriptor(), bytes.data() + sent, 1, MSG_NOSIGNAL);
+    }
+    EXPECT_LT(sent, 1000U);
+    EXPECT_TRUE(server.log.waitForCount("leaves: its handshake took too long", 1));
+}
+
+TEST(IdleCrowd, OnTheSecondPortCostsPlayersNothingAndGoesWhenItsTimeIsUp)
+{
+    constexpr size_t kCrowd = 200;
+    RtmpServiceLimits limits = steady::With(&RtmpServiceLimits::MostClientsPerAddress, 2 * kCrowd);
+    limits.TunnelMilliseconds = 1000;
+    TwoPorts server(limits);
+    const size_t descriptors = OpenDescriptors();
+    {
+        std::vector<std::unique_ptr<ByteSocket>> crowd;
+        for (size_t i = 0; i < kCrowd; i++) {
+            crowd.push_back(std::make_unique<ByteSocket>(server.tunnelPort));
+        }
+        ScriptedPeer player(server.port);
+        player.chunks.standard = true;
+        player.created();
+        for (const std::unique_ptr<ByteSocket> &idle : crowd) {
+            EXPECT_TRUE(idle->ends());
+        }
+    }
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() <= descriptors; }));
+}
