@@ -112,11 +112,11 @@ int GiveLine(RtmpSession *session, RtmpClient *client)
     if (session->Stream == nullptr || client->Line != nullptr) {
         return 0;
     }
-    const int result = NewLine(session->Stream->Service, client, 0);
-    if (result == LINE_CLOSING) {
-        return JOIN_NOT_FOUND;
+    SteadyService *service = session->Stream->Service;
+    if (NewLine(service, client, 0) == 0) {
+        return 0;
     }
-    return result == 0 ? 0 : JOIN_FAILED;
+    return IsClosing(service) ? JOIN_NOT_FOUND : JOIN_FAILED;
 }
 
 // The caller holds LiveSessionListLock.

@@ -56,10 +56,7 @@ int TakeUp(SteadyService *service, SteadyLine *line)
     if (result != 0) {
         return result;
     }
-    if (service->Closing != 0) {
-        return LINE_CLOSING;
-    }
-    if (WatchLine(line) != 0) {
+    if (service->Closing != 0 || WatchLine(line) != 0) {
         return LINE_NO_MEMORY;
     }
     Link(service, line);
@@ -148,6 +145,12 @@ int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket)
         free(line);
     }
     return result;
+}
+
+bool IsClosing(SteadyService *service)
+{
+    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&service->Lock);
+    return service->Closing != 0;
 }
 
 void FreeLine(RtmpClient *client)

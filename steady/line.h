@@ -8,16 +8,18 @@ extern "C" {
 
 // Why a client gets no line.
 enum {
-    LINE_NO_MEMORY = -1,
+    LINE_NO_MEMORY = -1, // or the service closes
     LINE_TOO_MANY = -2,
-    LINE_TOO_MANY_OF_ADDRESS = -3,
-    LINE_CLOSING = -4 // the server is being destroyed
+    LINE_TOO_MANY_OF_ADDRESS = -3
 };
 
 // NewLine makes the client's line, and counts it among the service's. 0, or one of the above (not logged).
 // `ownsSocket` 1: the limits of connections hold for it, and FreeLine closes it. The keeper may end it from
 // now on.
 RTMP_STATUS int NewLine(SteadyService *service, RtmpClient *client, int ownsSocket);
+
+// IsClosing tells whether the server is being destroyed: nobody gets a line any more.
+bool IsClosing(SteadyService *service);
 
 // FreeLine takes the client's line out of everything and frees it; null is nothing. The socket of a line that
 // owns it is closed: whoever waits for the line finds its descriptor given back. Nobody else uses the client
