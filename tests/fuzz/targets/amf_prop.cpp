@@ -310,16 +310,24 @@ bool NamesCodec(uint64_t bits, int32_t all, int32_t codec)
     return codecs == all || (codecs & codec) != 0;
 }
 
-// A viewer count is reported when it differs from the one before, and as a text of its digits.
-void CheckViewers(const char *key, uint64_t bits, int32_t *last)
+// A viewer count is reported when it differs from the one before, and as a text of its digits. What came
+// before is the library's, which outlives a client.
+std::vector<StatusReport> ReportsOf(CommandTarget *target, const char *key, uint64_t bits)
 {
-    const std::vector<StatusReport> reports = HostFakes::get().statusReports();
-    const int32_t count = IntegerOf(bits);
-    FUZZ_CHECK(reports.size() == (count != *last ? 1 : 0));
-    *last = count;
-    if (reports.empty()) {
-        return;
-    }
+    HostFakes::get().statusReports.clear();
+    FUZZ_CHECK(target->parse(CommandWith("moduleInfo", key, bits)) == 0);
+    target->freeValues();
+    return HostFakes::get().statusReports();
+}
+
+void CheckViewers(CommandTarget *target, const char *key, uint64_t bits)
+{
+    constexpr uint64_t one = 0x3FF0000000000000;
+    constexpr uint64_t two = 0x4000000000000000;
+    (void)ReportsOf(target, key, IntegerOf(bits) == 1 ? two : one);
+    const std::vector<StatusReport> reports = ReportsOf(target, key, bits);
+    FUZZ_CHECK(reports.size() == 1);
+    FUZZ_CHECK(ReportsOf(target, key, bits).empty());
     char text[400] = "";
     if (NumberOf(bits) >= 0) {
         snprintf(text, sizeof text, "%.0f", NumberOf(bits));
@@ -362,12 +370,7 @@ void CheckNumberInCommands(uint64_t bits, uint8_t choices, bool isAll)
     FUZZ_CHECK(memcmp(&target.context.ErrorTransactionId, &bits, sizeof bits) == 0);
     FUZZ_CHECK(memcmp(&target.context.StatusTransactionId, &bits, sizeof bits) == 0);
 
-    static int32_t viewers = -1;
-    static int32_t allViewers = -1; // the library's, which outlive a client
-    const char *key = isAll ? "allViewers" : "viewers";
-    FUZZ_CHECK(target.parse(CommandWith("moduleInfo", key, bits)) == 0);
-    CheckViewers(key, bits, isAll ? &allViewers : &viewers);
-    target.freeValues();
+    CheckViewers(&target, isAll ? "allViewers" : "viewers", bits);
 }
 
 } // namespace
