@@ -248,7 +248,8 @@ def evidence(text, record):
         return record.matching(pattern_of(text), ("log", "host", "wire", "file", "stdout"))
     if flat.startswith(("ERROR: ", "INFO: ")):
         return record.matching(re.escape(flat), ("log",))
-    return record.exactly(flat, ("wire", "host", "stdout")) or record.beginning(flat) or record.within_log(flat)
+    exact = ("wire", "host", "stdout") if len(flat) > 2 else ("host",)  # two letters may stand in any picture
+    return record.exactly(flat, exact) or record.beginning(flat) or record.within_log(flat)
 
 
 def read_list():

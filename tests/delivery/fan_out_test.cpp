@@ -219,6 +219,25 @@ TEST(FanOut, AFileThatEndsBeforeTheFrameDoesIsAFailureAndNoHang)
     close(fd);
 }
 
+TEST(FanOut, AFrameInAFileForWhoeverIsGoneFailsAndTheOthersGetIt)
+{
+    SessionRig rig(kChunk);
+    const RigClient gone = rig.addClient();
+    const RigClient player = rig.addClient();
+    shutdown(gone.peer, SHUT_RDWR);
+    const Bytes frame = VideoFrame(200, 0x65);
+    const int fd = memfd_create("frame", 0);
+    ASSERT_EQ(write(fd, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+    rig.log.clear();
+    EXPECT_EQ(SendMsgToConnectedClients(rig.session, frame.data(), 200, fd,
+                                        reinterpret_cast<uintptr_t>(frame.data()), 0, RTMP_MSG_VIDEO),
+              -1);
+    EXPECT_EQ(rig.log.count("3 ERROR: SendMsgToConnectedClients: Sending data message to client {"), 1U);
+    EXPECT_EQ(rig.log.count("} failed (zero copy)"), 1U);
+    EXPECT_EQ(DrainBytes(player.peer).size(), 12 + 5 + frame.size() + (5 + frame.size() - 1) / kChunk);
+    close(fd);
+}
+
 TEST(FanOut, AWriteThatEndsShortGoesOnWhereItEnded)
 {
     SessionRig rig(kChunk);

@@ -74,3 +74,17 @@ INSTANTIATE_TEST_SUITE_P(Steps, PublisherHandshakeIsCut, testing::ValuesIn(kCutS
                          [](const testing::TestParamInfo<CutStep> &row) {
                              return std::string(row.param.name);
                          });
+
+// A ping of the service while the publisher waits for an answer: nobody else writes, and nobody else would
+// notice.
+TEST(PublisherIsPinged, AnAnswerThatCannotBeSentIsLogged)
+{
+    Rig rig;
+    rig.start();
+    rig.serviceUpTo(Step::Handshake);
+    shutdown(rig.socket, SHUT_WR);
+    rig.service->pingRequest(7);
+    EXPECT_TRUE(rig.log.waitFor("3 ERROR: RtmpPublisherServe: Cannot send response message to client"));
+    rig.service->socket.leave();
+    EXPECT_EQ(rig.result(), RTMP_ERR_CONNECTION);
+}
