@@ -27,6 +27,12 @@ class ServeSeeds {
         folder_->write(name, Bytes{rules, middle, static_cast<uint8_t>(0x48 | (turn_ >> 2 & 7))} + bytes);
         turn_++;
     }
+    // The same over TLS, on the exact road or the steady one.
+    void writeOverTls(const std::string &name, bool isSteady, const Bytes &bytes)
+    {
+        const uint8_t middle = static_cast<uint8_t>(7 | (isSteady ? kSteadyRoad : 0) | 3 << 6);
+        folder_->write(name, Bytes{0xFF, middle, 0xCB} + bytes);
+    }
     // In all four.
     void writeAll(const std::string &name, Said said, const Bytes &bytes)
     {
@@ -185,4 +191,9 @@ void Seeds_serve_loop(SeedFolder &folder)
     MessageTypeSeeds(&seeds);
     CommandSeeds(&seeds);
     seeds.writeAll("nothing", Said::Play, {});
+    const Bytes session = Command(ConnectCommand()) + Command(CreateStreamCommand()) +
+                          Command(PlayCommand("stream")) + Command(PauseCommand(true)) +
+                          Command(PauseCommand(false)) + Command(DeleteStreamCommand());
+    seeds.writeOverTls("tls_exact", false, session);
+    seeds.writeOverTls("tls_steady", true, session);
 }

@@ -81,6 +81,10 @@ void Seeds_service_answers(SeedFolder &folder)
                       ResultOf(4, Number(1)) + ServiceControl(4, "0000 00000001") + published +
                       ServiceControl(4, "0006 01020304") + ServiceControl(3, "00001000");
     seeds.writeBoth("whole", Answered::Nothing, shake + all);
+    for (const uint8_t road : {0, 1}) {
+        folder.write(road == 0 ? "tls_exact" : "tls_steady",
+                     Bytes{static_cast<uint8_t>(0x80 | kWithSender | road), 0x0B} + shake + all);
+    }
     seeds.writeBoth("behind_handshake", Answered::Handshake, all);
     seeds.writeBoth("step_by_step", Answered::StepByStep, all + ResultOf(5, Null()) + ResultOf(6, Null()));
     for (const size_t length : {0U, 1023U, 1024U, 5000U}) {

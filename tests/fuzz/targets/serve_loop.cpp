@@ -4,7 +4,7 @@
 //
 //     RTMP_PLAYERS_...:8
 //     RTMP_PLAYERS_...:3 (high)  steady road:1  how far the player is:2  session:2
-//     pieces:3  frames:2  refused by the host:1  chunk size of 4096:1  -:1
+//     pieces:3  frames:2  refused by the host:1  chunk size of 4096:1  TLS:1
 //
 // dictionary: rtmp
 // max_len: 4096
@@ -18,6 +18,7 @@
 #include "support/chunk_check.h"
 #include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
+#include "support/fuzz_tls.h"
 #include "support/host_fakes.h"
 #include "support/scripted_peer.h"
 
@@ -34,6 +35,7 @@ struct ServeChoice {
     uint32_t frames; // of each three reads that find nothing
     bool isRefused;
     int32_t chunkSize;
+    bool isOverTls;
 };
 
 ServeChoice TakeServeChoice(FuzzInput *input)
@@ -44,7 +46,8 @@ ServeChoice TakeServeChoice(FuzzInput *input)
     const uint32_t high = input->byte();
     return {
         low | (middle & 7) << 8, (middle & 8) != 0, middle >> 4 & 3,  static_cast<FuzzedSession>(middle >> 6),
-        pieces[high & 7],        high >> 3 & 3,     (high & 32) != 0, (high & 64) != 0 ? 4096 : 128};
+        pieces[high & 7],        high >> 3 & 3,     (high & 32) != 0, (high & 64) != 0 ? 4096 : 128,
+        (high & 128) != 0};
 }
 
 // What a player says until its media begin, up to the command before the input.
@@ -106,6 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     };
     {
         FuzzPeer peer;
+        FuzzTls tls(&peer);
         uint32_t reads = 0;
         uint32_t sent = 0;
         peer.beforeRead = [&] {
@@ -115,8 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         };
         peer.send(Dialogue(choice.said));
         peer.send(input, choice.piece);
-        RtmpClient *client =
-            CreateNewRtmpClient(server, RTMP_CONN_RTMP, peer.socket(), "127.0.0.1", 0, nullptr);
+        RtmpClient *client = CreateNewRtmpClient(server, RTMP_CONN_RTMP, peer.socket(), "127.0.0.1", 0,
+                                                 choice.isOverTls ? tls.handle() : nullptr);
         client->PlayerFlags = choice.flags;
         Serve(client, &peer, choice.isSteady);
         if ((choice.flags & RTMP_PLAYERS_CHUNKS_OUT) != 0) {

@@ -1,7 +1,7 @@
 // A publisher before a hostile service: everything that the service sends is the input, from the first byte,
 // behind a handshake, or behind the whole of a publishing dialogue. The first two bytes choose:
 //
-//     steady road:1  session:2  the service has answered so far:3  signed:1  -:1
+//     steady road:1  session:2  the service has answered so far:3  signed:1  TLS:1
 //     pieces:3  frames:2  stopped after so many reads:3
 //
 // dictionary: rtmp
@@ -11,6 +11,7 @@
 #include "support/chunk_check.h"
 #include "support/chunk_mutator.h"
 #include "support/fuzz_session.h"
+#include "support/fuzz_tls.h"
 #include "support/host_fakes.h"
 #include "support/scripted_peer.h"
 #include "support/wire_replies.h"
@@ -34,6 +35,7 @@ struct ServiceChoice {
     FuzzedSession session;
     AnsweredSoFar answered;
     uint8_t isSigned;
+    bool isOverTls;
     size_t piece;
     uint32_t frames;
     uint32_t stopAfter; // 0: never
@@ -49,6 +51,7 @@ ServiceChoice TakeServiceChoice(FuzzInput *input)
             static_cast<FuzzedSession>(first >> 1 & 3),
             static_cast<AnsweredSoFar>(std::min<uint32_t>(answered, ANSWERED_STEP_BY_STEP)),
             static_cast<uint8_t>(first >> 6 & 1),
+            (first & 128) != 0,
             pieces[second & 7],
             second >> 3 & 3,
             second >> 5};
@@ -109,12 +112,12 @@ void Publish(RtmpPublisher *publisher, RtmpSession *session, AnsweredSoFar answe
     }
 }
 
-RtmpPublisher *MakePublisher(RtmpServer *server, int socket, uint8_t isSigned)
+RtmpPublisher *MakePublisher(RtmpServer *server, int socket, void *tls, uint8_t isSigned)
 {
     const RtmpPublisherTarget target = {
         "live", "rtmp://service.example/live", "key", nullptr, "127.0.0.1", 5000, isSigned};
     int err = 0;
-    RtmpPublisher *publisher = RtmpPublisherCreate(server, socket, nullptr, &target, &err);
+    RtmpPublisher *publisher = RtmpPublisherCreate(server, socket, tls, &target, &err);
     if (publisher == nullptr) {
         abort();
     }
@@ -132,7 +135,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     srand(1);
     {
         FuzzPeer peer;
-        RtmpPublisher *publisher = MakePublisher(server, peer.socket(), choice.isSigned);
+        FuzzTls tls(&peer);
+        RtmpPublisher *publisher =
+            MakePublisher(server, peer.socket(), choice.isOverTls ? tls.handle() : nullptr, choice.isSigned);
         uint32_t reads = 0;
         peer.beforeRead = [&] {
             reads++;

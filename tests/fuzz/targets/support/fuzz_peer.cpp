@@ -1,5 +1,6 @@
 #include "support/fuzz_peer.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <poll.h>
 #include <sys/socket.h>
@@ -28,7 +29,9 @@ ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
     }
     g_peer->libraryReads();
     const ssize_t got = __real_recv(fd, buffer, length, flags);
-    g_peer->libraryHasRead(got);
+    if ((flags & MSG_PEEK) == 0) {
+        g_peer->libraryHasRead(got);
+    }
     return got;
 }
 
@@ -98,6 +101,15 @@ void FuzzPeer::sendPiece()
     const ssize_t done = ::send(ends_[1], toSend_.data() + sent_, count, MSG_NOSIGNAL | MSG_DONTWAIT);
     unread_ = done > 0 ? static_cast<size_t>(done) : 0;
     sent_ = done > 0 ? sent_ + unread_ : toSend_.size();
+}
+
+ssize_t FuzzPeer::readAsItIs(void *bytes, size_t length)
+{
+    const ssize_t got = __real_recv(ends_[0], bytes, length, MSG_DONTWAIT);
+    const int error = errno;
+    libraryHasRead(got);
+    errno = error;
+    return got;
 }
 
 void FuzzPeer::libraryReads()

@@ -6,6 +6,7 @@
 #include "support/fuzz_input.h"
 
 #include <functional>
+#include <sys/types.h>
 #include <vector>
 
 class FuzzPeer {
@@ -36,6 +37,9 @@ class FuzzPeer {
     {
         isGivenAway_ = true;
     }
+
+    // A read in which nothing is sent meanwhile, and that does not wait: the library holds a lock.
+    ssize_t readAsItIs(void *bytes, size_t length);
 
     void libraryReads();
     void libraryWaits(short events);
