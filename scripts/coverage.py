@@ -50,11 +50,12 @@ def read_explained(path):
     with open(path) as file:
         for number, line in enumerate(file, 1):
             if line.strip() and not line.startswith("#"):
-                fields = [field.strip() for field in line.split(" | ")]
-                if len(fields) != 4 or not all(fields) or tuple(fields[:3]) in explained:
+                fields = line.strip().split(" | ")
+                key = (*fields[:2], " | ".join(fields[2:-1]))  # the text itself may hold an "or"
+                if len(fields) < 4 or not all(fields) or key in explained:
                     wrong.append(f"{path}:{number}: not 'file | function | text | why', or twice: {line.strip()}")
                 else:
-                    explained[tuple(fields[:3])] = fields[3]
+                    explained[key] = fields[-1]
     return explained, wrong
 
 
@@ -84,19 +85,29 @@ def tables(files):
 
 
 def explanations(files, explained):
-    """The rows of lines that do not run, and what is wrong with them or with the list."""
-    rows, wrong, seen = [], [], set()
+    """{why: [(file, function) of each line]} of lines that do not run, and what is wrong with them or with the list."""
+    reasons, wrong, seen = collections.defaultdict(list), [], set()
     for file in files:
         for (function, text), numbers in file.missed.items():
             key = (file.path, function, text)
             seen.add(key)
             if key in explained:
-                code = text.replace("|", "\\|")
-                rows.append(f"| `{file.path}` | `{function}` | `{code}` | {explained[key]} |")
+                reasons[explained[key]] += [(file.path, function)] * len(numbers)
             else:
                 wrong.append(f"{file.path}:{numbers[0]}: not run, not explained: {' | '.join(key)}")
     wrong += [f"explained, but run or gone: {' | '.join(key)}" for key in explained if key not in seen]
-    return rows, wrong
+    return reasons, wrong
+
+
+def page(by_folder, reasons):
+    rows = []
+    for why, places in reasons.items():
+        names = ", ".join(f"`{function}`" for function in sorted({function for _, function in places}))
+        paths = ", ".join(f"`{path}`" for path in sorted({path for path, _ in places}))
+        rows.append(f"| {len(places)} | {paths}: {names} | {why} |")
+    return ["Branches that only an exception would take are not counted.", "", *by_folder, "",
+            f"The {sum(map(len, reasons.values()))} lines that no test runs stand in `tests/uncovered.txt`, each with its reason:", "",
+            "| lines | where | why |", "|---|---|---|", *rows, ""]
 
 
 def main():
@@ -108,15 +119,13 @@ def main():
         sys.exit(f"{len(files)} files: this is not the library")
     explained, wrong = read_explained(list_of_lines)
     by_folder, by_file, low = tables(files)
-    rows, unexplained = explanations(files, explained)
+    reasons, unexplained = explanations(files, explained)
     wrong += unexplained + [f"{name}/: less than {AIM} % of its lines run" for name in low]
     print("\n".join(by_file), "\n".join(by_folder), *wrong, sep="\n")
     os.makedirs(os.path.dirname(table), exist_ok=True)
     with open(table, "w") as file:
-        file.write("\n".join(["`scripts/coverage.sh`: what the tests run of the library's lines and branches. Branches that only an",
-                              "exception would take are not counted.", "", *by_folder, "", "Lines that no test runs, each with its reason:",
-                              "", "| file | function | line | why |", "|---|---|---|---|", *rows, ""]))
-    print(f"{len(rows)} explained, {len(wrong)} wrong")
+        file.write("\n".join(page(by_folder, reasons)))
+    print(f"{sum(map(len, reasons.values()))} lines explained, {len(wrong)} wrong")
     return 1 if wrong else 0
 
 

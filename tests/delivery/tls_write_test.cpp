@@ -191,6 +191,19 @@ TEST_F(TlsWrite, ShortWritesGoOnWhereTheyEnded)
                                                            Slice(frame, 251, 49));
 }
 
+TEST_F(TlsWrite, AWriteThatWaitsForInputAlthoughThereIsRoomGoesOnAMomentLater)
+{
+    answer = [](size_t call, int length) {
+        errno = EAGAIN; // as of a handle that is in the middle of a renegotiation
+        return call == 2 ? -1 : length;
+    };
+    EXPECT_EQ(send(), 0);
+    EXPECT_EQ(calls.size(), 8U);
+    EXPECT_EQ(calls[2], calls[3]) << "the same bytes once more";
+    EXPECT_EQ(written.size(), 12U + 5 + 300 + 2);
+    EXPECT_TRUE(rig.log.lines().empty());
+}
+
 TEST_F(TlsWrite, AFrameInAFileIsReadFromMemory)
 {
     const int file = memfd_create("frame", 0);

@@ -1,3 +1,5 @@
+#include "message/command_replies.h"
+#include "message/send_packet.h"
 #include "message_fixture.h"
 #include "rtmpcast/player.h"
 
@@ -13,6 +15,21 @@ const char kOnStatus[] = "02 00 08 6F 6E 53 74 61 74 75 73 00 00 00 00 00 00 00 
 Bytes Member(const std::string &name, const std::string &value)
 {
     return BigEndian(name.size(), 2) + name + Hex("02") + BigEndian(value.size(), 2) + value;
+}
+
+TEST_F(CommandReplies, AKindThatIsNoReplyHasNoText)
+{
+    EXPECT_EQ(GenerateCmdMsgRes(&client, Request(3, AMF_NUMBER, 1), RTMP_MSG_SAMPLE_ACCESS), nullptr);
+    EXPECT_EQ(log.lines(), Lines{"3 ERROR: GenerateCmdMsgRes: Cannot write amf data in send amf object"});
+}
+
+TEST_F(CommandReplies, OfNoValuesThereIsNoPayload)
+{
+    RtmpSendPkt pkt = {};
+    AmfObject none = {};
+    EXPECT_EQ(EncodePayload(&client, &pkt, &none, "Somebody"), -1);
+    EXPECT_EQ(pkt.PayloadData, nullptr);
+    EXPECT_EQ(log.lines(), Lines{"3 ERROR: Somebody: Error occured while calculating payload size"});
 }
 
 TEST_F(CommandReplies, AConnectIsAnsweredOnItsOwnChunkStream)

@@ -196,7 +196,10 @@ TEST_F(MediaMessages, AListThatCannotBeLockedEndsTheGeneration)
 TEST_F(MediaMessages, OnlyVideoAndAudioAreMedia)
 {
     EXPECT_EQ(Media(RTMP_MSG_META_DATA, 100, 40), nullptr);
-    EXPECT_EQ(log.lines(), Lines{"3 ERROR: GenerateRtmpMediaMsg: Invalid input arguments"});
+    RtmpSendPkt pkt = {};
+    const RtmpFrameTime time = {40, 40, 1};
+    EXPECT_EQ(FillTimelineMediaMsg(&client, RTMP_MSG_META_DATA, 100, nullptr, &time, &pkt), -1);
+    EXPECT_EQ(log.lines(), Lines(2, "3 ERROR: GenerateRtmpMediaMsg: Invalid input arguments"));
 }
 
 // A player's own thread answers it while frames are stamped; both look at the send list.
