@@ -2,6 +2,7 @@
 // finds everything in order.
 #include "delivery/replies/start_sequence.h"
 #include "delivery/senders/monitor.h"
+#include "delivery/senders/threaded_queue.h"
 #include "delivery/write/client_send.h"
 #include "delivery/write/fan_out.h"
 #include "net/client_state.h"
@@ -10,6 +11,7 @@
 #include "support/calls.h"
 #include "support/session_rig.h"
 
+#include "rtmpcast/player.h"
 #include "rtmpcast/rtmpcast.h"
 
 #include <algorithm>
@@ -215,6 +217,20 @@ TEST(SendFailing, AReplyThatCouldNotBeSentIsNoReference)
     }
 }
 
+TEST(SendFailing, AReplyWhoseTimeCannotBeMeasuredIsNotSent)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    player.client->PlayerFlags = RTMP_PLAYERS_ALL; // its media has a timeline of its own
+    RtmpSendPkt *message = Message(2);
+    rig.log.clear();
+    const FailingCall failing(Call::MutexLock, 1, &player.client->SendStrmListLock);
+    EXPECT_EQ(SendMsgToClient(player.client, message, RTMP_MSG_STREAM_BEGIN), -1);
+    EXPECT_TRUE(DrainBytes(player.peer).empty());
+    EXPECT_EQ(rig.log.count("Cannot lock send packet list"), 1U);
+    EXPECT_TRUE(IsFree(&player.client->WriteLock));
+}
+
 TEST(SendFailing, AMessageThatCannotBeStoredIsFreed)
 {
     for (const Call call : {Call::MutexLock, Call::MutexUnlock}) {
@@ -255,6 +271,7 @@ TEST(ProcessSendFailing, LocksOfStateChangesHaveTheirLinesAndTheStatesThatWereRe
         {"play, started", RTMP_MSG_PLAY, 6, 0, Call::MutexUnlock, 1, 9, unlock},
         {"unpause, not started", RTMP_MSG_PAUSE, 10, 1, Call::MutexLock, 1, 10, lock},
         {"unpause, started", RTMP_MSG_PAUSE, 10, 1, Call::MutexUnlock, 1, 9, unlock},
+        {"unpause of who plays", RTMP_MSG_PAUSE, 9, 1, Call::MutexLock, 1, 9, lock},
         {"delete, not done", RTMP_MSG_DELETE_STREAM, 9, 0, Call::MutexLock, 1, 9, lock},
         {"delete, done", RTMP_MSG_DELETE_STREAM, 9, 0, Call::MutexUnlock, 1, 12, unlock},
     };
@@ -444,6 +461,45 @@ TEST(DispatchFailing, ALockOfTheClientListRefusesTheMessage)
     }
 }
 
+TEST(DispatchFailing, ALockOfTheReceiveListRefusesAnAbort)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    player.client->PlayerFlags = RTMP_PLAYERS_ALL;
+    uint8_t payload[] = {0, 0, 0, 3};
+    RtmpRecvPkt request = NoRequest();
+    request.MsgTypeId = RTMP_TYPE_ABORT;
+    request.MsgLength = sizeof payload;
+    request.PayloadData = payload;
+    uint32_t kind = 0;
+    rig.log.clear();
+    const FailingCall failing(Call::MutexLock, 1, &player.client->RecvStrmListLock);
+    EXPECT_EQ(ParseRequestMsg(player.client, &request, &kind), -1);
+    EXPECT_EQ(rig.log.lines(), (Lines{"6 INFO: ParseRequestMsg: Received Protocol control message: ABORT",
+                                      "3 ERROR: AbandonMessage: Cannot lock receive packet list"}));
+}
+
+TEST(DispatchFailing, AMessageOfWhichThereIsNoRoomForTheRestIsRefused)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    RtmpRecvPkt request = NoRequest();
+    request.MsgTypeId = RTMP_TYPE_ACKNOWLEDGEMENT;
+    request.MsgLength = 100;
+    request.PayloadRoom = 4;
+    request.PayloadData = static_cast<uint8_t *>(calloc(1, 4));
+    uint32_t kind = 0;
+    rig.log.clear();
+    {
+        const FailingAllocation failing(1);
+        EXPECT_EQ(ParseRequestMsg(player.client, &request, &kind), -1);
+    }
+    EXPECT_EQ(rig.log.lines(),
+              Lines{"3 ERROR: ParseRequestMsg: Cannot allocate memory to tmpRecvStrmPkt->PayloadData"});
+    EXPECT_EQ(ParseRequestMsg(player.client, &request, &kind), 0);
+    free(request.PayloadData);
+}
+
 // ----------------------------------------------------------------------------------------------- senders
 
 TEST(SenderFailing, EveryAllocationOfThePacketMonitorIsNamed)
@@ -556,4 +612,26 @@ TEST(SenderFailing, TheSessionListsLockHasItsCode)
         EXPECT_EQ(DrainBytes(player.peer).empty(), call == Call::MutexLock);
         EXPECT_TRUE(IsFree(&rig.server->LiveSessionListLock));
     }
+}
+
+TEST(SenderFailing, EachLockOfTheSenderThreadEndsItAndAResetStartsItAnew)
+{
+    SessionRig rig(4096, RTMP_MEDIA_BOTH, RTMP_SENDER_THREADED);
+    const RigClient player = rig.addClient();
+    const Bytes frame = Counting(100);
+    RtmpThreadedQueue *queue = rig.session->Queue;
+    for (RtmpMutex *lock :
+         {&queue->VideoBuffer->Lock, &queue->AudioBuffer->Lock, &rig.server->LiveSessionListLock}) {
+        rig.log.clear();
+        calls::failAlways(Call::MutexLock, lock);
+        EXPECT_EQ(RtmpSendData(rig.session, frame.data(), 100, 0, 0, 10, RTMP_FRAME_VIDEO), 0);
+        EXPECT_TRUE(
+            rig.log.waitFor("INFO: RtmpSenderThread: ====>Sending message to connected clients failed"));
+        calls::failNever(Call::MutexLock);
+        EXPECT_TRUE(DrainBytes(player.peer).empty());
+        EXPECT_TRUE(IsFree(lock));
+        EXPECT_EQ(RtmpThreadedQueueReset(rig.session), 0);
+    }
+    EXPECT_EQ(RtmpSendData(rig.session, frame.data(), 100, 0, 0, 50, RTMP_FRAME_VIDEO), 0);
+    EXPECT_EQ(ReadBytes(player.peer, 12 + 5 + 100).size(), 12U + 5 + 100);
 }
