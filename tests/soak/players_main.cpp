@@ -21,7 +21,7 @@ namespace soak {
 namespace {
 
 constexpr int kCompany = 50;
-constexpr int kPatienceSeconds = 300; // for what has to happen sooner or later, on a machine however busy
+constexpr int kPatienceSeconds = 120; // for what has to happen sooner or later, on a machine however busy
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -37,6 +37,8 @@ class Soak {
     int run();
 
   private:
+    void conduct();
+    void stopWatching();
     Recording &recording(Recorder which)
     {
         return *recordings_[which];
@@ -47,6 +49,7 @@ class Soak {
     void startServices();
     void goThroughTides();
     void measureEbb();
+    bool waitForWhatWasLeft();
     void awaitBase();
     void endAll();
     void judge();
@@ -266,21 +269,28 @@ void Soak::measureEbb()
                   }) &&
         waitUntil("threads of those who left end", [this] { return host_.threads() <= baseThreads_; });
     company_->closeParked();
-    if (isQuiet) {
-        waitUntil("descriptors of those who left are closed", [this] {
-            outcome_.swept += std::stoul(host_.ask("sweep"));
-            return host_.descriptors() <= baseDescriptors_;
-        });
-        waitUntil("the host is told of all who left", [this] {
-            const Figures figures = host_.figures();
-            return figures.accepted - figures.left == baseViewers_;
-        });
+    if (!isQuiet || !waitForWhatWasLeft()) {
+        return;
     }
     const Sample sample = takeSample(true);
     outcome_.ebbs.push_back({sample.seconds, sample.residentKiB,
                              static_cast<int64_t>(sample.figures.inUse / 1024), sample.descriptors,
                              sample.threads});
     keep(sample);
+}
+
+// Descriptors, and the calls that tell of viewers who have left.
+bool Soak::waitForWhatWasLeft()
+{
+    return waitUntil("descriptors of those who left are closed",
+                     [this] {
+                         outcome_.swept += std::stoul(host_.ask("sweep"));
+                         return host_.descriptors() <= baseDescriptors_;
+                     }) &&
+           waitUntil("the host is told of all who left", [this] {
+               const Figures figures = host_.figures();
+               return figures.accepted - figures.left == baseViewers_;
+           });
 }
 
 void Soak::goThroughTides()
@@ -311,12 +321,7 @@ void Soak::endAll()
         company_->come();
         pause(3000);
     }
-    {
-        const std::lock_guard<std::mutex> held(mutex_);
-        isWatching_ = false;
-    }
-    changed_.notify_all();
-    watcher_.join();
+    stopWatching();
     keep(takeSample(false));
     lookAtRecorders();
     host_.ask("end");
@@ -361,7 +366,19 @@ void Soak::judge()
     WritePage(options_.out + "/soak.md", outcome_, *company_);
 }
 
-int Soak::run()
+void Soak::stopWatching()
+{
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        isWatching_ = false;
+    }
+    changed_.notify_all();
+    if (watcher_.joinable()) {
+        watcher_.join();
+    }
+}
+
+void Soak::conduct()
 {
     company_ = std::make_unique<Company>(ports_, kCompany, options_.seed);
     startRecorders();
@@ -370,6 +387,16 @@ int Soak::run()
     watcher_ = std::thread([this] { watch(); });
     goThroughTides();
     endAll();
+}
+
+int Soak::run()
+{
+    try {
+        conduct();
+    } catch (const std::exception &error) { // the host has gone, or a recorder cannot come in
+        fail(error.what());
+    }
+    stopWatching();
     judge();
     return outcome_.failures.empty() ? 0 : 1;
 }

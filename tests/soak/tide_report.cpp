@@ -52,6 +52,62 @@ void WriteVisits(FILE *page, const Company &company)
             static_cast<Number>(company.endedByHost));
 }
 
+void WriteHead(FILE *page, const Outcome &outcome)
+{
+    char date[32] = "";
+    const time_t now = time(nullptr);
+    tm broken = {};
+    strftime(date, sizeof date, "%Y-%m-%d %H:%M", localtime_r(&now, &broken));
+    fprintf(page, "# Soak\n\n%s, `scripts/soak.sh %g --preset %s --seed %u`.\n", date, outcome.minutes,
+            outcome.preset.c_str(), outcome.seed);
+}
+
+void WriteSums(FILE *page, const Outcome &outcome, const Company &company)
+{
+    const Sample &last = outcome.samples.back();
+    uint64_t came = 0;
+    for (const std::atomic<uint64_t> &each : company.visits) {
+        came += each;
+    }
+    fprintf(page, "\n| what | times |\n|---|---|\n");
+    const std::pair<const char *, uint64_t> rows[] = {
+        {"visits, fifty at a time", came},
+        {"frames handed over", last.figures.frames},
+        {"sessions made", last.figures.sessions},
+        {"services killed", last.restarts},
+        {"services published to, from the first command to frames", last.figures.published},
+        {"viewers of the steady road that the host was told of", last.figures.accepted},
+        {"descriptors that the exact road leaves open, swept up", outcome.swept},
+        {"seconds of processor time, host and rtmpdumps", static_cast<uint64_t>(outcome.hostCpu)},
+        {"seconds of processor time, players", static_cast<uint64_t>(outcome.playersCpu)},
+    };
+    for (const std::pair<const char *, uint64_t> &row : rows) {
+        fprintf(page, "| %s | %llu |\n", row.first, static_cast<Number>(row.second));
+    }
+}
+
+void WriteCurves(FILE *page, const Outcome &outcome)
+{
+    fprintf(page, "\n![soak](soak.png)\n\n| curve | first | last | least | most |\n|---|---|---|---|---|\n");
+    WriteCurve(page, "resident memory, KiB", outcome, [](const Sample &s) { return s.residentKiB; });
+    WriteCurve(page, "memory in use, KiB", outcome, [](const Sample &s) { return s.figures.inUse / 1024; });
+    WriteCurve(page, "descriptors", outcome, [](const Sample &s) { return s.descriptors; });
+    WriteCurve(page, "threads", outcome, [](const Sample &s) { return s.threads; });
+    WriteCurve(page, "players beside the steady ones", outcome, [](const Sample &s) { return s.players; });
+    WriteCurve(page, "longest way of a picture to a steady player, ms", outcome,
+               [](const Sample &s) { return s.lagMs; });
+    WriteCurve(page, "frames dropped for slow players", outcome,
+               [](const Sample &s) { return s.figures.dropped; });
+}
+
+void WriteRecordings(FILE *page, const Outcome &outcome)
+{
+    fprintf(page, "\n| who recorded, from the first to the last moment | frames |\n|---|---|\n");
+    for (const std::pair<std::string, uint64_t> &each : outcome.recordings) {
+        fprintf(page, "| %s | %llu |\n", each.first.c_str(), static_cast<Number>(each.second));
+    }
+}
+
 void WriteVerdict(FILE *page, const Outcome &outcome)
 {
     fprintf(page, "\n%s\n",
@@ -95,43 +151,13 @@ void WritePage(const std::string &path, const Outcome &outcome, const Company &c
     if (page == nullptr) {
         throw std::runtime_error(path + " cannot be written");
     }
-    char date[32] = "";
-    const time_t now = time(nullptr);
-    tm broken = {};
-    strftime(date, sizeof date, "%Y-%m-%d %H:%M", localtime_r(&now, &broken));
-    uint64_t came = 0;
-    for (const std::atomic<uint64_t> &each : company.visits) {
-        came += each;
-    }
-    const Figures &figures = outcome.samples.back().figures;
-    fprintf(page,
-            "# Soak\n\n%s, `scripts/soak.sh %g --preset %s --seed %u`: %llu visits by fifty at a time, %llu "
-            "frames handed "
-            "over in %llu sessions, services killed %llu times and published to %llu times, %llu viewers of "
-            "the steady "
-            "road told of and %llu of them gone, %llu descriptors that the exact road leaves open swept up. "
-            "Processor "
-            "time: host %.0f s, players %.0f s.\n\n",
-            date, outcome.minutes, outcome.preset.c_str(), outcome.seed, static_cast<Number>(came),
-            static_cast<Number>(figures.frames), static_cast<Number>(figures.sessions),
-            static_cast<Number>(outcome.samples.back().restarts), static_cast<Number>(figures.published),
-            static_cast<Number>(figures.accepted), static_cast<Number>(figures.left),
-            static_cast<Number>(outcome.swept), outcome.hostCpu, outcome.playersCpu);
-    fprintf(page, "![soak](soak.png)\n\n| curve | first | last | least | most |\n|---|---|---|---|---|\n");
-    WriteCurve(page, "resident memory, KiB", outcome, [](const Sample &s) { return s.residentKiB; });
-    WriteCurve(page, "memory in use, KiB", outcome, [](const Sample &s) { return s.figures.inUse / 1024; });
-    WriteCurve(page, "descriptors", outcome, [](const Sample &s) { return s.descriptors; });
-    WriteCurve(page, "threads", outcome, [](const Sample &s) { return s.threads; });
-    WriteCurve(page, "players beside the steady ones", outcome, [](const Sample &s) { return s.players; });
-    WriteCurve(page, "lag of steady players, ms", outcome, [](const Sample &s) { return s.lagMs; });
-    WriteCurve(page, "frames dropped for slow players", outcome,
-               [](const Sample &s) { return s.figures.dropped; });
-    WriteEbbs(page, outcome);
-    WriteVisits(page, company);
-    fprintf(page, "\n| who recorded, from the first to the last moment | frames, every one in its order "
-                  "|\n|---|---|\n");
-    for (const std::pair<std::string, uint64_t> &each : outcome.recordings) {
-        fprintf(page, "| %s | %llu |\n", each.first.c_str(), static_cast<Number>(each.second));
+    WriteHead(page, outcome);
+    if (!outcome.samples.empty() && !outcome.ebbs.empty()) {
+        WriteSums(page, outcome, company);
+        WriteCurves(page, outcome);
+        WriteEbbs(page, outcome);
+        WriteVisits(page, company);
+        WriteRecordings(page, outcome);
     }
     WriteVerdict(page, outcome);
     fclose(page);
