@@ -79,6 +79,8 @@ TEST(DispatchWithoutMemory, AMessageWithoutItsPlaceIsRefused)
     RtmpRecvPkt message = {};
     message.MsgTypeId = RTMP_TYPE_ACKNOWLEDGEMENT;
     message.MsgLength = 4;
+    message.PayloadData = static_cast<uint8_t *>(calloc(1, 2));
+    message.PayloadRoom = 2;
     uint32_t kind = 0;
     {
         const FailingAllocation failing(1);
