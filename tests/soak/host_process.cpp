@@ -63,13 +63,23 @@ std::string HostProcess::ask(const std::string &line)
     send(control_, question.data(), question.size(), MSG_NOSIGNAL);
     std::string answer;
     char byte = 0;
-    while (recv(control_, &byte, 1, 0) == 1 && byte != '\n') {
+    ssize_t got = recv(control_, &byte, 1, 0);
+    for (; got == 1 && byte != '\n'; got = recv(control_, &byte, 1, 0)) {
         answer += byte;
     }
-    if (byte != '\n') {
-        throw std::runtime_error("the host does not answer: " + line);
+    if (got != 1) {
+        throw std::runtime_error("the host does not answer: " + line + (got == 0 ? howItEnded() : ""));
     }
     return answer;
+}
+
+std::string HostProcess::howItEnded()
+{
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = 0;
+    return WIFSIGNALED(status) ? ", for signal " + std::to_string(WTERMSIG(status)) + " ended it"
+                               : ", for it ended with " + std::to_string(WEXITSTATUS(status));
 }
 
 Figures HostProcess::figures()

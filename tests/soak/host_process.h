@@ -36,6 +36,7 @@ class HostProcess {
 
   private:
     int entries(const char *folder) const;
+    std::string howItEnded(); // of one that has closed its end of the connection
     Progress *progress_ = nullptr;
     std::mutex mutex_;
     pid_t pid_ = -1;
