@@ -31,8 +31,7 @@ class Reader {
     {
         return at_;
     }
-    size_t lines = 0;       // that the library logs
-    size_t longestList = 0; // values
+    size_t lines = 0; // that the library logs
     static constexpr int kDeepest = 1024;
 
   private:
@@ -68,7 +67,6 @@ class Reader {
             return false;
         }
         out->push_back(std::move(value));
-        longestList = out->size() > longestList ? out->size() : longestList;
         return true;
     }
     bool readLongText(Value *out);
