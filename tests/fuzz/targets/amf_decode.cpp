@@ -5,6 +5,8 @@
 //
 // Where the choices say so, the body is its first `head` bytes, the next `unit` bytes many times over, and
 // the rest: nesting and lists of any length from a few bytes.
+//
+// max_len: 2048
 #include "amf/decode.h"
 #include "amf/encode.h"
 #include "amf/object.h"

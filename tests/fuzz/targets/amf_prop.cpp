@@ -2,6 +2,8 @@
 // integer or a text, and the answers that repeat one.
 //
 //   mode:8  what the mode reads
+//
+// max_len: 4096
 #include "amf/decode.h"
 #include "amf/encode.h"
 #include "amf/object.h"

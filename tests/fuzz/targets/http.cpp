@@ -2,6 +2,8 @@
 // the request parsed; both against a second reader over strings.
 //
 //   choices:8  [piece:8]  text
+//
+// max_len: 4096
 #include "rtmpt/http_request.h"
 #include "support/checked_input.h"
 

@@ -3,6 +3,9 @@
 // frames.
 //
 //   choices:8  chunk size:8 [32]  registrations:8  { registration }  { frame }
+//
+// max_len: 2048
+// dictionary: parameter_sets
 #include "delivery/write/key_frame.h"
 #include "delivery/write/socket_writer.h"
 #include "media/access_unit.h"

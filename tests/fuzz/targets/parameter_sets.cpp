@@ -2,6 +2,8 @@
 // the model, in copies that end where the bytes end.
 //
 //   mode:8  what the mode reads
+//
+// max_len: 2048
 #include "media/parameter_sets.h"
 #include "media/annex_b.h"
 #include "media/rbsp_reader.h"
