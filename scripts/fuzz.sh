@@ -73,8 +73,8 @@ row() {
 }
 
 campaign() {
-    local seconds=$1 bad=0 table
-    shift
+    local seconds=$1 named=$2 bad=0 table
+    shift 2
     for target in "$@"; do
         while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do wait -n; done
         run "$target" "$seconds" &
@@ -83,7 +83,7 @@ campaign() {
     mkdir -p build/proof
     table=build/proof/fuzz.md
     {
-        echo "Fuzzing, $(date +%F): \`scripts/fuzz.sh $seconds $*\`, $(clang --version | head -n 1)"
+        echo "Fuzzing, $(date +%F): \`scripts/fuzz.sh $seconds${named:+ $named}\`, $(clang --version | head -n 1)"
         echo
         echo "| target | seconds | executions | a second | edges covered | features | new inputs | findings |"
         echo "|---|---|---|---|---|---|---|---|"
@@ -99,13 +99,13 @@ campaign() {
     return "$bad"
 }
 
-# minimise TARGET: what the working corpus covers and the seeds do not, as far as it is small.
+# minimise TARGET: whatever of the working corpus reaches places that no seed does, as far as it is small.
 minimise() {
     local target=$1 seeds=tests/fuzz/corpus/$1 room=$most_kept size
     [ -d "$work/corpus/$target" ] || return 0
     mkdir -p "$seeds" && rm -rf "$work/merged" && mkdir -p "$work/merged"
     cp "$seeds"/* "$work/merged" 2>/dev/null
-    "$programs/fuzz_$target" -merge=1 -max_len="$longest_kept" "$work/merged" "$work/corpus/$target" >"$work/$target.merge" 2>&1 ||
+    "$programs/fuzz_$target" -merge=1 -use_counters=0 -max_len="$longest_kept" "$work/merged" "$work/corpus/$target" >"$work/$target.merge" 2>&1 ||
         { tail -n 20 "$work/$target.merge"; return 1; }
     while read -r size file; do
         [ -e "$seeds/$(basename "$file")" ] && continue
@@ -126,6 +126,7 @@ case ${1:-} in
 *) seconds=$1; mode=campaign; shift ;;
 esac
 [ "$install" -eq 0 ] || scripts/install_deps.sh fuzz || exit 2
+named=$*
 # shellcheck disable=SC2046 # names without blanks
 [ $# -gt 0 ] || set -- $(all_targets)
 build "${@/#/fuzz_}" || exit 2
@@ -134,4 +135,4 @@ if [ "$mode" = minimise ]; then
     exit 0
 fi
 say "running, $seconds seconds for each of: $*"
-campaign "$seconds" "$@"
+campaign "$seconds" "$named" "$@"
