@@ -9,7 +9,7 @@ namespace {
 constexpr uint8_t kUnnamed = 0;
 constexpr uint8_t kNamed = 1;
 constexpr uint8_t kFreedByHost = 2;
-constexpr uint8_t kRepeatedOften = 0xFE;
+constexpr uint8_t kRepeated = 0x82; // and freed as a host frees
 
 void WriteBody(SeedFolder &folder, const std::string &name, const Bytes &body, uint8_t choices = kUnnamed)
 {
@@ -21,7 +21,7 @@ void WriteRepeated(SeedFolder &folder, const std::string &name, size_t times, co
                    const Bytes &unit, const Bytes &tail)
 {
     const Bytes lengths = BigEndian(times, 3) + BigEndian(head.size(), 1) + head;
-    WriteBody(folder, name, lengths + BigEndian(unit.size(), 1) + unit + tail, kRepeatedOften);
+    WriteBody(folder, name, lengths + BigEndian(unit.size(), 1) + unit + tail, kRepeated);
 }
 
 std::string Numbered(const char *what, size_t number)
@@ -74,7 +74,7 @@ void WriteLengths(SeedFolder &folder)
 
 void WriteDepths(SeedFolder &folder)
 {
-    for (const size_t depth : {10, 64, 1000, 1023, 1024, 1025, 17000}) {
+    for (const size_t depth : {10, 64, 1001, 1023, 1024, 1025, 1026}) {
         WriteRepeated(folder, Numbered("nested_objects", depth), depth - 1, Hex("03"), Hex("0001 'n' 03"),
                       {});
         WriteRepeated(folder, Numbered("nested_strict_arrays", depth), depth, {}, Hex("0A 00000001"),

@@ -40,6 +40,10 @@ void WriteHeaders(SeedFolder &folder)
     for (const auto &[name, line] : lengths) {
         WriteText(folder, std::string("length_") + name, Text(kRequest) + line + "Ab: cd\r\n\r\nbody");
     }
+    for (const int length : {12, 13, 14, 15}) { // of 14 bytes that are left
+        WriteText(folder, "length_of_" + std::to_string(length),
+                  Text(kRequest) + "Content-Length: " + std::to_string(length) + "\r\nAb: cd\r\n\r\nbody");
+    }
     WriteText(folder, "nul_in_a_header",
               Text(kRequest) + Hex("'Content-Length' 00 'x: 3' 00 '4' 0D0A 'Ab: cd' 0D0A"));
 }
