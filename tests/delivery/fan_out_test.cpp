@@ -219,6 +219,20 @@ TEST(FanOut, AFileThatEndsBeforeTheFrameDoesIsAFailureAndNoHang)
     close(fd);
 }
 
+TEST(FanOut, AChunkStreamThatNoHeaderCanNameFailsForItsPlayerAlone)
+{
+    SessionRig rig;
+    const RigClient wrong = rig.addClient();
+    const RigClient player = rig.addClient();
+    wrong.client->AudioChunkStreamId = 65600; // RTMP 1.0, 5.3.1.1: the last is 65599
+    const Bytes frame = Counting(100);
+    rig.log.clear();
+    EXPECT_EQ(SendMsgToConnectedClients(rig.session, frame.data(), 100, 0, 0, 0, RTMP_MSG_AUDIO), -1);
+    EXPECT_EQ(rig.log.count("3 ERROR: SendMsgToConnectedClients: Generation of chunk header failed"), 1U);
+    EXPECT_TRUE(DrainBytes(wrong.peer).empty());
+    EXPECT_EQ(DrainBytes(player.peer).size(), 12U + 2 + 100);
+}
+
 TEST(FanOut, AFrameInAFileForWhoeverIsGoneFailsAndTheOthersGetIt)
 {
     SessionRig rig(kChunk);

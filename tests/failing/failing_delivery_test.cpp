@@ -5,6 +5,7 @@
 #include "delivery/senders/threaded_queue.h"
 #include "delivery/write/client_send.h"
 #include "delivery/write/fan_out.h"
+#include "instruments/ring.h"
 #include "net/client_state.h"
 #include "serve/serve.h"
 #include "state/client.h"
@@ -571,6 +572,29 @@ TEST(SenderFailing, EveryAllocationOfTheThreadedSenderIsNamed)
     EXPECT_EQ(reasons, (Lines{who + "Not enough memory for rtmpQueue",
                               who + "Not enough memory for Audio rtmpQueueBuffer",
                               who + "Not enough memory for Video rtmpQueueBuffer"}));
+}
+
+TEST(SenderFailing, ARingWhoseLocksCannotBeMadeIsNotMade)
+{
+    for (const int number : {1, 2}) {
+        const FailingCall failing(Call::MutexInit, number);
+        EXPECT_EQ(RtmpQueueBufferCreate(10), nullptr) << number;
+    }
+}
+
+TEST(SenderFailing, ABandwidthMonitorWithoutMemoryIsSaidAndFramesGoOn)
+{
+    SessionRig rig(4096, RTMP_MEDIA_BOTH, RTMP_SENDER_THREADED);
+    for (int number = 1; number <= 2; number++) {
+        rig.log.clear();
+        const FailingAllocation failing(number);
+        EXPECT_EQ(RtmpBWMSettings(rig.session, 1, 30), 0);
+        EXPECT_EQ(rig.log.lines(),
+                  Lines{"3 ERROR: RtmpThreadedQueueBWMInit: Not enough memory for Bandwidth Monitor"});
+        EXPECT_EQ(rig.session->Queue->Bwm, nullptr);
+    }
+    EXPECT_EQ(RtmpBWMSettings(rig.session, 1, 30), 0);
+    EXPECT_NE(rig.session->Queue->Bwm, nullptr);
 }
 
 TEST(SenderFailing, AnAudioFrameWithoutMemoryIsDroppedAndTheStreamGoesOn)
