@@ -80,6 +80,20 @@ TEST(FailingEnding, AThreadClaimedByADestroyThatThenFailsIsDetached)
     close(ends[1]);
 }
 
+TEST(FailingEnding, AClientWithoutAThreadStaysInASessionWhoseDestroyFails)
+{
+    SessionRig rig;
+    const RigClient player = rig.addClient();
+    {
+        const FailingCall failing(Call::MutexUnlock, 1, &rig.session->ClientListLock);
+        EXPECT_EQ(RtmpSessionDestroy(rig.session), -77);
+    }
+    EXPECT_EQ(rig.session->ClientCount, 1);
+    EXPECT_EQ(player.client->Session, rig.session);
+    EXPECT_EQ(SendVideo(rig.session, 10), 0);
+    EXPECT_EQ(ReadBytes(player.peer, 12 + 5 + 100).size(), 12U + 5 + 100);
+}
+
 TEST(FailingEnding, FramesFlowOnAfterADestroyThatCouldNotLock)
 {
     SessionRig rig(4096, RTMP_MEDIA_BOTH, RTMP_SENDER_THREADED);

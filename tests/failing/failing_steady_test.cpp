@@ -1,5 +1,6 @@
 // The steady road without memory: sessions, clients of the host's own, frames.
 #include "serve/dispatch.h"
+#include "state/session_list.h"
 #include "steady/steady_server.h"
 #include "support/calls.h"
 
@@ -92,4 +93,24 @@ TEST(DispatchWithoutMemory, AMessageWithoutItsPlaceIsRefused)
     EXPECT_EQ(ParseRequestMsg(player.client, &message, &kind), 0);
     EXPECT_EQ(kind, static_cast<uint32_t>(RTMP_MSG_ACKNOWLEDGEMENT));
     free(message.PayloadData);
+    FreeClientRecord(player.client); // it has never received: DestroyRtmpClient would miss its lists
+    player.client = nullptr;
+}
+
+TEST(SteadyWithoutMemory, AClientThatIsToJoinAGivenSessionIsToldWhyNotAndMayTryAgain)
+{
+    SteadyTestServer server;
+    RtmpSession *session = server.session();
+    steady::HandMade player(server.server);
+    {
+        const FailingCall failing(Call::MutexLock, 1, &server.server->LiveSessionListLock);
+        EXPECT_EQ(JoinGiven(player.client, session), JOIN_NOT_FOUND);
+    }
+    {
+        const FailingAllocation failing(1);
+        EXPECT_EQ(JoinGiven(player.client, session), JOIN_FAILED);
+    }
+    EXPECT_EQ(session->ClientCount, 0);
+    EXPECT_EQ(JoinGiven(player.client, session), 0);
+    EXPECT_EQ(session->ClientCount, 1);
 }
