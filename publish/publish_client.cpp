@@ -77,6 +77,24 @@ RtmpClient *NewPublisherClient(RtmpPublisher *publisher, RtmpServer *server, int
     return client;
 }
 
+RtmpPublisher *NewPublisher(RtmpServer *server, int socket, void *tls, const RtmpPublisherTarget *target)
+{
+    RtmpPublisher *publisher = NewRecord<RtmpPublisher>();
+    if (publisher == nullptr) {
+        return nullptr;
+    }
+    publisher->StopLock = kFreshMutex;
+    if (CopyTarget(&publisher->Target, target) == 0) {
+        publisher->Client = NewPublisherClient(publisher, server, socket, tls, target->PeerAddress);
+    }
+    if (publisher->Client == nullptr) {
+        FreeTarget(&publisher->Target);
+        free(publisher);
+        return nullptr;
+    }
+    return publisher;
+}
+
 bool IsStopped(const RtmpPublisher *publisher)
 {
     return LoadShared(&publisher->StopAsked) != 0 || IsToldToLeave(publisher->Client);
@@ -137,21 +155,12 @@ RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void *tls,
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Invalid input arguments\n", __func__);
         return FailCreate(RTMP_ERR_INVALID_ARGUMENT, err);
     }
-    RtmpPublisher *publisher = NewRecord<RtmpPublisher>();
+    RtmpPublisher *publisher = NewPublisher(server, socket, tls, target);
     if (publisher == nullptr) {
-        return FailCreate(RTMP_ERR_MEMORY, err);
-    }
-    if (CopyTarget(&publisher->Target, target) == 0) {
-        publisher->Client = NewPublisherClient(publisher, server, socket, tls, target->PeerAddress);
-    }
-    if (publisher->Client == nullptr) {
         RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot allocate memory to the publisher\n",
                      __func__);
-        FreeTarget(&publisher->Target);
-        free(publisher);
         return FailCreate(RTMP_ERR_MEMORY, err);
     }
-    publisher->StopLock = kFreshMutex;
     HoldServer(server); // also RtmpServerDestroy leaves the record until RtmpPublisherDestroy
     return publisher;
 }

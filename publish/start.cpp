@@ -5,6 +5,7 @@
 #include "net/atomic.h"
 #include "net/client_state.h"
 #include "net/connect_handshake.h"
+#include "net/log.h"
 #include "net/platform.h"
 #include "publish/command_writer.h"
 #include "publish/listen.h"
@@ -94,6 +95,8 @@ int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
     client->AudioChunkStreamId = client->StatusChunkStreamId + 1; // pictures go on the first of the two
     const int joined = JoinGiven(client, session);
     if (joined != 0) {
+        RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot join the session\n",
+                     kStart);
         return joined == JOIN_NOT_FOUND ? RTMP_ERR_INVALID_ARGUMENT : RTMP_FAILED;
     }
     if (client->Line != nullptr) {

@@ -8,11 +8,18 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <netinet/in.h>
 #include <openssl/hmac.h>
+#include <poll.h>
 #include <pthread.h>
+#include <set>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -46,7 +53,8 @@ thread_local Armed here = {};
 thread_local Allocations allocations = {};
 constexpr int kNone = -1;
 std::atomic<int> elsewhere = kNone;
-thread_local bool exempt = false; // the thread that armed `elsewhere`
+std::atomic<int> leftElsewhere = 0; // until the one that fails
+thread_local bool exempt = false;   // the thread that armed `elsewhere`
 std::atomic<void *> unstarted = nullptr;
 std::atomic<bool> clockStands = false;
 std::atomic<uint64_t> now = 0;
@@ -84,19 +92,67 @@ bool IsOrdered(Call call, const void *mutex)
     return true;
 }
 
+// Mutexes between RtmpMutexInit and RtmpMutexDestroy, where both are wrapped.
+class MadeMutexes {
+  public:
+    void add(const void *mutex)
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        made_.insert(mutex);
+    }
+    void remove(const void *mutex)
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        made_.erase(mutex);
+    }
+    void clear()
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        made_.clear();
+    }
+    bool has(const void *mutex) const
+    {
+        const std::lock_guard<std::mutex> held(mutex_);
+        return made_.count(mutex) != 0;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::set<const void *> made_;
+};
+
+MadeMutexes &Made()
+{
+    static MadeMutexes &made = *new MadeMutexes; // outlives threads that end with the process
+    return made;
+}
+
+RtmpMutex anyMade;
+
+bool IsMeant(const void *asked, const void *mutex)
+{
+    return asked == nullptr || asked == mutex || (asked == &anyMade && Made().has(mutex));
+}
+
 bool IsArmedHere(Call call, const void *mutex)
 {
-    return here.armed && call == here.call && (here.mutex == nullptr || here.mutex == mutex) &&
-           --here.left == 0;
+    return here.armed && call == here.call && IsMeant(here.mutex, mutex) && --here.left == 0;
+}
+
+bool IsLockOrUnlock(Call call)
+{
+    return call == Call::MutexLock || call == Call::MutexUnlock;
+}
+
+bool IsArmedElsewhere(Call call, const void *mutex)
+{
+    return !exempt && elsewhere == static_cast<int>(call) && (!IsLockOrUnlock(call) || Made().has(mutex)) &&
+           IsDue(leftElsewhere);
 }
 
 bool MustFail(Call call, const void *mutex = nullptr)
 {
-    if (IsOrdered(call, mutex) || IsArmedHere(call, mutex)) {
-        return true;
-    }
-    int expected = static_cast<int>(call);
-    return !exempt && elsewhere.compare_exchange_strong(expected, kNone);
+    return IsOrdered(call, mutex) || IsArmedHere(call, mutex) || IsArmedElsewhere(call, mutex);
 }
 
 bool AllocationMustFail(Call call)
@@ -147,6 +203,24 @@ REAL int __real_accept4(int fd, struct sockaddr *address, socklen_t *length, int
 REAL int __real_getpeername(int fd, struct sockaddr *address, socklen_t *length);
 REAL int __real_shutdown(int fd, int how);
 REAL int __real_close(int fd);
+REAL ssize_t __real_send(int fd, const void *bytes, size_t length, int flags);
+REAL int __real_sendmmsg(int fd, struct mmsghdr *messages, unsigned int count, int flags);
+REAL ssize_t __real_sendmsg(int fd, const struct msghdr *message, int flags);
+REAL ssize_t __real_sendfile(int out, int in, off_t *offset, size_t length);
+REAL ssize_t __real_recv(int fd, void *bytes, size_t length, int flags);
+REAL ssize_t __real_read(int fd, void *bytes, size_t length);
+REAL ssize_t __real_write(int fd, const void *bytes, size_t length);
+REAL int __real_poll(struct pollfd *entries, nfds_t count, int timeout);
+REAL int __real_fcntl(int fd, int command, ...);
+REAL int __real_getsockopt(int fd, int level, int name, void *value, socklen_t *length);
+REAL int __real_ioctl(int fd, unsigned long request, ...);
+REAL int __real_epoll_create1(int flags);
+REAL int __real_epoll_ctl(int set, int operation, int fd, struct epoll_event *event);
+REAL int __real_eventfd(unsigned int count, int flags);
+REAL FILE *__real_fopen(const char *path, const char *mode);
+REAL int __real_mkdir(const char *path, mode_t mode);
+REAL int __real_SSL_read(struct ssl_st *ssl, void *bytes, int length);
+REAL int __real_SSL_write(struct ssl_st *ssl, const void *bytes, int length);
 
 #undef REAL
 
@@ -181,7 +255,11 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex)
 __attribute__((weak)) int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
                                                 void *(*start)(void *), void *argument)
 {
-    return MustFail(Call::ThreadCreate) ? EAGAIN : __real_pthread_create(thread, attributes, start, argument);
+    if (MustFail(Call::ThreadCreate)) {
+        unstarted = argument;
+        return EAGAIN;
+    }
+    return __real_pthread_create(thread, attributes, start, argument);
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec *time)
@@ -216,7 +294,11 @@ int __wrap_WriteAmfBoolean(RtmpServer *server, AmfObject *into, const char *name
 
 int __wrap_RtmpMutexInit(RtmpMutex *mutex)
 {
-    return MustFail(Call::MutexInit, mutex) ? -1 : __real_RtmpMutexInit(mutex);
+    if (MustFail(Call::MutexInit, mutex)) {
+        return -1;
+    }
+    Made().add(mutex);
+    return __real_RtmpMutexInit(mutex);
 }
 
 int __wrap_RtmpMutexLock(RtmpMutex *mutex)
@@ -243,7 +325,11 @@ int __wrap_RtmpMutexUnlock(RtmpMutex *mutex)
 
 int __wrap_RtmpMutexDestroy(RtmpMutex *mutex)
 {
-    return MustFail(Call::MutexDestroy, mutex) ? -1 : __real_RtmpMutexDestroy(mutex);
+    if (MustFail(Call::MutexDestroy, mutex)) {
+        return -1;
+    }
+    Made().remove(mutex);
+    return __real_RtmpMutexDestroy(mutex);
 }
 
 int __wrap_RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *argument)
@@ -325,7 +411,131 @@ int __wrap_close(int fd)
     const int result = __real_close(fd);
     return failing ? FailWith(EIO) : result;
 }
+
+// Those below are weak: a folder that looks at one of these calls for itself has a definition of its own.
+#define WRAPPED __attribute__((weak))
+
+WRAPPED ssize_t __wrap_send(int fd, const void *bytes, size_t length, int flags)
+{
+    return MustFail(Call::Send) ? FailWith(ECONNRESET) : __real_send(fd, bytes, length, flags);
 }
+
+WRAPPED int __wrap_sendmmsg(int fd, struct mmsghdr *messages, unsigned int count, int flags)
+{
+    return MustFail(Call::SendMmsg) ? FailWith(EPIPE) : __real_sendmmsg(fd, messages, count, flags);
+}
+
+WRAPPED ssize_t __wrap_sendmsg(int fd, const struct msghdr *message, int flags)
+{
+    return MustFail(Call::SendMsg) ? FailWith(EPIPE) : __real_sendmsg(fd, message, flags);
+}
+
+WRAPPED ssize_t __wrap_sendfile(int out, int in, off_t *offset, size_t length)
+{
+    return MustFail(Call::SendFile) ? FailWith(EIO) : __real_sendfile(out, in, offset, length);
+}
+
+WRAPPED ssize_t __wrap_recv(int fd, void *bytes, size_t length, int flags)
+{
+    return MustFail(Call::Recv) ? FailWith(ECONNRESET) : __real_recv(fd, bytes, length, flags);
+}
+
+WRAPPED ssize_t __wrap_read(int fd, void *bytes, size_t length)
+{
+    return MustFail(Call::Read) ? FailWith(EIO) : __real_read(fd, bytes, length);
+}
+
+WRAPPED ssize_t __wrap_write(int fd, const void *bytes, size_t length)
+{
+    return MustFail(Call::Write) ? FailWith(EIO) : __real_write(fd, bytes, length);
+}
+
+WRAPPED int __wrap_poll(struct pollfd *entries, nfds_t count, int timeout)
+{
+    return MustFail(Call::Poll) ? FailWith(ENOMEM) : __real_poll(entries, count, timeout);
+}
+
+WRAPPED int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    return MustFail(Call::Fcntl) ? FailWith(EBADF) : __real_fcntl(fd, command, argument);
+}
+
+WRAPPED int __wrap_getsockopt(int fd, int level, int name, void *value, socklen_t *length)
+{
+    return MustFail(Call::GetSockOpt) ? FailWith(ENOPROTOOPT)
+                                      : __real_getsockopt(fd, level, name, value, length);
+}
+
+WRAPPED int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    return MustFail(Call::Ioctl) ? FailWith(ENODEV) : __real_ioctl(fd, request, argument);
+}
+
+WRAPPED int __wrap_epoll_create1(int flags)
+{
+    return MustFail(Call::EpollCreate) ? FailWith(EMFILE) : __real_epoll_create1(flags);
+}
+
+WRAPPED int __wrap_epoll_ctl(int set, int operation, int fd, struct epoll_event *event)
+{
+    const bool mayFail = operation != EPOLL_CTL_DEL; // what is in the set can always leave it
+    return mayFail && MustFail(Call::EpollCtl) ? FailWith(ENOSPC)
+                                               : __real_epoll_ctl(set, operation, fd, event);
+}
+
+WRAPPED int __wrap_eventfd(unsigned int count, int flags)
+{
+    return MustFail(Call::EventFd) ? FailWith(EMFILE) : __real_eventfd(count, flags);
+}
+
+WRAPPED FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    if (MustFail(Call::FileOpen)) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    return __real_fopen(path, mode);
+}
+
+WRAPPED int __wrap_fprintf(FILE *file, const char *format, ...)
+{
+    if (MustFail(Call::FilePrint)) {
+        return FailWith(ENOSPC);
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vfprintf(file, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+WRAPPED int __wrap_mkdir(const char *path, mode_t mode)
+{
+    return MustFail(Call::MakeDirectory) ? FailWith(EACCES) : __real_mkdir(path, mode);
+}
+
+WRAPPED int __wrap_SSL_read(struct ssl_st *ssl, void *bytes, int length)
+{
+    return MustFail(Call::TlsRead) ? FailWith(ECONNRESET) : __real_SSL_read(ssl, bytes, length);
+}
+
+WRAPPED int __wrap_SSL_write(struct ssl_st *ssl, const void *bytes, int length)
+{
+    return MustFail(Call::TlsWrite) ? FailWith(EPIPE) : __real_SSL_write(ssl, bytes, length);
+}
+
+#undef WRAPPED
+}
+
+const RtmpMutex *const kMadeMutexes = &anyMade;
 
 FailingCall::FailingCall(Call call, int number, const RtmpMutex *mutex)
 {
@@ -335,6 +545,11 @@ FailingCall::FailingCall(Call call, int number, const RtmpMutex *mutex)
 FailingCall::~FailingCall()
 {
     here.armed = false;
+}
+
+bool FailingCall::cameToIt() const
+{
+    return here.left < 1;
 }
 
 FailingAllocation::FailingAllocation(int number)
@@ -352,9 +567,10 @@ int FailingAllocation::seen() const
     return allocations.seen;
 }
 
-FailingCallElsewhere::FailingCallElsewhere(Call call)
+FailingCallElsewhere::FailingCallElsewhere(Call call, int number)
 {
     exempt = true;
+    leftElsewhere = number;
     elsewhere = static_cast<int>(call);
 }
 
@@ -366,7 +582,7 @@ FailingCallElsewhere::~FailingCallElsewhere()
 
 bool FailingCallElsewhere::cameToIt() const
 {
-    return elsewhere == kNone;
+    return leftElsewhere == 0;
 }
 
 namespace calls {
@@ -418,6 +634,11 @@ uint64_t clock()
 void setWallClockAhead(time_t seconds)
 {
     wallClockAhead = seconds;
+}
+
+void forgetMutexes()
+{
+    Made().clear();
 }
 
 void reset()

@@ -33,11 +33,34 @@ enum class Call {
     Close,       // a failing one closes all the same
     GenerateMsg, // GenerateRtmpMsg, as commands call it
     JoinStream,
+    Send,
+    SendMmsg,
+    SendMsg,
+    SendFile,
+    Recv,
+    Read,
+    Write,
+    Poll,
+    Fcntl,
+    GetSockOpt,
+    Ioctl,
+    EpollCreate,
+    EpollCtl, // but for EPOLL_CTL_DEL
+    EventFd,
+    FileOpen,
+    FilePrint,
+    MakeDirectory,
+    TlsRead,
+    TlsWrite,
     Count_,
 };
 
 // ------------------------------------------------------------------------ calls that the calling thread
 // makes
+
+// Stands for every mutex that RtmpMutexInit has made: taking and giving back one of the others, which come
+// with their record, cannot fail, and nobody asks.
+extern const RtmpMutex *const kMadeMutexes;
 
 // While it lives, fails the call of the given kind and number, from 1 on, that the calling thread makes; on
 // this very mutex only, when one is given.
@@ -46,6 +69,7 @@ class FailingCall {
     explicit FailingCall(Call call, int number = 1, const RtmpMutex *mutex = nullptr);
     FailingCall(const FailingCall &) = delete;
     ~FailingCall();
+    bool cameToIt() const;
 };
 
 // While it lives, counts the allocations of the calling thread, of all three kinds, and fails the one of the
@@ -61,10 +85,11 @@ class FailingAllocation {
 // --------------------------------------------------------------------------- calls that any other thread
 // makes
 
-// While it lives, fails the next call of the given kind that another thread makes.
+// While it lives, fails the call of the given kind and number, from 1 on, that other threads make; of locks,
+// those of kMadeMutexes.
 class FailingCallElsewhere {
   public:
-    explicit FailingCallElsewhere(Call call);
+    explicit FailingCallElsewhere(Call call, int number = 1);
     FailingCallElsewhere(const FailingCallElsewhere &) = delete;
     ~FailingCallElsewhere();
     bool cameToIt() const;
@@ -89,6 +114,10 @@ uint64_t clock();
 // The wall clock as the library reads it runs this far ahead of the system's: to whoever measures a wait by
 // it, the system's clock seems set back.
 void setWallClockAhead(time_t seconds);
+
+// The mutexes of records that are gone are no longer among kMadeMutexes, destroyed or not: all there are
+// until now.
+void forgetMutexes();
 
 // Everything passes through again, and the clocks run as they do.
 void reset();

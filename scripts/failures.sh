@@ -1,0 +1,38 @@
+#!/bin/bash
+# Makes each call on the way of every exported function fail once (tests/failing, EveryFailingCall and EveryThread) and
+# leaves a table of how many failures that were, by function and kind of call, in build/proof/failures.md.
+#
+#     scripts/failures.sh [PRESET]      debug, or asan; built before: cmake --build build/PRESET --target test_failing
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset=${1:-debug}
+program=build/$preset/tests/test_failing
+[ -x "$program" ] || { echo "not built: $program"; exit 1; }
+mkdir -p build/proof
+counts=build/proof/failures.tsv
+rm -f "$counts"
+RTMPCAST_FAILURES=$counts "$program" --gtest_brief=1 --gtest_filter='EveryFailingCall.*:EveryThread.*'
+python3 - "$counts" "$preset" >build/proof/failures.md <<'PYTHON'
+import collections
+import datetime
+import sys
+
+ways, failures, kinds = {}, collections.Counter(), collections.Counter()
+for line in open(sys.argv[1]):
+    function, what, count = line.rstrip("\n").split("\t")
+    if what == "ways":
+        ways[function] = int(count)
+    else:
+        failures[function] += int(count)
+        kinds[what] += int(count)
+total = sum(failures.values())
+print(f"# Every failure once\n\n{datetime.date.today()}, preset {sys.argv[2]}, `scripts/failures.sh {sys.argv[2]}`: "
+      f"{total} failures on {sum(ways.values())} ways of {len(ways)} functions.\n")
+print("| call that failed | times |\n|---|---|")
+for kind, count in kinds.most_common():
+    print(f"| {kind} | {count} |")
+print("\n| function | ways | failures |\n|---|---|---|")
+for function in sorted(ways):
+    print(f"| {function} | {ways[function]} | {failures[function] or 'no call that can fail'} |")
+PYTHON
+cat build/proof/failures.md
