@@ -18,6 +18,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <future>
 #include <malloc.h>
 #include <memory>
 #include <openssl/crypto.h>
@@ -55,6 +56,18 @@ int Threads()
     return count;
 }
 
+// What there is before the first server; a sanitizer has begun its own thread with the first one of the
+// program.
+int ThreadsBesideOne()
+{
+    std::promise<void> counted;
+    std::thread one([&counted] { counted.get_future().wait(); });
+    const int threads = Threads() - 1;
+    counted.set_value();
+    one.join();
+    return threads;
+}
+
 class Host {
   public:
     explicit Host(uint32_t seed);
@@ -69,7 +82,7 @@ class Host {
     void end();
 
     const int ownDescriptors_ = OpenDescriptors() - 1; // that of the shared memory is closed
-    const int ownThreads_ = Threads();
+    const int ownThreads_ = ThreadsBesideOne();
     Progress *progress_;
     Feed feed_;
     std::unique_ptr<BusyServer> servers_[kServers];

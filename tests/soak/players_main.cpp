@@ -335,11 +335,14 @@ void Soak::endAll()
     services_[0].reset();
     services_[1].reset();
     std::string left;
-    waitUntil("no thread and no descriptor is left", [this, &left] {
+    const bool isAllGone = waitUntil("no descriptor and no thread is left", [this, &left] {
         outcome_.swept += std::stoul(host_.ask("sweep"));
         left = host_.ask("left");
         return left == "0 0";
     });
+    if (!isAllGone && outcome_.failures.size() == 1) {
+        fail("left at the end, descriptors and threads: " + left);
+    }
     const int code = host_.finish();
     if (code != 0) {
         fail("the host's exit code is " + std::to_string(code));
