@@ -4,7 +4,8 @@ Every string literal of the rooms is a text, adjacent ones joined, but for those
 static_assert, attributes, pragmas, names of files to include. A text is produced when it was seen outside:
 
   - a format, as a whole line, with anything in the place of %s and numbers in the place of %d; a line of the log must
-    also name the procedure that stands behind the text in the sources
+    also name the procedure that stands behind the text in the sources; a format of nothing but %s and %d: as any text of
+    its form that is no line of the log
   - a text that others hold (a reason, a name) within a line of the log
   - any other exactly: an AMF0 text on a connection, an argument of a host function
 """
@@ -246,7 +247,7 @@ def evidence(text, record):
     flat = plain(text.text)
     if CONVERSION.search(text.text):
         words = re.search("[A-Za-z]", CONVERSION.sub("", flat))  # without any, a line of the log proves nothing
-        kinds = ("log", "host", "wire", "file", "stdout") if words else ("host", "wire", "file")
+        kinds = ("log", "host", "wire", "file", "stdout") if words else ("wire", "host", "file")
         return record.matching(pattern_of(text), kinds)
     if flat.startswith(("ERROR: ", "INFO: ")):
         return record.matching(re.escape(flat), ("log",))
