@@ -68,7 +68,7 @@ RTMP_API RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void
  * @return 0: frames flow, from the next key frame on; RTMP_ERR_NO_ANSWER, RTMP_ERR_REFUSED;
  *         RTMP_ERR_CONNECTION, also after RtmpPublisherStop; RTMP_ERR_NO_MEDIA_INFO: the session has none
  *         yet; RTMP_ERR_INVALID_ARGUMENT: no session of the publisher's server, or it has been destroyed
- *         meanwhile; -1 memory (logged)
+ *         meanwhile; -1 memory, or a registration of media that failed meanwhile (both are logged)
  *
  * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each, however
  * slowly its bytes come. Errors to releaseStream and FCPublish are passed over. The session may be destroyed
@@ -172,7 +172,8 @@ RTMP_API int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction
 RTMP_API int32_t RtmpPublisherSendData(RtmpPublisher *publisher, const uint8_t *values, uint32_t length);
 
 /** RtmpPublisherSendMetaData sends "@setDataFrame", "onMetaData" with what the session knows of its media;
- * again after RtmpAddMediaInfo. Codes, threads and lock as for RtmpPublisherSendData. */
+ * again after RtmpAddMediaInfo. Codes, threads and lock as for RtmpPublisherSendData; -1 (logged) also where
+ * the session has no media information, because a registration has failed. */
 RTMP_API int32_t RtmpPublisherSendMetaData(RtmpPublisher *publisher);
 
 #ifdef __cplusplus

@@ -346,7 +346,8 @@ void AddMedia(World &world, FuzzInput &input)
                                   sets.data()};
     const AudioMediaInfo audio = {(how >> 2 & 3) == 3 ? 2U : 10U, 4, static_cast<int32_t>(config.size()),
                                   config.data()};
-    const HostPeers::Call waits; // other sessions' players may hold the list
+    const HostPeers::Call waits;                             // other sessions' players may hold the list
+    world.hasFailedMedia = world.hasFailedMedia || how != 0; // it may, and meanwhile the session has none
     Expect("RtmpAddMediaInfo",
            RtmpAddMediaInfo(HandleOf(session), (how & 3) == 1 ? nullptr : &video,
                             (how >> 2 & 3) == 1 ? nullptr : &audio),

@@ -24,6 +24,28 @@ constexpr uint8_t kNull = 255;
 
 std::atomic<uint32_t> g_rounds = 0; // of all serve loops; an end is one, too
 
+// The last lines of all servers, for whoever looks at a finding.
+constexpr size_t kKeptLines = 32, kKeptLength = 160;
+char g_lines[kKeptLines][kKeptLength];
+size_t g_lineCount = 0;
+std::mutex g_linesLock;
+
+void KeepLine(const char *line)
+{
+    const std::lock_guard<std::mutex> held(g_linesLock);
+    snprintf(g_lines[g_lineCount++ % kKeptLines], kKeptLength, "%s", line);
+}
+
+[[noreturn]] void AbortWithLines()
+{
+    const std::lock_guard<std::mutex> held(g_linesLock);
+    for (size_t i = 0; i < kKeptLines; i++) {
+        fprintf(stderr, "| %s", g_lines[(g_lineCount + i) % kKeptLines]);
+    }
+    fprintf(stderr, "\n");
+    abort();
+}
+
 bool StartsWith(const char *text, const char *start)
 {
     return strncmp(text, start, strlen(start)) == 0;
@@ -66,6 +88,7 @@ void ReadLine(void *context, uint8_t level, const char *format, va_list argument
     if (length <= 0 || (length < static_cast<int>(sizeof line) && line[length - 1] != '\n')) {
         Break("a line without an end");
     }
+    KeepLine(line);
     g_rounds += IsRound(format);
     if (log->manner == LOG_CALLS_BACK) {
         CallBack(&log->logger);
@@ -109,7 +132,7 @@ void MakeDestroyable(RtmpClient *client)
 void Break(const char *what)
 {
     fprintf(stderr, "host_state: %s\n", what);
-    abort();
+    AbortWithLines();
 }
 
 void Expect(const char *function, int64_t status, std::initializer_list<int64_t> named)
@@ -120,7 +143,7 @@ void Expect(const char *function, int64_t status, std::initializer_list<int64_t>
         }
     }
     fprintf(stderr, "host_state: %s answers %lld\n", function, static_cast<long long>(status));
-    abort();
+    AbortWithLines();
 }
 
 Log::Log(uint8_t kind) : logger{kind == LOG_IS_NOWHERE ? nullptr : ReadLine, this}, manner(kind) {}

@@ -129,6 +129,7 @@ class World {
     size_t hugeFrames = 0;
     size_t exactConnections = 0;
     bool hasTraced = false;
+    std::atomic<bool> hasFailedMedia = false; // a registration has failed: a session may have none any more
 
   private:
     void leaveSession(const RtmpSession *session, const RtmpServer *server);
