@@ -267,7 +267,7 @@ void Soak::measureEbb()
                       return recording(kExactService).hasPictures() &&
                              recording(kSteadyService).hasPictures();
                   }) &&
-        waitUntil("threads of those who left end", [this] { return host_.threads() <= baseThreads_; });
+        waitUntil("threads of those who left end", [this] { return host_.threads() == baseThreads_; });
     company_->closeParked();
     if (!isQuiet || !waitForWhatWasLeft()) {
         return;
@@ -285,7 +285,7 @@ bool Soak::waitForWhatWasLeft()
     return waitUntil("descriptors of those who left are closed",
                      [this] {
                          outcome_.swept += std::stoul(host_.ask("sweep"));
-                         return host_.descriptors() <= baseDescriptors_;
+                         return host_.descriptors() == baseDescriptors_;
                      }) &&
            waitUntil("the host is told of all who left", [this] {
                const Figures figures = host_.figures();
