@@ -2,6 +2,7 @@
 
 #include "failing/failure_counts.h"
 #include "failing/transcripts.h"
+#include "support/produced.h"
 #include "support/test_server.h"
 #include "support/wait.h"
 
@@ -71,6 +72,7 @@ void Trial::Log(void *context, uint8_t level, const char *format, va_list argume
     }
     char text[2048];
     vsnprintf(text, sizeof text, format, arguments);
+    produced::Note("log", text);
     std::string line = std::to_string(level) + " " + text;
     line.erase(line.find_last_not_of('\n') + 1);
     static_cast<Trial *>(context)->lines.push_back(line);
