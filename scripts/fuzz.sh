@@ -66,15 +66,16 @@ row() {
     local log=$work/$1.log findings
     findings=$(find "$work/found/$1" -type f ! -name 'slow-unit-*' | wc -l)
     [ "$findings" -eq 0 ] && ! grep -q '^exit code 0$' "$log" && findings=1
-    echo "| $1 | $(number 'Done [0-9]+ runs in' "$log") | $(number 'stat::number_of_executed_units:' "$log")" \
+    echo "| $1 | $(date -r "$log" +%F) | $(number 'Done [0-9]+ runs in' "$log") | $(number 'stat::number_of_executed_units:' "$log")" \
         "| $(number 'stat::average_exec_per_sec:' "$log") | $(number 'cov:' "$log") | $(number 'ft:' "$log")" \
         "| $(number 'stat::new_units_added:' "$log") | $findings |"
     [ "$findings" -eq 0 ]
 }
 
+# campaign SECONDS TARGET...: the table has the last campaign of every target, also of those that had theirs before.
 campaign() {
-    local seconds=$1 named=$2 bad=0 table
-    shift 2
+    local seconds=$1 bad=0 table
+    shift
     for target in "$@"; do
         while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do wait -n; done
         run "$target" "$seconds" &
@@ -83,11 +84,13 @@ campaign() {
     mkdir -p build/proof
     table=build/proof/fuzz.md
     {
-        echo "Fuzzing, $(date +%F): \`scripts/fuzz.sh $seconds${named:+ $named}\`, $(clang --version | head -n 1)"
+        echo "The last campaign of each target, with the address, undefined-behaviour and leak sanitizers; $(clang --version | head -n 1)."
         echo
-        echo "| target | seconds | executions | a second | edges covered | features | new inputs | findings |"
-        echo "|---|---|---|---|---|---|---|---|"
-        for target in "$@"; do row "$target" || bad=1; done
+        echo "| target | on | seconds | executions | a second | edges covered | features | new inputs | findings |"
+        echo "|---|---|---|---|---|---|---|---|---|"
+        for target in $(all_targets); do
+            [ ! -f "$work/$target.log" ] || row "$target" || bad=1
+        done
     } >"$table.new"
     # `bad` was set in this shell: a group in braces is no other.
     mv "$table.new" "$table"
@@ -126,7 +129,6 @@ case ${1:-} in
 *) seconds=$1; mode=campaign; shift ;;
 esac
 [ "$install" -eq 0 ] || scripts/install_deps.sh fuzz || exit 2
-named=$*
 # shellcheck disable=SC2046 # names without blanks
 [ $# -gt 0 ] || set -- $(all_targets)
 build "${@/#/fuzz_}" || exit 2
@@ -135,4 +137,4 @@ if [ "$mode" = minimise ]; then
     exit 0
 fi
 say "running, $seconds seconds for each of: $*"
-campaign "$seconds" "$named" "$@"
+campaign "$seconds" "$@"

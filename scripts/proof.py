@@ -53,6 +53,7 @@ SECTIONS = [
     ("fuzz", "Fuzzing", "scripts/fuzz.sh SECONDS"),
     ("failures", "Every failure once", "scripts/failures.sh"),
     ("texts", "Every fixed text", "scripts/texts.sh"),
+    ("inputs", "Bad input", "scripts/test.sh debug"),
     ("stress", "Stress under the thread sanitizer", "scripts/stress.sh MINUTES"),
     ("soak", "Soak", "scripts/soak.sh MINUTES"),
     ("coverage", "Coverage", "scripts/coverage.sh"),
@@ -113,6 +114,21 @@ def readers():
     return "\n".join(lines), when
 
 
+def inputs():
+    table = open(os.path.join(ROOT, "tests", "bad_input.md"), encoding="utf-8").read()
+    rows, of = {}, None
+    for line in table.splitlines():
+        if line.startswith("## "):
+            of = line[3:]
+        elif of and line.startswith("| ") and not line.startswith(("| input", "|-")):
+            rows[of] = rows.get(of, 0) + 1
+    text = (f"{sum(rows.values())} kinds of bad input, each with the tests that send it, in `tests/bad_input.md`; "
+            "`house.EveryBadInputIsAskedByATest` holds every name against the tests.")
+    when = os.path.getmtime(os.path.join(ROOT, "tests", "bad_input.md"))
+    lines = ["| class | kinds |", "|---|---|"] + [f"| {of} | {count} |" for of, count in rows.items()]
+    return text + "\n\n" + "\n".join(lines), when
+
+
 def left_by_a_script(name):
     file = os.path.join(LEFT, name + ".md")
     if not os.path.exists(file):
@@ -135,7 +151,7 @@ def main():
             "`CONTRIBUTING.md` says", "what runs on every change and what on demand.", ""]
     missing = []
     for name, title, command in SECTIONS:
-        body, when = {"tests": tests, "readers": readers}.get(name, lambda: left_by_a_script(name))()
+        body, when = {"tests": tests, "readers": readers, "inputs": inputs}.get(name, lambda: left_by_a_script(name))()
         page.append(f"<!-- {name} -->")
         if body is not None:
             page += [f"## {title}", "", f"`{command}`, {time.strftime('%Y-%m-%d', time.localtime(when))}", "", body, ""]

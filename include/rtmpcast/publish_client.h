@@ -66,9 +66,10 @@ RTMP_API RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void
  * releaseStream, FCPublish, createStream, publish, joining the session, onMetaData and sequence headers.
  *
  * @return 0: frames flow, from the next key frame on; RTMP_ERR_NO_ANSWER, RTMP_ERR_REFUSED;
- *         RTMP_ERR_CONNECTION, also after RtmpPublisherStop; RTMP_ERR_NO_MEDIA_INFO: the session has none
- *         yet; RTMP_ERR_INVALID_ARGUMENT: no session of the publisher's server, or it has been destroyed
- *         meanwhile; -1 memory, or a registration of media that failed meanwhile (both are logged)
+ *         RTMP_ERR_CONNECTION, also after RtmpPublisherStop, and where memory runs out for a message on its
+ *         way; RTMP_ERR_NO_MEDIA_INFO: the session has none yet; RTMP_ERR_INVALID_ARGUMENT: no session of the
+ *         publisher's server, or it has been destroyed meanwhile; -1 other memory, or a registration of media
+ *         that failed meanwhile. What has to do with memory is logged
  *
  * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each, however
  * slowly its bytes come. Errors to releaseStream and FCPublish are passed over. The session may be destroyed
