@@ -1,4 +1,5 @@
 // Hosts that call in any order, and log functions and disks that are no help.
+#include "net/atomic.h"
 #include "support/produced.h"
 #include "support/session_rig.h"
 #include "support/test_server.h"
@@ -267,7 +268,7 @@ TEST(HostileLogger, OneThatIsSlowAndWritesLinesItselfIsServed)
         guest.playing("cam");
         PlayAFrame(server, session, player, 1000 + 40 * round);
         guest.command(wire::DeleteStreamCommand());
-        EXPECT_TRUE(WaitUntil([&] { return session->ClientCount == 1; }));
+        EXPECT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 1; }));
     }
     EXPECT_GT(talkative.lines, 200U);
 }

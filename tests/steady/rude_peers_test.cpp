@@ -1,5 +1,6 @@
 // Peers that are rude at the worst moment, on both roads: while they are being ended, while others fill the
 // second port, and a byte at a time.
+#include "net/atomic.h"
 #include "steady/steady_peers.h"
 #include "support/leaving_steps.h"
 
@@ -144,7 +145,7 @@ TEST_P(RudePeers, ThatLeaveAtEveryStepCostAPlayerNothing)
     host.join();
     watching.join();
     EXPECT_EQ(sent, seen);
-    EXPECT_TRUE(WaitUntil([&] { return session->ClientCount == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 1; }));
 }
 
 INSTANTIATE_TEST_SUITE_P(On, RudePeers, testing::ValuesIn(kRudeRoads),
