@@ -36,10 +36,6 @@ SANITIZERS = {
     "arm64": "none; 64-bit ARM",
 }
 READERS = {
-    "house.ClangTidy": "clang-tidy (`.clang-tidy`)",
-    "house.Cppcheck": "cppcheck",
-    "house.ClangBuildsTheLibrary": "clang builds the library without a warning",
-    "house.ClangFormat": "clang-format (`.clang-format`)",
     "abi.ExportedNames": "exported names are those of `tests/abi/exported_names.txt`",
     "abi.UndefinedNames": "undefined names are those of `tests/abi/host_names.txt`",
     "abi.SourcesAreCxx20": "a build as C++20",
@@ -49,7 +45,7 @@ READERS = {
 # name of what a script leaves, title, command
 SECTIONS = [
     ("tests", "Tests", "scripts/test.sh"),
-    ("readers", "Static analysis", "scripts/test.sh debug"),
+    ("readers", "Static analysis", "scripts/analyse.sh"),
     ("fuzz", "Fuzzing", "scripts/fuzz.sh SECONDS"),
     ("failures", "Every failure once", "scripts/failures.sh"),
     ("texts", "Every fixed text", "scripts/texts.sh"),
@@ -102,16 +98,17 @@ def tests():
 
 
 def readers():
-    cases, when = cases_of("debug")
-    found = dict(cases)
+    found = dict(cases_of("debug")[0])
     if not found:
         return None, None
     missing = [name for name in READERS if name not in found]
     if missing:
         sys.exit(f"{missing}: no such test; scripts/proof.py names those that read the sources")
-    lines = ["| what reads the sources | finds |", "|---|---|"]
-    lines += [f"| {what} | {'nothing' if found[name] else '**something**'} |" for name, what in READERS.items()]
-    return "\n".join(lines), when
+    body, when = left_by_a_script("analysis")
+    if body is None:
+        return None, None
+    lines = [f"| `{name}` | {what} | {'nothing' if found[name] else '**something**'} |" for name, what in READERS.items()]
+    return "\n".join([body, *lines]), when
 
 
 def inputs():

@@ -49,9 +49,10 @@ finish_soak() {
 }
 
 run_preset() {
-    local preset=$1 report=$root/build/$1/tests.xml
+    local preset=$1 report=$root/build/$1/tests.xml hosts=()
+    [ -n "$all" ] && [ "$preset" = tsan ] && hosts=(-DRTMPCAST_BUILD_EXAMPLES=ON) # nobody asks for them otherwise
     say "$preset: building"
-    cmake --preset "$preset" "${settings[@]}" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
+    cmake --preset "$preset" "${settings[@]}" "${hosts[@]}" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
     # As nice as the soak, beside which it may run.
     nice cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
     finish_soak
