@@ -178,7 +178,7 @@ class PublisherOverTls : public testing::TestWithParam<std::tuple<int, bool>> {
     void (*before_)(int);
 };
 
-// Seconds of the long test: 3, or as the environment says.
+// Seconds of the long test: 2, or as the environment says.
 int Seconds()
 {
     const char *text = std::getenv("RTMPCAST_RENEWAL_SECONDS");
@@ -219,8 +219,10 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
     uint32_t pongs = 0, pings = 0;
     rig.service->send({.payload = BigEndian(100, 4), .type = 5, .chunkStream = 2});
     const uint64_t end = MonotonicMs() + 1000ULL * static_cast<uint64_t>(Seconds());
+    const uint64_t atTheLatest = end + 30000; // a busy machine takes longer to renew often enough
+    const int enough = version == TLS1_3_VERSION ? 20 : -1;
     while (!ended || seen < sent || pongs < pings) {
-        ends = ends || MonotonicMs() > end;
+        ends = ends || (MonotonicMs() > end && tls.renewals() > enough) || MonotonicMs() > atTheLatest;
         if (!ends && pings - pongs < 20) {
             rig.service->pingRequest(pings++);
         }
@@ -249,9 +251,7 @@ TEST_P(PublisherOverTls, EveryFrameComesWhileKeysAreRenewed)
     encoder.join();
     EXPECT_EQ(seen, sent);
     EXPECT_EQ(pongs, pings);
-    if (version == TLS1_3_VERSION) {
-        EXPECT_GT(tls.renewals(), 20);
-    }
+    EXPECT_GT(tls.renewals(), enough);
     RecordProperty("frames", static_cast<int>(seen.load()));
     RecordProperty("renewals", tls.renewals());
     RtmpPublisherStop(rig.publisher);
