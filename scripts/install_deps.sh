@@ -15,8 +15,9 @@ command -v npm >/dev/null || edge="$edge npm"
 publish="ffmpeg nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl"
 tests="libgtest-dev ffmpeg rtmpdump gnuplot-nox python3 openssl
 clang clang-tidy clang-format cppcheck"
-# The fuzzer and the sanitizers' runtimes are a package beside the compiler, which only recommends it.
-fuzz="clang libclang-rt-14-dev libgtest-dev"
+# The fuzzer and the runtimes of the sanitizers are a package beside the compiler, which only recommends it; llvm names the
+# procedures in what they find.
+fuzz="clang libclang-rt-14-dev llvm libgtest-dev"
 # Every player that is tried in front of the reference host, headless.
 players="mpv vlc-bin vlc-plugin-base vlc-plugin-access-extra gstreamer1.0-tools gstreamer1.0-plugins-good
 gstreamer1.0-plugins-bad nginx-light libnginx-mod-rtmp libnginx-mod-stream"

@@ -152,7 +152,7 @@ def main():
         page.append(f"<!-- {name} -->")
         if body is not None:
             page += [f"## {title}", "", f"`{command}`, {time.strftime('%Y-%m-%d', time.localtime(when))}", "", body, ""]
-        elif name in old:
+        elif name in old and not old[name].endswith("has not run."):
             page += [old[name], ""]
         else:
             page += [f"## {title}", "", f"`{command}` has not run.", ""]

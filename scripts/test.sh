@@ -36,7 +36,7 @@ soak_log=$root/build/soak.log
 
 begin_soak() {
     say "soak: begins; its report follows the building"
-    scripts/soak.sh 3 >"$soak_log" 2>&1 &
+    scripts/soak.sh 3 --out build/soak >"$soak_log" 2>&1 &
     soak_process=$!
 }
 

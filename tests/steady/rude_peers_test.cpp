@@ -114,7 +114,7 @@ TEST_P(RudePeers, ThatLeaveAtEveryStepCostAPlayerNothing)
     const std::unique_ptr<ScriptedPeer> player = PeerOf(*server, GetParam().steady);
     player->socket.keepRecord(false);
     player->playing("cam");
-    std::atomic<bool> done = false;
+    std::atomic<bool> done = false, lastIsSent = false;
     std::atomic<uint64_t> sent = 0, seen = 0;
     std::thread host([&] {
         Patience ahead;
@@ -128,7 +128,7 @@ TEST_P(RudePeers, ThatLeaveAtEveryStepCostAPlayerNothing)
     });
     std::thread watching([&] {
         Patience behind;
-        for (; !done || seen < sent; behind.pause()) {
+        for (; !lastIsSent || seen < sent; behind.pause()) {
             if (seen < sent) {
                 EXPECT_EQ(player->read().payload.size(), 705U);
                 ++seen;
@@ -143,6 +143,7 @@ TEST_P(RudePeers, ThatLeaveAtEveryStepCostAPlayerNothing)
     }
     done = true;
     host.join();
+    lastIsSent = true;
     watching.join();
     EXPECT_EQ(sent, seen);
     EXPECT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 1; }));
