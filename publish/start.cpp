@@ -97,6 +97,9 @@ int32_t StartFrames(RtmpPublisher *publisher, RtmpSession *session)
     if (joined != 0) {
         RtmpLogPrint(LoggerOf(client->Server), RTMP_LOG_ERROR, "ERROR: %s: Cannot join the session\n",
                      kStart);
+        if (IsToldToLeave(client)) { // RtmpPublisherStop, while the list was waited for
+            return RTMP_ERR_CONNECTION;
+        }
         return joined == JOIN_NOT_FOUND ? RTMP_ERR_INVALID_ARGUMENT : RTMP_FAILED;
     }
     if (client->Line != nullptr) {

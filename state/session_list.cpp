@@ -261,7 +261,7 @@ int JoinGiven(RtmpClient *client, RtmpSession *session)
 {
     RtmpServer *server = client->Server;
     if (LockSessionListFor(client) != 0) {
-        return JOIN_NOT_FOUND;
+        return JOIN_FAILED;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &server->LiveSessionListLock;
     if (ValidateRtmpSessionHandle(server, session) != 0) {

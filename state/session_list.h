@@ -35,6 +35,7 @@ RTMP_STATUS int JoinStream(RtmpClient *client, const char *name);
 RTMP_STATUS int IsReadySession(RtmpServer *server, const RtmpSession *session);
 
 // JoinGiven adds the client to a session that may have been destroyed meanwhile, in the same way. 0;
-// JOIN_NOT_FOUND, also when the client is told to leave; JOIN_FAILED (neither is logged).
+// JOIN_NOT_FOUND, also when the server is being destroyed; JOIN_FAILED, also when the client is told to leave
+// while it waits (neither is logged).
 RTMP_STATUS int JoinGiven(RtmpClient *client, RtmpSession *session);
 }

@@ -104,7 +104,7 @@ TEST(SteadyWithoutMemory, AClientThatIsToJoinAGivenSessionIsToldWhyNotAndMayTryA
     steady::HandMade player(server.server);
     {
         const FailingCall failing(Call::MutexLock, 1, &server.server->LiveSessionListLock);
-        EXPECT_EQ(JoinGiven(player.client, session), JOIN_NOT_FOUND);
+        EXPECT_EQ(JoinGiven(player.client, session), JOIN_FAILED);
     }
     {
         const FailingAllocation failing(1);

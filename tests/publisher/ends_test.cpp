@@ -112,6 +112,24 @@ TEST(PublisherEndsSteadily, AServerThatIsGoingHasNothingToPublishAnyMore)
     EXPECT_EQ(rig.result(), RTMP_ERR_INVALID_ARGUMENT);
 }
 
+// A player of another session may hold up the list of sessions for as long as it likes.
+TEST(PublisherStop, EndsAStartThatWaitsForTheListOfSessions)
+{
+    for (const bool steady : {false, true}) {
+        Rig rig({.steady = steady});
+        rig.start();
+        rig.serviceUpTo(Step::CreateStream);
+        RtmpMutex *list = &rig.server->LiveSessionListLock;
+        ASSERT_EQ(pthread_mutex_lock(list), 0);
+        rig.status("status", "NetStream.Publish.Start");
+        // 2: glibc's word of a lock that somebody waits for.
+        EXPECT_TRUE(WaitUntil([&] { return __atomic_load_n(&list->__data.__lock, __ATOMIC_SEQ_CST) == 2; }));
+        RtmpPublisherStop(rig.publisher);
+        EXPECT_EQ(rig.result(), RTMP_ERR_CONNECTION);
+        EXPECT_EQ(pthread_mutex_unlock(list), 0);
+    }
+}
+
 TEST_P(PublisherEnds, WhileFramesAreSent)
 {
     std::atomic<bool> ends = false;
