@@ -4,7 +4,6 @@
 #include <fstream>
 #include <netinet/in.h>
 #include <poll.h>
-#include <random>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,12 +17,6 @@ sockaddr_in Loopback(const char *text, uint16_t port)
     address.sin_port = htons(port);
     address.sin_addr.s_addr = inet_addr(text);
     return address;
-}
-
-uint16_t SomePort()
-{
-    static std::mt19937 generator{std::random_device{}()};
-    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
 }
 
 } // namespace

@@ -22,13 +22,6 @@ void InstallSignalHandler()
     sigaction(SIGUSR1, &action, nullptr);
 }
 
-// Below the range that the kernel hands out to connecting sockets.
-uint16_t SomePort()
-{
-    static std::mt19937 generator{std::random_device{}()};
-    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
-}
-
 size_t CountEntries(const char *path)
 {
     DIR *directory = opendir(path);
@@ -176,6 +169,12 @@ int SendAudio(RtmpSession *session, const Bytes &frame, uint64_t timestamp)
 {
     return RtmpSendData(session, frame.data(), static_cast<int32_t>(frame.size()), 0, 0, timestamp,
                         RTMP_FRAME_AUDIO);
+}
+
+uint16_t SomePort()
+{
+    static std::mt19937 generator{std::random_device{}()};
+    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
 }
 
 size_t OpenDescriptors()

@@ -71,6 +71,10 @@ class TestServer {
 int SendVideo(RtmpSession *session, const Bytes &frame, uint64_t timestamp);
 int SendAudio(RtmpSession *session, const Bytes &frame, uint64_t timestamp);
 
+// For a listener: below the range that the kernel hands out to connecting sockets. Whoever else listens there
+// already is told by the failing bind.
+uint16_t SomePort();
+
 // Descriptors that this process has open.
 size_t OpenDescriptors();
 

@@ -161,6 +161,18 @@ void WriteSettings(SeedFolder &folder)
     }
 }
 
+// Where a trace may be asked for (FolderOf), with frames that are traced.
+void WriteTraces(SeedFolder &folder)
+{
+    const char *const folders[] = {"a_folder", "dev_full", "proc", "a_name_that_is_cut",
+                                   "a_folder_that_is_not_there"};
+    for (uint8_t which = 0; which < std::size(folders); which++) {
+        Program p = ServerAndSession(kNoListener, kThreadedMode);
+        p(DebugSettings, 0, 5, which, 1).then(PairThatPlays()).then(SomeFrames())(QueueReset, 0);
+        folder.write(std::string("trace_in_") + folders[which], p.then(SomeFrames()).bytes());
+    }
+}
+
 // How far a player has come when its session, or its server, goes.
 void WriteDestroys(SeedFolder &folder)
 {
@@ -305,6 +317,7 @@ void Seeds_host_state(SeedFolder &folder)
     WriteBothRoadsAndModes(folder);
     WriteLoggers(folder);
     WriteSettings(folder);
+    WriteTraces(folder);
     WriteDestroys(folder);
     WriteFrames(folder);
     WriteClients(folder);

@@ -6,6 +6,7 @@
 #include "net/connect_handshake.h"
 #include "net/handshake_packets.h"
 #include "rtmpcast/player.h"
+#include "support/checked_input.h"
 #include "support/fuzz_peer.h"
 
 #include <cstdlib>
@@ -22,14 +23,8 @@ const uint32_t kHandshakeRules[] = {RTMP_PLAYERS_EXACT, RTMP_PLAYERS_HANDSHAKE,
                                     RTMP_PLAYERS_VERSION | RTMP_PLAYERS_HANDSHAKE, RTMP_PLAYERS_VERSION};
 const size_t kPieces[] = {0, 1, 97, 1537};
 
-std::vector<uint8_t> Taken(FuzzInput *input, size_t count)
-{
-    const FuzzInput part = input->part(count);
-    return {part.data(), part.data() + part.size()};
-}
-
 // A digest at the place that the packet itself names.
-void SignFirstPacket(std::vector<uint8_t> *packet, uint8_t mode, const char *key, uint32_t keyLength)
+void SignFirstPacket(FuzzBytes *packet, uint8_t mode, const char *key, uint32_t keyLength)
 {
     if (packet->size() != kPacketLength || (mode & (kSignsFirst | kSignsSecond)) == 0) {
         return;
@@ -45,7 +40,7 @@ void SignFirstPacket(std::vector<uint8_t> *packet, uint8_t mode, const char *key
 }
 
 // C2 as a player signs it: with a key that is the signature of S1's digest.
-void SignC2(std::vector<uint8_t> *c2, const std::vector<uint8_t> &s0AndS1)
+void SignC2(FuzzBytes *c2, const FuzzBytes &s0AndS1)
 {
     if (c2->size() != kPacketLength || s0AndS1.size() < 1 + kPacketLength) {
         return;
@@ -62,13 +57,13 @@ void SignC2(std::vector<uint8_t> *c2, const std::vector<uint8_t> &s0AndS1)
 void Accept(RtmpClient *client, FuzzPeer *peer, FuzzInput input, uint8_t mode)
 {
     const size_t piece = kPieces[mode >> 6];
-    std::vector<uint8_t> first = Taken(&input, 1);
-    std::vector<uint8_t> c1 = Taken(&input, kPacketLength);
+    FuzzBytes first = Take(&input, 1);
+    FuzzBytes c1 = Take(&input, kPacketLength);
     SignFirstPacket(&c1, mode, GenuineFPKey, kPlayerBannerLength);
     first.insert(first.end(), c1.begin(), c1.end());
     peer->send(FuzzInput(first.data(), first.size()), piece);
     peer->whenDry = [&] {
-        std::vector<uint8_t> c2 = Taken(&input, kPacketLength);
+        FuzzBytes c2 = Take(&input, kPacketLength);
         if ((mode & kSignsC2) != 0) {
             SignC2(&c2, peer->written());
         }
@@ -82,11 +77,11 @@ void Accept(RtmpClient *client, FuzzPeer *peer, FuzzInput input, uint8_t mode)
 
 void Connect(RtmpClient *client, FuzzPeer *peer, FuzzInput input, uint8_t mode)
 {
-    std::vector<uint8_t> all = Taken(&input, 1);
-    std::vector<uint8_t> s1 = Taken(&input, kPacketLength);
+    FuzzBytes all = Take(&input, 1);
+    FuzzBytes s1 = Take(&input, kPacketLength);
     SignFirstPacket(&s1, mode, GenuineFMSKey, kServerBannerLength);
     all.insert(all.end(), s1.begin(), s1.end());
-    const std::vector<uint8_t> rest = Taken(&input, input.size());
+    const FuzzBytes rest = Rest(&input);
     all.insert(all.end(), rest.begin(), rest.end());
     peer->send(FuzzInput(all.data(), all.size()), kPieces[mode >> 6]);
     if (ConnectHandshake(client, (mode & kSignsC2) != 0) == 0 &&

@@ -1,7 +1,7 @@
 // The host's side: programs of calls in any order, settings twice and in the wrong order, with players that
 // come and go, clients of the host's own, and a publisher. What the public headers rule out is not done,
 // whatever the input says; every status is one that they name, and at the end of an input no thread,
-// descriptor or memory is left.
+// descriptor, file or memory is left.
 //
 // max_len: 512
 #include "support/host_world.h"

@@ -75,7 +75,8 @@ struct Told {
         video.configLen = hasLength ? static_cast<int32_t>(videoCopy->size()) : odd;
         audio.configLen = hasLength ? static_cast<int32_t>(audioCopy->size()) : odd;
     }
-    // Neither is rare: it is logged where no logger is known, on the standard output.
+    // An input that tells neither is kept rare: that is logged where no logger is known, on the standard
+    // output.
     bool hasVideo() const
     {
         return (choices & VIDEO) != 0 || ((choices & AUDIO) == 0 && choices != 0);

@@ -102,35 +102,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput input(data, size);
     const ServeChoice choice = TakeServeChoice(&input);
-    RtmpServer *server = FuzzedServer(choice.isSteady, choice.chunkSize, choice.flags);
-    RtmpSession *session = MakeFuzzedSession(server, choice.session);
+    const FuzzedStage stage(FuzzedServer(choice.isSteady, choice.chunkSize, choice.flags), choice.session);
     HostFakes::get().viewer = [&](const ViewerCall &call) {
         return choice.isRefused && call.what == "plays";
     };
-    {
-        FuzzPeer peer;
-        FuzzTls tls(&peer);
-        uint32_t reads = 0;
-        uint32_t sent = 0;
-        peer.beforeRead = [&] {
-            if (session != nullptr && reads++ % 3 < choice.frames) {
-                SendFuzzedFrame(&peer, session, sent++);
-            }
-        };
-        peer.send(Dialogue(choice.said));
-        peer.send(input, choice.piece);
-        RtmpClient *client = CreateNewRtmpClient(server, RTMP_CONN_RTMP, peer.socket(), "127.0.0.1", 0,
-                                                 choice.isOverTls ? tls.handle() : nullptr);
-        client->PlayerFlags = choice.flags;
-        Serve(client, &peer, choice.isSteady);
-        if ((choice.flags & RTMP_PLAYERS_CHUNKS_OUT) != 0) {
-            // Whoever asks before "connect" is answered in chunks of a size that it has not been told.
-            ExpectChunks(peer.written().data(), peer.written().size(),
-                         static_cast<uint32_t>(choice.chunkSize));
+    FuzzPeer peer;
+    FuzzTls tls(&peer);
+    uint32_t reads = 0;
+    uint32_t sent = 0;
+    peer.beforeRead = [&] {
+        if (stage.session != nullptr && reads++ % 3 < choice.frames) {
+            SendFuzzedFrame(&peer, stage.session, sent++);
         }
+    };
+    peer.send(Dialogue(choice.said));
+    peer.send(input, choice.piece);
+    RtmpClient *client = CreateNewRtmpClient(stage.server, RTMP_CONN_RTMP, peer.socket(), "127.0.0.1", 0,
+                                             choice.isOverTls ? tls.handle() : nullptr);
+    client->PlayerFlags = choice.flags;
+    Serve(client, &peer, choice.isSteady);
+    if ((choice.flags & RTMP_PLAYERS_CHUNKS_OUT) != 0) {
+        // Whoever asks before "connect" is answered in chunks of a size that it has not been told.
+        ExpectChunks(peer.written().data(), peer.written().size(), static_cast<uint32_t>(choice.chunkSize));
     }
-    EndFuzzedSession(session);
-    HostFakes::get().reset();
     return 0;
 }
 

@@ -130,35 +130,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput input(data, size);
     const ServiceChoice choice = TakeServiceChoice(&input);
-    RtmpServer *server = FuzzedServer(choice.isSteady, 4096, RTMP_PLAYERS_ALL);
-    RtmpSession *session = MakeFuzzedSession(server, choice.session);
+    const FuzzedStage stage(FuzzedServer(choice.isSteady, 4096, RTMP_PLAYERS_ALL), choice.session);
     srand(1);
-    {
-        FuzzPeer peer;
-        FuzzTls tls(&peer);
-        RtmpPublisher *publisher =
-            MakePublisher(server, peer.socket(), choice.isOverTls ? tls.handle() : nullptr, choice.isSigned);
-        uint32_t reads = 0;
-        peer.beforeRead = [&] {
-            reads++;
-            if (session != nullptr && reads % 3 < choice.frames) {
-                SendFuzzedFrame(&peer, session, reads);
-            }
-            if (choice.stopAfter > 0 && reads == choice.stopAfter * 4) {
-                RtmpPublisherStop(publisher);
-            }
-        };
-        peer.send(AnswersOf(choice.answered));
-        peer.send(input, choice.piece);
-        Publish(publisher, session, choice.answered);
-        RtmpPublisherDestroy(publisher);
-        constexpr size_t handshake = 1 + 2 * 1536;
-        if (peer.written().size() > handshake) {
-            ExpectChunks(peer.written().data() + handshake, peer.written().size() - handshake, 128);
+    FuzzPeer peer;
+    FuzzTls tls(&peer);
+    RtmpPublisher *publisher = MakePublisher(stage.server, peer.socket(),
+                                             choice.isOverTls ? tls.handle() : nullptr, choice.isSigned);
+    uint32_t reads = 0;
+    peer.beforeRead = [&] {
+        reads++;
+        if (stage.session != nullptr && reads % 3 < choice.frames) {
+            SendFuzzedFrame(&peer, stage.session, reads);
         }
+        if (choice.stopAfter > 0 && reads == choice.stopAfter * 4) {
+            RtmpPublisherStop(publisher);
+        }
+    };
+    peer.send(AnswersOf(choice.answered));
+    peer.send(input, choice.piece);
+    Publish(publisher, stage.session, choice.answered);
+    RtmpPublisherDestroy(publisher);
+    constexpr size_t handshake = 1 + 2 * 1536;
+    if (peer.written().size() > handshake) {
+        ExpectChunks(peer.written().data() + handshake, peer.written().size() - handshake, 128);
     }
-    EndFuzzedSession(session);
-    HostFakes::get().reset();
     return 0;
 }
 

@@ -1,5 +1,5 @@
-// What the targets share: the bytes of an input taken from its front, copies that end where the bytes end,
-// checks that end the process, and a logger that keeps nothing.
+// Above fuzz_input.h: the bytes of an input as a value, copies that end where the bytes end, checks that end
+// the process, and a logger that counts.
 #pragma once
 
 #include "fuzz_input.h"

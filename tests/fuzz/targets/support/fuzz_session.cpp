@@ -2,6 +2,7 @@
 
 #include "rtmpcast/player.h"
 #include "rtmpcast/service.h"
+#include "support/host_fakes.h"
 #include "support/session_rig.h"
 
 #include <cstdlib>
@@ -29,18 +30,6 @@ void AddRigMedia(RtmpSession *session)
     }
 }
 
-} // namespace
-
-RtmpServer *FuzzedServer(bool isSteady, int32_t chunkSize, uint32_t playerFlags)
-{
-    static RtmpServer *const exact = MakeFuzzedServer(false);
-    static RtmpServer *const steady = MakeFuzzedServer(true);
-    RtmpServer *server = isSteady ? steady : exact;
-    server->ChunkSize = static_cast<uint32_t>(chunkSize);
-    RtmpPlayerSettings(server, playerFlags);
-    return server;
-}
-
 RtmpSession *MakeFuzzedSession(RtmpServer *server, FuzzedSession kind)
 {
     if (kind == FUZZED_NONE) {
@@ -60,11 +49,29 @@ RtmpSession *MakeFuzzedSession(RtmpServer *server, FuzzedSession kind)
     return session;
 }
 
-void EndFuzzedSession(RtmpSession *session)
+} // namespace
+
+RtmpServer *FuzzedServer(bool isSteady, int32_t chunkSize, uint32_t playerFlags)
+{
+    static RtmpServer *const exact = MakeFuzzedServer(false);
+    static RtmpServer *const steady = MakeFuzzedServer(true);
+    RtmpServer *server = isSteady ? steady : exact;
+    server->ChunkSize = static_cast<uint32_t>(chunkSize);
+    RtmpPlayerSettings(server, playerFlags);
+    return server;
+}
+
+FuzzedStage::FuzzedStage(RtmpServer *on, FuzzedSession kind)
+    : server(on), session(MakeFuzzedSession(on, kind))
+{
+}
+
+FuzzedStage::~FuzzedStage()
 {
     if (session != nullptr && RtmpSessionDestroy(session) != 0) {
         abort();
     }
+    HostFakes::get().reset();
 }
 
 void SendFuzzedFrame(FuzzPeer *peer, RtmpSession *session, uint32_t number)

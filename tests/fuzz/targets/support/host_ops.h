@@ -1,6 +1,6 @@
 // What an input of the target host_state is made of: operations of one byte, each followed by its arguments,
 // one byte each; a text or a message is a length of one byte and so many bytes. A handle is a number: which
-// of those that are there, or null for 255. The comments of the procedures in host_state.cpp say what the
+// of those that are there, or null for 255. The comments of the procedures in host_*_ops.cpp say what the
 // arguments mean.
 #pragma once
 

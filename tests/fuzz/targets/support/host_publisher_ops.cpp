@@ -39,7 +39,10 @@ void Live(const World &world, Publisher *publisher, RtmpSession *session)
     const int32_t started = RtmpPublisherStart(publisher->publisher, session);
     ExpectStarted(world, started);
     if (started == 0) {
-        publisher->isSending = true;
+        {
+            const std::lock_guard<std::mutex> held(publisher->lock);
+            publisher->isSending = true;
+        }
         Expect("RtmpPublisherServe", RtmpPublisherServe(publisher->publisher),
                {0, RTMP_ERR_REFUSED, RTMP_ERR_CONNECTION});
     }

@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <random>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -30,12 +29,6 @@ template <typename Item, size_t N> Item From(const Item (&items)[N], uint8_t whi
 RtmpSession *HandleOf(const Session *session)
 {
     return session != nullptr ? session->session : nullptr;
-}
-
-uint16_t SomeFreePort()
-{
-    static std::mt19937 generator{std::random_device{}()};
-    return static_cast<uint16_t>(std::uniform_int_distribution<int>(10000, 32000)(generator));
 }
 
 // A file with frames: one that begins with a key frame, one that does not, and what a host can get wrong.
@@ -122,11 +115,13 @@ void SendFrame(World &world, FuzzInput &input, int64_t kind)
     }
 }
 
-const char *FolderOf(uint8_t which)
+// Of traces: one that is there, two in which nothing can be made, one whose name is cut, and one below a
+// folder that is not there. What is written lies in the first.
+std::string FolderOf(World &world, uint8_t which)
 {
-    const std::string longest(2000, 'd');
-    static const std::string longName = longest;
-    const char *folders[] = {TraceFolder(), "/dev/full", "/proc", longName.c_str(), ""};
+    const std::string there = world.traceFolder();
+    const std::string folders[] = {there, "/dev/full", "/proc", there + "/" + std::string(2000, 'd'),
+                                   there + "/none/none"};
     return From(folders, which);
 }
 
@@ -161,8 +156,8 @@ void ServerCreate(World &world, FuzzInput &input)
         world.logs.push_back(std::make_unique<Log>(logger));
         log = world.logs.back().get();
     }
-    const uint16_t port = listeners == 1 || listeners == 2 ? SomeFreePort() : uint16_t(0);
-    const uint16_t tunnelPort = listeners == 2 ? SomeFreePort() : uint16_t(0);
+    const uint16_t port = listeners == 1 || listeners == 2 ? wire::SomePort() : uint16_t(0);
+    const uint16_t tunnelPort = listeners == 2 ? wire::SomePort() : uint16_t(0);
     RtmpServer *server = RtmpServerCreate(log != nullptr ? &log->logger : nullptr, port != 0 ? "lo" : "ANY",
                                           port, tunnelPort, dscp, kChunkSizes[how >> 5], &error);
     if (server == nullptr) {
@@ -209,7 +204,7 @@ void ServiceSettings(World &world, FuzzInput &input)
         }
     }
     limits.Options = how >> 1 & 1;
-    limits.TlsPort = (how & 4) != 0 ? SomeFreePort() : uint16_t(0);
+    limits.TlsPort = (how & 4) != 0 ? wire::SomePort() : uint16_t(0);
     if (server == nullptr) {
         Expect("RtmpServiceSettings of null", RtmpServiceSettings(nullptr, &limits),
                {RTMP_ERR_INVALID_ARGUMENT});
@@ -288,13 +283,13 @@ void DebugSettings(World &world, FuzzInput &input)
 {
     const Session *session = world.session(input.byte());
     const uint8_t how = input.byte();
-    const char *folder = FolderOf(input.byte());
+    const std::string folder = FolderOf(world, input.byte());
     const uint8_t every = input.byte();
     world.settle(session);
-    world.hasTraced = true;
     const HostPeers::Call waits;
     Expect("RtmpDebugSettings",
-           RtmpDebugSettings(HandleOf(session), how & 1, how >> 1 & 1, how >> 2 & 1, folder, every), {0});
+           RtmpDebugSettings(HandleOf(session), how & 1, how >> 1 & 1, how >> 2 & 1, folder.c_str(), every),
+           {0});
 }
 
 // enable; then a byte for each of the others

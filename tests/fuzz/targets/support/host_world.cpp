@@ -161,23 +161,6 @@ Bytes Blob(FuzzInput &input)
     return {part.data(), part.data() + part.size()};
 }
 
-const char *TraceFolder()
-{
-    static const std::string folder = [] {
-        char name[] = "/tmp/rtmpcast-host-state-XXXXXX";
-        if (mkdtemp(name) == nullptr) {
-            Break("no folder for traces");
-        }
-        static const std::string made = name;
-        atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(made, ignored);
-        });
-        return made;
-    }();
-    return folder.c_str();
-}
-
 // ------------------------------------------------------------------------------------------- frame thread
 
 FrameThread::FrameThread()
@@ -422,6 +405,18 @@ void World::leave(Player *player, bool rudely)
     Drop(players, player);
 }
 
+const std::string &World::traceFolder()
+{
+    if (traceFolder_.empty()) {
+        std::string name = std::filesystem::temp_directory_path() / "rtmpcast-host-state-XXXXXX";
+        if (mkdtemp(name.data()) == nullptr) {
+            Break("no folder for traces");
+        }
+        traceFolder_ = name;
+    }
+    return traceFolder_;
+}
+
 bool World::hasRoomForServer() const
 {
     constexpr size_t mostServers = 2, mostEver = 6;
@@ -484,10 +479,8 @@ World::~World()
     freeAmf();
     endThreads();
     closeWhatIsLeft();
-    if (hasTraced) {
-        for (const auto &each : std::filesystem::directory_iterator(TraceFolder())) {
-            std::filesystem::remove(each);
-        }
+    if (!traceFolder_.empty()) {
+        std::filesystem::remove_all(traceFolder_);
     }
     HostFakes::get().reset();
 }

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <initializer_list>
 #include <memory>
+#include <string>
 #include <thread>
 
 namespace host {
@@ -116,6 +117,9 @@ class World {
     void awaitRound(uint32_t roundsBefore) const;
     static uint32_t rounds();
 
+    // A folder for traces, made for this input, which goes with it.
+    const std::string &traceFolder();
+
     FrameThread &frames();
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<std::unique_ptr<Session>> sessions;
@@ -128,7 +132,6 @@ class World {
     std::vector<AmfObject> arrays; // of built values, which freeing those leaves alone
     size_t hugeFrames = 0;
     size_t exactConnections = 0;
-    bool hasTraced = false;
     std::atomic<bool> hasFailedMedia = false; // a registration has failed: a session may have none any more
 
   private:
@@ -140,6 +143,7 @@ class World {
     static constexpr int kDescriptors = 512;
     bool wasOpen_[kDescriptors]; // in front of the input, as is the next: the fuzzer has its own
     size_t threads_;
+    std::string traceFolder_; // empty: none has been made
 };
 
 // One procedure for each operation.
@@ -151,7 +155,6 @@ HOST_OPERATIONS(HOST_OPERATION)
 Bytes Said(HostSaid said, uint8_t argument);
 const char *NameOf(uint8_t which); // of sessions
 Bytes Blob(FuzzInput &input);      // a length of one byte, and so many
-const char *TraceFolder();
-void OpenFrameFiles(); // which stay open
+void OpenFrameFiles();             // which stay open
 
 } // namespace host

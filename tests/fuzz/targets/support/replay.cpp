@@ -1,11 +1,14 @@
 // Reads each file of the given folders once, as the fuzzer would: replay TARGET FOLDER... A folder that is
-// not there is empty; no file at all is a failure.
+// not there is empty; no file at all is a failure, and so is one that an input leaves in the working
+// directory or among the temporary files.
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 #define TARGET(name)                                                                                         \
@@ -54,7 +57,7 @@ void ReplayFile(const ReplayedTarget &target, const std::filesystem::path &path)
     target.oneInput(bytes.data(), bytes.size());
 }
 
-size_t ReplayFolder(const ReplayedTarget &target, const char *folder)
+size_t ReplayFolder(const ReplayedTarget &target, const std::filesystem::path &folder)
 {
     size_t count = 0;
     if (std::filesystem::is_directory(folder)) {
@@ -64,6 +67,31 @@ size_t ReplayFolder(const ReplayedTarget &target, const char *folder)
         }
     }
     return count;
+}
+
+// A folder of this process alone, empty, which is its working directory and that of temporary files.
+std::filesystem::path GoAside()
+{
+    std::string name = std::filesystem::temp_directory_path() / "rtmpcast-replay-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr || setenv("TMPDIR", name.c_str(), 1) != 0) {
+        perror("replay: no folder to work in");
+        exit(2);
+    }
+    std::filesystem::current_path(name);
+    return name;
+}
+
+// How many files have been left there; nothing is afterwards.
+size_t ComeBack(const std::filesystem::path &aside)
+{
+    size_t left = 0;
+    for (const std::filesystem::directory_entry &entry : std::filesystem::directory_iterator(aside)) {
+        fprintf(stderr, "left behind: %s\n", entry.path().c_str());
+        left++;
+    }
+    std::filesystem::current_path("/");
+    std::filesystem::remove_all(aside);
+    return left;
 }
 
 } // namespace
@@ -78,10 +106,15 @@ int main(int count, char **arguments)
     if (target->initialize != nullptr) {
         target->initialize(&count, &arguments);
     }
-    size_t files = 0;
+    std::vector<std::filesystem::path> folders;
     for (int i = 2; i < count; i++) {
-        files += ReplayFolder(*target, arguments[i]);
+        folders.push_back(std::filesystem::absolute(arguments[i]));
+    }
+    const std::filesystem::path aside = GoAside();
+    size_t files = 0;
+    for (const std::filesystem::path &folder : folders) {
+        files += ReplayFolder(*target, folder);
     }
     printf("%s: %zu inputs\n", target->name, files);
-    return files > 0 ? 0 : 1;
+    return ComeBack(aside) == 0 && files > 0 ? 0 : 1;
 }
