@@ -1,7 +1,5 @@
-// Chunks as no player cuts them, and names as no player has them, read by the serve loop.
+// Chunks as no player cuts them, read by the serve loop.
 #include "serve/served_peer.h"
-
-#include "net/limits.h"
 
 namespace {
 
@@ -91,33 +89,6 @@ void ExpectObeyed(const AnnouncedSize &row, const Served &way)
     served.expectAlone();
 }
 
-// Names that a stream may be asked for by.
-struct AskedName {
-    const char *name;
-    std::string text;
-};
-
-std::string Long(size_t length)
-{
-    return std::string(length, 'n');
-}
-
-const AskedName kAskedNames[] = {
-    {"Empty", ""},
-    {"OneByte", "x"},
-    {"Bytes255", Long(255)},
-    {"Bytes256", Long(256)},
-    {"Bytes65535", Long(65535)},
-    {"FormatDirectives", "%s%n%d%99999x%*.*s%%"},
-    {"Nul", std::string("no\0body", 7)},
-    {"Nuls", std::string(300, '\0')},
-    {"Newlines", "a\r\n\r\n3 ERROR: b\n"},
-    {"Control", "\x1b[2J\x07\x7f\xff\xfe"},
-    {"PathAndQuery", "../../live?a=%41&b=\"'<>\\"},
-};
-
-class NameThatNobodyHas : public testing::TestWithParam<AskedName> {};
-
 } // namespace
 
 TEST_P(AnnouncedChunkSize, HoldsBetweenMessagesAndBetweenTwoChunksOfOne)
@@ -170,35 +141,3 @@ TEST_P(HostileChunks, LengthsThatDifferWithinAMessageAreOfNoAccount)
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, HostileChunks, testing::ValuesIn(kEveryServed), NameOfServed);
-
-TEST_P(NameThatNobodyHas, IsAnsweredWholeAndLoggedAsText)
-{
-    for (const Served &way : kEveryServed) {
-        SCOPED_TRACE(way.name);
-        ServedRig served(way);
-        {
-            ServedPeer peer(served.rig, way, CLIENT_STATE_CREATESTREAM_DONE);
-            const Bytes play = wire::PlayCommand(GetParam().text);
-            peer.send(ChunkSizeIs(0x100000) + Chunks({.payload = play, .chunkStream = 8}, 0x100000));
-            EXPECT_EQ(peer.serve(), ROUND_ERROR);
-            const Bytes replies = peer.replies();
-            // Each answer names the stream twice: of the longest name they are more than may wait on the
-            // steady road.
-            const bool isTooLong = way.steady && 2 * GetParam().text.size() > kReplyBytes;
-            EXPECT_EQ(TimesIn(replies, "NetStream.Play.StreamNotFound"), isTooLong ? 0U : 1U);
-            EXPECT_EQ(TimesIn(replies, "NetStream.Play.Stop"), isTooLong ? 0U : 1U);
-            if (isTooLong) {
-                EXPECT_EQ(LoadShared(&peer.client->Line->End), STEADY_END_REPLIES);
-            }
-            if (GetParam().text.size() < 1000 && GetParam().text.find('\0') == std::string::npos) {
-                // In the description and the details of both, in one chunk each.
-                const std::string whole = " " + GetParam().text;
-                EXPECT_GE(TimesIn(replies, whole), 2U);
-            }
-        }
-        served.expectAlone();
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, NameThatNobodyHas, testing::ValuesIn(kAskedNames),
-                         [](const testing::TestParamInfo<AskedName> &row) { return row.param.name; });

@@ -29,16 +29,8 @@ class HostileMessages : public testing::TestWithParam<Served> {
         peer->advanceTo(state);
         return peer;
     }
-    bool isHeard(ServedPeer &peer, const char *line)
-    {
-        const size_t before = served.rig.log.count(line);
-        return peer.round() == ROUND_AGAIN && served.rig.log.count(line) == before + 1;
-    }
     ServedRig served{GetParam()};
 };
-
-constexpr char kAcknowledgement[] = "message: ACKNOWLEDGEMENT";
-const Bytes kSomeAcknowledgement = Chunks({.payload = Hex("00000001"), .type = 3, .chunkStream = 2});
 
 // A message whose bytes mean something to every type that is read: a chunk size, a stream begin, no command.
 const Bytes kPayload = Hex("00 00 01 00 00 00 00 00 00 00");
@@ -183,38 +175,6 @@ TEST_P(HostileMessages, PingsByTheThousandAreAllAnsweredAndLeaveNothingBehind)
 }
 
 // ---------------------------------------------------------------------------------------------- commands
-
-TEST_P(HostileMessages, EveryCommandInEveryStateIsAnsweredLoggedOrRefused)
-{
-    for (const uint32_t state : kStates) {
-        for (const NamedCommand &command : EveryCommand()) {
-            SCOPED_TRACE(std::string(command.name) + " in state " + std::to_string(state));
-            const std::unique_ptr<ServedPeer> peer = peerIn(state);
-            peer->command(command.payload);
-            (void)peer->round();
-            EXPECT_EQ(peer->hasEnded(), IsRefused(command, GetParam()));
-            if (!peer->hasEnded()) {
-                peer->send(kSomeAcknowledgement);
-                EXPECT_TRUE(isHeard(*peer, kAcknowledgement));
-            }
-            ASSERT_FALSE(HasFailure());
-        }
-    }
-    served.expectAlone();
-}
-
-TEST_P(HostileMessages, ADeleteStreamEndsWhoeverHasAStreamAndNobodyElse)
-{
-    for (const uint32_t state : kStates) {
-        SCOPED_TRACE(state);
-        const std::unique_ptr<ServedPeer> peer = peerIn(state);
-        peer->command(wire::DeleteStreamCommand());
-        EXPECT_EQ(peer->round(), ROUND_AGAIN);
-        EXPECT_EQ(peer->state(),
-                  state >= CLIENT_STATE_CREATESTREAM_DONE ? uint32_t{CLIENT_STATE_DELETESTREAM} : state);
-    }
-    served.expectAlone();
-}
 
 TEST_P(HostileMessages, EveryCommandAThousandTimesCostsWhatItCostsOnce)
 {

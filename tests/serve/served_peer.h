@@ -55,6 +55,10 @@ class ServedPeer {
             EXPECT_EQ(NewLine(rig.server->Service, client, 1), 0);
         }
         SetClientState(client, state);
+        chunks_.standard = served.standard();
+        if (state > CLIENT_STATE_HANDSHAKE_DONE) { // as after the replies to "connect"
+            chunks_.chunkSize = rig.server->ChunkSize;
+        }
     }
     ~ServedPeer()
     {
@@ -130,11 +134,26 @@ class ServedPeer {
                 EXPECT_EQ(state(), step.state);
             }
         }
-        (void)replies();
+        (void)messages();
     }
     Bytes replies()
     {
         return DrainBytes(ends_[1]);
+    }
+    // The same, read as a player reads them. Each message counts on those before it: use the one or the
+    // other.
+    std::vector<wire::Message> messages()
+    {
+        return messagesIn(replies());
+    }
+    std::vector<wire::Message> messagesIn(const Bytes &replies)
+    {
+        came_.hold(replies);
+        std::vector<wire::Message> read;
+        while (came_.holdsMore()) {
+            read.push_back(chunks_.next());
+        }
+        return read;
     }
     int descriptor() const
     {
@@ -178,6 +197,8 @@ class ServedPeer {
     }
 
     int ends_[2] = {-1, -1};
+    wire::ByteSocket came_{wire::Connected{-1}};
+    wire::ChunkParser chunks_{came_};
 };
 
 // How often `text` stands in `bytes`.

@@ -130,6 +130,13 @@ Bytes ByteSocket::receive(size_t count)
     return out;
 }
 
+void ByteSocket::hold(const Bytes &more)
+{
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<ptrdiff_t>(used_));
+    used_ = 0;
+    Append(buffer_, more);
+}
+
 bool ByteSocket::ends(int deadlineMs)
 {
     if (used_ < buffer_.size()) {

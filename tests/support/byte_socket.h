@@ -52,6 +52,12 @@ class ByteSocket {
     {
         return fd_ >= 0;
     }
+    // Bytes that came another way: receive hands them out behind what it has, also without a connection.
+    void hold(const Bytes &more);
+    bool holdsMore() const
+    {
+        return used_ < buffer_.size();
+    }
     // Every byte that was taken by receive since the last call.
     Bytes takeRecord();
     void keepRecord(bool keep)
