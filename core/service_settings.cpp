@@ -76,8 +76,8 @@ int32_t RtmpServiceSettings(RtmpServer *server, const RtmpServiceLimits *limits)
         return RTMP_ERR_MEMORY;
     }
     if (StartKeeper(service) != 0) {
-        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR, "ERROR: %s: Cannot create the keeper's thread\n",
-                     __func__);
+        RtmpLogPrint(LoggerOf(server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot create the keeper's thread, or open its descriptors\n", __func__);
         free(service);
         return RTMP_ERR_THREAD_CREATE;
     }

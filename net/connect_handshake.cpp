@@ -50,19 +50,35 @@ int SignC1(uint8_t *c1)
     return 0;
 }
 
-bool IsSignedAt(const uint8_t *s1, int32_t offset)
+enum class Signature { Right, Wrong, NotComputed };
+
+Signature SignatureAt(const uint8_t *s1, int32_t offset)
 {
-    return offset >= 0 &&
-           CompareDigest(static_cast<uint32_t>(offset), s1, BytesOf(GenuineFMSKey), kServerBannerLength) == 1;
+    if (offset < 0) {
+        return Signature::Wrong;
+    }
+    const uint8_t compared =
+        CompareDigest(static_cast<uint32_t>(offset), s1, BytesOf(GenuineFMSKey), kServerBannerLength);
+    if (compared > 1) {
+        return Signature::NotComputed;
+    }
+    return compared == 1 ? Signature::Right : Signature::Wrong;
 }
 
-// The digest of a signed S1, or null.
-const uint8_t *DigestOfS1(const uint8_t *s1)
+// FindDigestOfS1 gives null for an S1 that is not signed. -1: that could not be found out.
+int FindDigestOfS1(const uint8_t *s1, const uint8_t **digest)
 {
-    if (IsSignedAt(s1, GetDigestPosition1(s1))) {
-        return s1 + GetDigestPosition1(s1);
+    *digest = nullptr;
+    const int32_t offsets[] = {GetDigestPosition1(s1), GetDigestPosition2(s1)};
+    for (const int32_t offset : offsets) {
+        const Signature signature = SignatureAt(s1, offset);
+        if (signature == Signature::Wrong) {
+            continue;
+        }
+        *digest = s1 + offset;
+        return signature == Signature::Right ? 0 : -1;
     }
-    return IsSignedAt(s1, GetDigestPosition2(s1)) ? s1 + GetDigestPosition2(s1) : nullptr;
+    return 0;
 }
 
 // Random bytes, signed with a key that is itself the signature of S1's digest.
@@ -79,7 +95,10 @@ int SignC2(uint8_t *c2, const uint8_t *digestOfS1)
 
 int FillC2(ConnectPackets *packets, bool isSigned)
 {
-    const uint8_t *digest = isSigned ? DigestOfS1(packets->S1) : nullptr;
+    const uint8_t *digest = nullptr;
+    if (isSigned && FindDigestOfS1(packets->S1, &digest) != 0) {
+        return -1;
+    }
     if (digest != nullptr) {
         return SignC2(packets->C2, digest);
     }
@@ -135,7 +154,10 @@ int ConnectHandshake(RtmpClient *client, int sign)
     if (ReadAnswer(client, packets) != 0) {
         return -1;
     }
-    if (FillC2(packets, isSigned) != 0 || SendAllBytes(client, packets->C2, kPacketLength) != 0) {
+    if (FillC2(packets, isSigned) != 0) {
+        return Fail(client, "Cannot sign C2");
+    }
+    if (SendAllBytes(client, packets->C2, kPacketLength) != 0) {
         return Fail(client, "Cannot send C2 to the service");
     }
     if (ReadClientBytes(client, packets->S2, kPacketLength) != 0) {

@@ -143,6 +143,11 @@ Written WriteCommand(const RtmpPublisher *publisher, const OutgoingCommand *row,
 
 } // namespace
 
+const ReplyFailures kServiceFailures = {
+    LOG_TEXT("ERROR: %s: Cannot generate a message to the service\n"),
+    LOG_TEXT("ERROR: %s: Cannot send a message to the service\n"),
+};
+
 int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherCommand command, double *transaction)
 {
     const OutgoingCommand *row = RowOf(command);

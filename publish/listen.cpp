@@ -8,6 +8,7 @@
 #include "net/client_state.h"
 #include "net/log.h"
 #include "net/platform.h"
+#include "publish/command_writer.h"
 #include "serve/dispatch.h"
 #include "serve/serve.h"
 
@@ -74,7 +75,7 @@ double StreamIdIn(RtmpServer *server, const RtmpRecvPkt *pkt)
 void AnswerEarlyPing(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t kind)
 {
     if (kind == RTMP_MSG_PING_REQUEST && LoadShared(&client->Session) == nullptr) {
-        (void)SendReply(client, pkt, RTMP_MSG_PING_RESPONSE, RTMP_MSG_PING_RESPONSE, &kResponseFailures,
+        (void)SendReply(client, pkt, RTMP_MSG_PING_RESPONSE, RTMP_MSG_PING_RESPONSE, &kServiceFailures,
                         kListen); // logged; the connection goes on
     }
 }

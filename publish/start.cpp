@@ -49,7 +49,7 @@ int32_t SendUnanswered(RtmpPublisher *publisher, enum RtmpPublisherCommand comma
 
 int32_t SendGenerated(RtmpPublisher *publisher, uint32_t kind, const char *who)
 {
-    return SendReply(publisher->Client, nullptr, kind, kind, &kResponseFailures, who) == 0
+    return SendReply(publisher->Client, nullptr, kind, kind, &kServiceFailures, who) == 0
                ? 0
                : RTMP_ERR_CONNECTION;
 }

@@ -45,7 +45,7 @@ void LeavePlayingState(RtmpClient *client)
         return;
     }
     UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
-    (void)LockClientsOf(client, &held); // leaving the session below reports lock failures
+    (void)LockClientsOf(client, &held); // without it the state is changed all the same
     if (ClientStateOf(client) == CLIENT_STATE_PLAY_DONE) {
         SetClientState(client, CLIENT_STATE_CLOSED);
     }

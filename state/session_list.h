@@ -25,8 +25,9 @@ RTMP_STATUS int LockSessionListFor(RtmpClient *client);
 
 // JoinStream looks up the session that `name` names and adds the client to it unless the client has one,
 // in one step, so that the session cannot go in between. RTMP_PLAYERS_STREAM_NAME: also the one that is named
-// by what stands in front of a "?", and behind "mp4:" or "flv:". 0; -1 no such session, or it has no media;
-// -2 it was found and the client could not be added.
+// by what stands in front of a "?", and behind "mp4:" or "flv:". 0; JOIN_NOT_FOUND: no such session, it has
+// no media, or the server is being destroyed (steady road); JOIN_FAILED: it was found and the client could
+// not be added.
 enum { JOIN_NOT_FOUND = -1, JOIN_FAILED = -2 };
 RTMP_STATUS int JoinStream(RtmpClient *client, const char *name);
 

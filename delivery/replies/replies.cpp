@@ -30,7 +30,8 @@ int Send(RtmpClient *client, RtmpRecvPkt *request, uint32_t kind)
     return SendReply(client, request, kind, kind, &kResponseFailures, kProcess);
 }
 
-// MoveTo changes the state under the session's client list lock: the fan-out reads it there.
+// MoveTo changes the state under the session's client list lock: the fan-out reads it there. -1 (logged): the
+// lock could not be taken, and the state is as it was; or it could not be given back, and the state is new.
 int MoveTo(RtmpClient *client, uint32_t state)
 {
     UNLOCK_AT_EXIT RtmpMutex *held = nullptr;
@@ -177,16 +178,14 @@ int SendUnpauseSequence(RtmpClient *client, RtmpRecvPkt *request)
 }
 
 // A player that was not paused is taken out of the playing state for the length of the sequence, and put back
-// when the sequence fails.
+// when it cannot be taken out in due form, or the sequence fails.
 int Unpause(RtmpClient *client, RtmpRecvPkt *request)
 {
     const bool wasPlaying = ClientStateOf(client) == CLIENT_STATE_PLAY_DONE;
-    if (wasPlaying && MoveTo(client, CLIENT_STATE_REPLAY) != 0) {
-        return -1;
-    }
-    if (SendUnpauseSequence(client, request) != 0) {
+    if ((wasPlaying && MoveTo(client, CLIENT_STATE_REPLAY) != 0) ||
+        SendUnpauseSequence(client, request) != 0) {
         if (wasPlaying) {
-            (void)MoveTo(client, CLIENT_STATE_PLAY_DONE); // the sequence's failure is the one to report
+            (void)MoveTo(client, CLIENT_STATE_PLAY_DONE); // the failure in front is the one to report
         }
         return -1;
     }

@@ -23,6 +23,8 @@ int PutOnLine(SteadyLine *line, const RtmpPiece *pieces, uint32_t count, const u
     const uint64_t length = LengthOfPieces(pieces, count, continuationLength);
     SteadyReply *reply = length <= UINT32_MAX ? NewReply(static_cast<uint32_t>(length)) : nullptr;
     if (reply == nullptr) {
+        RtmpLogPrint(LoggerOf(line->Client->Server), RTMP_LOG_ERROR,
+                     "ERROR: %s: Cannot allocate memory to the message\n", __func__);
         return -1;
     }
     ByteWriter out = WriterOver(reply->Bytes, reply->Length);

@@ -79,12 +79,16 @@ RTMP_API int32_t RtmpAddMediaInfo(RtmpSession *session, const VideoMediaInfo *vi
  * @param mapBase    address at which offset 0 of `fd` is mapped
  * @param timestamp  milliseconds on the host's clock, the same clock for audio and video
  * @param mediaType  RTMP_FRAME_VIDEO or RTMP_FRAME_AUDIO; the low 32 bits count
- * @return 0 taken (or dropped by a threaded sender that is closed or whose first client does not play);
+ * @return 0 taken (or dropped by a threaded sender that is closed or whose first client does not play; also
+ *         sound that could not be parked, or not be sent with its picture, which is logged; and over TLS as
+ *         for SendMsgToClient);
  *         RTMP_ERR_INVALID_ARGUMENT; RTMP_ERR_NO_MEDIA_INFO (register the media first) and
  *         RTMP_ERR_NO_CLIENT (go on encoding; also while the session is destroyed): neither is logged;
  *         RTMP_ERR_LOCK (packet monitor: the session list lock could not be taken, and the frame is lost, or
- *         not be given back); -1 packet monitor: some player missed this frame and the others got it;
- *         threaded sender: no memory for the copy, or no thread; either: the session has no sender
+ *         not be given back); -1 packet monitor: some player missed this frame and the others got it, or, if
+ *         it is the client list's lock or memory that failed, nobody did; threaded sender: no memory for the
+ *         copy, or no thread; either: the session has no sender; steady road: no memory, a frame that is too
+ *         long, or no thread (the frame then leaves with the next one). All are logged
  *
  * Packet monitor (any sender mode but 1): a video frame is written to every player before the call
  * returns, which blocks for as long as one of them takes nothing; audio is parked until the next video frame,

@@ -53,7 +53,8 @@ RTMP_API RtmpClient *CreateNewRtmpClient(RtmpServer *server, uint32_t connType, 
  * down, and no thread is ended.
  *
  * @return 0 (also for null); -1: a packet list was empty or a lock failed (logged), and the record remains,
- *         half torn down and still in its session. A client that never received or never sent a message
+ *         half torn down and still in its session (a client list that could not be unlocked has let go of it
+ *         all the same). A client that never received or never sent a message
  *         always ends so. A caller that wants the memory back frees the record itself, unless the client has
  *         joined a session: there it stays a member, and RtmpSessionDestroy waits for it without end.
  *
@@ -67,7 +68,8 @@ RTMP_API int DestroyRtmpClient(RtmpClient *client);
  * AddClientInSession appends a client to the session's client list.
  *
  * @return 0; -1 a lock failed (logged): one that could not be taken leaves the client out, one that could not
- *         be released has let it join
+ *         be released has let it join. On the steady road also: no memory or descriptor for the client's
+ *         frames, or the server is being destroyed (logged); the client has not joined
  *
  * The thread that serves the client, while the session exists. Takes the server's session list lock, and
  * waits for it as long as a sender or RtmpSessionDestroy holds it. A client that is in the list already is
@@ -103,7 +105,8 @@ RTMP_API int AddRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt);
 /**
  * RemoveRecvPkt frees a stored packet with its payload and decoded values, or all of them for null.
  *
- * @return 0; -1 the list is empty or a lock failed (both logged), or the packet is not in it
+ * @return 0; -1 the list is empty or a lock failed (both logged), or the packet is not in it. Where the lock
+ *         could not be released the packet is freed all the same: do not use it after a lock's failure
  *
  * The thread that serves the client. Takes the receive list lock, a leaf; does not block.
  */
@@ -136,7 +139,8 @@ RTMP_API int IsRecvStrmPktExists(RtmpClient *client, RtmpRecvPkt *pkt);
  * @param kind  receives its RtmpMsgKind; RTMP_MSG_UNSUPPORTED for what the library refuses; left alone
  *              for user control events that are ignored, so set it to 0 before the call
  * @return 0; -1 a malformed message, a lock or memory (logged); RTMP_ERR_STREAM_NOT_FOUND: "play" named no
- *         live session (logged)
+ *         live session, or a lock failed on the way to it (logged); one that could not be released may have
+ *         let the client join: close it then, as for a name that is not there
  *
  * The thread that serves the client, no locks held. Takes the session's client list lock for set chunk size,
  * window acknowledgement size and "pause", and holds it while a "ping" or ping request is answered, which
@@ -151,8 +155,9 @@ RTMP_API int ParseRequestMsg(RtmpClient *client, RtmpRecvPkt *pkt, uint32_t *kin
  * @param request  the message, as read
  * @param kind     what ParseRequestMsg reported
  * @return 0; -1 refused in this state, of no interest, or not answered in full; the state is then
- *         unchanged, except that a repeated play has left the playing state and a pause has paused. What
- *         failed is logged; kinds of no interest are not
+ *         unchanged, except that a repeated play has left the playing state, a pause has paused, and a client
+ *         list that could not be unlocked behind the change leaves the new state standing. What failed is
+ *         logged; kinds of no interest are not. Over TLS as for SendMsgToClient
  *
  * The thread that serves the client, no locks held. Takes the session's client list lock to change the state,
  * and the client's write lock for each message: blocks as long as the peer takes nothing.
@@ -209,7 +214,8 @@ RTMP_API RtmpSendPkt *GenerateRtmpMediaMsg(RtmpClient *client, int msgKind, uint
  * @param kind     RtmpMsgKind; 42 always gets a full header
  * @return 0 written whole; -1 the write failed, or memory or a lock (logged); also for null, and for a length
  *         without a payload (logged): nothing has left. A message of which a part has left is the
- *         connection's last: its socket is shut down
+ *         connection's last: its socket is shut down. Over TLS (the default road) a write that fails in the
+ *         midst of a message is logged and answers 0; the socket is shut down all the same
  *
  * Any thread, while the client exists; one message at a time reaches the socket. Takes the client's write
  * lock and holds it while it writes, which blocks as long as the peer takes nothing, without limit; and the
@@ -231,7 +237,8 @@ RTMP_API int AddSendPkt(RtmpClient *client, RtmpSendPkt *pkt);
 /**
  * RemoveSendPkt frees a stored message, or all of them for null.
  *
- * @return 0; -1 the list is empty or a lock failed (both logged), or the message is not in it
+ * @return 0; -1 the list is empty or a lock failed (both logged), or the message is not in it. Where the lock
+ *         could not be released the message is freed all the same
  *
  * Threads, lock and state as for AddSendPkt; does not block.
  */

@@ -68,8 +68,9 @@ RTMP_API RtmpPublisher *RtmpPublisherCreate(RtmpServer *server, int socket, void
  * @return 0: frames flow, from the next key frame on; RTMP_ERR_NO_ANSWER, RTMP_ERR_REFUSED;
  *         RTMP_ERR_CONNECTION, also after RtmpPublisherStop, and where memory runs out for a message on its
  *         way; RTMP_ERR_NO_MEDIA_INFO: the session has none yet; RTMP_ERR_INVALID_ARGUMENT: no session of the
- *         publisher's server, or it has been destroyed meanwhile; -1 other memory, or a registration of media
- *         that failed meanwhile. What has to do with memory is logged
+ *         publisher's server, or it has been destroyed meanwhile; -1 memory of a command, a lock of the
+ *         session, or a registration of media that failed meanwhile. Memory of the handshake and its
+ *         signatures is RTMP_ERR_CONNECTION too: try again. What has to do with memory or locks is logged
  *
  * The publisher's thread. Blocks as long as the service takes to answer, AnswerMilliseconds for each, however
  * slowly its bytes come. Errors to releaseStream and FCPublish are passed over. The session may be destroyed
@@ -83,7 +84,8 @@ RTMP_API int32_t RtmpPublisherStart(RtmpPublisher *publisher, RtmpSession *sessi
  *
  * @return 0: RtmpPublisherStop was called, or the session is being destroyed; RTMP_ERR_REFUSED: the service
  *         has ended the stream with a status of level "error"; RTMP_ERR_CONNECTION, on the steady road also
- *         where it has taken nothing for StallMilliseconds (RtmpServiceLimits)
+ *         where it has taken nothing for StallMilliseconds (RtmpServiceLimits), and where memory or a lock
+ *         fails for a message of the service or an answer to it (logged)
  *
  * The publisher's thread. Blocks until then. RtmpSessionDestroy and RtmpServerDestroy, called on another
  * thread, end it, and wait until this one has called RtmpPublisherDestroy. It comes back
@@ -140,8 +142,9 @@ RTMP_API int32_t RtmpPublisherHandshake(RtmpPublisher *publisher);
  *
  * @param transaction  may be null; receives its id, for RtmpPublisherAwait; "publish" has 0 and is answered
  *                     by a status
- * @return 0; RTMP_ERR_CONNECTION not sent, -1 memory (both are logged); RTMP_ERR_INVALID_ARGUMENT: no such
- *         command
+ * @return 0; RTMP_ERR_CONNECTION not sent, also where memory or a lock fails on its way; -1 no memory to
+ *         begin with (both are logged); RTMP_ERR_INVALID_ARGUMENT: no such command. Over TLS as for
+ *         SendMsgToClient
  *
  * The publisher's thread. Takes the client's write lock.
  */
@@ -154,9 +157,10 @@ RTMP_API int32_t RtmpPublisherSend(RtmpPublisher *publisher, enum RtmpPublisherC
  * them in the order of the commands. The answer to createStream sets the client's StreamId.
  *
  * @return 0; RTMP_ERR_REFUSED (`_error`, or a status of level "error"), RTMP_ERR_NO_ANSWER,
- *         RTMP_ERR_CONNECTION
+ *         RTMP_ERR_CONNECTION, also where memory or a lock fails for what is read (logged)
  *
- * The publisher's thread. Blocks, AnswerMilliseconds at most; takes no lock meanwhile.
+ * The publisher's thread. Blocks, AnswerMilliseconds at most; takes leaf locks of the client, and, once it
+ * has joined, for a ping or a new chunk size the session's client list lock.
  */
 RTMP_API int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction);
 
@@ -166,7 +170,8 @@ RTMP_API int32_t RtmpPublisherAwait(RtmpPublisher *publisher, double transaction
  *
  * @param values  the whole body, "@setDataFrame" included where the service wants it; copied
  * @param length  1 to 16,777,215
- * @return 0; RTMP_ERR_CONNECTION not sent, -1 memory, RTMP_ERR_INVALID_ARGUMENT (all are logged)
+ * @return as for RtmpPublisherSend; RTMP_ERR_INVALID_ARGUMENT: no publisher or values, or such a length (all
+ *         are logged)
  *
  * Any thread, once RtmpPublisherStart has succeeded. Takes the client's write lock.
  */

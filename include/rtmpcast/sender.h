@@ -27,7 +27,8 @@ extern "C" {
  * @param videoQueueSize  threaded sender: video frames the ring holds, less one; for both, 16 million and
  *                        more are refused
  * @return always 0, also for a null session. A sender that could not be made is logged, and RtmpSendData
- *         then returns -1.
+ *         then returns -1; on the steady road frames flow all the same, without controller, monitor and
+ * trace.
  *
  * On the steady road (RtmpServiceSettings) a session sends as well without a call. In mode 1 a thread of the
  * session writes; `videoQueueSize` is what the controller holds the slowest player's lag against, and the

@@ -45,7 +45,8 @@ RTMP_API RtmpServer *RtmpServerCreate(RtmpLogger *logger, const char *interfaceN
  *
  * @return 0; RTMP_ERR_INVALID_ARGUMENT (null); RTMP_ERR_THREAD_JOIN (an accept thread could not be
  *         joined: no session was destroyed, and the call may be repeated); RTMP_ERR_LOCK_DESTROY (the
- *         sessions are gone, the record is not freed)
+ *         sessions are gone, the record is not freed). A session whose own lock could not be released or
+ *         destroyed in the end is logged, and its memory stays allocated
  *
  * Any thread but the library's own; not from within a host function that the library calls, and with no
  * other call on this server or its sessions under way but RtmpSendData. Takes the locks of

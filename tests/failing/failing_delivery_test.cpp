@@ -272,7 +272,9 @@ TEST(ProcessSendFailing, LocksOfStateChangesHaveTheirLinesAndTheStatesThatWereRe
         {"play, started", RTMP_MSG_PLAY, 6, 0, Call::MutexUnlock, 1, 9, unlock},
         {"unpause, not started", RTMP_MSG_PAUSE, 10, 1, Call::MutexLock, 1, 10, lock},
         {"unpause, started", RTMP_MSG_PAUSE, 10, 1, Call::MutexUnlock, 1, 9, unlock},
-        {"unpause of who plays", RTMP_MSG_PAUSE, 9, 1, Call::MutexLock, 1, 9, lock},
+        {"unpause of who plays, not begun", RTMP_MSG_PAUSE, 9, 1, Call::MutexLock, 1, 9, lock},
+        {"unpause of who plays, begun", RTMP_MSG_PAUSE, 9, 1, Call::MutexUnlock, 1, 9, unlock},
+        {"unpause of who plays, done", RTMP_MSG_PAUSE, 9, 1, Call::MutexUnlock, 2, 9, unlock},
         {"delete, not done", RTMP_MSG_DELETE_STREAM, 9, 0, Call::MutexLock, 1, 9, lock},
         {"delete, done", RTMP_MSG_DELETE_STREAM, 9, 0, Call::MutexUnlock, 1, 12, unlock},
     };

@@ -16,7 +16,8 @@ struct Row {
 
 constexpr Row kRows[] = {
     {"no memory", Call::Calloc, 1, RTMP_ERR_MEMORY, "Cannot allocate memory to the service"},
-    {"no keeper", Call::ThreadCreate, 1, RTMP_ERR_THREAD_CREATE, "Cannot create the keeper's thread"},
+    {"no keeper", Call::ThreadCreate, 1, RTMP_ERR_THREAD_CREATE,
+     "Cannot create the keeper's thread, or open its descriptors"},
     {"no socket", Call::Socket, 1, RTMP_ERR_SOCKET, "Cannot create the socket of TLS"},
     {"no port", Call::Bind, 1, RTMP_ERR_BIND, "Cannot bind the socket of TLS to port 4433"},
     {"no queue", Call::Listen, 1, RTMP_ERR_LISTEN, "Cannot listen on port 4433"},

@@ -38,6 +38,16 @@ Bytes Handshake()
     return Hex("03") + Counting(kPacket) + Counting(kPacket);
 }
 
+// S1 signed as a server signs it.
+Bytes SignedHandshake()
+{
+    Bytes s1 = Counting(kPacket);
+    const size_t at = wire::DigestOffset(s1, 1);
+    const Bytes digest = wire::PacketDigest(s1, at, wire::ServerKey().substr(0, 36));
+    std::copy(digest.begin(), digest.end(), s1.begin() + static_cast<std::ptrdiff_t>(at));
+    return Hex("03") + s1 + Counting(kPacket);
+}
+
 Bytes WholeStart()
 {
     return Handshake() + Result(1) + Result(4) + Status("status");
@@ -177,6 +187,8 @@ void AddSteps(std::vector<Scenario> *to)
     const Step shake = [](const Publishing &each) { return RtmpPublisherHandshake(each.publisher); };
     add("RtmpPublisherHandshake", "plain", ofStart, {.says = Handshake()}, shake);
     add("RtmpPublisherHandshake", "signed", ofStart, {.isSigned = true, .says = Handshake()}, shake);
+    add("RtmpPublisherHandshake", "signed on both sides", ofStart,
+        {.isSigned = true, .says = SignedHandshake()}, shake);
     const Step serve = [](const Publishing &each) { return RtmpPublisherServe(each.publisher); };
     const Bytes last =
         wire::Chunks({.payload = Hex("0006 00000001"), .type = 4, .chunkStream = 2}) + Status("error");

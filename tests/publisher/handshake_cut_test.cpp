@@ -84,7 +84,7 @@ TEST(PublisherIsPinged, AnAnswerThatCannotBeSentIsLogged)
     rig.serviceUpTo(Step::Handshake);
     shutdown(rig.socket, SHUT_WR);
     rig.service->pingRequest(7);
-    EXPECT_TRUE(rig.log.waitFor("3 ERROR: RtmpPublisherServe: Cannot send response message to client"));
+    EXPECT_TRUE(rig.log.waitFor("3 ERROR: RtmpPublisherServe: Cannot send a message to the service"));
     rig.service->socket.leave();
     EXPECT_EQ(rig.result(), RTMP_ERR_CONNECTION);
 }
