@@ -3,7 +3,6 @@
 #include "amf/value_writer.h"
 #include "media/parameter_sets.h"
 #include "media/sequence_parameters.h"
-#include "net/atomic.h"
 #include "net/limits.h"
 #include "net/log.h"
 #include "net/player_rules.h"
@@ -18,9 +17,8 @@ constexpr uint32_t kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 7, 8, 24, 8, 
 static_assert(sizeof kChannels / sizeof kChannels[0] == 16, "the configuration has four bits");
 
 // ReadRegisteredSps reads the SPS that is registered; false when it is broken.
-bool ReadRegisteredSps(RtmpSession *session, SequenceParameters *out)
+bool ReadRegisteredSps(RtmpSession *session, const CodecInfo *codecInfo, SequenceParameters *out)
 {
-    const CodecInfo *codecInfo = session->CodecInfo;
     uint32_t length = 0;
     const uint8_t *sps = ExtractSpsHeader(session, codecInfo->VdConfigData,
                                           static_cast<int32_t>(codecInfo->VdConfigDataLen), &length);
@@ -28,12 +26,13 @@ bool ReadRegisteredSps(RtmpSession *session, SequenceParameters *out)
 }
 
 // The size of a broken SPS is the exact reader's.
-void PutVideoMembers(MemberWriter *array, RtmpSession *session, const VdCodecInfo *video)
+void PutVideoMembers(MemberWriter *array, RtmpSession *session, const CodecInfo *codecInfo)
 {
+    const VdCodecInfo *video = codecInfo->VdCodecInfo;
     SequenceParameters sps = {};
     sps.Width = video->width;
     sps.Height = video->height;
-    (void)ReadRegisteredSps(session, &sps); // a broken one leaves what is there
+    (void)ReadRegisteredSps(session, codecInfo, &sps); // a broken one leaves what is there
     PutNumberMember(array, "width", sps.Width);
     PutNumberMember(array, "height", sps.Height);
     PutNumberMember(array, "videocodecid", kVideoCodecAvc);
@@ -72,13 +71,12 @@ void PutRecordExtension(ByteWriter *out, const SequenceParameters *sps)
 
 // "onMetaData", [members]. An ECMA array, as FLV has it (E.5) and as receivers expect it. No frame rate: the
 // host does not tell it, and what the timing of an SPS says of it is a wish.
-void WriteWholeMetadata(RtmpSession *session, ByteWriter *out)
+void WriteWholeMetadata(RtmpSession *session, const CodecInfo *codecInfo, ByteWriter *out)
 {
-    const CodecInfo *codecInfo = LoadShared(&session->CodecInfo);
     PutTextValue(out, "onMetaData");
     MemberWriter array = BeginEcmaArray(out);
     if (codecInfo->VdCodecInfo != nullptr) {
-        PutVideoMembers(&array, session, codecInfo->VdCodecInfo);
+        PutVideoMembers(&array, session, codecInfo);
     }
     if (codecInfo->AdCodecInfo != nullptr) {
         PutAudioMembers(&array, codecInfo->AdCodecInfo);
@@ -93,7 +91,7 @@ int GeneratePlayerMetadata(RtmpSession *session)
     }
     uint8_t room[kMetadataRoom];
     ByteWriter out = WriterOver(room, sizeof room);
-    WriteWholeMetadata(session, &out);
+    WriteWholeMetadata(session, session->CodecInfo, &out);
     const uint64_t length = sizeof room - RoomIn(&out);
     uint8_t *body = out.Overrun ? nullptr : NewArray<uint8_t>(length);
     if (body == nullptr) {
@@ -119,7 +117,7 @@ int CreatePlayerAvccBox(RtmpSession *session)
         return 0;
     }
     SequenceParameters sps = {};
-    const bool isExtended = HasChromaFormat(video->profileIdc) && ReadRegisteredSps(session, &sps);
+    const bool isExtended = HasChromaFormat(video->profileIdc) && ReadRegisteredSps(session, codecInfo, &sps);
     const uint32_t exactLen = static_cast<uint32_t>(video->AvccBoxLen);
     const uint32_t length = exactLen + (isExtended ? kRecordExtensionLen : 0);
     uint8_t *box = NewArray<uint8_t>(length);

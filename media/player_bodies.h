@@ -13,6 +13,7 @@ extern "C" {
 RTMP_STATUS int GeneratePlayerMetadata(RtmpSession *session);
 RTMP_STATUS int CreatePlayerAvccBox(RtmpSession *session);
 
-// WriteWholeMetadata writes "onMetaData" and its members for a session whose media are registered.
-void WriteWholeMetadata(RtmpSession *session, ByteWriter *out);
+// WriteWholeMetadata writes "onMetaData" and the members of one registration of the session's, which the host
+// may replace meanwhile.
+void WriteWholeMetadata(RtmpSession *session, const CodecInfo *codecInfo, ByteWriter *out);
 }

@@ -192,13 +192,14 @@ int32_t RtmpPublisherSendData(RtmpPublisher *publisher, const uint8_t *values, u
 int32_t RtmpPublisherSendMetaData(RtmpPublisher *publisher)
 {
     RtmpSession *session = LoadShared(&publisher->Client->Session);
-    if (session == nullptr || LoadShared(&session->CodecInfo) == nullptr) {
+    const CodecInfo *codecInfo = session == nullptr ? nullptr : LoadShared(&session->CodecInfo);
+    if (codecInfo == nullptr) {
         return LogUnlessSent(publisher, RTMP_FAILED, __func__, "metadata");
     }
     uint8_t room[kMetadataRoom];
     ByteWriter out = WriterOver(room, sizeof room);
     PutTextValue(&out, "@setDataFrame");
-    WriteWholeMetadata(session, &out);
+    WriteWholeMetadata(session, codecInfo, &out);
     if (out.Overrun) {
         return LogUnlessSent(publisher, RTMP_FAILED, __func__, "metadata");
     }

@@ -459,6 +459,44 @@ TEST(PublisherArguments, WithoutASessionThereIsNoMetadataToSend)
     EXPECT_TRUE(rig.log.contains("3 ERROR: RtmpPublisherSendMetaData: Cannot send metadata to the service"));
 }
 
+// A registration that fails leaves the session without media at once, also under whoever is about to write
+// them down.
+TEST(PublisherArguments, MetadataIsOfOneRegistrationWhateverTheHostRegistersMeanwhile)
+{
+    Rig rig;
+    rig.start();
+    rig.serviceUpTo(Step::Frames);
+    rig.awaitFrames();
+    const Bytes sets = ParameterSets();
+    const VideoMediaInfo video = {7, 2500000, {1, 2, 3}, static_cast<int32_t>(sets.size()), sets.data()};
+    const Bytes &both = rig.headers[0].payload;
+    ASSERT_EQ(RtmpAddMediaInfo(rig.session, &video, nullptr), 0);
+    ASSERT_EQ(RtmpPublisherSendMetaData(rig.publisher), 0);
+    const Bytes pictures = rig.service->read().payload;
+    std::atomic<bool> done = false;
+    std::thread host([&] {
+        const VideoMediaInfo broken = {7, 2500000, {1, 2, 3}, 3, sets.data()};
+        const Bytes config = Hex("1210");
+        const AudioMediaInfo audio = {10, 4, static_cast<int32_t>(config.size()), config.data()};
+        while (!done) {
+            EXPECT_EQ(RtmpAddMediaInfo(rig.session, &broken, nullptr), RTMP_ERR_VIDEO_INFO);
+            EXPECT_EQ(RtmpAddMediaInfo(rig.session, &video, &audio), 0);
+            EXPECT_EQ(RtmpAddMediaInfo(rig.session, &video, nullptr), 0);
+        }
+    });
+    constexpr int often = 3000;
+    for (int i = 0; i < often; i++) {
+        const int32_t status = RtmpPublisherSendMetaData(rig.publisher);
+        EXPECT_TRUE(status == 0 || status == RTMP_FAILED) << status;
+        if (status == 0) {
+            const Bytes payload = rig.service->read().payload;
+            EXPECT_TRUE(payload == both || payload == pictures);
+        }
+    }
+    done = true;
+    host.join();
+}
+
 TEST(PublisherArguments, ASessionWithoutMediaIsNotPublished)
 {
     Rig rig({.media = false});

@@ -2,6 +2,7 @@
 
 #include "support/wait.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <pthread.h>
@@ -9,8 +10,10 @@
 
 namespace {
 
+// The flags are atomic because the thread sanitizer sees no lock of a thread that was cancelled in a call
+// that waits: how it was ended is written down then, under the lock all the same.
 struct KnownThread {
-    bool isUsed, hasEnded, isReaped; // reaped: joined, being joined, or detached
+    std::atomic<bool> isUsed, hasEnded, isReaped; // reaped: joined, being joined, or detached
     pthread_t id;
     void *(*start)(void *);
     void *argument;
@@ -25,7 +28,10 @@ KnownThread *NewThread(void *(*start)(void *), void *argument)
     const std::lock_guard<std::mutex> held(g_lock);
     for (KnownThread &each : g_threads) {
         if (!each.isUsed) {
-            each = {true, false, false, 0, start, argument};
+            each.hasEnded = each.isReaped = false;
+            each.isUsed = true;
+            each.start = start;
+            each.argument = argument;
             return &each;
         }
     }
