@@ -2,6 +2,7 @@
 
 #include "rtmpcast/host.h"
 
+#include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,7 @@ namespace soak {
 namespace {
 
 std::atomic<uint64_t> g_accepted, g_left;
+std::atomic<int32_t> g_answer; // to newcomers
 
 // Below the range that the kernel hands out to connecting sockets.
 uint16_t SomePort()
@@ -51,14 +53,29 @@ template <typename Visit> void ForEachDescriptor(Visit visit)
     closedir(directory);
 }
 
-bool HasLostItsPeer(int fd)
+constexpr int kNoTcp = -1;
+
+// TCP_ESTABLISHED and so on.
+int StateOf(int fd)
 {
     tcp_info info = {};
     socklen_t length = sizeof info;
-    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) {
-        return false; // no TCP socket
-    }
-    return info.tcpi_state != TCP_LISTEN && info.tcpi_state != TCP_ESTABLISHED;
+    return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 ? info.tcpi_state : kNoTcp;
+}
+
+bool HasLostItsPeer(int fd)
+{
+    const int state = StateOf(fd);
+    return state != kNoTcp && state != TCP_LISTEN && state != TCP_ESTABLISHED;
+}
+
+// An accepted connection keeps the port of its listener, also when its peer has gone.
+bool IsOf(int fd, uint16_t port)
+{
+    sockaddr_in own = {};
+    socklen_t length = sizeof own;
+    return getsockname(fd, reinterpret_cast<sockaddr *>(&own), &length) == 0 && own.sin_family == AF_INET &&
+           ntohs(own.sin_port) == port;
 }
 
 } // namespace
@@ -122,11 +139,11 @@ void BusyServer::Log(void *context, uint8_t, const char *format, va_list)
     }
 }
 
-int SweepLeftDescriptors()
+int SweepLeftDescriptors(uint16_t port)
 {
     int closed = 0;
     ForEachDescriptor([&](int fd) {
-        if (HasLostItsPeer(fd)) {
+        if (HasLostItsPeer(fd) && IsOf(fd, port)) {
             // Its thread has ended, or nobody would be called gone; that orders the two, but not for the
             // thread sanitizer, which knows nothing of a detached thread's end: the call passes it by.
             syscall(SYS_close, fd);
@@ -134,6 +151,17 @@ int SweepLeftDescriptors()
         }
     });
     return closed;
+}
+
+int SomeConnectionOf(uint16_t port)
+{
+    int found = -1;
+    ForEachDescriptor([&](int fd) {
+        if (StateOf(fd) == TCP_ESTABLISHED && IsOf(fd, port)) {
+            found = fd > found ? fd : found;
+        }
+    });
+    return found;
 }
 
 int OpenDescriptors()
@@ -146,6 +174,11 @@ int OpenDescriptors()
 uint64_t ViewersAccepted()
 {
     return g_accepted;
+}
+
+void RefuseViewers()
+{
+    g_answer = -1;
 }
 
 uint64_t ViewersLeft()
@@ -163,7 +196,7 @@ void KelvoraSyslog(const char *, const char *, ...) {}
 int32_t rtmpViewerAccepted(const RtmpViewer *)
 {
     ++soak::g_accepted;
-    return 0;
+    return soak::g_answer;
 }
 
 void rtmpViewerLeft(const RtmpViewer *)

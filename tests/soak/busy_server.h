@@ -29,15 +29,20 @@ struct BusyServer {
     RtmpLogger logger_;
 };
 
-// Closes what the exact road has left open: descriptors of connections whose peers have gone. To be called
-// while nobody but the steady players is connected: the library has ended its own use of them then. Returns
-// how many.
-int SweepLeftDescriptors();
+// Closes what the exact road has left open: descriptors of connections to this port whose peers have gone. To
+// be called while nobody but the steady players is connected: the library has ended its own use of them then.
+// Returns how many.
+int SweepLeftDescriptors(uint16_t port);
+
+// The descriptor of a connection to this port whose peer is there, the newest as a rule; -1: there is none.
+int SomeConnectionOf(uint16_t port);
 
 int OpenDescriptors();
 
 // Viewers of the steady road whom the library has told of, and those of them that have left.
 uint64_t ViewersAccepted();
 uint64_t ViewersLeft();
+
+void RefuseViewers(); // of the steady road, from now on: a fault
 
 } // namespace soak

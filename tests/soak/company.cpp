@@ -52,6 +52,31 @@ void Company::run(uint32_t seed)
     }
 }
 
+void Company::note(const Visit &visit, bool isEndedByHost)
+{
+    const std::lock_guard<std::mutex> held(mutex_);
+    ++audience_.visits;
+    audience_.endedByHost += isEndedByHost;
+    if (visit.isToSeePicture) {
+        (visit.isSteady ? audience_.steady : audience_.exact).add(visit.sawPicture);
+    }
+}
+
+Audience Company::audience() const
+{
+    const std::lock_guard<std::mutex> held(mutex_);
+    return audience_;
+}
+
+uint64_t Company::visitsToExactRoad() const
+{
+    uint64_t came = 0;
+    for (const std::atomic<uint64_t> &each : visits) {
+        came += each;
+    }
+    return came - toSteadyRoad;
+}
+
 void Company::visitOnce(std::mt19937 &random)
 {
     Visit visit(ports_, tide_, random);
@@ -59,13 +84,14 @@ void Company::visitOnce(std::mt19937 &random)
     toSteadyRoad += visit.isSteady;
     overTls += visit.overTls;
     ++present_;
+    bool isEndedByHost = false;
     try {
         visit.make();
-    } catch (
-        const std::exception &) { // refused, dropped, or late: what is asked of the host is asked elsewhere
-        ++endedByHost;
+    } catch (const std::exception &) { // refused, dropped, or late
+        isEndedByHost = true;
     }
     --present_;
+    note(visit, isEndedByHost);
     if (visit.parked != nullptr) {
         const std::lock_guard<std::mutex> held(mutex_);
         parked_.push_back(std::move(visit.parked));

@@ -1,6 +1,7 @@
 // Fifty who come and go while the tide is in.
 #pragma once
 
+#include "soak/audience.h"
 #include "soak/visits.h"
 
 #include <atomic>
@@ -22,18 +23,23 @@ class Company {
         return present_;
     }
 
+    Audience audience() const; // so far
+    uint64_t visitsToExactRoad() const;
+
     std::atomic<uint64_t> visits[kManners] = {};
-    std::atomic<uint64_t> toSteadyRoad = 0, overTls = 0, endedByHost = 0;
+    std::atomic<uint64_t> toSteadyRoad = 0, overTls = 0;
 
   private:
     void run(uint32_t seed);
     void visitOnce(std::mt19937 &random);
+    void note(const Visit &visit, bool isEndedByHost);
 
     const Ports ports_;
     Tide tide_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable idle_;
     int busy_ = 0;
+    Audience audience_;
     std::atomic<int> present_ = 0;
     std::vector<std::unique_ptr<Visitor>> parked_;
     std::vector<std::thread> threads_;

@@ -104,7 +104,7 @@ void FrameFeeder::sendTurn()
         offer({Kind::Sound, sound_, MicrosNow()}, sound_ * kSoundMs);
     }
     if (static_cast<int64_t>(picture_) != feed_.lostPicture || lasting_ != 4) {
-        offer({Kind::Picture, picture_, MicrosNow()}, now);
+        offer({Kind::Picture, picture_, MicrosNow() - feed_.heldMs * 1000}, now);
     }
     ++picture_;
 }

@@ -18,6 +18,7 @@ struct Feed {
     std::atomic<uint64_t> dropped = 0;  // frames that slow players of sessions that are gone did not get
     std::atomic<bool> waitsForRecorders = true;
     std::atomic<int64_t> lostPicture = -1; // a fault: this number is left out
+    std::atomic<int64_t> heldMs = 0;       // a fault: so long ago the pictures were made
 };
 
 class FrameFeeder {

@@ -5,7 +5,7 @@
 //   still, flow         let the fleeting sessions be, or not               ok
 //   figures             what it knows of itself: see answerFigures
 //   sweep               close what the exact road has left open            number of descriptors
-//   fault NAME          go wrong on purpose, to see that it is noticed: memory, descriptor, thread, hole
+//   fault NAME          go wrong on purpose, as scripts/soak.sh --fault    ok
 //   end                 destroy everything, whoever is there               ok
 //   ports               of the servers; that of TLS; the second port         five numbers
 //   left                descriptors and threads beside its first ones      two numbers
@@ -79,6 +79,8 @@ class Host {
     void publish(const std::string &ports);
     void goWrong(const std::string &how);
     void stillFaults();
+    void leakSteadyConnection();
+    int sweep() const;
     void end();
 
     const int ownDescriptors_ = OpenDescriptors() - 1; // that of the shared memory is closed
@@ -89,8 +91,9 @@ class Host {
     std::unique_ptr<FrameFeeder> feeders_[kLastingCount];
     std::unique_ptr<FleetingSession> fleeting_[2];
     std::unique_ptr<Publication> publications_[2];
+    uint16_t portOf_[kServers] = {};
     std::string fault_;
-    std::thread thread_;
+    bool hasLeaked_ = false; // in this tide
 };
 
 Host::Host(uint32_t seed)
@@ -102,6 +105,7 @@ Host::Host(uint32_t seed)
     feed_.progress = progress_;
     for (int each = 0; each < kServers; ++each) {
         servers_[each] = std::make_unique<BusyServer>(static_cast<ServerIndex>(each));
+        portOf_[each] = servers_[each]->port;
     }
     for (int each = 0; each < kLastingCount; ++each) {
         BusyServer &server = *servers_[kLasting[each].server];
@@ -155,6 +159,8 @@ void Host::goWrong(const std::string &how)
     fault_ = how;
     if (how == "hole") {
         feed_.lostPicture = static_cast<int64_t>(progress_->pictures[kSteadyPlayer] + 100);
+    } else if (how == "refusal") {
+        RefuseViewers();
     }
 }
 
@@ -163,12 +169,28 @@ void Host::stillFaults()
 {
     static std::vector<std::vector<char>> kept;
     if (fault_ == "memory") {
-        kept.emplace_back(100000);
+        kept.emplace_back(200000);
     } else if (fault_ == "descriptor") {
         fcntl(kControlDescriptor, F_DUPFD_CLOEXEC, 0);
     } else if (fault_ == "thread") {
         std::thread([] { pause(); }).detach();
+    } else if (fault_ == "lag") {
+        feed_.heldMs += 1000;
     }
+}
+
+// Once in a tide: what a road that forgot to close would leave.
+void Host::leakSteadyConnection()
+{
+    if (fault_ == "steady_descriptor" && !hasLeaked_) {
+        hasLeaked_ = fcntl(SomeConnectionOf(portOf_[kSteady]), F_DUPFD_CLOEXEC, 0) >= 0;
+    }
+}
+
+// The steady road leaves nothing open, and neither do publishers.
+int Host::sweep() const
+{
+    return SweepLeftDescriptors(portOf_[kExact]) + SweepLeftDescriptors(portOf_[kToday]);
 }
 
 // With whoever is there. The first publisher is told to stop, the second one ends with its session.
@@ -195,10 +217,11 @@ std::string Host::answer(const std::string &line)
     const std::string word = line.substr(0, line.find(' '));
     const std::string rest = line.size() > word.size() ? line.substr(word.size() + 1) : "";
     if (word == "figures") {
+        leakSteadyConnection();
         return answerFigures();
     }
     if (word == "sweep") {
-        return std::to_string(SweepLeftDescriptors());
+        return std::to_string(sweep());
     }
     if (word == "left") {
         return std::to_string(OpenDescriptors() - ownDescriptors_) + " " +
@@ -219,6 +242,7 @@ std::string Host::answer(const std::string &line)
         fleeting_[0]->still();
         fleeting_[1]->still();
     } else if (word == "flow") {
+        hasLeaked_ = false;
         fleeting_[0]->flow();
         fleeting_[1]->flow();
     } else if (word == "fault") {

@@ -21,7 +21,9 @@ namespace soak {
 namespace {
 
 constexpr int kCompany = 50;
-constexpr int kPatienceSeconds = 120; // for what has to happen sooner or later, on a machine however busy
+constexpr int kPatienceSeconds = 120;     // for what has to happen sooner or later, on a machine however busy
+constexpr int kPatienceWithAFault = 30;   // where it is to happen never
+constexpr uint64_t kExactConnections = 4; // of steady players
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -48,15 +50,18 @@ class Soak {
     void startDump(Recorder which, uint16_t port);
     void startServices();
     void goThroughTides();
+    bool isLongEnough(double length) const;
     void measureEbb();
     bool waitForWhatWasLeft();
     void awaitBase();
     void endAll();
     void judge();
+    void judgeSwept();
 
     void watch();
     Sample takeSample(bool isEbb);
     void keep(const Sample &sample);
+    double takeLagOfTide();
     void lookAtRecorders();
     void fail(const std::string &what);
     bool pause(int milliseconds); // false: something has failed
@@ -77,6 +82,7 @@ class Soak {
     std::unique_ptr<Company> company_;
     CurveFile curve_;
     Outcome outcome_;
+    double lagOfTideMs_ = 0;
     int baseDescriptors_ = 0, baseThreads_ = 0;
     uint64_t baseViewers_ = 0;
 
@@ -122,7 +128,8 @@ bool Soak::pause(int milliseconds)
 
 bool Soak::waitUntil(const char *what, const std::function<bool()> &condition)
 {
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kPatienceSeconds);
+    const int patience = options_.fault.empty() ? kPatienceSeconds : kPatienceWithAFault;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(patience);
     while (!condition()) {
         if (Clock::now() > deadline) {
             fail(std::string("waited in vain: ") + what);
@@ -213,6 +220,15 @@ void Soak::keep(const Sample &sample)
     const std::lock_guard<std::mutex> held(mutex_);
     curve_.write(sample);
     outcome_.samples.push_back(sample);
+    lagOfTideMs_ = std::max(lagOfTideMs_, sample.lagMs);
+}
+
+double Soak::takeLagOfTide()
+{
+    const std::lock_guard<std::mutex> held(mutex_);
+    const double lag = lagOfTideMs_;
+    lagOfTideMs_ = 0;
+    return lag;
 }
 
 // Once a second.
@@ -273,10 +289,10 @@ void Soak::measureEbb()
         return;
     }
     const Sample sample = takeSample(true);
+    keep(sample);
     outcome_.ebbs.push_back({sample.seconds, sample.residentKiB,
                              static_cast<int64_t>(sample.figures.inUse / 1024), sample.descriptors,
-                             sample.threads});
-    keep(sample);
+                             sample.threads, static_cast<int64_t>(takeLagOfTide())});
 }
 
 // Descriptors, and the calls that tell of viewers who have left.
@@ -293,6 +309,14 @@ bool Soak::waitForWhatWasLeft()
            });
 }
 
+// On a busy machine an ebb may take its time, and then the run goes on until there are enough to compare, up
+// to twice as long.
+bool Soak::isLongEnough(double length) const
+{
+    return seconds() >= length &&
+           (seconds() >= 2 * length || BehindWarmUp(outcome_.ebbs).size() >= kEnoughEbbs);
+}
+
 void Soak::goThroughTides()
 {
     const double length = options_.minutes * 60;
@@ -301,7 +325,7 @@ void Soak::goThroughTides()
     if (!options_.fault.empty()) {
         host_.ask("fault " + options_.fault);
     }
-    while (seconds() < length && pause(0)) {
+    while (!isLongEnough(length) && pause(0)) {
         services_[0]->flow();
         services_[1]->flow();
         host_.ask("flow");
@@ -324,6 +348,7 @@ void Soak::endAll()
     stopWatching();
     keep(takeSample(false));
     lookAtRecorders();
+    outcome_.audience = company_->audience(); // behind this the host ends every visit
     host_.ask("end");
     company_->leave();
     company_->closeParked();
@@ -357,12 +382,26 @@ double CpuSeconds(int who)
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+// The exact road leaves one descriptor open for each connection, and not two.
+void Soak::judgeSwept()
+{
+    const uint64_t most = company_->visitsToExactRoad() + kExactConnections;
+    if (outcome_.swept > most) {
+        fail(std::to_string(outcome_.swept) + " descriptors left open by " + std::to_string(most) +
+             " connections of the exact road");
+    }
+}
+
 void Soak::judge()
 {
     const bool isSanitized = options_.preset == "asan" || options_.preset == "tsan";
     for (const std::string &each : WhatHasGrown(outcome_.ebbs, !isSanitized)) {
         fail(each);
     }
+    for (const std::string &each : WhatTheAudienceMissed(outcome_.audience)) {
+        fail(each);
+    }
+    judgeSwept();
     outcome_.hostCpu = CpuSeconds(RUSAGE_CHILDREN);
     outcome_.playersCpu = CpuSeconds(RUSAGE_SELF);
     outcome_.minutes = options_.minutes;

@@ -30,7 +30,7 @@ class RestartingService {
   private:
     void run();
     void listen();
-    int acceptOne(); // -1: it is to die, or to end
+    int acceptOne(); // -1: nobody has come for a moment
     void serve(int fd);
     void answer(wire::ScriptedPeer &peer, const wire::Message &message);
     bool goesOn(std::chrono::steady_clock::time_point death);

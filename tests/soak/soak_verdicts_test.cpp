@@ -1,4 +1,5 @@
 // A soak fails when anything grows, or when a recording has a hole; and not for less.
+#include "soak/audience.h"
 #include "soak/growth.h"
 #include "soak/recording.h"
 
@@ -13,9 +14,17 @@ template <typename Value> std::vector<Ebb> Ebbs(int count, Value inUse)
 {
     std::vector<Ebb> ebbs;
     for (int each = 0; each < count; ++each) {
-        ebbs.push_back({each * 10.0, 10000, inUse(each), 20, 28});
+        ebbs.push_back({each * 10.0, 10000, inUse(each), 20, 28, 0});
     }
     return ebbs;
+}
+
+Audience AudienceOf(int visits, int endedByHost)
+{
+    Audience audience;
+    audience.visits = static_cast<uint64_t>(visits);
+    audience.endedByHost = static_cast<uint64_t>(endedByHost);
+    return audience;
 }
 
 // What a recorder makes of these pictures, numbered and stamped.
@@ -50,7 +59,7 @@ TEST(SoakVerdicts, MemoryThatGrowsALittleWithEachTideIsFound)
     const std::vector<std::string> found =
         WhatHasGrown(Ebbs(20, [](int each) { return 2000 + each * 40; }), true);
     ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found[0], "memory in use has grown by 360 KiB at ebb (up to 256 are nothing)");
+    EXPECT_EQ(found[0], "memory in use at ebb has grown by 360 KiB (up to 256 are nothing)");
 }
 
 TEST(SoakVerdicts, ResidentMemoryIsLeftToSanitizersThemselves)
@@ -75,6 +84,65 @@ TEST(SoakVerdicts, OneThreadMoreAtTheLastEbbIsFound)
     std::vector<Ebb> ebbs = Ebbs(20, [](int) { return 2000; });
     ebbs.back().threads = 29;
     EXPECT_EQ(WhatHasGrown(ebbs, true).size(), 1U);
+}
+
+TEST(SoakVerdicts, FiveEbbsBehindTheWarmUpAreTooFew)
+{
+    const auto same = [](int) { return 2000; };
+    EXPECT_EQ(WhatHasGrown(Ebbs(8, same), true),
+              std::vector<std::string>{"only 5 ebbs behind the warm-up: nothing can be compared"});
+    EXPECT_TRUE(WhatHasGrown(Ebbs(10, same), true).empty());
+    EXPECT_EQ(WhatHasGrown({}, true).size(), 1U);
+}
+
+TEST(SoakVerdicts, PicturesThatTakeLongerWithEachTideAreFound)
+{
+    std::vector<Ebb> ebbs = Ebbs(20, [](int) { return 2000; });
+    for (size_t each = 0; each < ebbs.size(); ++each) {
+        ebbs[each].lagMs = static_cast<int64_t>(each) * 300;
+    }
+    EXPECT_EQ(WhatHasGrown(ebbs, true),
+              std::vector<std::string>{"the longest way of a picture in a tide has grown by 2700 ms (up to "
+                                       "2000 are nothing)"});
+}
+
+TEST(SoakVerdicts, AMachineThatIsBusyForTwoTidesIsNoGrowth)
+{
+    std::vector<Ebb> ebbs = Ebbs(20, [](int) { return 2000; });
+    ebbs[17].lagMs = ebbs[18].lagMs = 9000;
+    EXPECT_TRUE(WhatHasGrown(ebbs, true).empty());
+}
+
+TEST(SoakVerdicts, FewVisitsMayBeEndedByTheHost)
+{
+    EXPECT_TRUE(WhatTheAudienceMissed(AudienceOf(1000, 110)).empty());
+    EXPECT_EQ(WhatTheAudienceMissed(AudienceOf(1000, 111)),
+              std::vector<std::string>{"the host ended 111 of 1000 visits"});
+}
+
+TEST(SoakVerdicts, OneViewerInTwentyMaySeeNothing)
+{
+    Audience audience;
+    for (int viewer = 0; viewer < 1000; ++viewer) {
+        audience.exact.add(viewer % 20 != 0);
+    }
+    EXPECT_TRUE(WhatTheAudienceMissed(audience).empty());
+    for (int viewer = 0; viewer < 4; ++viewer) {
+        audience.exact.add(false);
+    }
+    EXPECT_EQ(WhatTheAudienceMissed(audience),
+              std::vector<std::string>{"54 of 1004 viewers of the exact road saw no picture"});
+}
+
+TEST(SoakVerdicts, AHostThatTurnsAwayAllViewersOfARoadInItsLastMinuteIsFound)
+{
+    Audience audience;
+    for (int viewer = 0; viewer < 1011; ++viewer) {
+        audience.exact.add(true);
+        audience.steady.add(viewer < 1000);
+    }
+    EXPECT_EQ(WhatTheAudienceMissed(audience),
+              std::vector<std::string>{"11 viewers of the steady road in a row saw no picture"});
 }
 
 TEST(SoakVerdicts, PicturesInTheirOrderAreNoHole)

@@ -24,32 +24,40 @@ template <typename Value> void WriteCurve(FILE *page, const char *name, const Ou
 
 void WriteEbbs(FILE *page, const Outcome &outcome)
 {
-    std::vector<int64_t> resident, inUse;
+    std::vector<int64_t> resident, inUse, lag;
     for (const Ebb &each : BehindWarmUp(outcome.ebbs)) {
         resident.push_back(each.residentKiB);
         inUse.push_back(each.inUseKiB);
+        lag.push_back(each.lagMs);
     }
     const Ebb &first = outcome.ebbs.front(), &last = outcome.ebbs.back();
-    fprintf(page,
-            "\nAt ebb, %zu times, all but the steady players had left. Median of the last third of the ebbs "
-            "against that "
-            "of the first third: memory in use %+lld KiB, resident %+lld KiB. Descriptors %d at the first "
-            "ebb, %d at the "
-            "last; threads %d, %d.\n",
-            outcome.ebbs.size(), static_cast<long long>(GrowthOf(inUse)),
-            static_cast<long long>(GrowthOf(resident)), first.descriptors, last.descriptors, first.threads,
-            last.threads);
+    fprintf(
+        page,
+        "\nAt ebb, %zu times, all but the steady players had left. Median of the last third of the ebbs "
+        "against that of the first third, of %zu behind the warm-up: memory in use %+lld KiB, resident "
+        "%+lld KiB, longest way of a picture in the tide before %+lld ms. Descriptors %d at the first ebb, "
+        "%d at the last; threads %d, %d.\n",
+        outcome.ebbs.size(), inUse.size(), static_cast<long long>(GrowthOf(inUse)),
+        static_cast<long long>(GrowthOf(resident)), static_cast<long long>(GrowthOf(lag)), first.descriptors,
+        last.descriptors, first.threads, last.threads);
 }
 
-void WriteVisits(FILE *page, const Company &company)
+void WriteVisits(FILE *page, const Outcome &outcome, const Company &company)
 {
     fprintf(page, "\n| who came | times |\n|---|---|\n");
     for (int each = 0; each < kManners; ++each) {
         fprintf(page, "| %s | %llu |\n", kNameOfManner[each], static_cast<Number>(company.visits[each]));
     }
-    fprintf(page, "\nOf them to the steady road %llu, over TLS %llu, ended by the host %llu.\n",
-            static_cast<Number>(company.toSteadyRoad), static_cast<Number>(company.overTls),
-            static_cast<Number>(company.endedByHost));
+    const Audience &audience = outcome.audience;
+    fprintf(
+        page,
+        "\nOf them to the steady road %llu, over TLS %llu; ended by the host, until all was destroyed, "
+        "%llu. Of %llu viewers of the exact road's sessions that stay %llu saw no picture, of %llu of the "
+        "steady road's %llu.\n",
+        static_cast<Number>(company.toSteadyRoad), static_cast<Number>(company.overTls),
+        static_cast<Number>(audience.endedByHost), static_cast<Number>(audience.exact.came),
+        static_cast<Number>(audience.exact.sawNothing), static_cast<Number>(audience.steady.came),
+        static_cast<Number>(audience.steady.sawNothing));
 }
 
 void WriteHead(FILE *page, const Outcome &outcome)
@@ -102,17 +110,20 @@ void WriteCurves(FILE *page, const Outcome &outcome)
 
 void WriteRecordings(FILE *page, const Outcome &outcome)
 {
-    fprintf(page, "\n| who recorded, from the first to the last moment | frames |\n|---|---|\n");
+    fprintf(page, "\n| who recorded, without a hole | frames |\n|---|---|\n");
     for (const std::pair<std::string, uint64_t> &each : outcome.recordings) {
         fprintf(page, "| %s | %llu |\n", each.first.c_str(), static_cast<Number>(each.second));
     }
+    fprintf(page, "\nThe services between one restart and the next, all others from the first to the last "
+                  "moment.\n");
 }
 
 void WriteVerdict(FILE *page, const Outcome &outcome)
 {
     fprintf(page, "\n%s\n",
-            outcome.failures.empty() ? "Verdict: passed. Nothing grew, and no recording has a hole."
-                                     : "Verdict: FAILED.");
+            outcome.failures.empty()
+                ? "Verdict: passed. Nothing grew, no recording has a hole, and viewers saw pictures."
+                : "Verdict: FAILED.");
     for (const std::string &each : outcome.failures) {
         fprintf(page, "- %s\n", each.c_str());
     }
@@ -156,7 +167,7 @@ void WritePage(const std::string &path, const Outcome &outcome, const Company &c
         WriteSums(page, outcome, company);
         WriteCurves(page, outcome);
         WriteEbbs(page, outcome);
-        WriteVisits(page, company);
+        WriteVisits(page, outcome, company);
         WriteRecordings(page, outcome);
     }
     WriteVerdict(page, outcome);

@@ -38,6 +38,7 @@ struct Outcome {
     std::vector<Sample> samples;
     std::vector<Ebb> ebbs;
     std::vector<std::pair<std::string, uint64_t>> recordings; // who, how many frames
+    Audience audience;                                        // until the end began
     std::vector<std::string> failures;
     uint64_t swept = 0; // descriptors that the exact road left open
     double hostCpu = 0, playersCpu = 0;

@@ -4,6 +4,11 @@
 #include <sys/socket.h>
 
 namespace soak {
+namespace {
+
+constexpr int kViewerDeadlineMs = 60000;
+
+} // namespace
 
 const char *const kNameOfManner[kManners] = {"viewer",
                                              "leaves in the midst",
@@ -98,6 +103,8 @@ void Visit::choose()
         session_ = "polite";
         manner = Manner::Viewer;
     }
+    const bool isWithoutSteadyPlayer = session_ == kFleetingName || (!isSteady && session_ == "hall");
+    isToSeePicture = manner == Manner::Viewer && !isWithoutSteadyPlayer;
     if (isSteady && manner == Manner::Silent && draw(0, 1) == 0) {
         manner = Manner::Tunnel;
         overTls = false;
@@ -156,6 +163,21 @@ bool Visit::readSome(size_t most)
     return got > 0 || (got < 0 && errno == EAGAIN);
 }
 
+// The tide may go out meanwhile: who has come to see something stays until then.
+bool Visit::waitForPicture()
+{
+    visitor_->peer->chunks.standard = isStandard_;
+    const int64_t deadline = MicrosNow() + kViewerDeadlineMs * int64_t{1000};
+    while (MicrosNow() < deadline) {
+        const wire::Message message = visitor_->peer->read();
+        const std::optional<FrameMark> mark = MarkIn(message.payload.data(), message.payload.size());
+        if (mark && mark->kind == Kind::Picture) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool Visit::readFor(int milliseconds)
 {
     constexpr int kStep = 250;
@@ -178,8 +200,9 @@ void Visit::goSomehow()
 
 void Visit::watchAndGo()
 {
-    come(isPolite ? 60000 : 5000);
+    come(isToSeePicture ? kViewerDeadlineMs : 5000);
     joinIn();
+    sawPicture = isToSeePicture && waitForPicture();
     readFor(draw(200, 8000));
     if (manner == Manner::Resetter) {
         visitor_->peer->socket.reset();

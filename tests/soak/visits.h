@@ -31,7 +31,7 @@ class Tide {
 };
 
 enum class Manner {
-    Viewer,        // watches, says deleteStream and goes
+    Viewer,        // watches, a picture at least, says deleteStream and goes
     Leaver,        // goes in the middle of a frame
     Resetter,      // the same with a reset
     Slow,          // reads two kilobytes a second
@@ -57,6 +57,9 @@ class Visit {
 
     Manner manner = Manner::Viewer;
     bool isSteady = false, overTls = false, isPolite = false;
+    // Viewers of a session that stays and has a steady player of its own: nobody can push them out of the
+    // exact road's chain of players behind that one.
+    bool isToSeePicture = false, sawPicture = false;
     // One that has said deleteStream to a threaded sender of the exact road, which any failed write ends: to
     // be closed when the host has let go of it.
     std::unique_ptr<Visitor> parked;
@@ -66,6 +69,7 @@ class Visit {
     uint16_t port() const;
     void come(int deadlineMs = 5000);
     void joinIn();
+    bool waitForPicture();          // false: none came in a minute
     bool readFor(int milliseconds); // false: tide or connection have ended
     bool readSome(size_t most);
     void watchAndGo();
