@@ -83,6 +83,28 @@ class HostileConfiguration : public MediaTest {
         EXPECT_TRUE(lockIsFree());
         return result;
     }
+    void expectRegistered(const Bytes &config)
+    {
+        EXPECT_EQ(registered(config), 0) << ToHex(config);
+        ASSERT_NE(session.CodecInfo, nullptr);
+        EXPECT_EQ(session.CodecInfo->VdCodecInfo->width, 1280U);
+        EXPECT_EQ(session.CodecInfo->VdCodecInfo->height, 720U);
+    }
+    void expectRefused(const Bytes &config, const char *line)
+    {
+        log.clear();
+        EXPECT_EQ(registered(config), RTMP_ERR_VIDEO_INFO) << ToHex(config);
+        const Lines lines = log.lines();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.front(), line) << ToHex(config);
+        EXPECT_EQ(lines.back(), "3 ERROR: RtmpAddMediaInfo: Cannot add video information");
+    }
+
+    static constexpr char kTooShort[] = "3 ERROR: ExtractSpsHeader: Invalid video config data";
+    static constexpr char kNoSps[] = "3 ERROR: ExtractSpsHeader: SPS not found in video config data";
+    static constexpr char kNoEndOfSps[] = "3 ERROR: ExtractSpsHeader: End of SPS not found";
+    static constexpr char kNoPps[] = "3 ERROR: ExtractPpsHeader: PPS not found in video config data";
+    static constexpr char kNoEndOfPps[] = "3 ERROR: ExtractPpsHeader: End of PPS not found";
 };
 
 } // namespace
@@ -175,38 +197,70 @@ TEST_F(HostileConfiguration, OfOneToFiveBytesIsRefusedWhateverTheyAre)
             for (size_t i = 0; i < length; i++) {
                 config[i] = bytes[code >> 2 * i & 3];
             }
-            EXPECT_NE(registered(config), 0);
+            const char *why = config == Hex("00000001 67") ? kNoEndOfSps : kNoSps;
+            expectRefused(config, length <= 4 ? kTooShort : why);
         }
         ASSERT_FALSE(HasFailure());
     }
 }
 
-TEST_F(HostileConfiguration, StartCodesInItsLastFourBytesAreOfNoAccount)
+// A start code of four bytes ends what is in front of it, also where nothing is behind it; one of three, and
+// one that is cut, belong to what they end. A PPS of up to four bytes needs no end, and one byte is a PPS.
+TEST_F(HostileConfiguration, StartCodesInItsLastFourBytesEndWhatIsInFrontOfThem)
 {
-    for (const char *end :
-         {"00", "0000", "000000", "01", "0001", "000001", "00000001", "67", "0167", "000167", "00000167",
-          "0000000167", "0000000168", "000000016742", "68", "00000168"}) {
+    for (const char *end : {"00", "0000", "000000", "01", "0001", "000001", "67", "0167", "000167",
+                            "00000167", "68", "00000168"}) {
         SCOPED_TRACE(end);
-        (void)registered(kConfig720 + Hex(end));
-        const bool isWhole = session.CodecInfo != nullptr;
-        if (isWhole) {
-            EXPECT_EQ(session.CodecInfo->VdCodecInfo->width, 1280U);
+        expectRefused(kConfig720 + Hex(end), kNoEndOfPps);
+        expectRefused(kStartCode + kPps4 + kStartCode + kSps720 + Hex(end), kNoEndOfSps);
+        expectRefused(kStartCode + kSps720 + Hex(end), kNoEndOfSps);
+    }
+    for (const char *end : {"00000001", "0000000167", "000000016742", "0000000168"}) {
+        SCOPED_TRACE(end);
+        expectRegistered(kConfig720 + Hex(end));
+        expectRegistered(kStartCode + kPps4 + kStartCode + kSps720 + Hex(end));
+        if (Hex(end).back() == 0x68) {
+            expectRegistered(kStartCode + kSps720 + Hex(end));
+        } else {
+            expectRefused(kStartCode + kSps720 + Hex(end), kNoPps);
         }
-        (void)registered(kStartCode + kPps4 + kStartCode + kSps720 + Hex(end));
-        (void)registered(kStartCode + kSps720 + Hex(end));
     }
 }
 
-TEST_F(HostileConfiguration, EveryCutAndEveryBitOfItStaysInside)
+TEST_F(HostileConfiguration, CutAtEveryByteIsRefusedByWhatItLacks)
 {
     for (size_t length = 1; length < kConfig720.size(); length++) {
-        (void)registered(Slice(kConfig720, 0, length));
+        SCOPED_TRACE(length);
+        const Bytes config = Slice(kConfig720, 0, length);
+        if (length < 4 + kSps720.size() + 4) { // without the second start code
+            expectRefused(config, length <= 4 ? kTooShort : kNoEndOfSps);
+        } else if (length == 4 + kSps720.size() + 4) {
+            expectRefused(config, kNoPps);
+        } else {
+            expectRegistered(config); // with a PPS of one to three bytes
+        }
     }
+}
+
+// A bit of a start code or of the type of a NAL unit is missed, and so is the one that must be 0; any bit of
+// what the units contain, and one of the two of nal_ref_idc, makes another configuration.
+TEST_F(HostileConfiguration, WithABitTurnedIsRefusedWhereAParameterSetIsNoLongerFound)
+{
     for (size_t bit = 0; bit < 8 * kConfig720.size(); bit++) {
+        SCOPED_TRACE(bit);
         Bytes config = kConfig720;
-        config[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
-        (void)registered(config);
+        config[bit / 8] ^= static_cast<uint8_t>(0x80 >> bit % 8);
+        const bool isReference = bit % 8 == 1 || bit % 8 == 2;
+        const size_t pps = 4 + kSps720.size() + 4;
+        if (bit / 8 < 4 || (bit / 8 == 4 && !isReference)) {
+            expectRefused(config, kNoSps);
+        } else if (bit / 8 >= pps - 4 && bit / 8 < pps) {
+            expectRefused(config, kNoEndOfSps);
+        } else if (bit / 8 == pps && !isReference) {
+            expectRefused(config, kNoPps);
+        } else {
+            EXPECT_EQ(registered(config), 0);
+        }
     }
-    EXPECT_EQ(registered(kConfig720), 0);
-    EXPECT_EQ(session.CodecInfo->VdCodecInfo->width, 1280U);
+    expectRegistered(kConfig720);
 }

@@ -246,11 +246,33 @@ TEST(PublisherAnswers, LongTextsAreCut)
     EXPECT_EQ(AnswersOf(rig).ErrorDescription, std::string(1023, 'd'));
 }
 
-// An answer to createStream that says no id is none that frames could be sent with.
+// The eight bytes of a number.
+static Value NumberOf(const char *bytes)
+{
+    return {Hex("00") + Hex(bytes), {9}};
+}
+
+// An answer to createStream that says no id, or one that 32 bits do not hold, is none that frames could be
+// sent with.
 TEST(PublisherAnswers, AStreamNeedsAnId)
 {
-    const std::vector<Value> ids = {Null(),       String("1"),          Number(-1),
-                                    Number(1e10), Number(std::nan("")), Object({})};
+    const double infinity = std::numeric_limits<double>::infinity();
+    const std::vector<Value> ids = {Null(),
+                                    String("1"),
+                                    Object({}),
+                                    Number(-1),
+                                    Number(-5e-324),
+                                    Number(4294967295.5),
+                                    Number(4294967296.0), // 2^32
+                                    Number(1e10),
+                                    Number(9007199254740992.0), // 2^53
+                                    Number(1e300),
+                                    Number(infinity),
+                                    Number(-infinity),
+                                    Number(std::nan("")),
+                                    NumberOf("FFF0000000000001"),
+                                    NumberOf("0009000000000000"), // it ends the values in front of it
+                                    Value{}};
     for (const Value &id : ids) {
         Rig rig;
         rig.start();
@@ -265,14 +287,27 @@ TEST(PublisherAnswers, AStreamNeedsAnId)
     EXPECT_EQ(rig.result(), RTMP_ERR_CONNECTION);
 }
 
+// A fraction is cut off.
 TEST(PublisherAnswers, TheLastStreamIdIsAsGoodAsTheFirst)
 {
-    for (const double id : {0.0, 4294967295.0}) {
+    const struct {
+        Value id;
+        uint32_t stream;
+    } rows[] = {{Number(0), 0},
+                {Number(-0.0), 0},
+                {NumberOf("0000090000000000"), 0}, // the smallest of numbers, nearly
+                {Number(0.5), 0},
+                {Number(1.75), 1},
+                {Number(2147483647.0), 0x7FFFFFFF},
+                {Number(2147483648.0), 0x80000000},
+                {Number(4294967294.5), 0xFFFFFFFE},
+                {Number(4294967295.0), 0xFFFFFFFF}};
+    for (const auto &row : rows) {
         Rig rig;
         rig.start();
         rig.serviceUpTo(Step::Connect);
-        rig.createdStream(4, id);
-        EXPECT_EQ(rig.command().stream, static_cast<uint32_t>(id));
+        rig.service->command(Values({String("_result"), Number(4), Null(), row.id}).bytes);
+        EXPECT_EQ(rig.command().stream, row.stream) << ToHex(row.id.bytes);
     }
 }
 

@@ -11,6 +11,8 @@
 #include <thread>
 #include <unistd.h>
 
+using namespace std::string_literals;
+
 namespace {
 
 struct RequestDeleter {
@@ -34,6 +36,16 @@ class HttpRequest : public testing::Test {
         produced::Note("request", text);
         const std::vector<uint8_t> exact(text.begin(), text.end());
         return Request(ParseHttpReqMsg(&client_, exact.data(), static_cast<uint32_t>(exact.size())));
+    }
+    // How many headers are read where the first, of that length, leaves a second line of 8 bytes.
+    template <size_t Count> void expectHeaders(const std::pair<const char *, int> (&rows)[Count])
+    {
+        for (const auto &[length, headers] : rows) {
+            const Request request =
+                parse("POST /open/1 HTTP/1.1\r\nContent-Length: " + std::string(length) + "\r\nAb: cd\r\n");
+            ASSERT_NE(request, nullptr);
+            EXPECT_EQ(request->headerCount, headers) << length;
+        }
     }
     CaptureLogger log_;
     RtmpServer server_ = {};
@@ -230,12 +242,52 @@ TEST_F(HttpRequest, TwoBytesMoreThanThereAreCountAsLeft)
     // 8 bytes are left and 10 count: 8 + 2 stops, 7 + 2 does not. Counted exactly, 6 + 2 would stop too.
     const std::pair<const char *, int> rows[] = {{"8", 1}, {"7", 2},  {"6", 2},
                                                  {"0", 2}, {"-9", 2}, {"99", 1}};
+    expectHeaders(rows);
+}
+
+// As atoi of the C library has it: what does not fit 64 bits stays at their end, and 32 bits of it count.
+TEST_F(HttpRequest, AHugeContentLengthCountsByItsLow32Bits)
+{
+    const std::pair<const char *, int> rows[] = {
+        {"2147483647", 1},
+        {"2147483648", 2}, // 2^31: less than none
+        {"4294967295", 2},
+        {"4294967296", 2}, // 2^32: none
+        {"4294967303", 2},
+        {"4294967304", 1},           // 2^32 + 8
+        {"9223372036854775807", 2},  // 2^63 - 1: -1
+        {"99999999999999999999", 2}, // the same
+        {"-2147483648", 2},
+        {"-2147483649", 1},           // 2^31 - 1
+        {"-99999999999999999999", 2}, // -2^63: none
+    };
+    expectHeaders(rows);
+}
+
+TEST_F(HttpRequest, ANulEndsTheTextThatItStandsIn)
+{
+    const Request line = parse("POST\0x /idle/4\0002/7 HTTP/1.1\0x\r\n\r\n"s);
+    ASSERT_NE(line, nullptr);
+    EXPECT_STREQ(line->uri, "/idle/4");
+    EXPECT_EQ(line->sessionId, 4U);
+    EXPECT_STREQ(line->version, "HTTP/1.1");
+    const Request header = parse("POST /open/1 HTTP/1.1\r\nA\0b: c\0d\r\nE: f\r\n"s);
+    ASSERT_NE(header, nullptr);
+    ASSERT_EQ(header->headerCount, 2);
+    EXPECT_STREQ(header->headers[0].name, "A");
+    EXPECT_STREQ(header->headers[0].value, "c");
+    EXPECT_STREQ(header->headers[1].name, "E");
+    // 8 bytes are left behind each, as above.
+    const std::pair<std::string, int> rows[] = {
+        {"Content-Length\0x: 8"s, 1}, {"Content-Length: 8\0"s, 1}, {"Content-Length: \0008"s, 2}};
     for (const auto &[length, headers] : rows) {
-        const Request request =
-            parse("POST /open/1 HTTP/1.1\r\nContent-Length: " + std::string(length) + "\r\nAb: cd\r\n");
+        const Request request = parse("POST /open/1 HTTP/1.1\r\n" + length + "\r\nAb: cd\r\n");
         ASSERT_NE(request, nullptr);
         EXPECT_EQ(request->headerCount, headers) << length;
     }
+    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(parse("PO\0T /open/1 HTTP/1.1\r\n\r\n"s), nullptr);
+    EXPECT_EQ(log_.lines(), kInvalidMethod);
 }
 
 TEST_F(HttpRequest, OfTwoContentLengthsEachCountsWhereItStands)
@@ -378,6 +430,25 @@ TEST_F(HttpReader, APeerThatLeavesEndsTheReading)
     EXPECT_EQ(length, 77U);
     EXPECT_EQ(log_.lines(), (std::vector<std::string>{"6 INFO: RtmpReadBytes: Connection was closed by peer",
                                                       "3 ERROR: ReadHttpMessage: Rtmp read bytes failed"}));
+}
+
+// The buffer is as long as what comes: nothing is written behind it.
+TEST_F(HttpReader, ABlockWithoutEndIsReadUntilThePeerLeaves)
+{
+    const std::string block = "POST /open/1 HTTP/1.1\r\n" +
+                              Repeat(10000, [](int i) { return "A: " + std::to_string(i % 10) + "\r\n"; });
+    write(block);
+    hangUp();
+    std::vector<uint8_t> buf(block.size());
+    uint32_t length = 77;
+    EXPECT_EQ(ReadHttpMessage(&client_, buf.data(), &length), -1);
+    EXPECT_EQ(length, 77U);
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), block);
+    EXPECT_EQ(log_.lines(), (std::vector<std::string>{"6 INFO: RtmpReadBytes: Connection was closed by peer",
+                                                      "3 ERROR: ReadHttpMessage: Rtmp read bytes failed"}));
+    const Request request(ParseHttpReqMsg(&client_, buf.data(), static_cast<uint32_t>(buf.size())));
+    ASSERT_NE(request, nullptr);
+    EXPECT_EQ(request->headerCount, 16);
 }
 
 TEST_F(HttpRequest, AClosedConnectionOverTlsAsksItsHandleNothingMore)
