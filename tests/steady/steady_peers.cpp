@@ -34,7 +34,7 @@ Connected ConnectFrom(const char *address, uint16_t port)
     return {fd};
 }
 
-TwoPorts::TwoPorts(const RtmpServiceLimits &limits)
+TwoPorts::TwoPorts()
 {
     int error = RTMP_ERR_BIND;
     while (server == nullptr && (error == RTMP_ERR_BIND || error == RTMP_ERR_LISTEN)) {
@@ -44,6 +44,10 @@ TwoPorts::TwoPorts(const RtmpServiceLimits &limits)
         server = RtmpServerCreate(log.get(), "lo", port, tunnelPort, 0, 4096, &error);
     }
     EXPECT_NE(server, nullptr) << error;
+}
+
+TwoPorts::TwoPorts(const RtmpServiceLimits &limits) : TwoPorts()
+{
     EXPECT_EQ(RtmpServiceSettings(server, &limits), 0);
 }
 

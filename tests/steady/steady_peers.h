@@ -11,8 +11,9 @@ namespace wire {
 // A connection from another address of the loopback network, such as "127.0.0.2".
 Connected ConnectFrom(const char *address, uint16_t port);
 
-// A server with both ports on the steady road.
+// A server with both ports: on the exact road, or, with limits, on the steady one.
 struct TwoPorts {
+    TwoPorts();
     explicit TwoPorts(const RtmpServiceLimits &limits);
     ~TwoPorts();
     TwoPorts(const TwoPorts &) = delete;

@@ -36,6 +36,8 @@ TEST(Storm, EverybodyIsServedAndNothingIsLeftOver)
     }
     std::cout << "storm: 1 rounds, " << counts.visits << " visits, " << counts.undisturbed << " undisturbed, "
               << counts.sessions << " sessions\n";
+    EXPECT_GT(counts.undisturbed, 0);
+    EXPECT_GT(counts.sessions, 2);
     EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() == descriptors; })) << OpenDescriptors();
     EXPECT_TRUE(WaitUntil([&] { return RunningThreads() == threads; })) << RunningThreads();
 }

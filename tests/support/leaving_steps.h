@@ -61,5 +61,6 @@ inline constexpr LeavingStep kLeavingSteps[] = {
     [](ScriptedPeer &peer) { BePlaying(peer), peer.send({.payload = {1}, .type = 9}); },
 };
 inline constexpr size_t kLeavingStepCount = sizeof kLeavingSteps / sizeof kLeavingSteps[0];
+inline constexpr size_t kStepsBeforePlaying = 17; // the first ones; the others wait for answers to "play"
 
 } // namespace wire

@@ -82,7 +82,7 @@ int TestServer::destroy()
     return RtmpServerDestroy(mine);
 }
 
-RtmpSession *TestServer::session(const std::string &name, const SessionSetup &setup)
+RtmpSession *NewSession(RtmpServer *server, const std::string &name, const SessionSetup &setup)
 {
     int error = 0;
     RtmpSession *made = RtmpSessionCreate(server, name.c_str(), &error);
@@ -100,6 +100,11 @@ RtmpSession *TestServer::session(const std::string &name, const SessionSetup &se
         EXPECT_EQ(RtmpAddMediaInfo(made, setup.video ? &video : nullptr, setup.audio ? &audio : nullptr), 0);
     }
     return made;
+}
+
+RtmpSession *TestServer::session(const std::string &name, const SessionSetup &setup)
+{
+    return NewSession(server, name, setup);
 }
 
 bool TestServer::waitForClientsToEnd()

@@ -39,6 +39,9 @@ inline uint8_t OrdinaryNal()
 // An access unit of `length` bytes: one NAL unit behind its length, filled with a pattern.
 Bytes VideoFrame(size_t length, uint8_t nalHeader = OrdinaryNal(), uint8_t fill = 0x11);
 
+// A session of any server, set up as it says.
+RtmpSession *NewSession(RtmpServer *server, const std::string &name = "cam", const SessionSetup &setup = {});
+
 class TestServer {
   public:
     // `logger` null: lines are kept in `log`.
