@@ -1,17 +1,12 @@
-// Hosts that call in any order, and log functions and disks that are no help.
-#include "net/atomic.h"
-#include "support/produced.h"
+// Hosts that call in any order, and disks that are no help.
 #include "support/session_rig.h"
 #include "support/test_server.h"
-#include "support/wire_replies.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <numeric>
-#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -180,94 +175,3 @@ TEST_P(HostileHost, ADiskThatIsFullCostsNoFrame)
 
 INSTANTIATE_TEST_SUITE_P(On, HostileHost, testing::ValuesIn(kHostRoads),
                          [](const testing::TestParamInfo<HostRoad> &row) { return row.param.name; });
-
-// ------------------------------------------------------------------------------------------------ loggers
-
-namespace {
-
-// Stops whoever asks for the stream "stuck", in the middle of its line, until it is let go.
-struct StuckLogger {
-    static void Log(void *context, uint8_t, const char *format, va_list arguments)
-    {
-        StuckLogger *self = static_cast<StuckLogger *>(context);
-        char line[1024];
-        vsnprintf(line, sizeof line, format, arguments);
-        if (self->armed && strstr(line, "message: PLAY") != nullptr && !self->isHolding.exchange(true)) {
-            EXPECT_TRUE(WaitUntil([self] { return self->isLetGo.load(); }, 60000));
-        }
-    }
-    std::atomic<bool> armed = false, isHolding = false, isLetGo = false;
-    RtmpLogger logger = {&StuckLogger::Log, this};
-};
-
-// Takes its time for every line, and writes more lines for each.
-struct TalkativeLogger {
-    static void Log(void *context, uint8_t level, const char *, va_list)
-    {
-        static thread_local int depth = 0;
-        TalkativeLogger *self = static_cast<TalkativeLogger *>(context);
-        self->lines++;
-        if (depth > 0) {
-            return;
-        }
-        depth++;
-        for (int i = 0; i < 20; i++) {
-            std::this_thread::yield();
-        }
-        RtmpLogPrint(&self->logger, level, "once more\n");
-        AmfObject values = {};
-        EXPECT_EQ(WriteAmfNumber(self->server, &values, "lines", 1), 0);
-        FreeAmfObject(self->server, &values, 1);
-        depth--;
-    }
-    std::atomic<size_t> lines = 0;
-    std::atomic<RtmpServer *> server = nullptr; // null for the first lines: the server logs while it is made
-    RtmpLogger logger = {&TalkativeLogger::Log, this};
-};
-
-void PlayAFrame(RtmpSession *session, wire::ScriptedPeer &player, uint64_t time)
-{
-    EXPECT_EQ(wire::SendVideo(session, wire::VideoFrame(64), time), 0);
-    EXPECT_EQ(player.read().payload.size(), 69U);
-}
-
-} // namespace
-
-TEST(HostileLogger, OneThatHoldsAThreadHoldsNobodyElse)
-{
-    StuckLogger stuck;
-    wire::TestServer server(4096, &stuck.logger);
-    RtmpSession *session = server.session("cam");
-    wire::ScriptedPeer player(server.port);
-    player.playing("cam");
-    wire::ScriptedPeer held(server.port);
-    held.created();
-    stuck.armed = true;
-    held.command(wire::PlayCommand("cam"));
-    ASSERT_TRUE(WaitUntil([&] { return stuck.isHolding.load(); }));
-    for (uint64_t frame = 0; frame < 10; frame++) {
-        PlayAFrame(session, player, 1000 + 40 * frame);
-    }
-    wire::ScriptedPeer late(server.port);
-    late.playing("cam");
-    stuck.isLetGo = true;
-    EXPECT_EQ(held.read(7).size(), 7U);
-}
-
-TEST(HostileLogger, OneThatIsSlowAndWritesLinesItselfIsServed)
-{
-    TalkativeLogger talkative;
-    wire::TestServer server(4096, &talkative.logger);
-    talkative.server = server.server;
-    RtmpSession *session = server.session("cam");
-    wire::ScriptedPeer player(server.port);
-    player.playing("cam");
-    for (uint64_t round = 0; round < 5; round++) {
-        wire::ScriptedPeer guest(server.port);
-        guest.playing("cam");
-        PlayAFrame(session, player, 1000 + 40 * round);
-        guest.command(wire::DeleteStreamCommand());
-        EXPECT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 1; }));
-    }
-    EXPECT_GT(talkative.lines, 200U);
-}
