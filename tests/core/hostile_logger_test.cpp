@@ -7,8 +7,6 @@
 #include <future>
 #include <poll.h>
 
-using namespace wire;
-
 namespace {
 
 // Stops whoever writes a line with these words, once, in the middle of it, until it is let go.
@@ -51,26 +49,26 @@ struct TalkativeLogger {
     RtmpLogger logger = {&TalkativeLogger::Log, this};
 };
 
-std::unique_ptr<TestServer> ServerWith(RtmpLogger *logger, bool steady)
+std::unique_ptr<wire::TestServer> ServerWith(RtmpLogger *logger, bool steady)
 {
     constexpr uint32_t kMost = 4; // players, and whoever is held
     if (!steady) {
-        return std::make_unique<TestServer>(4096, logger);
+        return std::make_unique<wire::TestServer>(4096, logger);
     }
-    return std::make_unique<SteadyTestServer>(steady::With(&RtmpServiceLimits::MostClients, kMost), 4096,
-                                              logger);
+    return std::make_unique<wire::SteadyTestServer>(steady::With(&RtmpServiceLimits::MostClients, kMost),
+                                                    4096, logger);
 }
 
-std::unique_ptr<ScriptedPeer> PeerOfRoad(const TestServer &server, bool steady)
+std::unique_ptr<wire::ScriptedPeer> PeerOfRoad(const wire::TestServer &server, bool steady)
 {
-    auto peer = std::make_unique<ScriptedPeer>(server.port);
+    auto peer = std::make_unique<wire::ScriptedPeer>(server.port);
     peer->chunks.standard = steady;
     return peer;
 }
 
-void PlayAFrame(RtmpSession *session, ScriptedPeer &player, uint64_t time)
+void PlayAFrame(RtmpSession *session, wire::ScriptedPeer &player, uint64_t time)
 {
-    EXPECT_EQ(SendVideo(session, VideoFrame(64, kKeyNal), time), 0);
+    EXPECT_EQ(wire::SendVideo(session, wire::VideoFrame(64, wire::kKeyNal), time), 0);
     EXPECT_EQ(player.read().payload.size(), 69U);
 }
 
@@ -79,23 +77,23 @@ struct HeldLine {
     const char *name;
     bool steady;
     const char *words;
-    void (*bring)(ScriptedPeer &peer);
+    void (*bring)(wire::ScriptedPeer &peer);
     bool takesNewcomers; // the accept thread is another one
 };
 
-void AskToPlay(ScriptedPeer &peer)
+void AskToPlay(wire::ScriptedPeer &peer)
 {
     peer.created();
-    peer.command(PlayCommand("cam"));
+    peer.command(wire::PlayCommand("cam"));
 }
 
 constexpr HeldLine kHeldLines[] = {
     {"ExactPlay", false, "message: PLAY", AskToPlay, true},
-    {"SteadyConnected", true, "is connected", [](ScriptedPeer &) {}, true},
+    {"SteadyConnected", true, "is connected", [](wire::ScriptedPeer &) {}, true},
     {"SteadyPlay", true, "message: PLAY", AskToPlay, true},
-    {"SteadyTurnedAway", true, "is turned away", [](ScriptedPeer &) {}, false},
+    {"SteadyTurnedAway", true, "is turned away", [](wire::ScriptedPeer &) {}, false},
     {"SteadyLeaves", true, ", leaves: ",
-     [](ScriptedPeer &peer) {
+     [](wire::ScriptedPeer &peer) {
          peer.playing("cam");
          peer.socket.leave();
      },
@@ -109,7 +107,7 @@ class HeldLogger : public testing::TestWithParam<HeldLine> {
     {
         stuck.isLetGo = true;
     }
-    std::unique_ptr<ScriptedPeer> comes()
+    std::unique_ptr<wire::ScriptedPeer> comes()
     {
         return PeerOfRoad(*server, GetParam().steady);
     }
@@ -118,7 +116,7 @@ class HeldLogger : public testing::TestWithParam<HeldLine> {
         try {
             comes()->playing("cam");
             return true;
-        } catch (const PeerError &) {
+        } catch (const wire::PeerError &) {
             return false;
         }
     }
@@ -133,8 +131,8 @@ class HeldLogger : public testing::TestWithParam<HeldLine> {
         ASSERT_TRUE(WaitUntil([&] { return stuck.isHolding.load(); }));
     }
     StuckLogger stuck;
-    std::unique_ptr<TestServer> server;
-    std::vector<std::unique_ptr<ScriptedPeer>> held;
+    std::unique_ptr<wire::TestServer> server;
+    std::vector<std::unique_ptr<wire::ScriptedPeer>> held;
 };
 
 } // namespace
@@ -143,7 +141,7 @@ TEST_P(HeldLogger, HoldsNobodyElse)
 {
     RtmpSession *session = server->session("cam");
     RtmpSession *other = server->session("other");
-    const std::unique_ptr<ScriptedPeer> player = comes(), neighbour = comes();
+    const std::unique_ptr<wire::ScriptedPeer> player = comes(), neighbour = comes();
     player->playing("cam");
     neighbour->playing("other");
     holdOne();
@@ -173,16 +171,16 @@ class TalkativeHost : public testing::TestWithParam<bool> {};
 TEST_P(TalkativeHost, ThatIsSlowAndWritesLinesItselfIsServed)
 {
     TalkativeLogger talkative;
-    const std::unique_ptr<TestServer> server = ServerWith(&talkative.logger, GetParam());
+    const std::unique_ptr<wire::TestServer> server = ServerWith(&talkative.logger, GetParam());
     talkative.server = server->server;
     RtmpSession *session = server->session("cam");
-    const std::unique_ptr<ScriptedPeer> player = PeerOfRoad(*server, GetParam());
+    const std::unique_ptr<wire::ScriptedPeer> player = PeerOfRoad(*server, GetParam());
     player->playing("cam");
     for (uint64_t round = 0; round < 5; round++) {
-        const std::unique_ptr<ScriptedPeer> guest = PeerOfRoad(*server, GetParam());
+        const std::unique_ptr<wire::ScriptedPeer> guest = PeerOfRoad(*server, GetParam());
         guest->playing("cam");
         PlayAFrame(session, *player, 1000 + 40 * round);
-        guest->command(DeleteStreamCommand());
+        guest->command(wire::DeleteStreamCommand());
         EXPECT_TRUE(WaitUntil([&] { return LoadShared(&session->ClientCount) == 1; }));
     }
     EXPECT_GT(talkative.lines, 100U);
