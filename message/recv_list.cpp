@@ -185,6 +185,11 @@ int RemoveRecvPkt(RtmpClient *client, RtmpRecvPkt *pkt)
     return UnlockAfterRemoval(client, RemoveLocked(client, pkt));
 }
 
+void FreeRecvPkts(RtmpClient *client)
+{
+    (void)RemoveAll(client); // logged
+}
+
 RtmpRecvPkt *GetRecvPktFromList(RtmpClient *client, int chunkStreamId)
 {
     if (LockRecvList(client, __func__) != 0) {

@@ -24,6 +24,9 @@ int32_t GetMsgTypeId(RtmpClient *client, int chunkStreamId);
 // (logged).
 RTMP_STATUS int AbandonMessage(RtmpClient *client, uint32_t chunkStreamId);
 
+// FreeRecvPkts frees all packets of a client that nobody else knows any more, without the list's lock.
+void FreeRecvPkts(RtmpClient *client);
+
 // The receive list's lock, with the log line of a failure under the caller's name.
 RTMP_STATUS int LockRecvList(RtmpClient *client, const char *who);
 RTMP_STATUS int UnlockRecvList(RtmpClient *client, const char *who);

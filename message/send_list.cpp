@@ -157,6 +157,11 @@ int RemoveSendPkt(RtmpClient *client, RtmpSendPkt *pkt)
     return UnlockSendList(client, __func__);
 }
 
+void FreeSendPkts(RtmpClient *client)
+{
+    FreeAllSent(client);
+}
+
 RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId)
 {
     if (LockSendList(client, __func__) != 0) {

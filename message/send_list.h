@@ -18,6 +18,9 @@ RTMP_API RtmpSendPkt *GetSendPktFromList(RtmpClient *client, int chunkStreamId);
 // 52). Null is fine.
 void FreeSendPkt(RtmpSendPkt *pkt);
 
+// FreeSendPkts frees all messages of a client that nobody else knows any more, without the list's lock.
+void FreeSendPkts(RtmpClient *client);
+
 // ForgetPayload gives up the payload of a stored message, of which only the header fields are read again.
 void ForgetPayload(RtmpSendPkt *pkt);
 

@@ -163,6 +163,18 @@ int TearDown(RtmpClient *client, const char *who)
     return 0;
 }
 
+// FreeLists frees what is left of a failed tear-down, or what an accepted connection of the steady road has.
+// Of a record that goes, the lists go in any case.
+void FreeLists(RtmpClient *client)
+{
+    if (client->RecvPktCount > 0 && RemoveRecvPkt(client, nullptr) != 0) {
+        FreeRecvPkts(client);
+    }
+    if (client->SendPktCount > 0 && RemoveSendPkt(client, nullptr) != 0) {
+        FreeSendPkts(client);
+    }
+}
+
 } // namespace
 
 RtmpClient *CreateNewRtmpClient(RtmpServer *server, uint32_t connType, int socket, const char *peerAddress,
@@ -220,12 +232,7 @@ void FreeClientRecord(RtmpClient *client)
         (void)LockClientsOf(client, &held); // the record goes in any case
         TakeOutOfSession(session, client, PlaceInChain(session, client));
     }
-    if (client->RecvPktCount > 0) {
-        (void)RemoveRecvPkt(client, nullptr); // what is left of a failed tear-down
-    }
-    if (client->SendPktCount > 0) {
-        (void)RemoveSendPkt(client, nullptr);
-    }
+    FreeLists(client);
     free(client->ClientIP);
     free(client->StreamName);
     free(client);

@@ -149,6 +149,12 @@ bool ByteSocket::ends(int deadlineMs)
     }
 }
 
+bool ByteSocket::hasBytes(int milliseconds) const
+{
+    pollfd entry = {fd_, POLLIN, 0};
+    return used_ < buffer_.size() || poll(&entry, 1, milliseconds) > 0;
+}
+
 void ByteSocket::finish()
 {
     shutdown(fd_, SHUT_WR);

@@ -44,6 +44,8 @@ class ByteSocket {
     // until the deadline.
     bool ends(int deadlineMs = 30000);
 
+    bool hasBytes(int milliseconds) const; // some can be received, or the end; or come in time
+
     void finish(); // no more bytes from this side; the other direction stays open
     void leave();  // close
     void reset();  // close with RST: nothing is waited for on either side

@@ -484,11 +484,12 @@ WRAPPED int __wrap_epoll_create1(int flags)
     return MustFail(Call::EpollCreate) ? FailWith(EMFILE) : __real_epoll_create1(flags);
 }
 
+// What is in the set can always leave it.
 WRAPPED int __wrap_epoll_ctl(int set, int operation, int fd, struct epoll_event *event)
 {
-    const bool mayFail = operation != EPOLL_CTL_DEL; // what is in the set can always leave it
-    return mayFail && MustFail(Call::EpollCtl) ? FailWith(ENOSPC)
-                                               : __real_epoll_ctl(set, operation, fd, event);
+    const bool fails = (operation == EPOLL_CTL_ADD && MustFail(Call::EpollCtl)) ||
+                       (operation == EPOLL_CTL_MOD && MustFail(Call::EpollMod));
+    return fails ? FailWith(ENOSPC) : __real_epoll_ctl(set, operation, fd, event);
 }
 
 WRAPPED int __wrap_eventfd(unsigned int count, int flags)

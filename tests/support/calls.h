@@ -45,7 +45,8 @@ enum class Call {
     GetSockOpt,
     Ioctl,
     EpollCreate,
-    EpollCtl, // but for EPOLL_CTL_DEL
+    EpollCtl, // EPOLL_CTL_ADD
+    EpollMod, // EPOLL_CTL_MOD
     EventFd,
     FileOpen,
     FilePrint,
