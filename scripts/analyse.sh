@@ -7,10 +7,10 @@ set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root" || exit 1
+table=build/proof/analysis.md
+scripts/begin_proof.sh "$table" scripts/analyse.sh || exit 1
 scripts/install_deps.sh test || exit 1
 cmake --preset debug >/dev/null || exit 1
-mkdir -p build/proof
-table=build/proof/analysis.md
 failed=0
 
 # ask MODE TOOL WHAT
@@ -25,6 +25,6 @@ ask() {
 printf '| tool | asked | finds |\n|---|---|---|\n' >"$table"
 ask analyzer "$(clang-tidy --version | grep -o 'LLVM version.*' | sed 's/LLVM version/clang-tidy/')" "the library, by \`.clang-tidy\`, with clang's analyzer"
 ask cppcheck "$(cppcheck --version | tr '[:upper:]' '[:lower:]')" "the library and the host's defaults, but for \`tests/house/cppcheck.txt\`"
-ask clang "$(clang++ --version | sed -n '1s/.*version \([0-9.]*\).*/clang \1/p')" "a build of the library, every warning"
+ask clang "$(clang++ --version | sed -n '1s/.*version \([0-9.]*\).*/clang \1/p')" "the library, with the warnings of its own build"
 ask format "clang-format" "all sources, by \`.clang-format\`"
 exit "$failed"

@@ -28,8 +28,8 @@ read_counts() {
         gcovr --root . --add-tracefile "$build/coverage.json" --html-title rtmpcast --html-details "$build/index.html"
 }
 
+scripts/begin_proof.sh build/proof/coverage.md scripts/coverage.sh "$@" || exit 1
 [ "${1:-}" = --again ] || run_tests
 read_counts || exit 1
-mkdir -p build/proof
 python3 scripts/coverage.py "$build/coverage.json" tests/uncovered.txt build/proof/coverage.md || failed=1
 [ "$failed" -eq 0 ]

@@ -2,19 +2,19 @@
 # Makes each call on the way of every exported function fail once (tests/failing, EveryFailingCall) and
 # leaves a table of how many failures that were, by function and kind of call, in build/proof/failures.md.
 #
-#     scripts/failures.sh [PRESET]      debug, or asan; built before: cmake --build build/PRESET --target test_failing
+#     scripts/failures.sh [PRESET]      debug, or asan
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-debug}
-program=build/$preset/tests/test_failing
-[ -x "$program" ] || { echo "not built: $program"; exit 1; }
-mkdir -p build/proof
+page=build/proof/failures.md
 counts=build/proof/failures.tsv
+scripts/begin_proof.sh "$page" scripts/failures.sh "$@"
+[ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >/dev/null
+cmake --build "build/$preset" --target test_failing --parallel "$(nproc)" | tail -n 1
 rm -f "$counts"
-RTMPCAST_FAILURES=$counts "$program" --gtest_brief=1 --gtest_filter='EveryFailingCall.*'
-python3 - "$counts" "$preset" >build/proof/failures.md <<'PYTHON'
+RTMPCAST_FAILURES=$counts "build/$preset/tests/test_failing" --gtest_brief=1 --gtest_filter='EveryFailingCall.*'
+python3 - "$counts" "$preset" >"$page" <<'PYTHON'
 import collections
-import datetime
 import sys
 
 ways, failures, kinds = {}, collections.Counter(), collections.Counter()
@@ -26,8 +26,7 @@ for line in open(sys.argv[1]):
         failures[function] += int(count)
         kinds[what] += int(count)
 total = sum(failures.values())
-print(f"# Every failure once\n\n{datetime.date.today()}, preset {sys.argv[2]}, `scripts/failures.sh {sys.argv[2]}`: "
-      f"{total} failures on {sum(ways.values())} ways of {len(ways)} functions.\n")
+print(f"# Every failure once\n\nPreset {sys.argv[2]}: {total} failures on {sum(ways.values())} ways of {len(ways)} functions.\n")
 print("| call that failed | times |\n|---|---|")
 for kind, count in kinds.most_common():
     print(f"| {kind} | {count} |")
@@ -35,4 +34,4 @@ print("\n| function | ways | failures |\n|---|---|---|")
 for function in sorted(ways):
     print(f"| {function} | {ways[function]} | {failures[function] or 'no call that can fail'} |")
 PYTHON
-cat build/proof/failures.md
+cat "$page"

@@ -23,11 +23,9 @@ all_targets() { basename -s .cpp -a tests/fuzz/targets/*.cpp; }
 
 build() {
     say "building"
-    cmake --preset fuzz >/tmp/fuzz.$$ 2>&1 && cmake --build "$work" --target "$@" --parallel "$(nproc)" >>/tmp/fuzz.$$ 2>&1
-    local status=$?
-    [ "$status" -eq 0 ] || cat /tmp/fuzz.$$
-    rm -f /tmp/fuzz.$$
-    return "$status"
+    mkdir -p "$work"
+    { cmake --preset fuzz && cmake --build "$work" --target "$@" --parallel "$(nproc)"; } >"$work/build.log" 2>&1 ||
+        { cat "$work/build.log"; return 1; }
 }
 
 make_seeds() {
@@ -51,10 +49,11 @@ run() {
     [ -f "$words" ] || words=tests/fuzz/dictionaries/$target.dict
     [ -f "$words" ] && dictionary=("-dict=$words")
     longest=$(says "$target" max_len)
+    echo "revision $revision" >"$work/$target.log"
     ASAN_OPTIONS=detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
         "$programs/fuzz_$target" -max_total_time="$seconds" -max_len="${longest:-8192}" -timeout=25 \
         -rss_limit_mb=2048 -malloc_limit_mb=512 -print_final_stats=1 -artifact_prefix="$work/found/$target/" \
-        "${dictionary[@]}" "$work/corpus/$target" "${folders[@]}" >"$work/$target.log" 2>&1
+        "${dictionary[@]}" "$work/corpus/$target" "${folders[@]}" >>"$work/$target.log" 2>&1
     echo "exit code $?" >>"$work/$target.log"
 }
 
@@ -63,10 +62,11 @@ number() { grep -oE "$1 *[0-9]+" "$2" | tail -n 1 | grep -oE '[0-9]+$' || echo 0
 
 # row TARGET: a line of the table; findings are files, and whatever else ended a run.
 row() {
-    local log=$work/$1.log findings
+    local log=$work/$1.log findings revision
+    revision=$(sed -n '1s/^revision //p' "$log")
     findings=$(find "$work/found/$1" -type f ! -name 'slow-unit-*' | wc -l)
     [ "$findings" -eq 0 ] && ! grep -q '^exit code 0$' "$log" && findings=1
-    echo "| $1 | $(date -r "$log" +%F) | $(number 'Done [0-9]+ runs in' "$log") | $(number 'stat::number_of_executed_units:' "$log")" \
+    echo "| $1 | $(date -r "$log" +%F) | ${revision:-not noted} | $(number 'Done [0-9]+ runs in' "$log") | $(number 'stat::number_of_executed_units:' "$log")" \
         "| $(number 'stat::average_exec_per_sec:' "$log") | $(number 'cov:' "$log") | $(number 'ft:' "$log")" \
         "| $(number 'stat::new_units_added:' "$log") | $findings |"
     [ "$findings" -eq 0 ]
@@ -86,8 +86,8 @@ campaign() {
     {
         echo "The last campaign of each target, with the address, undefined-behaviour and leak sanitizers; $(clang --version | head -n 1)."
         echo
-        echo "| target | on | seconds | executions | a second | edges covered | features | new inputs | findings |"
-        echo "|---|---|---|---|---|---|---|---|---|"
+        echo "| target | on | revision | seconds | executions | a second | edges covered | features | new inputs | findings |"
+        echo "|---|---|---|---|---|---|---|---|---|---|"
         for target in $(all_targets); do
             [ ! -f "$work/$target.log" ] || row "$target" || bad=1
         done
@@ -95,7 +95,8 @@ campaign() {
     # `bad` was set in this shell: a group in braces is no other.
     mv "$table.new" "$table"
     cat "$table"
-    for target in "$@"; do
+    for target in $(all_targets); do
+        [ -f "$work/$target.log" ] || continue
         find "$work/found/$target" -type f ! -name 'slow-unit-*' | sed 's/^/found: /'
         grep -q '^exit code 0$' "$work/$target.log" || { echo "$target ended with:"; tail -n 30 "$work/$target.log"; }
     done
@@ -131,6 +132,7 @@ esac
 [ "$install" -eq 0 ] || scripts/install_deps.sh fuzz || exit 2
 # shellcheck disable=SC2046 # names without blanks
 [ $# -gt 0 ] || set -- $(all_targets)
+revision=$(scripts/revision.sh) # of what is built now
 build "${@/#/fuzz_}" || exit 2
 if [ "$mode" = minimise ]; then
     for target in "$@"; do minimise "$target" || exit 1; done

@@ -1,5 +1,6 @@
 #!/bin/bash
-# Prints how large librtmpcast.so is on 64-bit ARM, stripped, at -O2 and at -Os. Builds what it needs of both.
+# Prints how large librtmpcast.so is on 64-bit ARM, stripped, at -O2 and at -Os. Builds what it needs of both. Leaves the
+# table in build/proof/size.md.
 #
 #   scripts/size.sh
 set -euo pipefail
@@ -7,6 +8,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 aim=160 # KiB stripped at -O2
+page=build/proof/size.md
 log=$(mktemp)
 stripped=$(mktemp)
 trap 'rm -f "$log" "$stripped"' EXIT
@@ -30,17 +32,25 @@ build() {
 row() {
     "$(tool STRIP)" -o "$stripped" "$2/librtmpcast.so"
     bytes=$(stat -c %s "$stripped")
-    printf '  %-4s %10s KiB' "$1" "$(awk "BEGIN { printf \"%.1f\", $bytes / 1024 }")"
     "$(dirname "$(tool STRIP)")/$(basename "$(tool STRIP)" strip)size" "$stripped" |
-        awk 'NR == 2 { printf " %9d %9d %9d\n", $1, $2, $3 }'
+        awk -v level="$1" -v bytes="$bytes" \
+            'NR == 2 { printf "| `%s` | %.1f KiB | %d | %d | %d |\n", level, bytes / 1024, $1, $2, $3 }'
 }
 
+scripts/begin_proof.sh "$page" scripts/size.sh
 build build/arm64
 build build/arm64-Os -DCMAKE_CXX_FLAGS_RELEASE='-Os -DNDEBUG' -DRTMPCAST_BUILD_TESTS=OFF
-echo "librtmpcast.so, $("$(compiler)" -dumpmachine), $("$(compiler)" -dumpfullversion):"
-printf '  %-4s %14s %9s %9s %9s\n' '' stripped text data bss
-row -Os build/arm64-Os
-row -O2 build/arm64
-if [ "$bytes" -gt $((aim * 1024)) ]; then
-    echo "  -O2 is above the aim of $aim KiB"
-fi
+{
+    echo "\`librtmpcast.so\`, $("$(compiler)" -dumpmachine), gcc $("$(compiler)" -dumpfullversion)."
+    echo
+    echo "| | stripped | text | data | bss |"
+    echo "|---|---|---|---|---|"
+    row -Os build/arm64-Os
+    row -O2 build/arm64
+    if [ "$bytes" -gt $((aim * 1024)) ]; then
+        echo
+        echo "\`-O2\` is above the aim of $aim KiB."
+    fi
+} >"$page.new"
+mv "$page.new" "$page"
+cat "$page"

@@ -17,9 +17,9 @@
 #
 # The company (tests/soak/players_main.cpp) is another process. There are five scripted players and two rtmpdumps, from the
 # first to the last moment, and the two services, between one restart and the next: they record, and each frame must be
-# there, in order, its time above the one before. Frames carry numbers. Beside them fifty come and go: viewers, those who leave or reset in the midst, slow
-# ones, some who stop reading, half handshakes, garbage, one byte a second, commands in any order; an eighth of them over
-# TLS. On the exact road a player that takes nothing holds up everybody (docs/manual.md, "Two senders"): who stops reading
+# there, in order, its time above the one before. Frames carry numbers. Beside them fifty come and go: viewers, those who
+# leave or reset in the midst, slow ones, some who stop reading, half handshakes, garbage, one byte a second, commands in
+# any order; an eighth of them over TLS. On the exact road a player that takes nothing holds up everybody (docs/manual.md, "Two senders"): who stops reading
 # there does so for four seconds at most, which the kernel's buffers take, and a stop that they do not take would show as
 # lag, and not as a hole. A failed write ends the exact road's threaded sender: the steady player behind one has
 # company that says deleteStream and stays until the host has let go; another such session has company of all kinds, and
@@ -32,8 +32,8 @@
 # may differ by 256 KiB of memory in use (as the allocator counts it) and by 4 MiB of resident memory, and those of the
 # longest way of a picture by two seconds; with less than six ebbs to compare, after twice the time, it fails. The host
 # does not run ahead of those who record by more than a second, so that a busy machine makes them late and not a hole.
-# Viewers of the sessions that stay see a picture, nearly all of them, and few visits are ended by the host. At the end everything is destroyed while all
-# are there; no thread and no descriptor may be left, and with --preset asan no memory.
+# Viewers of the sessions that stay see a picture, nearly all of them, and few visits are ended by the host. At the end
+# everything is destroyed while all are there; no thread and no descriptor may be left, and with --preset asan no memory.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -96,7 +96,9 @@ build=$root/build/$preset
 [ -f "$build/build.ninja" ] || (cd "$root" && cmake --preset "$preset" >/dev/null)
 cmake --build "$build" --target soak_host soak_players --parallel "$(nproc)" | tail -n 1
 mkdir -p "$out"
+out=$(cd "$out" && pwd)
 rm -f "$out"/soak.{md,csv,png,log} # what lies there behind a run is this run's
+"$root/scripts/begin_proof.sh" "$out/soak.md" scripts/soak.sh "$minutes" --preset "$preset" --seed "$seed"
 
 # Where many go without being swept up for a while.
 ulimit -n "$(ulimit -H -n)"
@@ -105,8 +107,15 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$root/t
 
 printf '== Soak: %s minutes, seed %s, preset %s\n' "$minutes" "$seed" "$preset"
 status=0
-nice "$build/tests/soak/soak_players" "$build/tests/soak/soak_host" "$out" "$minutes" "$seed" "$preset" \
-    ${fault:+"$fault"} >"$out/soak.log" || status=$?
+# All of it ends with this script, or twenty minutes late: timeout passes a signal on to everything that it has started.
+timeout --kill-after=10 $((60 * (${minutes%.*} + 20))) nice "$build/tests/soak/soak_players" "$build/tests/soak/soak_host" \
+    "$out" "$minutes" "$seed" "$preset" ${fault:+"$fault"} >"$out/soak.log" &
+players=$!
+trap 'kill "$players" 2>/dev/null || true' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+wait "$players" || status=$?
+trap - EXIT
 if [ -s "$out/soak.csv" ]; then
     "$root/tools/plot_soak" "$out/soak.csv" "$out/soak.png"
 fi

@@ -15,6 +15,8 @@ seconds=$((60 * minutes))
 logs=build/proof/stress
 table=build/proof/stress.md
 mkdir -p "$logs"
+scripts/begin_proof.sh "$table" scripts/stress.sh "$minutes" || exit 1
+scripts/install_deps.sh test || exit 1
 
 cmake --preset tsan -DRTMPCAST_LEFT_OUT= >"$logs/configure.log" 2>&1 || { cat "$logs/configure.log"; exit 1; }
 cmake --build --preset tsan --parallel "$(nproc)" --target test_wire test_steady || exit 1
@@ -44,8 +46,6 @@ storm() {
 
 {
     echo "# Stress under the thread sanitizer"
-    echo
-    echo "\`scripts/stress.sh $minutes\`, $(date +%F), commit $(git rev-parse --short HEAD 2>/dev/null || echo unknown), $(nproc) cores"
     echo
     echo "| road | time | servers | visits of 20 players | of them undisturbed | sessions made and destroyed | reports of the sanitizer | findings |"
     echo "|---|---|---|---|---|---|---|---|"

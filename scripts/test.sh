@@ -21,17 +21,28 @@ say() { printf '\n== %s\n' "$*"; }
 # attribute NAME FILE: a number out of the first <testsuite> element.
 attribute() { grep -o "$1=\"[0-9]*\"" "$2" | head -n 1 | tr -dc '0-9'; }
 
-# left_out PRESET: what does not run there, and why.
-left_out() {
-    local preset=$1 lists=()
-    [ -z "$all" ] && [ -s "tests/left_out/$preset.txt" ] && lists+=("tests/left_out/$preset.txt")
-    [ "$preset" = arm64 ] && lists+=(tests/left_out/emulator.txt)
-    [ "${#lists[@]}" -gt 0 ] || return 0
-    say "$preset: left out, and why"
-    grep -hvE '^(#|$)' "${lists[@]}"
+# lists PRESET: those that name what does not run there. A 64-bit ARM machine runs everything of its own preset.
+lists() {
+    [ "$1" = arm64 ] && [ "$(uname -m)" = aarch64 ] && return
+    [ -n "$all" ] || [ ! -s "tests/left_out/$1.txt" ] || echo "tests/left_out/$1.txt"
+    [ "$1" != arm64 ] || echo tests/left_out/emulator.txt
 }
 
+# left_out PRESET: what does not run there, and why.
+left_out() {
+    local lists
+    lists=$(lists "$1")
+    [ -n "$lists" ] || return 0
+    say "$1: left out, and why"
+    # shellcheck disable=SC2086 # names without blanks
+    grep -hvE '^(#|$)' $lists
+}
+
+# note PRESET: what the report beside it is of, for scripts/proof.py: the revision, and the lists of what is left out.
+note() { { scripts/revision.sh; lists "$1"; } >"build/$1/tests.note"; }
+
 soak_process=
+trap '[ -z "$soak_process" ] || kill "$soak_process"' EXIT # it would go on by itself
 soak_log=$root/build/soak.log
 
 begin_soak() {
@@ -52,7 +63,11 @@ run_preset() {
     local preset=$1 report=$root/build/$1/tests.xml hosts=()
     [ -n "$all" ] && [ "$preset" = tsan ] && hosts=(-DRTMPCAST_BUILD_EXAMPLES=ON) # nobody asks for them otherwise
     say "$preset: building"
-    cmake --preset "$preset" "${settings[@]}" "${hosts[@]}" >/tmp/configure.$$ 2>&1 || { cat /tmp/configure.$$; return 1; }
+    mkdir -p build
+    cmake --preset "$preset" "${settings[@]}" "${hosts[@]}" >"build/$preset.configure.log" 2>&1 ||
+        { cat "build/$preset.configure.log"; return 1; }
+    rm -f "$report"
+    note "$preset"
     # As nice as the soak, beside which it may run.
     nice cmake --build --preset "$preset" --parallel "$(nproc)" || return 1
     finish_soak
@@ -62,7 +77,6 @@ run_preset() {
     fi
     left_out "$preset"
     say "$preset: running"
-    rm -f "$report"
     ctest --preset "$preset" --output-junit "$report"
     local status=$?
     [ -s "$report" ] || return 1
@@ -82,7 +96,6 @@ scripts/install_deps.sh test || exit 1
 for preset in $presets; do
     # A preset without a result counts as one failure.
     run_preset "$preset" || failed=$((failed + 1))
-    rm -f /tmp/configure.$$
 done
 finish_soak
 

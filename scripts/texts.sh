@@ -1,7 +1,7 @@
 #!/bin/bash
 # Lists every fixed text of the library's sources with the test that was seen to produce it: the test whose log line,
-# call of a host function, bytes on a connection, file or standard output held the text. Runs the tests of the preset
-# debug, which must be built. tests/texts_unreached.txt gives the reasons of the others, one by one; a text that
+# call of a host function, bytes on a connection, file or standard output held the text. Builds and runs the tests of the
+# preset debug. tests/texts_unreached.txt gives the reasons of the others, one by one; a text that
 # neither is produced nor has a reason fails the run, and so does a reason whose text is produced.
 #
 #   scripts/texts.sh                      runs the tests and prints the table; build/proof/texts.md has the counts,
@@ -18,7 +18,10 @@ case ${1:-} in
 esac
 
 # A test that was too slow beside all the others gets another try: what is asked here is what they see.
-cd "$root"
+cd "$root" || exit 1
+scripts/begin_proof.sh build/proof/texts.md scripts/texts.sh || exit 1
+[ -f build/debug/build.ninja ] || cmake --preset debug >/dev/null || exit 1
+cmake --build --preset debug --parallel "$(nproc)" || exit 1
 recorded=$root/build/proof/texts
 rm -rf "$recorded"
 mkdir -p "$recorded"

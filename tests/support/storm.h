@@ -63,7 +63,8 @@ class Storm {
 // A player of a session of its own, at an encoder's pace: every frame comes, in its order and at its time.
 class QuietPlayer {
   public:
-    // `chunks` has the player read by the book, whatever the library is known to choose.
+    // `readsByTheBook`: the player reads whatever chunks RTMP 1.0 allows, whichever the library is known to
+    // choose.
     QuietPlayer(const wire::TestServer &server, RtmpSession *session, bool readsByTheBook);
     ~QuietPlayer();
     QuietPlayer(const QuietPlayer &) = delete;
