@@ -15,6 +15,7 @@ all=
 presets=${*:-debug asan tsan arm64}
 passed=0
 failed=0
+broken=() # what failed, for the last lines
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -54,7 +55,7 @@ begin_soak() {
 # finish_soak: waits for it, if one has begun; it counts as one test.
 finish_soak() {
     [ -n "$soak_process" ] || return 0
-    if wait "$soak_process"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+    if wait "$soak_process"; then passed=$((passed + 1)); else failed=$((failed + 1)); broken+=("the soak"); fi
     soak_process=
     cat "$soak_log"
 }
@@ -87,6 +88,8 @@ run_preset() {
     bad=$(($(attribute failures "$report") + $(attribute disabled "$report") + $(attribute skipped "$report")))
     passed=$((passed + count - bad))
     failed=$((failed + bad))
+    mapfile -t -O "${#broken[@]}" broken < <(grep -oE '<testcase name="[^"]*".* status="(fail|notrun|disabled)"' "$report" |
+        sed -E "s/^<testcase name=\"([^\"]*)\".*/$preset: \1/")
     say "$preset: $((count - bad)) of $count passed"
     [ "$preset" = debug ] && begin_soak
     [ "$count" -gt 0 ] && { [ "$status" -eq 0 ] || [ "$bad" -gt 0 ]; }
@@ -95,10 +98,11 @@ run_preset() {
 scripts/install_deps.sh test || exit 1
 for preset in $presets; do
     # A preset without a result counts as one failure.
-    run_preset "$preset" || failed=$((failed + 1))
+    run_preset "$preset" || { failed=$((failed + 1)); broken+=("$preset: no result"); }
 done
 finish_soak
 
+[ "${#broken[@]}" -eq 0 ] || { say "failed"; printf '%s\n' "${broken[@]}"; }
 echo
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
