@@ -57,9 +57,7 @@ class HostileHost : public testing::TestWithParam<HostRoad> {
     }
     void addMedia(RtmpSession *session)
     {
-        const VideoMediaInfo video = {
-            7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
-        EXPECT_EQ(RtmpAddMediaInfo(session, &video, nullptr), 0);
+        EXPECT_EQ(AddRigMedia(session, RTMP_MEDIA_VIDEO), 0);
     }
     int32_t offer(RtmpSession *session)
     {

@@ -5,11 +5,11 @@
 #include "delivery/write/socket_writer.h"
 #include "net/client_state.h"
 #include "support/session_rig.h"
+#include "support/unread.h"
 
 #include <atomic>
 #include <csignal>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
@@ -74,13 +74,6 @@ bool IsOpen(int peer)
     return recv(peer, &byte, 1, MSG_DONTWAIT | MSG_PEEK) != 0;
 }
 
-size_t WaitingAt(int peer)
-{
-    int bytes = 0;
-    ioctl(peer, FIONREAD, &bytes);
-    return static_cast<size_t>(bytes);
-}
-
 bool IsBeingWrittenTo(RtmpClient *client)
 {
     if (pthread_mutex_trylock(&client->WriteLock) != 0) {
@@ -95,7 +88,7 @@ bool WaitForHalf(const RigClient &player)
 {
     return WaitUntil([&] {
         pollfd room = {player.client->Socket, POLLOUT, 0};
-        return WaitingAt(player.peer) > 0 && poll(&room, 1, 0) == 0 && IsBeingWrittenTo(player.client);
+        return UnreadBytes(player.peer) > 0 && poll(&room, 1, 0) == 0 && IsBeingWrittenTo(player.client);
     });
 }
 
@@ -299,10 +292,10 @@ TEST_F(HalfSent, APlayerIsEndedOnlyInTheMiddleOfAMessage)
     const Bytes wire = VideoOnTheWire(frame);
     for (uint64_t i = 0; i < 60; i++) {
         ASSERT_EQ(Send(rig, frame, 1000 + i), 0);
-        while (WaitingAt(player.peer) == 0) { // ended as soon as the first bytes are there
+        while (UnreadBytes(player.peer) == 0) { // ended as soon as the first bytes are there
         }
         ASSERT_EQ(RtmpBWMSettings(rig.session, 1, 30), 0);
-        const size_t got = ReadBytes(player.peer, WaitingAt(player.peer)).size();
+        const size_t got = ReadBytes(player.peer, static_cast<size_t>(UnreadBytes(player.peer))).size();
         ASSERT_TRUE(IsOpen(player.peer)) << got << " bytes, round " << i;
         ASSERT_EQ(player.client->MessageState, MESSAGE_WHOLE);
     }

@@ -4,6 +4,7 @@
 #include "message/recv_packet.h"
 #include "serve/dispatch.h"
 #include "support/socket_client.h"
+#include "support/unread.h"
 #include "support/wait.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <cstring>
 #include <malloc.h>
-#include <sys/ioctl.h>
 #include <thread>
 
 namespace {
@@ -56,13 +56,6 @@ size_t RoomOf(RtmpRecvPkt *pkt)
 size_t Allocated()
 {
     return mallinfo2().uordblks + mallinfo2().hblkhd;
-}
-
-int Unread(int socket)
-{
-    int bytes = -1;
-    EXPECT_EQ(ioctl(socket, FIONREAD, &bytes), 0);
-    return bytes;
 }
 
 constexpr size_t kSlack = 1 << 20;
@@ -178,7 +171,8 @@ TEST(ReceivedMemory, AChunkThatIsAnnouncedCostsLittleBeforeItArrives)
         RtmpRecvPkt *pkt = nullptr;
         std::thread reader([&] { pkt = ReadRtmpMessage(client.get()); });
         client.send((first ? Header(64, kLongest) : Continuation(64)) + Counting(100));
-        EXPECT_TRUE(WaitUntil([&] { return Unread(client->Socket) == 0; })); // the next read waits for more
+        EXPECT_TRUE(
+            WaitUntil([&] { return UnreadBytes(client->Socket) == 0; })); // the next read waits for more
         EXPECT_LE(Allocated(), before + kSlack);
         client.endOfInput();
         reader.join();

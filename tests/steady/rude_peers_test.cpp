@@ -3,11 +3,11 @@
 #include "net/atomic.h"
 #include "steady/steady_peers.h"
 #include "support/leaving_steps.h"
+#include "support/unread.h"
 
 #include <algorithm>
 #include <atomic>
 #include <poll.h>
-#include <sys/ioctl.h>
 
 using namespace wire;
 
@@ -79,14 +79,6 @@ class RudePeers : public testing::TestWithParam<RudeRoad> {
 
 constexpr size_t kRudeRounds = 12;
 static_assert(2 * kRudeRounds >= kStepsBeforePlaying);
-
-// What has come and was not read.
-int WaitingBytes(const ByteSocket &socket)
-{
-    int bytes = 0;
-    EXPECT_EQ(ioctl(socket.descriptor(), FIONREAD, &bytes), 0);
-    return bytes;
-}
 
 } // namespace
 
@@ -180,7 +172,7 @@ TEST(BurstyReader, OfTheExactRoadGetsEveryFrame)
     for (int seen = 0; seen < kFrames;) {
         // How much a socket takes that nobody reads is the kernel's affair: then the host waits, and so much
         // for this pause.
-        (void)WaitUntil([&] { return done || WaitingBytes(player.socket) > 30000; }, 100);
+        (void)WaitUntil([&] { return done || UnreadBytes(player.socket.descriptor()) > 30000; }, 100);
         for (int burst = 0; burst < 15 && seen < kFrames; burst++, seen++) {
             EXPECT_TRUE(Same(Slice(player.read().payload, 5, kLength),
                              VideoFrame(kLength, kKeyNal, static_cast<uint8_t>(seen))));

@@ -15,6 +15,16 @@ const Bytes kRigVideoConfig = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1F, 0xDA
                                0x16, 0xE8, 0x40, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
 const Bytes kRigAudioConfig = {0x12, 0x10};
 
+int AddRigMedia(RtmpSession *session, uint32_t media)
+{
+    const VideoMediaInfo video = {
+        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
+    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
+                                  kRigAudioConfig.data()};
+    return RtmpAddMediaInfo(session, media != RTMP_MEDIA_AUDIO ? &video : nullptr,
+                            media != RTMP_MEDIA_VIDEO ? &audio : nullptr);
+}
+
 SessionRig::SessionRig(int32_t chunkSize, uint32_t media, uint32_t senderMode)
     : SessionRig(RigSetup{.chunkSize = chunkSize, .media = media, .senderMode = senderMode})
 {
@@ -43,13 +53,7 @@ RtmpSession *SessionRig::addSession(const char *name)
         throw std::runtime_error("no session: " + std::to_string(err));
     }
     RtmpSenderSettings(made, setup_.senderMode, 0, 0, 1, 255, setup_.interval, setup_.queue, setup_.queue);
-    const VideoMediaInfo video = {
-        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
-    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
-                                  kRigAudioConfig.data()};
-    if (setup_.media != RTMP_MEDIA_NONE &&
-        RtmpAddMediaInfo(made, setup_.media != RTMP_MEDIA_AUDIO ? &video : nullptr,
-                         setup_.media != RTMP_MEDIA_VIDEO ? &audio : nullptr) != 0) {
+    if (setup_.media != RTMP_MEDIA_NONE && AddRigMedia(made, setup_.media) != 0) {
         throw std::runtime_error("no media");
     }
     return made;

@@ -11,6 +11,9 @@
 extern const Bytes kRigVideoConfig;
 extern const Bytes kRigAudioConfig;
 
+// Registers them, or the one of them that `media` names. As RtmpAddMediaInfo returns.
+int AddRigMedia(RtmpSession *session, uint32_t media = RTMP_MEDIA_BOTH);
+
 struct RigClient {
     RtmpClient *client;
     int peer; // the other end of client->Socket

@@ -1,13 +1,13 @@
 #include "support/storm.h"
 
-#include "net/scope.h"
+#include "support/frame_calls.h"
+#include "support/unread.h"
 #include "support/wait.h"
 #include "support/wire_replies.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <random>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 using namespace wire;
@@ -39,8 +39,8 @@ void Pace()
 
 void DropLine(void *, uint8_t, const char *, va_list) {}
 
-// Frames of one session from a thread of their own, until they are told to end. They may be told in the
-// middle of a frame, and the session may be destroyed under it: none begins after `tellToEnd` has returned.
+// Frames of one session from a thread of their own, until they are told to end, which may be in the middle of
+// one.
 class FrameSource {
   public:
     FrameSource(RtmpSession *session, uint32_t seed)
@@ -56,26 +56,10 @@ class FrameSource {
 
     void tellToEnd()
     {
-        ending_ = true;
-        EXPECT_TRUE(WaitUntil([&] { return !isCalling_ || hasFrameUnderWay(); }));
+        EXPECT_TRUE(calls_.end(session_));
     }
 
   private:
-    bool hasFrameUnderWay() const
-    {
-        UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session_->MemberLock);
-        return session_->FrameThread != 0;
-    }
-    template <typename Make> bool call(Make make)
-    {
-        isCalling_ = true;
-        const bool goesOn = !ending_;
-        if (goesOn) {
-            make();
-        }
-        isCalling_ = false;
-        return goesOn;
-    }
     void sendFrames(uint32_t seed)
     {
         Chances chances(seed);
@@ -86,16 +70,16 @@ class FrameSource {
             const Bytes picture = VideoFrame(length, i % 12 == 0 ? kKeyPicture : kInterPicture);
             const uint64_t time = 1000 + 40 * i;
             // What they answer depends on who has just left.
-            goesOn = call([&] { (void)SendVideo(session_, picture, time); }) &&
-                     call([&] { (void)SendAudio(session_, sound, time + 10); });
+            goesOn = calls_.make([&] { (void)SendVideo(session_, picture, time); }) &&
+                     calls_.make([&] { (void)SendAudio(session_, sound, time + 10); });
             if (goesOn && i % 16 == 15) { // a failed send has ended the threaded sender by then, as a rule
-                goesOn = call([&] { EXPECT_EQ(RtmpThreadedQueueReset(session_), 0); });
+                goesOn = calls_.make([&] { EXPECT_EQ(RtmpThreadedQueueReset(session_), 0); });
             }
         }
     }
 
     RtmpSession *const session_;
-    std::atomic<bool> ending_ = false, isCalling_ = false;
+    FrameCalls calls_;
     std::thread thread_; // the last: it uses the others
 };
 
@@ -124,12 +108,8 @@ void ReadSome(ScriptedPeer &peer, int most)
 void TakeNothing(const ScriptedPeer &peer, int patienceMs)
 {
     constexpr int kFull = 100000;
-    (void)WaitUntil( // else nobody sent that much
-        [&] {
-            int waiting = 0;
-            return ioctl(peer.socket.descriptor(), FIONREAD, &waiting) != 0 || waiting > kFull;
-        },
-        patienceMs / 10);
+    (void)WaitUntil([&] { return UnreadBytes(peer.socket.descriptor()) > kFull; },
+                    patienceMs / 10); // else nobody sent that much
 }
 
 enum Manner : int {

@@ -4,10 +4,10 @@
 #include "net/platform.h"
 #include "net/tls_io.h"
 #include "serve/serve.h"
+#include "support/unread.h"
 #include "tls_fixture.h"
 
 #include <limits>
-#include <sys/ioctl.h>
 
 using namespace wire;
 
@@ -177,13 +177,6 @@ TEST(TlsRead, OfNothingAnswersAtOnce)
 constexpr int kRenewalRecord = 5 + 5 + 1 + 16;
 constexpr int kTwoBytesRecord = 5 + 2 + 1 + 16;
 
-static int BytesToRead(int socket)
-{
-    int count = 0;
-    ioctl(socket, FIONREAD, &count);
-    return count;
-}
-
 // The answer to the first renewal waits behind a record that is half out. A handle that read the second one
 // would put the answer into the middle of that record.
 TEST(TlsRead, OfASecondRenewalWaitsForTheRecordThatIsHalfOut)
@@ -206,7 +199,7 @@ TEST(TlsRead, OfASecondRenewalWaitsForTheRecordThatIsHalfOut)
         return TlsRead(&line, &byte, 1) == 1 ? byte : -1;
     };
     peer.socket.send(Hex("01 02"));
-    ASSERT_TRUE(WaitUntil([&tls] { return BytesToRead(tls.socket()) == kRenewalRecord + kTwoBytesRecord; }))
+    ASSERT_TRUE(WaitUntil([&tls] { return UnreadBytes(tls.socket()) == kRenewalRecord + kTwoBytesRecord; }))
         << "a read of the renewal alone would wait for the record that is half out";
     EXPECT_EQ(read(), 1);
     peer.socket.send(Hex("03"));

@@ -19,17 +19,6 @@ RtmpServer *MakeFuzzedServer(bool isSteady)
     return server;
 }
 
-void AddRigMedia(RtmpSession *session)
-{
-    const VideoMediaInfo video = {
-        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
-    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
-                                  kRigAudioConfig.data()};
-    if (RtmpAddMediaInfo(session, &video, &audio) != 0) {
-        abort();
-    }
-}
-
 RtmpSession *MakeFuzzedSession(RtmpServer *server, FuzzedSession kind)
 {
     if (kind == FUZZED_NONE) {
@@ -43,8 +32,8 @@ RtmpSession *MakeFuzzedSession(RtmpServer *server, FuzzedSession kind)
     if (kind == FUZZED_WITH_SENDER) {
         RtmpSenderSettings(session, 0, 0, 0, 1, 255, 5, 10, 10);
     }
-    if (kind != FUZZED_BARE) {
-        AddRigMedia(session);
+    if (kind != FUZZED_BARE && AddRigMedia(session) != 0) {
+        abort();
     }
     return session;
 }

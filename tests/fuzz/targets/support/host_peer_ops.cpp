@@ -4,10 +4,10 @@
 #include "serve/serve.h"
 #include "state/server_hold.h"
 #include "support/host_world.h"
+#include "support/unread.h"
 #include "support/wire_replies.h"
 
 #include <cstring>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -120,17 +120,11 @@ void SayTo(const Client &client, const Bytes &bytes)
     HostPeers::get().send(client.seat, bytes);
 }
 
-bool HasInput(const Client &client)
-{
-    int waiting = 0;
-    return ioctl(client.fd, FIONREAD, &waiting) == 0 && waiting > 0;
-}
-
 // One whole message, or none: the input is at its end.
 RtmpRecvPkt *HearMessage(Client *client)
 {
     constexpr int mostChunks = 64;
-    for (int i = 0; i < mostChunks && HasInput(*client); i++) {
+    for (int i = 0; i < mostChunks && UnreadBytes(client->fd) > 0; i++) {
         RtmpRecvPkt *pkt = ReadRtmpMessage(client->client);
         if (pkt == nullptr) {
             return nullptr;

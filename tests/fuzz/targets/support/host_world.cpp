@@ -186,14 +186,13 @@ void FrameThread::sendFrames()
 {
     for (uint32_t i = 0; i < frames_; i++) {
         const Bytes frame = wire::VideoFrame(20 + 997 * i % 30000, i % 8 == 0 ? 0x65 : 0x41);
-        isCalling_ = true;
-        if (ending_) {
-            isCalling_ = false;
+        const auto send = [&] {
+            Expect("RtmpSendData beside others", wire::SendVideo(session_, frame, 5000 + 40 * i),
+                   {0, RTMP_FAILED, RTMP_ERR_NO_MEDIA_INFO, RTMP_ERR_NO_CLIENT});
+        };
+        if (!calls_.make(send)) {
             return;
         }
-        Expect("RtmpSendData beside others", wire::SendVideo(session_, frame, 5000 + 40 * i),
-               {0, RTMP_FAILED, RTMP_ERR_NO_MEDIA_INFO, RTMP_ERR_NO_CLIENT});
-        isCalling_ = false;
     }
 }
 
@@ -201,7 +200,7 @@ void FrameThread::send(RtmpSession *session, uint32_t frames)
 {
     awaitEnd(nullptr);
     const std::lock_guard<std::mutex> held(lock_);
-    ending_ = false;
+    calls_.begin();
     frames_ = frames;
     session_ = session;
     changed_.notify_all();
@@ -214,20 +213,11 @@ void FrameThread::awaitEnd(const RtmpSession *session)
     changed_.wait(held, [&] { return session_ == nullptr || (session != nullptr && session_ != session); });
 }
 
-bool FrameThread::hasFrameUnderWay() const
-{
-    UNLOCK_AT_EXIT RtmpMutex *held = HoldLeaf(&session_->MemberLock);
-    return session_->FrameThread != 0;
-}
-
 void FrameThread::tellToEnd(RtmpSession *session)
 {
     const std::lock_guard<std::mutex> held(lock_); // the thread is not done with the session meanwhile
-    if (session_ == session) {
-        ending_ = true;
-        while (isCalling_ && !hasFrameUnderWay()) {
-            std::this_thread::yield();
-        }
+    if (session_ == session && !calls_.end(session)) {
+        Break("a frame that is handed over does not come into the library");
     }
 }
 

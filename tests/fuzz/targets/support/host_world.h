@@ -4,6 +4,7 @@
 #pragma once
 
 #include "rtmpcast/rtmpcast.h"
+#include "support/frame_calls.h"
 #include "support/fuzz_input.h"
 #include "support/host_ops.h"
 #include "support/host_peers.h"
@@ -80,13 +81,12 @@ class FrameThread {
   private:
     [[noreturn]] void run();
     void sendFrames();
-    bool hasFrameUnderWay() const;
 
     std::mutex lock_;
     std::condition_variable changed_;
     RtmpSession *session_ = nullptr; // null: nothing to do
     uint32_t frames_ = 0;
-    std::atomic<bool> ending_ = false, isCalling_ = false;
+    FrameCalls calls_;
 };
 
 class World {
