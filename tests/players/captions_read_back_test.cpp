@@ -172,17 +172,17 @@ constexpr size_t kFlip = 7;
 constexpr size_t kErase = 9;
 
 // By road and sender. Each road once, and each sender: captions are made in front of both, and know neither.
-struct Road {
+struct CaptionRoad {
     const char *name;
     std::vector<std::string> options;
 };
 
-const Road kRoads[] = {
+const CaptionRoad kRoads[] = {
     {"Exact", {"--exact"}},
     {"SteadyThreaded", {"--sender", "threaded"}},
 };
 
-class Captions : public testing::TestWithParam<Road> {
+class Captions : public testing::TestWithParam<CaptionRoad> {
   protected:
     std::vector<std::string> with(const std::vector<std::string> &more) const
     {
@@ -193,7 +193,9 @@ class Captions : public testing::TestWithParam<Road> {
 };
 
 INSTANTIATE_TEST_SUITE_P(On, Captions, testing::ValuesIn(kRoads),
-                         [](const testing::TestParamInfo<Road> &row) { return std::string(row.param.name); });
+                         [](const testing::TestParamInfo<CaptionRoad> &row) {
+                             return std::string(row.param.name);
+                         });
 
 } // namespace
 

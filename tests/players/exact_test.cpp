@@ -8,7 +8,7 @@
 
 namespace {
 
-struct Row {
+struct RefusedPlayer {
     const char *name;
     std::vector<std::string> words;
     const char *line;
@@ -18,7 +18,7 @@ const char *const kUnsigned = "ERROR: PerformHandshake: Cannot varify the client
 const char *const kLength = "INFO: ParseCmdMsgReq: Unsupported command message: getStreamLength";
 const char *const kSubscribes = "INFO: ParseCmdMsgReq: Unsupported command message: FCSubscribe";
 
-const Row kRows[] = {
+const RefusedPlayer kRows[] = {
     {"FfmpegOfAnything", Ffmpeg({"-rtmp_live", "any"}), kLength},
     {"FfmpegOfTheRecorded", Ffmpeg({"-rtmp_live", "recorded"}), kLength},
     {"FfmpegOfTheLive", Ffmpeg({"-rtmp_live", "live"}), kSubscribes},
@@ -30,12 +30,12 @@ const Row kRows[] = {
     {"GstreamerRtmp2src", Gstreamer("rtmp2src", "URL", 240), kUnsigned},
 };
 
-class Exact : public testing::TestWithParam<Row> {};
+class Exact : public testing::TestWithParam<RefusedPlayer> {};
 
 INSTANTIATE_TEST_SUITE_P(Of, Exact, testing::ValuesIn(kRows),
                          [](const auto &row) { return std::string(row.param.name); });
 
-void PrintTo(const Row &row, std::ostream *out)
+void PrintTo(const RefusedPlayer &row, std::ostream *out)
 {
     *out << row.name;
 }

@@ -139,14 +139,14 @@ void EndConnection(int fd)
     close(fd);
 }
 
-struct Road {
+struct ServiceRoad {
     bool steady, threaded, isSigned;
 };
 
 // A host that publishes the clip to a port of loopback.
 class Host {
   public:
-    Host(const Road &road, const Clip &clip) : clip_(clip), road_(road)
+    Host(const ServiceRoad &road, const Clip &clip) : clip_(clip), road_(road)
     {
         struct sigaction action = {};
         action.sa_handler = ReturnAtOnce;
@@ -216,7 +216,7 @@ class Host {
     }
 
     const Clip &clip_;
-    const Road road_;
+    const ServiceRoad road_;
     CaptureLogger log_;
     RtmpServer *server_;
     RtmpSession *session_;
@@ -253,7 +253,7 @@ testing::AssertionResult IsWhole(const std::string &recording, const Clip &clip)
     return testing::AssertionSuccess();
 }
 
-class Services : public testing::TestWithParam<Road> {
+class Services : public testing::TestWithParam<ServiceRoad> {
   protected:
     Directory work;
     const Clip clip{work};
@@ -262,9 +262,9 @@ class Services : public testing::TestWithParam<Road> {
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Roads, Services,
-                         testing::Values(Road{false, false, false}, Road{false, true, true},
-                                         Road{true, false, true}, Road{true, true, false}),
-                         [](const testing::TestParamInfo<Road> &info) {
+                         testing::Values(ServiceRoad{false, false, false}, ServiceRoad{false, true, true},
+                                         ServiceRoad{true, false, true}, ServiceRoad{true, true, false}),
+                         [](const testing::TestParamInfo<ServiceRoad> &info) {
                              return std::string(info.param.steady ? "Steady" : "Exact") +
                                     (info.param.threaded ? "Threaded" : "Monitor") +
                                     (info.param.isSigned ? "Signed" : "Plain");
