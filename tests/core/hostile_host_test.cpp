@@ -77,6 +77,25 @@ class HostileHost : public testing::TestWithParam<HostRoad> {
             return endsWithIt(came);
         });
     }
+    // How often `path` is open in this process.
+    static size_t opened(const std::string &path)
+    {
+        size_t count = 0;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone; // the descriptor of this very look
+            count += std::filesystem::read_symlink(entry.path(), gone) == path ? 1 : 0;
+        }
+        return count;
+    }
+    // A trace that is opened within the next half minute, by whatever second it is called, is on a full disk.
+    void fillTheDisk()
+    {
+        const time_t now = ::time(nullptr);
+        for (time_t second = now - 1; second < now + 30; second++) {
+            std::filesystem::create_symlink("/dev/full",
+                                            directory + "/debug-" + std::to_string(second) + ".csv");
+        }
+    }
     SessionRig rig;
     std::string directory;
     uint64_t time = 1000;
@@ -153,11 +172,11 @@ TEST_P(HostileHost, ResetCloseAndDestroyInEveryPhaseLeaveAServerThatServes)
     EXPECT_TRUE(hasFrame(player));
 }
 
+// The packet monitor has no trace.
 TEST_P(HostileHost, ADiskThatIsFullCostsNoFrame)
 {
-    for (time_t second = ::time(nullptr) - 1; second < ::time(nullptr) + 30; second++) {
-        std::filesystem::create_symlink("/dev/full", directory + "/debug-" + std::to_string(second) + ".csv");
-    }
+    const size_t before = opened("/dev/full");
+    fillTheDisk();
     RtmpSession *session = newSession();
     chooseSender(session);
     trace(session);
@@ -167,8 +186,13 @@ TEST_P(HostileHost, ADiskThatIsFullCostsNoFrame)
         EXPECT_EQ(offer(session), 0);
         EXPECT_TRUE(hasFrame(player));
     }
+    EXPECT_EQ(opened("/dev/full"), before + (GetParam().mode == RTMP_SENDER_THREADED ? 1 : 0));
     rig.removeClient(player.client);
     EXPECT_EQ(RtmpSessionDestroy(session), 0);
+    EXPECT_EQ(opened("/dev/full"), before);
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+        EXPECT_TRUE(entry.is_symlink()) << entry.path(); // of a trace that missed them
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(On, HostileHost, testing::ValuesIn(kHostRoads),

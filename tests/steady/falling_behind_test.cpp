@@ -3,6 +3,7 @@
 
 #include "rtmpcast/media.h"
 #include "rtmpcast/service.h"
+#include "support/slow_reader.h"
 
 #include <map>
 #include <thread>
@@ -32,44 +33,6 @@ uint64_t NumberOf(const Message &message, size_t least)
 {
     return message.payload.size() - 5 - least;
 }
-
-// Reads a peer's bytes as a slow player would, and hands them on at once.
-class SlowReader {
-  public:
-    SlowReader(int from, size_t piece) : from_(from), piece_(piece)
-    {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        to_ = ends[0];
-        socket = std::make_unique<ByteSocket>(Connected{ends[1]});
-        socket->keepRecord(false);
-        thread_ = std::thread([this] { relay(); });
-    }
-    ~SlowReader()
-    {
-        shutdown(from_, SHUT_RDWR);
-        thread_.join();
-        close(to_);
-    }
-    SlowReader(const SlowReader &) = delete;
-    SlowReader &operator=(const SlowReader &) = delete;
-    std::unique_ptr<ByteSocket> socket;
-
-  private:
-    void relay()
-    {
-        Bytes piece(piece_);
-        for (ssize_t got = recv(from_, piece.data(), piece_, 0); got > 0;
-             got = recv(from_, piece.data(), piece_, 0)) {
-            if (::send(to_, piece.data(), static_cast<size_t>(got), MSG_NOSIGNAL) != got) {
-                return;
-            }
-        }
-    }
-    int from_, to_ = -1;
-    size_t piece_;
-    std::thread thread_;
-};
 
 // What a player of this pace gets of 200 frames that are sent at once.
 void ExpectEveryFrame(size_t piece)

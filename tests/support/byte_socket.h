@@ -20,6 +20,18 @@ struct PeerError : std::runtime_error {
     int code; // errno, where a system call failed
 };
 
+// `body` for a thread of a test: what a peer does not do in time fails the test, and not the whole process.
+template <typename Body> auto OnAThread(Body body)
+{
+    return [body] {
+        try {
+            body();
+        } catch (const PeerError &error) {
+            ADD_FAILURE() << error.what();
+        }
+    };
+}
+
 // A connection that stands already: one end of a socket pair, or an accepted socket.
 struct Connected {
     int descriptor; // taken over

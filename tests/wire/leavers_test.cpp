@@ -86,7 +86,7 @@ TEST(WireLeavers, ManyConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNoth
             }
         }
     });
-    std::thread watching([&] {
+    std::thread watching(OnAThread([&] {
         Patience behind;
         while (!lastIsSent || received < sent) {
             if (received < sent) {
@@ -98,7 +98,7 @@ TEST(WireLeavers, ManyConnectionsLeaveInTheMiddleOfEveryStepAndAPlayerMissesNoth
                 behind.pause();
             }
         }
-    });
+    }));
     std::vector<std::thread> workers;
     for (size_t worker = 0; worker < kWorkers; ++worker) {
         workers.emplace_back(RunConnections, server.port, worker, std::ref(failures));
