@@ -1,14 +1,34 @@
-// A recorded session of a well-behaved player, damaged in every place: cut, a bit turned, chunks doubled,
-// left out and swapped. Each time the connection ends, and whoever watches beside it gets the next frame.
+// A whole session of a well-behaved player, damaged in every place: cut, a bit turned, chunks doubled, left
+// out and swapped. Each time what is in front of the damage is served and answered, the connection ends, and
+// whoever watches beside it gets the next frame.
 #include "serve/served_peer.h"
+
+#include <cstring>
 
 namespace {
 
 using wire::Chunks;
 using wire::Outgoing;
 
+// What tells that a message of the session has been answered, and how often it has come by then; nothing
+// where a message is only heard.
+constexpr struct {
+    const char *text;
+    size_t times;
+} kAnswers[] = {{"NetConnection.Connect.Success", 1},
+                {"", 0},
+                {"_result", 2},
+                {"", 0},
+                {"", 0},
+                {"NetStream.Play.Start", 1},
+                {"", 0},
+                {"NetStream.Pause.Notify", 1},
+                {"", 0},
+                {"NetStream.Play.Start", 2},
+                {"", 0}};
+
 // What a player sends behind its handshake, message by message, each in its chunks.
-std::vector<std::vector<Bytes>> RecordedSession()
+std::vector<std::vector<Bytes>> WholeSession()
 {
     const Outgoing messages[] = {
         {.payload = wire::ConnectCommand()},
@@ -23,6 +43,7 @@ std::vector<std::vector<Bytes>> RecordedSession()
         {.payload = wire::PauseCommand(false), .chunkStream = 8, .stream = 1, .headerType = 1},
         {.payload = wire::DeleteStreamCommand()},
     };
+    static_assert(std::size(messages) == std::size(kAnswers));
     std::vector<std::vector<Bytes>> out;
     for (const Outgoing &message : messages) {
         Bytes chunks = Chunks(message);
@@ -62,11 +83,32 @@ class DamagedSession : public testing::TestWithParam<Served> {
     Round serve(const Bytes &bytes)
     {
         served.rig.log.clear();
+        quietRounds = 0;
         ServedPeer peer(served.rig, GetParam());
         peer.send(bytes);
         const Round was = peer.serve();
         replies = peer.replies();
         return was;
+    }
+    // Lines are not kept, and rounds are counted all the same.
+    void beQuiet()
+    {
+        served.rig.log.get()->LogFunction = [](void *, uint8_t, const char *format, va_list) {
+            quietRounds += strstr(format, "Serving RTMP Client") != nullptr ? 1 : 0;
+        };
+    }
+    // All messages that end in front of this byte have been served, and answered if they are.
+    void expectServedUpTo(size_t damage)
+    {
+        size_t end = 0;
+        for (size_t i = 0; i < session.size(); i++) {
+            end += Joined(session[i]).size();
+            if (end > damage) {
+                break;
+            }
+            EXPECT_GT(quietRounds, i + 1); // and the next message was waited for
+            EXPECT_GE(TimesIn(replies, kAnswers[i].text), kAnswers[i].times) << kAnswers[i].text;
+        }
     }
     // It ended by itself, and the server is ready for the next: nobody closed the client.
     static bool isOver(Round was)
@@ -78,9 +120,10 @@ class DamagedSession : public testing::TestWithParam<Served> {
         return served.rig.log.count("INFO: ServeRtmpClient: Serving RTMP Client: ");
     }
     ServedRig served{GetParam()};
-    const std::vector<std::vector<Bytes>> session = RecordedSession();
+    const std::vector<std::vector<Bytes>> session = WholeSession();
     const std::vector<Bytes> chunks = ChunksOf(session);
     Bytes replies;
+    static inline size_t quietRounds = 0;
 };
 
 } // namespace
@@ -118,13 +161,14 @@ TEST_P(DamagedSession, CutAtEveryByteIsServedUpToItsLastWholeMessage)
 
 TEST_P(DamagedSession, EveryBitTurnedEndsWithItsConnectionAlone)
 {
-    served.beQuiet();
+    beQuiet();
     const Bytes whole = Joined(chunks);
     for (size_t bit = 0; bit < 8 * whole.size(); bit++) {
         SCOPED_TRACE(bit);
         Bytes damaged = whole;
         damaged[bit / 8] ^= static_cast<uint8_t>(0x80 >> bit % 8);
         EXPECT_TRUE(isOver(serve(damaged)));
+        expectServedUpTo(bit / 8);
         EXPECT_EQ(served.rig.session->ClientCount, 1);
         ASSERT_FALSE(HasFailure());
     }
@@ -133,7 +177,9 @@ TEST_P(DamagedSession, EveryBitTurnedEndsWithItsConnectionAlone)
 
 TEST_P(DamagedSession, EveryChunkDoubledDroppedOrSwappedEndsWithItsConnectionAlone)
 {
-    for (size_t at = 0; at < chunks.size(); at++) {
+    beQuiet();
+    size_t before = 0; // bytes in front of this chunk
+    for (size_t at = 0; at < chunks.size(); before += chunks[at++].size()) {
         std::vector<Bytes> doubled = chunks, dropped = chunks, swapped = chunks;
         doubled.insert(doubled.begin() + static_cast<long>(at), chunks[at]);
         dropped.erase(dropped.begin() + static_cast<long>(at));
@@ -141,6 +187,7 @@ TEST_P(DamagedSession, EveryChunkDoubledDroppedOrSwappedEndsWithItsConnectionAlo
         for (const std::vector<Bytes> &damaged : {doubled, dropped, swapped}) {
             SCOPED_TRACE(at);
             EXPECT_TRUE(isOver(serve(Joined(damaged))));
+            expectServedUpTo(damaged[0] == chunks[0] ? before : 0); // the last is swapped with the first
             EXPECT_EQ(served.rig.session->ClientCount, 1);
             ASSERT_FALSE(HasFailure());
         }
