@@ -10,7 +10,9 @@
 
 namespace {
 
-FuzzPeer *g_peer; // one at a time
+// One at a time, on the thread that the library reads on: the keeper waits for other descriptors, also while
+// a peer comes or goes.
+thread_local FuzzPeer *t_peer;
 
 // The fuzzer looks at its clock by an alarm, which would end a wait of the library's as a host's signals do;
 // a write over TLS that is given up leaves half a record behind, and whatever is written next is refused.
@@ -25,7 +27,7 @@ void LetAlarmsInterruptNothing()
 
 bool IsPeerOf(int fd)
 {
-    return g_peer != nullptr && g_peer->socket() == fd;
+    return t_peer != nullptr && t_peer->socket() == fd;
 }
 
 } // namespace
@@ -39,10 +41,10 @@ ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
     if (!IsPeerOf(fd)) {
         return __real_recv(fd, buffer, length, flags);
     }
-    g_peer->libraryReads();
+    t_peer->libraryReads();
     const ssize_t got = __real_recv(fd, buffer, length, flags);
     if ((flags & MSG_PEEK) == 0) {
-        g_peer->libraryHasRead(got);
+        t_peer->libraryHasRead(got);
     }
     return got;
 }
@@ -50,7 +52,7 @@ ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
 int __wrap_poll(pollfd *entries, nfds_t count, int milliseconds)
 {
     if (count == 1 && IsPeerOf(entries->fd)) {
-        g_peer->libraryWaits(entries->events);
+        t_peer->libraryWaits(entries->events);
     }
     return __real_poll(entries, count, milliseconds);
 }
@@ -63,12 +65,12 @@ FuzzPeer::FuzzPeer()
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) {
         abort();
     }
-    g_peer = this;
+    t_peer = this;
 }
 
 FuzzPeer::~FuzzPeer()
 {
-    g_peer = nullptr;
+    t_peer = nullptr;
     close(ends_[1]);
     if (!isGivenAway_) {
         close(ends_[0]);

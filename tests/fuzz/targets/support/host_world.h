@@ -76,7 +76,6 @@ class FrameThread {
     void awaitEnd(const RtmpSession *session); // null: of whichever session
     // None begins from now on, and one that has begun is under way.
     void tellToEnd(RtmpSession *session);
-    void awaitEndOfTold();
 
   private:
     [[noreturn]] void run();
