@@ -23,6 +23,7 @@ struct Scenario {
     std::vector<Call> cannotFail = {}; // kinds that are left out, with the reason beside them
     bool isComposed = false; // of many messages, each with a way of its own: the last line alone is compared
     bool isLogged = true;    // false: the comment says that these codes come without a line
+    bool isCompared = true;  // false: what comes of it hangs on another thread's turn
 };
 
 constexpr int kNull = -1000; // a null pointer without a code

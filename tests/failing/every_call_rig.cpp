@@ -1,9 +1,18 @@
 #include "failing/every_call_rig.h"
 
+#include "delivery/steady/steady_sender.h"
+#include "net/atomic.h"
 #include "net/client_state.h"
+#include "net/platform.h"
+#include "serve/serve.h"
+#include "serve/steady_serve.h"
 #include "state/client.h"
+#include "state/server_hold.h"
+#include "steady/line.h"
+#include "steady/message_ring.h"
 #include "support/host_fakes.h"
 #include "support/session_rig.h"
+#include "support/wait.h"
 
 #include <csignal>
 #include <cstring>
@@ -93,6 +102,48 @@ Peer &Host::alone(uint32_t state, bool overTls)
     client->PlayerFlags = server->PlayerFlags;
     SetClientState(client, state);
     return *peers_.back();
+}
+
+void Host::served(uint32_t state)
+{
+    Peer &peer = alone(state);
+    RtmpClient *client = peer.client;
+    peer.client = nullptr;
+    if (session->Stream == nullptr) {
+        EXPECT_EQ(AddClientInSession(session, client), 0);
+        RtmpThread thread;
+        EXPECT_EQ(RtmpThreadCreate(&thread, ServeRtmpClient, client), 0);
+        EXPECT_TRUE(WaitUntil([&] { return LoadShared(&client->ServeThread) != 0; }));
+        return;
+    }
+    client->ThreadOwner = THREAD_OWNER_ITSELF; // as of a connection that has been accepted
+    peer.ends[0] = -1;                         // its thread closes it
+    EXPECT_EQ(NewLine(server->Service, client, 1), 0);
+    EXPECT_EQ(AddClientInSession(session, client), 0);
+    HoldServer(server);
+    EXPECT_EQ(RtmpDetachedThreadCreate(ServeSteadily, client), 0);
+}
+
+int DestroySessionAgain(Host &host)
+{
+    if (ValidateRtmpSessionHandle(host.server, host.session) == 0) {
+        return RtmpSessionDestroy(host.session);
+    }
+    // Whoever was the last to leave may not have given its lock back yet.
+    EXPECT_TRUE(WaitUntil([&] { return LoadShared(&host.server->Holders) == 1; }));
+    FreeRest(host.session);
+    return RtmpSessionDestroy(RtmpSessionCreate(host.server, "live", nullptr));
+}
+
+void FreeRest(RtmpSession *session)
+{
+    if (session->Stream != nullptr) {
+        FreeSteadySender(session->Stream);
+        FreeSteadyStream(session->Stream);
+    }
+    free(session->Pieces);
+    free(session->Name);
+    free(session);
 }
 
 int AddMedia(RtmpSession *session)

@@ -41,12 +41,22 @@ class Host {
     Peer &joined(uint32_t state = CLIENT_STATE_PLAY_DONE, bool overTls = false);
     Peer &alone(uint32_t state = CLIENT_STATE_CREATESTREAM_DONE, bool overTls = false);
 
+    // One that has joined and is served by a thread of the library's, whose the record is from now on.
+    void served(uint32_t state);
+
     RtmpServer *server = nullptr;
     RtmpSession *session = nullptr; // null once a trial has ended it
 
   private:
     std::vector<std::unique_ptr<Peer>> peers_;
 };
+
+// What comes behind a failed RtmpSessionDestroy: the same again, or, where the code said that the session has
+// left the list, another one of its name is made and destroyed.
+int DestroySessionAgain(Host &host);
+
+// Frees a session that is out of its server's list.
+void FreeRest(RtmpSession *session);
 
 // The media of every host here.
 int AddMedia(RtmpSession *session);

@@ -318,6 +318,7 @@ void AddAnswering(std::vector<Scenario> *to)
     add("play again", {play, CLIENT_STATE_PLAY_DONE});
     add("pause", {pause, CLIENT_STATE_PLAY_DONE});
     add("unpause", {unpause, CLIENT_STATE_PAUSE_DONE});
+    add("unpause of a player that plays", {unpause, CLIENT_STATE_PLAY_DONE});
     add("unpause, steady road", {unpause, CLIENT_STATE_PAUSE_DONE, kSteady});
     add("deleteStream", {deleteStream, CLIENT_STATE_PLAY_DONE});
 }

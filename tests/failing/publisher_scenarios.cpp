@@ -1,11 +1,15 @@
 // The ways of a publisher. What the service says lies in the socket from the start.
 #include "failing/every_call_rig.h"
+#include "net/atomic.h"
 #include "net/client_state.h"
 #include "support/amf_bytes.h"
 #include "support/scripted_peer.h"
+#include "support/wait.h"
 
+#include <deque>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace every_call {
@@ -57,6 +61,7 @@ struct PublisherSetup {
     Road road = Road::Exact;
     bool isSigned = false;
     bool isStarted = false;
+    bool overTls = false;
     Bytes says = {}; // behind the start, where it is started
 };
 
@@ -98,7 +103,8 @@ class Publishing {
         const RtmpPublisherTarget target = {
             "live", "rtmp://service.example/live",        "key", nullptr, nullptr,
             2000,   static_cast<uint8_t>(setup_.isSigned)};
-        return RtmpPublisherCreate(host.server, all_.back().ends[0], nullptr, &target, nullptr);
+        return RtmpPublisherCreate(host.server, all_.back().ends[0],
+                                   setup_.overTls ? &all_.back().ends[0] : nullptr, &target, nullptr);
     }
     void hear(const Bytes &bytes)
     {
@@ -119,7 +125,7 @@ class Publishing {
         RtmpPublisher *publisher = nullptr;
     };
     const PublisherSetup setup_;
-    std::vector<Connected> all_;
+    std::deque<Connected> all_; // a handle is the place of its socket
 };
 
 typedef int32_t (*Step)(const Publishing &publishing);
@@ -148,9 +154,9 @@ void Create(Trial &trial)
     RtmpPublisherDestroy(publisher);
 }
 
-void Destroy(Trial &trial, Road road)
+void Destroy(Trial &trial, const PublisherSetup &setup)
 {
-    Publishing publishing(trial, {.road = road, .isStarted = true});
+    Publishing publishing(trial, setup);
     publishing.begin();
     trial.run([&] {
         RtmpPublisherDestroy(publishing.publisher);
@@ -167,6 +173,40 @@ template <enum RtmpPublisherCommand COMMAND> int32_t SendCommand(const Publishin
 
 const PublisherSetup kStarted = {.isStarted = true};
 const PublisherSetup kStartedSteadily = {.road = Road::Steady, .isStarted = true};
+const PublisherSetup kOverTls = {.isStarted = true, .overTls = true};
+const PublisherSetup kOverTlsSteadily = {.road = Road::Steady, .isStarted = true, .overTls = true};
+
+// The publisher's own thread hears that its session ends, and leaves it.
+void LeaveOnceTold(RtmpPublisher *publisher)
+{
+    EXPECT_TRUE(WaitUntil([&] { return LoadShared(&RtmpPublisherClient(publisher)->Awaited) != 0; }));
+    RtmpPublisherDestroy(publisher);
+}
+
+void DestroySession(Trial &trial, Road road)
+{
+    Publishing publishing(trial, {.road = road, .isStarted = true});
+    publishing.begin();
+    std::thread host(LeaveOnceTold, publishing.publisher);
+    publishing.forget();
+    trial.run([&] { return RtmpSessionDestroy(publishing.host.session); },
+              [&] { return DestroySessionAgain(publishing.host); });
+    host.join();
+}
+
+void AddSessionEnds(std::vector<Scenario> *to)
+{
+    const std::vector<int> codes = {RTMP_ERR_LOCK, RTMP_ERR_UNLOCK, RTMP_ERR_LOCK_DESTROY};
+    for (const Road road : {Road::Exact, Road::Steady}) {
+        to->push_back(
+            {.function = "RtmpSessionDestroy",
+             .way = road == Road::Exact ? "exact road, one publishes" : "steady road, one publishes",
+             .codes = codes,
+             .go = [road](Trial &trial) { DestroySession(trial, road); },
+             .cannotFail = {Call::Shutdown},
+             .isCompared = false});
+    }
+}
 
 void AddSteps(std::vector<Scenario> *to)
 {
@@ -184,6 +224,10 @@ void AddSteps(std::vector<Scenario> *to)
     };
     add("RtmpPublisherStart", "exact road", ofStart, {.says = WholeStart()}, start);
     add("RtmpPublisherStart", "steady road", ofStart, {.road = Road::Steady, .says = WholeStart()}, start);
+    add("RtmpPublisherStart", "exact road, over TLS", ofStart, {.overTls = true, .says = WholeStart()},
+        start);
+    add("RtmpPublisherStart", "steady road, over TLS", ofStart,
+        {.road = Road::Steady, .overTls = true, .says = WholeStart()}, start);
     const Step shake = [](const Publishing &each) { return RtmpPublisherHandshake(each.publisher); };
     add("RtmpPublisherHandshake", "plain", ofStart, {.says = Handshake()}, shake);
     add("RtmpPublisherHandshake", "signed", ofStart, {.isSigned = true, .says = Handshake()}, shake);
@@ -196,6 +240,10 @@ void AddSteps(std::vector<Scenario> *to)
         {.isStarted = true, .says = last}, serve, RTMP_ERR_REFUSED);
     add("RtmpPublisherServe", "until the service ends it, steady road", ofStart,
         {.road = Road::Steady, .isStarted = true, .says = last}, serve, RTMP_ERR_REFUSED);
+    add("RtmpPublisherServe", "until the service ends it, exact road, over TLS", ofStart,
+        {.isStarted = true, .overTls = true, .says = last}, serve, RTMP_ERR_REFUSED);
+    add("RtmpPublisherServe", "until the service ends it, steady road, over TLS", ofStart,
+        {.road = Road::Steady, .isStarted = true, .overTls = true, .says = last}, serve, RTMP_ERR_REFUSED);
     const Step await = [](const Publishing &each) { return RtmpPublisherAwait(each.publisher, 1); };
     add("RtmpPublisherAwait", "a result", ofStart, {.says = Result(1)}, await);
     add("RtmpPublisherSend", "connect", ofSending, {}, SendCommand<RTMP_PUBLISHER_CONNECT>);
@@ -212,6 +260,8 @@ void AddSteps(std::vector<Scenario> *to)
     };
     add("RtmpPublisherSendData", "exact road", ofSending, kStarted, data);
     add("RtmpPublisherSendData", "steady road", ofSending, kStartedSteadily, data);
+    add("RtmpPublisherSendData", "exact road, over TLS", ofSending, kOverTls, data);
+    add("RtmpPublisherSendData", "steady road, over TLS", ofSending, kOverTlsSteadily, data);
     const Step metaData = [](const Publishing &each) { return RtmpPublisherSendMetaData(each.publisher); };
     add("RtmpPublisherSendMetaData", "exact road", ofSending, kStarted, metaData);
     add("RtmpPublisherSendMetaData", "steady road", ofSending, kStartedSteadily, metaData);
@@ -221,6 +271,8 @@ void AddSteps(std::vector<Scenario> *to)
     };
     add("RtmpPublisherStop", "exact road", {}, kStarted, stop);
     add("RtmpPublisherStop", "steady road", {}, kStartedSteadily, stop);
+    add("RtmpPublisherStop", "exact road, over TLS", {}, kOverTls, stop);
+    add("RtmpPublisherStop", "steady road, over TLS", {}, kOverTlsSteadily, stop);
     add("RtmpPublisherStop", "not started", {}, {}, stop);
     add("RtmpPublisherAnswers", "none yet", {}, {},
         [](const Publishing &each) { return RtmpPublisherAnswers(each.publisher) != nullptr ? 0 : kNull; });
@@ -234,9 +286,18 @@ std::vector<Scenario> PublisherScenarios()
 {
     std::vector<Scenario> all = {
         {"RtmpPublisherCreate", "plain", {RTMP_ERR_MEMORY}, Create},
-        {"RtmpPublisherDestroy", "exact road", {}, [](Trial &trial) { Destroy(trial, Road::Exact); }},
-        {"RtmpPublisherDestroy", "steady road", {}, [](Trial &trial) { Destroy(trial, Road::Steady); }},
     };
+    const std::pair<const char *, PublisherSetup> destroyed[] = {
+        {"exact road", kStarted},
+        {"steady road", kStartedSteadily},
+        {"exact road, over TLS", kOverTls},
+        {"steady road, over TLS", kOverTlsSteadily},
+        {"not started", {}},
+    };
+    for (const auto &[way, setup] : destroyed) {
+        all.push_back({"RtmpPublisherDestroy", way, {}, [setup](Trial &trial) { Destroy(trial, setup); }});
+    }
+    AddSessionEnds(&all);
     AddSteps(&all);
     return all;
 }

@@ -1,7 +1,5 @@
 // The ways of servers and sessions, and of their settings.
-#include "delivery/steady/steady_sender.h"
 #include "failing/every_call_rig.h"
-#include "steady/message_ring.h"
 #include "support/host_fakes.h"
 #include "support/session_rig.h"
 
@@ -47,18 +45,6 @@ RtmpServer *WholeServer(Trial &trial, Road road)
     EXPECT_EQ(RtmpSenderSettings(session, RTMP_SENDER_THREADED, 0, 0, 1, 255, 5, 10, 10), 0);
     EXPECT_EQ(AddMedia(session), 0);
     return server;
-}
-
-// A session that is out of its server's list and was not freed.
-void FreeRest(RtmpSession *session)
-{
-    if (session->Stream != nullptr) {
-        FreeSteadySender(session->Stream);
-        FreeSteadyStream(session->Stream);
-    }
-    free(session->Pieces);
-    free(session->Name);
-    free(session);
 }
 
 // The server's end passes over a session that it could not free, having logged it.
@@ -108,19 +94,41 @@ void CreateSession(Trial &trial, Road road)
     EXPECT_EQ(ValidateRtmpSessionHandle(host.server, session), 0);
 }
 
-// After the codes that say so the session has left the list: another one of its name is made and destroyed.
 void DestroySession(Trial &trial, const HostSetup &setup)
 {
     Host host(trial, setup);
-    trial.run([&] { return RtmpSessionDestroy(host.session); },
-              [&] {
-                  if (ValidateRtmpSessionHandle(host.server, host.session) == 0) {
-                      return RtmpSessionDestroy(host.session);
-                  }
-                  FreeRest(host.session);
-                  return RtmpSessionDestroy(RtmpSessionCreate(host.server, "live", nullptr));
-              });
+    trial.run([&] { return RtmpSessionDestroy(host.session); }, [&] { return DestroySessionAgain(host); });
     EXPECT_EQ(host.server->LiveSessionCount, 0);
+}
+
+// A connection is shut down once, or until its thread has left: how often is that thread's affair. One that
+// is there can be shut down, and one that has gone needs it no more.
+const std::vector<Call> kLeaving = {Call::Shutdown};
+
+void DestroyServedSession(Trial &trial, const HostSetup &setup, const std::vector<uint32_t> &states)
+{
+    Host host(trial, setup);
+    for (const uint32_t state : states) {
+        host.served(state);
+    }
+    trial.run([&] { return RtmpSessionDestroy(host.session); }, [&] { return DestroySessionAgain(host); });
+    EXPECT_EQ(host.server->LiveSessionCount, 0);
+}
+
+// What the players' threads say goes to standard output, too, in any order: nothing of it is compared.
+void DestroyServedServer(Trial &trial, const HostSetup &setup)
+{
+    Host host(trial, setup);
+    host.served(CLIENT_STATE_PLAY_DONE);
+    host.served(CLIENT_STATE_PAUSE_DONE);
+    RtmpSession *session = host.session;
+    testing::internal::CaptureStdout();
+    trial.run([&] { return RtmpServerDestroy(host.server); });
+    const std::string printed = testing::internal::GetCapturedStdout();
+    host.server = nullptr;
+    if (printed.find("RtmpSessionDestroy: Cannot unlock Rtmp session list") != printed.npos) {
+        FreeRest(session);
+    }
 }
 
 void RegisterMedia(Trial &trial, uint32_t players, bool again)
@@ -128,6 +136,37 @@ void RegisterMedia(Trial &trial, uint32_t players, bool again)
     Host host(trial, {.media = again, .players = players});
     trial.run([&] { return AddMedia(host.session); });
     EXPECT_EQ(host.session->MediaInfoAdded, 1U);
+}
+
+void AddDestroys(std::vector<Scenario> *to, const std::vector<int> &codes)
+{
+    const auto add = [&](const char *way, const HostSetup &setup, const std::vector<uint32_t> &states) {
+        to->push_back({.function = "RtmpSessionDestroy",
+                       .way = way,
+                       .codes = codes,
+                       .go = [=](Trial &trial) { DestroyServedSession(trial, setup, states); },
+                       .cannotFail = kLeaving,
+                       .isCompared = false});
+    };
+    add("exact road, one plays", {}, {CLIENT_STATE_PLAY_DONE});
+    add("exact road, one has paused", {}, {CLIENT_STATE_PAUSE_DONE});
+    add("exact road, three, threaded sender", kThreaded,
+        {CLIENT_STATE_PLAY_DONE, CLIENT_STATE_PAUSE_DONE, CLIENT_STATE_PLAY_DONE});
+    add("steady road, one plays", kSteady, {CLIENT_STATE_PLAY_DONE});
+    add("steady road, one has paused", kSteady, {CLIENT_STATE_PAUSE_DONE});
+    add("steady road, three, threaded sender", kSteadyThreaded,
+        {CLIENT_STATE_PLAY_DONE, CLIENT_STATE_PAUSE_DONE, CLIENT_STATE_PLAY_DONE});
+    const auto addServer = [&](const char *way, const HostSetup &setup) {
+        // -76 is with the ways without players.
+        to->push_back({.function = "RtmpServerDestroy",
+                       .way = way,
+                       .codes = {},
+                       .go = [=](Trial &trial) { DestroyServedServer(trial, setup); },
+                       .cannotFail = {Call::Shutdown, Call::Write, Call::ThreadJoin, Call::MutexDestroy},
+                       .isCompared = false});
+    };
+    addServer("exact road, with players", {});
+    addServer("steady road, with players", kSteady);
 }
 
 // ------------------------------------------------------------------------------------------------ settings
@@ -275,6 +314,7 @@ std::vector<Scenario> SessionScenarios()
         {"RtmpSessionStatistics", "one player", without, [](Trial &trial) { Figures(trial, AskSession); }},
         {"RtmpClientStatistics", "one player", without, [](Trial &trial) { Figures(trial, AskClients); }},
     };
+    AddDestroys(&all, ofEnd);
     AddSettings(&all);
     return all;
 }

@@ -1,6 +1,7 @@
 #include "failing/transcripts.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
@@ -145,6 +146,9 @@ void ExpectTranscript(const std::string &heading, const std::vector<Outcome> &fa
     const Lines goodLines = Settled(good.lines);
     const std::string rows =
         Head("no failure", good.code) + Remaining(goodLines, {}) + Rows(settled, goodLines);
+    if (const char *path = std::getenv("RTMPCAST_NEW_TRANSCRIPTS")) {
+        std::ofstream(path, std::ios::app) << "== " << heading << "\n" << rows << "\n";
+    }
     const auto found = table.find(heading);
     EXPECT_EQ(rows, found != table.end() ? found->second : "") << "== " << heading;
 }
