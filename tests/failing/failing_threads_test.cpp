@@ -44,17 +44,21 @@ void FreeUnservedRecord(const Way &way, Call call)
     }
 }
 
+constexpr const char *kIsServed = "ServeRtmpClient: Serve RTMP client thread created";
+
 // A sender that has failed stays closed, and the next frame closes the first player: required, and why hosts
 // reset it when a line tells of it.
 Fate ServeAnother(Ground &ground, const Way &way)
 {
     const bool mayBeClosed = way.road == Road::Exact && way.mode == RTMP_SENDER_THREADED;
+    const CaptureLogger &log = ground.watch.log;
+    const size_t before = log.count(kIsServed);
     const Fate fate = ground.visitAgain();
     if (!mayBeClosed || fate == Fate::Served) {
         return fate;
     }
-    EXPECT_TRUE(
-        ground.watch.log.contains("RtmpSenderThread: ====>Sending message to connected clients failed"));
+    EXPECT_TRUE(log.contains("RtmpSenderThread: ====>Sending message to connected clients failed"));
+    EXPECT_TRUE(log.waitForAtLeast(kIsServed, before + 1)); // it may be gone before it is accepted
     EXPECT_EQ(RtmpThreadedQueueReset(ground.session), 0);
     EXPECT_TRUE(ground.waitUntilAlone());
     return ground.visitAgain();
@@ -90,6 +94,13 @@ void ExpectTheNextIsServed(Ground &ground, const Way &way, Call call)
     EXPECT_EQ(ground.session->ClientCount, 0);
 }
 
+void ShowLog(const Ground &ground)
+{
+    for (const std::string &line : ground.watch.log.lines()) {
+        printf("    %s\n", line.c_str());
+    }
+}
+
 Result Try(const Way &way, Call call, int number)
 {
     Footprint footprint;
@@ -100,6 +111,9 @@ Result Try(const Way &way, Call call, int number)
         ExpectTheNextIsServed(ground, way, call);
     } else {
         EXPECT_EQ(result.first, Fate::Served) << "nothing fails";
+    }
+    if (testing::Test::HasFailure()) {
+        ShowLog(ground);
     }
     ground.destroy();
     const int leftOpen = footprint.expectOnly(ground.port);
