@@ -19,9 +19,9 @@
 # first to the last moment, and the two services, between one restart and the next: they record, and each frame must be
 # there, in order, its time above the one before. Frames carry numbers. Beside them fifty come and go: viewers, those who
 # leave or reset in the midst, slow ones, some who stop reading, half handshakes, garbage, one byte a second, commands in
-# any order; an eighth of them over TLS. On the exact road a player that takes nothing holds up everybody (docs/manual.md, "Two senders"): who stops reading
-# there does so for four seconds at most, which the kernel's buffers take, and a stop that they do not take would show as
-# lag, and not as a hole. A failed write ends the exact road's threaded sender: the steady player behind one has
+# any order; an eighth of them over TLS. On the exact road a player that takes nothing holds up everybody (docs/manual.md,
+# "Two senders"): who stops reading there does so for four seconds at most, which the kernel's buffers take, and a stop
+# that they do not take would show as lag, and not as a hole. A failed write ends the exact road's threaded sender: the steady player behind one has
 # company that says deleteStream and stays until the host has let go; another such session has company of all kinds, and
 # the host resets its sender, as the manual says.
 #
@@ -30,7 +30,7 @@
 # is waited for, and so does not depend on how fast anything is. Memory at ebb is compared over the run: the medians of
 # the first and of the last third of the ebbs behind the warm-up (a fifth of the time, a minute at least, a third at most)
 # may differ by 256 KiB of memory in use (as the allocator counts it) and by 4 MiB of resident memory, and those of the
-# longest way of a picture by two seconds; with less than six ebbs to compare, after twice the time, it fails. The host
+# longest way of a picture by two seconds; with less than six ebbs to compare, ten minutes later, it fails. The host
 # does not run ahead of those who record by more than a second, so that a busy machine makes them late and not a hole.
 # Viewers of the sessions that stay see a picture, nearly all of them, and few visits are ended by the host. At the end
 # everything is destroyed while all are there; no thread and no descriptor may be left, and with --preset asan no memory.

@@ -1,5 +1,7 @@
 #include "soak/company.h"
 
+#include <cstdio>
+
 namespace soak {
 
 Company::Company(const Ports &ports, int size, uint32_t seed) : ports_(ports)
@@ -52,19 +54,27 @@ void Company::run(uint32_t seed)
     }
 }
 
-void Company::note(const Visit &visit, bool isEndedByHost)
+// `end`: what the host did to it; empty: nothing.
+void Company::note(const Visit &visit, const std::string &end)
 {
     const std::lock_guard<std::mutex> held(mutex_);
     ++audience_.visits;
-    audience_.endedByHost += isEndedByHost;
-    if (visit.isToSeePicture) {
-        (visit.isSteady ? audience_.steady : audience_.exact).add(visit.sawPicture);
+    audience_.endedByHost += end.empty() ? 0 : 1;
+    if (!visit.isToSeePicture) {
+        return;
+    }
+    (visit.isSteady ? audience_.steady : audience_.exact).add(visit.sawPicture);
+    if (!visit.sawPicture && isJudged_) {
+        fprintf(stderr, "soak: a viewer of the %s road%s saw no picture: %s\n",
+                visit.isSteady ? "steady" : "exact", visit.overTls ? ", over TLS," : "",
+                end.empty() ? "none came" : end.c_str());
     }
 }
 
-Audience Company::audience() const
+Audience Company::takeAudience()
 {
     const std::lock_guard<std::mutex> held(mutex_);
+    isJudged_ = false;
     return audience_;
 }
 
@@ -84,14 +94,14 @@ void Company::visitOnce(std::mt19937 &random)
     toSteadyRoad += visit.isSteady;
     overTls += visit.overTls;
     ++present_;
-    bool isEndedByHost = false;
+    std::string end;
     try {
         visit.make();
-    } catch (const std::exception &) { // refused, dropped, or late
-        isEndedByHost = true;
+    } catch (const std::exception &error) { // refused, dropped, or late
+        end = error.what();
     }
     --present_;
-    note(visit, isEndedByHost);
+    note(visit, end);
     if (visit.parked != nullptr) {
         const std::lock_guard<std::mutex> held(mutex_);
         parked_.push_back(std::move(visit.parked));

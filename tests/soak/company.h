@@ -23,7 +23,7 @@ class Company {
         return present_;
     }
 
-    Audience audience() const; // so far
+    Audience takeAudience(); // so far: whoever is there still is not judged
     uint64_t visitsToExactRoad() const;
 
     std::atomic<uint64_t> visits[kManners] = {};
@@ -32,14 +32,15 @@ class Company {
   private:
     void run(uint32_t seed);
     void visitOnce(std::mt19937 &random);
-    void note(const Visit &visit, bool isEndedByHost);
+    void note(const Visit &visit, const std::string &end);
 
     const Ports ports_;
     Tide tide_;
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable idle_;
     int busy_ = 0;
     Audience audience_;
+    bool isJudged_ = true;
     std::atomic<int> present_ = 0;
     std::vector<std::unique_ptr<Visitor>> parked_;
     std::vector<std::thread> threads_;

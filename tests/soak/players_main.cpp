@@ -309,12 +309,13 @@ bool Soak::waitForWhatWasLeft()
            });
 }
 
-// On a busy machine an ebb may take its time, and then the run goes on until there are enough to compare, up
-// to twice as long.
+// On a busy machine an ebb may take its time, and then the run goes on until there are enough to compare, for
+// ten minutes at most.
 bool Soak::isLongEnough(double length) const
 {
+    constexpr double kLonger = 600;
     return seconds() >= length &&
-           (seconds() >= 2 * length || BehindWarmUp(outcome_.ebbs).size() >= kEnoughEbbs);
+           (seconds() >= length + kLonger || BehindWarmUp(outcome_.ebbs).size() >= kEnoughEbbs);
 }
 
 void Soak::goThroughTides()
@@ -348,7 +349,7 @@ void Soak::endAll()
     stopWatching();
     keep(takeSample(false));
     lookAtRecorders();
-    outcome_.audience = company_->audience(); // behind this the host ends every visit
+    outcome_.audience = company_->takeAudience(); // behind this the host ends every visit
     host_.ask("end");
     company_->leave();
     company_->closeParked();
