@@ -83,11 +83,11 @@ TEST(FallingBehind, APlayerThatFallsOutGoesOnAtAKeyFrame)
     Narrow(client);
     ScriptedPlayer quick(server);
     quick.playing("cam");
-    std::thread other([&] { // gets everything meanwhile
+    std::thread other(OnAThread([&] { // gets everything meanwhile
         for (uint64_t number = 0; number < kFrames; number++) {
             ASSERT_EQ(NumberOf(quick.frame(), kLeast), number);
         }
-    });
+    }));
     for (uint64_t number = 0; number < kFrames; number++) {
         SendNumbered(session, number, number + 1, kLeast);
         RtmpClient *newest = NewestOf(session);

@@ -230,14 +230,14 @@ TEST(SteadyStatistics, ShowWhoFallsBehindAndWhatItMisses)
     }
     std::atomic<uint64_t> last = UINT64_MAX;
     uint32_t gaps = 0;
-    std::thread reader([&] {
+    std::thread reader(OnAThread([&] {
         uint64_t expected = 0;
         while (expected <= last) {
             const uint64_t time = peer.read().timestamp;
             gaps += time != expected;
             expected = time + 40;
         }
-    });
+    }));
     const bool caughtUp = WaitUntil([&] {
         const RtmpClientFigures now = ClientsOf(session)[0];
         return now.LagPictures == 0 && now.WaitingBytes == 0;

@@ -307,7 +307,7 @@ Storm::~Storm()
 }
 
 QuietPlayer::QuietPlayer(const TestServer &server, RtmpSession *session, bool readsByTheBook)
-    : watcher_([this, port = server.port, readsByTheBook] { watch(port, readsByTheBook); }),
+    : watcher_(OnAThread([this, port = server.port, readsByTheBook] { watch(port, readsByTheBook); })),
       encoder_([this, session] { encode(session); })
 {
 }
