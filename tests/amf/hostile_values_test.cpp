@@ -4,6 +4,7 @@
 #include "amf/object.h"
 #include "net/limits.h"
 #include "support/amf_rows.h"
+#include "support/calls.h"
 #include "support/capture_logger.h"
 #include "support/large.h"
 
@@ -25,6 +26,12 @@ struct HostileAmf : testing::Test {
         const DecodedAmf decoded(&server, bytes, bytes.size());
         count = decoded.list.count;
         return decoded.consumed;
+    }
+    int allocationsFor(const Bytes &bytes)
+    {
+        const FailingAllocation counted(0);
+        (void)consumed(bytes);
+        return counted.seen();
     }
     // All of it is read, or it is refused with a line.
     void expectRead(const Bytes &bytes, bool isRead)
@@ -101,14 +108,25 @@ TEST_F(HostileAmf, ALongStringMayBeAsLongAsTheRestAndNoLonger)
 
 TEST_F(HostileAmf, CountsOfArraysCostNothing)
 {
+    const Bytes elements = Hex("05 05 05");
+    const Bytes members = Hex("0001 'n' 05 000009");
+    const int four = allocationsFor(Hex("0A 00000004") + elements); // one of them is missing
+    const int none = allocationsFor(Hex("08 00000000") + members);
+    EXPECT_GT(four, 0);
+    EXPECT_LT(four, 10);
     for (const uint64_t counted : {0xFFFFFFFFULL, 0ULL, 0x7FFFFFFFULL, 0x80000000ULL}) {
         SCOPED_TRACE(counted);
+        const Bytes strict = Hex("0A") + BigEndian(counted, 4);
+        const Bytes named = Hex("08") + BigEndian(counted, 4);
         const bool isNegative = counted >= 0x80000000 || counted == 0; // no elements
-        expectRead(Hex("0A") + BigEndian(counted, 4), isNegative);
-        expectRead(Hex("0A") + BigEndian(counted, 4) + Hex("05 05 05"), isNegative);
-        expectRead(Hex("08") + BigEndian(counted, 4) + Hex("0001 'n' 05 000009"), true); // nobody counts them
-        expectRead(Hex("08") + BigEndian(counted, 4), true);
+        expectRead(strict, isNegative);
+        expectRead(strict + elements, isNegative);
+        expectRead(named + members, true); // nobody counts them
+        expectRead(named, true);
+        EXPECT_LE(allocationsFor(strict + elements), four + 3); // they stand behind the array: three values
+        EXPECT_EQ(allocationsFor(named + members), none);
     }
+    EXPECT_EQ(allocationsFor(Hex("0A 7FFFFFFF") + elements), four);
 }
 
 TEST_P(HostileDepth, IsReadUpToALimitAndRefusedBeyondIt)

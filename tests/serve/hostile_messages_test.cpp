@@ -260,6 +260,19 @@ TEST_P(HostileMessages, PingsByTheThousandAreAllAnsweredAndLeaveNothingBehind)
 
 // ---------------------------------------------------------------------------------------------- commands
 
+TEST_P(HostileMessages, ADeleteStreamEndsWhoeverHasAStreamAndNobodyElse)
+{
+    for (const uint32_t state : kStates) {
+        SCOPED_TRACE(state);
+        const std::unique_ptr<ServedPeer> peer = peerIn(state);
+        peer->command(wire::DeleteStreamCommand());
+        EXPECT_EQ(peer->round(), ROUND_AGAIN);
+        EXPECT_EQ(peer->state(),
+                  state >= CLIENT_STATE_CREATESTREAM_DONE ? uint32_t{CLIENT_STATE_DELETESTREAM} : state);
+    }
+    served.expectAlone();
+}
+
 TEST_P(HostileMessages, EveryCommandAThousandTimesCostsWhatItCostsOnce)
 {
     served.beQuiet();
