@@ -6,6 +6,7 @@
 #include "rtmpcast/rtmpcast.h"
 #include "support/calls.h"
 
+#include <climits>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@ struct Scenario {
     bool isComposed = false; // of many messages, each with a way of its own: the last line alone is compared
     bool isLogged = true;    // false: the comment says that these codes come without a line
     bool isCompared = true;  // false: what comes of it hangs on another thread's turn
+    int mostJoins = INT_MAX; // that fail: those behind are of threads that are joined once, and always
 };
 
 constexpr int kNull = -1000; // a null pointer without a code

@@ -286,11 +286,12 @@ std::vector<Scenario> SessionScenarios()
          {RTMP_ERR_THREAD_JOIN, RTMP_ERR_LOCK_DESTROY},
          [](Trial &trial) { DestroyServer(trial, Road::Exact); },
          kEndings},
-        {"RtmpServerDestroy",
-         "steady road",
-         {RTMP_ERR_THREAD_JOIN, RTMP_ERR_LOCK_DESTROY},
-         [](Trial &trial) { DestroyServer(trial, Road::Steady); },
-         kSteadyEndings},
+        {.function = "RtmpServerDestroy",
+         .way = "steady road",
+         .codes = {RTMP_ERR_THREAD_JOIN, RTMP_ERR_LOCK_DESTROY},
+         .go = [](Trial &trial) { DestroyServer(trial, Road::Steady); },
+         .cannotFail = {Call::Shutdown, Call::Write},
+         .mostJoins = 2}, // of the two accept threads
         {"RtmpServiceSettings", "with TLS", ofService, SetService, kSteadyEndings},
         {"RtmpPlayerSettings", "every rule", without,
          [](Trial &trial) {
