@@ -64,7 +64,7 @@ Host::Host(Trial &trial, const HostSetup &setup)
         EXPECT_EQ(RtmpSenderSettings(session, setup.mode, 0, 0, 1, 255, 5, 10, 10), 0);
     }
     if (setup.media) {
-        EXPECT_EQ(AddMedia(session), 0);
+        EXPECT_EQ(AddRigMedia(session), 0);
     }
 }
 
@@ -144,15 +144,6 @@ void FreeRest(RtmpSession *session)
     free(session->Pieces);
     free(session->Name);
     free(session);
-}
-
-int AddMedia(RtmpSession *session)
-{
-    const VideoMediaInfo video = {
-        7, 0, {0, 0, 0}, static_cast<int32_t>(kRigVideoConfig.size()), kRigVideoConfig.data()};
-    const AudioMediaInfo audio = {10, 0, static_cast<int32_t>(kRigAudioConfig.size()),
-                                  kRigAudioConfig.data()};
-    return RtmpAddMediaInfo(session, &video, &audio);
 }
 
 RtmpRecvPkt *Received(uint8_t type, const Bytes &payload)

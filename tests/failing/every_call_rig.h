@@ -58,9 +58,6 @@ int DestroySessionAgain(Host &host);
 // Frees a session that is out of its server's list.
 void FreeRest(RtmpSession *session);
 
-// The media of every host here.
-int AddMedia(RtmpSession *session);
-
 // A message of a client's, complete and in no list.
 RtmpRecvPkt *Received(uint8_t type, const Bytes &payload);
 

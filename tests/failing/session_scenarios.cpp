@@ -43,7 +43,7 @@ RtmpServer *WholeServer(Trial &trial, Road road)
     EXPECT_EQ(road == Road::Steady ? RtmpServiceSettings(server, &limits) : 0, 0);
     RtmpSession *session = RtmpSessionCreate(server, "live", nullptr);
     EXPECT_EQ(RtmpSenderSettings(session, RTMP_SENDER_THREADED, 0, 0, 1, 255, 5, 10, 10), 0);
-    EXPECT_EQ(AddMedia(session), 0);
+    EXPECT_EQ(AddRigMedia(session), 0);
     return server;
 }
 
@@ -134,7 +134,7 @@ void DestroyServedServer(Trial &trial, const HostSetup &setup)
 void RegisterMedia(Trial &trial, uint32_t players, bool again)
 {
     Host host(trial, {.media = again, .players = players});
-    trial.run([&] { return AddMedia(host.session); });
+    trial.run([&] { return AddRigMedia(host.session); });
     EXPECT_EQ(host.session->MediaInfoAdded, 1U);
 }
 

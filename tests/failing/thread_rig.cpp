@@ -4,6 +4,7 @@
 #include "steady/records.h"
 #include "steady/steady_server.h"
 #include "support/host_fakes.h"
+#include "support/session_rig.h"
 #include "support/test_server.h"
 
 #include <csignal>
@@ -190,7 +191,7 @@ void Ground::openSession()
     session = RtmpSessionCreate(server, "cam", nullptr);
     EXPECT_EQ(RtmpSenderSettings(session, way_.mode, 0, 0, 1, 255, 5, 30, 30), 0);
     EXPECT_EQ(RtmpDebugSettings(session, folder_.empty() ? 0 : 1, 0, 1, folder_.c_str(), 0), 0);
-    EXPECT_EQ(every_call::AddMedia(session), 0);
+    EXPECT_EQ(AddRigMedia(session), 0);
 }
 
 Ground::~Ground()
