@@ -183,7 +183,7 @@ void LeaveOnceTold(RtmpPublisher *publisher)
     RtmpPublisherDestroy(publisher);
 }
 
-void DestroySession(Trial &trial, Road road)
+void EndPublishedSession(Trial &trial, Road road)
 {
     Publishing publishing(trial, {.road = road, .isStarted = true});
     publishing.begin();
@@ -202,7 +202,7 @@ void AddSessionEnds(std::vector<Scenario> *to)
             {.function = "RtmpSessionDestroy",
              .way = road == Road::Exact ? "exact road, one publishes" : "steady road, one publishes",
              .codes = codes,
-             .go = [road](Trial &trial) { DestroySession(trial, road); },
+             .go = [road](Trial &trial) { EndPublishedSession(trial, road); },
              .cannotFail = {Call::Shutdown},
              .isCompared = false});
     }
