@@ -69,6 +69,10 @@ TEST_F(SteadyFailing, AConnectionWithoutMemoryIsClosedWithTheLineOfItsPlaceAndTh
         "3 ERROR: CreateNewRtmpClient: Cannot allocate memory to rtmpClient->ClientIP",
         "3 ERROR: AcceptSteadily: Cannot allocate memory to the line of 127.0.0.1",
     };
+    first.socket.leave(); // its thread would take memory, too
+    ASSERT_TRUE(WaitUntil([&] {
+        return server.log.contains(", leaves: ") || server.log.contains("Exiting ServeRtmpClient thread");
+    }));
     int number = 0;
     for (const char *line : lines) {
         SCOPED_TRACE(line);
