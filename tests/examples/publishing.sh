@@ -15,7 +15,8 @@ certificate() {
 }
 certificate right 127.0.0.1
 certificate another 127.0.0.2
-python3 "$2" "$work/right" "$work/another" >"$work/service" 2>&1 &
+: >"$work/service" # there before anybody looks
+python3 "$2" "$work/right" "$work/another" >>"$work/service" 2>&1 &
 service=$!
 trap 'kill "$service" 2>/dev/null; wait "$service" 2>/dev/null; rm -rf "$work"' EXIT
 
@@ -26,6 +27,7 @@ await() {
     [ "${found:-0}" -ge "${3:-1}" ] || { echo "no '$2' in $1:"; cat "$1"; bad=1; }
 }
 await "$work/service" '^port '
+[ "$bad" -eq 0 ] || exit 1
 at=127.0.0.1:$(sed -n 's/^port //p' "$work/service")
 over_tls=127.0.0.1:$(sed -n 's/^right port //p' "$work/service")
 as_another=127.0.0.1:$(sed -n 's/^another port //p' "$work/service")
