@@ -96,11 +96,16 @@ void WaitUntilLeft(RtmpSession *session, RtmpClient *client)
     }
 }
 
-// PassThrough returns when whoever held the lock has let go of it.
+// PassThrough returns when whoever held the lock has let go of it. One that cannot be taken is asked for
+// again: what it lies in goes next.
 void PassThrough(RtmpMutex *lock)
 {
-    if (RtmpMutexLock(lock) == 0) {
-        (void)RtmpMutexUnlock(lock); // taken a moment ago
+    constexpr int tries = 3;
+    for (int i = 0; i < tries; i++) {
+        if (RtmpMutexLock(lock) == 0) {
+            (void)RtmpMutexUnlock(lock); // taken a moment ago
+            return;
+        }
     }
 }
 

@@ -131,6 +131,7 @@ bool Try(const Scenario &scenario, const NamedCall &kind, int number, Outcome *o
     const Left before;
     Trial trial(kind.call, number);
     scenario.go(trial);
+    calls::joinTheUnjoined();
     ExpectNothingLeft(before);
     CheckOutcome(scenario, trial);
     *outcome = {kind.name, number, trial.code, trial.lines};

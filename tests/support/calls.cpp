@@ -20,6 +20,8 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -56,6 +58,7 @@ std::atomic<int> elsewhere = kNone;
 std::atomic<int> leftElsewhere = 0; // until the one that fails
 thread_local bool exempt = false;   // the thread that armed `elsewhere`
 std::atomic<void *> unstarted = nullptr;
+thread_local std::vector<pthread_t> unjoined; // whose join failed on this thread
 std::atomic<bool> clockStands = false;
 std::atomic<uint64_t> now = 0;
 std::atomic<time_t> wallClockAhead = 0;
@@ -343,7 +346,12 @@ int __wrap_RtmpThreadCreate(RtmpThread *thread, RtmpThreadStart start, void *arg
 
 __attribute__((weak)) int __wrap_pthread_join(pthread_t thread, void **result)
 {
-    return MustFail(Call::ThreadJoin) ? ESRCH : __real_pthread_join(thread, result);
+    if (MustFail(Call::ThreadJoin)) {
+        unjoined.push_back(thread);
+        return ESRCH;
+    }
+    std::erase(unjoined, thread);
+    return __real_pthread_join(thread, result);
 }
 
 unsigned char *__wrap_HMAC(const EVP_MD *type, const void *key, int keyLength, const unsigned char *data,
@@ -635,6 +643,13 @@ uint64_t clock()
 void setWallClockAhead(time_t seconds)
 {
     wallClockAhead = seconds;
+}
+
+void joinTheUnjoined()
+{
+    for (const pthread_t thread : std::exchange(unjoined, {})) {
+        (void)__real_pthread_join(thread, nullptr);
+    }
 }
 
 void forgetMutexes()

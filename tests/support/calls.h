@@ -120,6 +120,9 @@ void setWallClockAhead(time_t seconds);
 // until now.
 void forgetMutexes();
 
+// What a failed join has left: threads that have ended, or are about to. On the thread whose join failed.
+void joinTheUnjoined();
+
 // Everything passes through again, and the clocks run as they do.
 void reset();
 
