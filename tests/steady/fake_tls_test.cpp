@@ -114,6 +114,9 @@ TEST(SteadyTls, ACallTakesOneRecordAtMost)
     EXPECT_TRUE(WaitUntil([&] { return out() >= before + 16384; })); // progress, in the midst of the frame
     EXPECT_LT(out(), 500000u);
     EXPECT_EQ(handle.longest, 16384);
+    mine.socket->leave(); // nobody is to call the handle any more when it goes
+    EXPECT_TRUE(WaitForLine(mine.client,
+                            [](const SteadyLine &line) { return LoadShared(&line.End) != STEADY_GOES_ON; }));
 }
 
 TEST(SteadyTls, AHandleThatFailsEndsItsConnectionAlone)
