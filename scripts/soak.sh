@@ -18,12 +18,12 @@
 # The company (tests/soak/players_main.cpp) is another process. There are five scripted players and two rtmpdumps, from the
 # first to the last moment, and the two services, between one restart and the next: they record, and each frame must be
 # there, in order, its time above the one before. Frames carry numbers. Beside them fifty come and go: viewers, those who
-# leave or reset in the midst, slow ones, some who stop reading, half handshakes, garbage, one byte a second, commands in
-# any order; an eighth of them over TLS. On the exact road a player that takes nothing holds up everybody (docs/manual.md,
-# "Two senders"): who stops reading there does so for four seconds at most, which the kernel's buffers take, and a stop
-# that they do not take would show as lag, and not as a hole. A failed write ends the exact road's threaded sender: the steady player behind one has
-# company that says deleteStream and stays until the host has let go; another such session has company of all kinds, and
-# the host resets its sender, as the manual says.
+# leave or reset in the midst, slow ones, some who stop reading, half handshakes, garbage, one byte a second, commands
+# in any order; an eighth of them over TLS. On the exact road a player that takes nothing holds up everybody
+# (docs/manual.md, "Two senders"): who stops reading there does so for four seconds at most, which the kernel's
+# buffers take, and a stop that they do not take would show as lag, and not as a hole. A failed write ends the exact
+# road's threaded sender: the steady player behind one has company that says deleteStream and stays until the host has
+# let go; another such session has company of all kinds, and the host resets its sender, as the manual says.
 #
 # Every few seconds the tide goes out: all but the steady ones leave. The host is then what it was before anybody came,
 # with as many threads and, once it has closed the descriptors that the exact road leaves open, as many descriptors. That

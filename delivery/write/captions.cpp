@@ -118,7 +118,7 @@ RtmpClient *FirstClient(RtmpSession *session)
 void SendToFirstClient(RtmpSession *session, const RtmpFrame *frame, const CaptionSei *sei)
 {
     if (RtmpMutexLockOrCancel(&session->ClientListLock) != 0) {
-        return; // the frame itself needs the lock too, and reports it
+        return; // the exact road's frame needs the lock, too, and reports it; the steady road loses a caption
     }
     UNLOCK_AT_EXIT RtmpMutex *held = &session->ClientListLock;
     RtmpClient *first = FirstClient(session);
