@@ -62,7 +62,7 @@ finish_soak() {
 
 run_preset() {
     local preset=$1 report=$root/build/$1/tests.xml hosts=()
-    [ -n "$all" ] && [ "$preset" = tsan ] && hosts=(-DRTMPCAST_BUILD_EXAMPLES=ON) # nobody asks for them otherwise
+    case $all$preset in 1asan | 1tsan) hosts=(-DRTMPCAST_BUILD_EXAMPLES=ON) ;; esac # nobody asks for them otherwise
     say "$preset: building"
     mkdir -p build
     cmake --preset "$preset" "${settings[@]}" "${hosts[@]}" >"build/$preset.configure.log" 2>&1 ||
