@@ -275,7 +275,7 @@ TEST(FailingThreads, ThoseOfPlayersWhoseServerIsDestroyed)
 // nothing would be what ends the wait.
 TEST(FailingThreads, APlayerWhoseRoomIsNotWatchedIsDroppedByTheStallLimit)
 {
-    Ground ground({.name = "stalled", .road = Road::Steady, .from = Step::Plays, .stallMilliseconds = 200});
+    Ground ground({.name = "stalled", .road = Road::Steady, .from = Step::Plays, .stallMilliseconds = 2000});
     calls::failAlways(Call::EpollMod);
     EXPECT_NE(ground.visit([](Step) {}), Fate::Served);
     EXPECT_GT(calls::made(Call::EpollMod), 0U);

@@ -164,7 +164,7 @@ TEST(SteadyLimits, APeerThatAsksAndTakesNoAnswerIsEnded)
     } catch (const PeerError &error) {
         EXPECT_NE(error.code, 0) << error.what(); // the connection is gone
     }
-    EXPECT_TRUE(server.log.waitFor(Leaves("too many answers wait for it")));
+    EXPECT_TRUE(server.log.waitFor(Leaves("too many answers wait for it"))) << server.log.lines().back();
 }
 
 // ---------------------------------------------------------------------------------- what is received
