@@ -54,11 +54,9 @@ enum class Signature { Right, Wrong, NotComputed };
 
 Signature SignatureAt(const uint8_t *s1, int32_t offset)
 {
-    if (offset < 0) {
-        return Signature::Wrong;
-    }
-    const uint8_t compared =
-        CompareDigest(static_cast<uint32_t>(offset), s1, BytesOf(GenuineFMSKey), kServerBannerLength);
+    const uint8_t compared = offset < 0 ? 0
+                                        : CompareDigest(static_cast<uint32_t>(offset), s1,
+                                                        BytesOf(GenuineFMSKey), kServerBannerLength);
     if (compared > 1) {
         return Signature::NotComputed;
     }
