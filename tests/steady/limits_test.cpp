@@ -151,6 +151,9 @@ TEST(SteadyLimits, APeerThatAsksAndTakesNoAnswerIsEnded)
     SteadyTestServer server(With(&RtmpServiceLimits::ReplyBytes, 4096));
     server.session();
     ScriptedPeer peer(server.port);
+    peer.socket.setReceiveBuffer(4096); // soon full, and not after millions of pings
+    const int few = 16384;
+    ASSERT_EQ(setsockopt(peer.socket.descriptor(), SOL_SOCKET, SO_SNDBUF, &few, sizeof few), 0);
     peer.playing("cam");
     Bytes pings;
     for (uint32_t i = 0; i < 2000; i++) {

@@ -5,6 +5,7 @@
 #include "support/wait.h"
 
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 #include <thread>
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 class LastThreads : public testing::Environment {
     void SetUp() override
     {
+        (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // for those that are later still
         std::thread([] {}).join(); // with the first one begins the sanitizer's own
         threads_ = wire::RunningThreads();
     }
