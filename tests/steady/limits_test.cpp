@@ -149,9 +149,11 @@ TEST(SteadyLimits, APlayerThatTakesNothingForTooLongIsEnded)
 TEST(SteadyLimits, APeerThatAsksAndTakesNoAnswerIsEnded)
 {
     SteadyTestServer server(With(&RtmpServiceLimits::ReplyBytes, 4096));
+    const int least = 1; // what its client's socket holds: after a few pings it is full
+    ASSERT_EQ(setsockopt(server.server->RtmpSocket, SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
     server.session();
     ScriptedPeer peer(server.port);
-    peer.socket.setReceiveBuffer(4096); // soon full, and not after millions of pings
+    peer.socket.setReceiveBuffer(4096);
     const int few = 16384;
     ASSERT_EQ(setsockopt(peer.socket.descriptor(), SOL_SOCKET, SO_SNDBUF, &few, sizeof few), 0);
     peer.playing("cam");
