@@ -64,6 +64,7 @@ number() { grep -oE "$1 *[0-9]+" "$2" | tail -n 1 | grep -oE '[0-9]+$' || echo 0
 row() {
     local log=$work/$1.log findings revision
     revision=$(sed -n '1s/^revision //p' "$log")
+    mkdir -p "$work/found/$1"
     findings=$(find "$work/found/$1" -type f ! -name 'slow-unit-*' | wc -l)
     [ "$findings" -eq 0 ] && ! grep -q '^exit code 0$' "$log" && findings=1
     echo "| $1 | $(date -r "$log" +%F) | ${revision:-not noted} | $(number 'Done [0-9]+ runs in' "$log") | $(number 'stat::number_of_executed_units:' "$log")" \
