@@ -1,5 +1,7 @@
 // Real services that are published to: nginx with its RTMP module, which records, and ffmpeg, which listens.
 // All that is sent is in the recording, in time and in step.
+#include "net/client_state.h"
+#include "net/scope.h"
 #include "nginx_service.h"
 #include "stage.h"
 
@@ -205,8 +207,10 @@ class Host {
         }
         RtmpClient *client = RtmpPublisherClient(publisher);
         const uint64_t last = clip_.frames.back().time - clip_.frames.front().time;
-        EXPECT_TRUE(WaitUntil(
-            [client, last] { return __atomic_load_n(&client->TimelineTime, __ATOMIC_ACQUIRE) >= last; }));
+        EXPECT_TRUE(WaitUntil([client, last] {
+            UNLOCK_AT_EXIT RtmpMutex *held = HoldForWriting(client); // as whoever writes it
+            return client->TimelineTime >= last;
+        }));
         RtmpPublisherStop(publisher);
     }
     bool hasBegun()
