@@ -149,7 +149,7 @@ TEST(SteadyLimits, APlayerThatTakesNothingForTooLongIsEnded)
 TEST(SteadyLimits, APeerThatAsksAndTakesNoAnswerIsEnded)
 {
     SteadyTestServer server(With(&RtmpServiceLimits::ReplyBytes, 4096));
-    const int least = 1; // what its client's socket holds: after a few pings it is full
+    const int least = 1; // for its client's socket: a thousand pings fill it, not a hundred thousand
     ASSERT_EQ(setsockopt(server.server->RtmpSocket, SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
     server.session();
     ScriptedPeer peer(server.port);
